@@ -1,0 +1,83 @@
+# One CMake target and one include root per room, so that an include against the direction ends in
+# "No such file". The include root of a room is a folder that holds one link: to that room alone.
+
+set(VCC_WARNINGS
+    -Wall -Wextra -Wpedantic -Werror -Wconversion -Wsign-conversion -Wshadow -Wnon-virtual-dtor
+    -Woverloaded-virtual -Wold-style-cast -Wcast-align -Wcast-qual -Wnull-dereference -Wundef
+    -Wformat=2 -Wimplicit-fallthrough -Wextra-semi -Wunused)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  list(APPEND VCC_WARNINGS -Wduplicated-cond -Wlogical-op -Wuseless-cast -Wno-null-dereference)
+endif()
+
+add_library(vcc_build INTERFACE)
+target_compile_features(vcc_build INTERFACE cxx_std_20)
+target_compile_options(vcc_build INTERFACE ${VCC_WARNINGS})
+if(VCC_SANITIZE)
+  target_compile_options(vcc_build INTERFACE -fsanitize=${VCC_SANITIZE} -fno-omit-frame-pointer
+                                             -fno-sanitize-recover=all)
+  target_link_options(vcc_build INTERFACE -fsanitize=${VCC_SANITIZE})
+endif()
+
+# vcc_room(TARGET INCLUDE_AS FOLDER
+#          HEADERS ... SOURCES ... NEEDS ...)
+# declares the room in the current source folder: a static, position-independent library TARGET whose
+# headers other rooms include as "INCLUDE_AS/Header.h", and which itself may include those of NEEDS.
+# A room without sources becomes an interface library.
+function(vcc_room target include_as)
+  cmake_parse_arguments(ROOM "" "" "HEADERS;SOURCES;NEEDS" ${ARGN})
+  set(root "${CMAKE_BINARY_DIR}/roots/${target}")
+  get_filename_component(parent "${root}/${include_as}" DIRECTORY)
+  file(MAKE_DIRECTORY "${parent}")
+  file(CREATE_LINK "${CMAKE_CURRENT_SOURCE_DIR}" "${root}/${include_as}" SYMBOLIC)
+  list(TRANSFORM ROOM_HEADERS PREPEND "${root}/${include_as}/" OUTPUT_VARIABLE headers)
+  if(ROOM_SOURCES)
+    add_library(${target} STATIC ${ROOM_SOURCES})
+    set(reach PUBLIC)
+    target_link_libraries(${target} PRIVATE vcc_build)
+    set_target_properties(${target} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
+                                               VISIBILITY_INLINES_HIDDEN ON)
+  else()
+    add_library(${target} INTERFACE)
+    set(reach INTERFACE)
+  endif()
+  target_compile_features(${target} ${reach} cxx_std_20)
+  target_sources(${target} ${reach} FILE_SET HEADERS BASE_DIRS "${root}" FILES ${headers})
+  target_link_libraries(${target} ${reach} ${ROOM_NEEDS})
+  set_target_properties(${target} PROPERTIES VERIFY_INTERFACE_HEADER_SETS ON)
+endfunction()
+
+# vcc_program(TARGET SOURCES ... NEEDS ...): an executable of the project.
+function(vcc_program target)
+  cmake_parse_arguments(PROGRAM "" "" "SOURCES;NEEDS" ${ARGN})
+  add_executable(${target} ${PROGRAM_SOURCES})
+  target_link_libraries(${target} PRIVATE vcc_build ${PROGRAM_NEEDS})
+endfunction()
+
+# vcc_test(TARGET SOURCES ... NEEDS ...): a GoogleTest program, each of its cases a test of ctest.
+function(vcc_test target)
+  cmake_parse_arguments(TEST "" "" "SOURCES;NEEDS" ${ARGN})
+  vcc_program(${target} SOURCES ${TEST_SOURCES} NEEDS ${TEST_NEEDS} GTest::gmock GTest::gtest_main)
+  gtest_discover_tests(${target} TEST_PREFIX "${target}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+endfunction()
+
+# vcc_bench(TARGET SOURCES ... NEEDS ...): a Google Benchmark program, also run tiny as a test.
+function(vcc_bench target)
+  cmake_parse_arguments(BENCH "" "" "SOURCES;NEEDS" ${ARGN})
+  vcc_program(${target} SOURCES ${BENCH_SOURCES} NEEDS ${BENCH_NEEDS} benchmark::benchmark)
+  if(VCC_TESTS)
+    add_test(NAME bench.${target} COMMAND ${target} --benchmark_min_time=0.001 --tiny)
+    set_tests_properties(bench.${target} PROPERTIES TIMEOUT 300)
+  endif()
+endfunction()
+
+# vcc_add_folders(PARENT...): every folder below each PARENT that has a CMakeLists.txt, and PARENT's own.
+function(vcc_add_folders)
+  foreach(parent IN LISTS ARGN)
+    file(GLOB lists CONFIGURE_DEPENDS RELATIVE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/${parent}/*/CMakeLists.txt")
+    list(SORT lists)
+    foreach(list IN LISTS lists)
+      get_filename_component(folder "${list}" DIRECTORY)
+      add_subdirectory("${CMAKE_SOURCE_DIR}/${folder}" "${CMAKE_BINARY_DIR}/${folder}")
+    endforeach()
+  endforeach()
+endfunction()

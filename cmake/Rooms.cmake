@@ -9,6 +9,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   list(APPEND VCC_WARNINGS -Wduplicated-cond -Wlogical-op -Wuseless-cast -Wno-null-dereference)
 endif()
 
+# How each file is compiled, for the linter and for the house rule that every source belongs to a target.
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+
 add_library(vcc_build INTERFACE)
 target_compile_features(vcc_build INTERFACE cxx_std_20)
 target_compile_options(vcc_build INTERFACE ${VCC_WARNINGS})
@@ -53,11 +56,27 @@ function(vcc_program target)
   target_link_libraries(${target} PRIVATE vcc_build ${PROGRAM_NEEDS})
 endfunction()
 
-# vcc_test(TARGET SOURCES ... NEEDS ...): a GoogleTest program, each of its cases a test of ctest.
+# Builds the tests that start threads, so that ThreadSanitizer can be run over these alone (label "threads").
+add_custom_target(vcc_thread_tests)
+
+# vcc_test(TARGET SOURCES ... NEEDS ...): a GoogleTest program, each of its cases a test of ctest. Where one of
+# the sources starts threads, its cases carry the label "threads".
 function(vcc_test target)
   cmake_parse_arguments(TEST "" "" "SOURCES;NEEDS" ${ARGN})
   vcc_program(${target} SOURCES ${TEST_SOURCES} NEEDS ${TEST_NEEDS} GTest::gmock GTest::gtest_main)
-  gtest_discover_tests(${target} TEST_PREFIX "${target}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300)
+  set(labels)
+  foreach(source IN LISTS TEST_SOURCES)
+    cmake_path(ABSOLUTE_PATH source)
+    if(EXISTS "${source}")
+      file(STRINGS "${source}" starts REGEX "std::(jthread|thread|async)[^:]" LIMIT_COUNT 1)
+      if(starts)
+        set(labels LABELS threads)
+        add_dependencies(vcc_thread_tests ${target})
+        break()
+      endif()
+    endif()
+  endforeach()
+  gtest_discover_tests(${target} TEST_PREFIX "${target}." DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 300 ${labels})
 endfunction()
 
 # vcc_bench(TARGET SOURCES ... NEEDS ...): a Google Benchmark program, also run tiny as a test.

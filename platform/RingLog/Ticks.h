@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstdint>
+#include <ctime>
+
+namespace RingLog::detail {
+
+// A cheap, ever-rising counter in two halves: the time-stamp counter where the machine has one, otherwise the
+// nanoseconds of CLOCK_MONOTONIC. What a tick is worth is found out by comparing with the clock (see Moment).
+struct Ticks {
+  std::uint32_t low;
+  std::uint32_t high;
+  std::uint64_t whole() const { return std::uint64_t{high} << 32 | low; }
+};
+
+// CLOCK_MONOTONIC or another clock in nanoseconds.
+inline std::int64_t nanoseconds(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+[[gnu::always_inline]] inline Ticks ticks() {
+#if defined(__x86_64__) && !defined(RINGLOG_PORTABLE_TICKS)
+  Ticks now;  // the two halves apart, as the instruction gives them: joining them is left to who needs it
+  asm volatile("rdtsc" : "=a"(now.low), "=d"(now.high));
+  return now;
+#else
+  const auto now = static_cast<std::uint64_t>(nanoseconds(CLOCK_MONOTONIC));
+  return {static_cast<std::uint32_t>(now), static_cast<std::uint32_t>(now >> 32)};
+#endif
+}
+
+// The counter and the clock at one moment.
+struct Moment {
+  std::uint64_t ticks;
+  std::int64_t monotonic;
+};
+Moment moment();
+
+// Ticks in a second, measured once per process over a fraction of a millisecond. A trace of any length is
+// calibrated better by the moments that its blocks carry.
+std::uint64_t ticksPerSecond();
+
+}  // namespace RingLog::detail

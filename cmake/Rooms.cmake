@@ -100,3 +100,5 @@ function(vcc_add_folders)
     endforeach()
   endforeach()
 endfunction()
+
+include(Install)

@@ -1,0 +1,174 @@
+#!/usr/bin/env python3
+"""Shows that each house rule goes red on a tree that breaks it, and stays green on one that does not."""
+
+import json
+import os
+import tempfile
+import unittest
+
+import tidy
+
+STORY = "#pragma once\n\n// Tells what it is for.\n"
+
+
+class Rules(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        self.root = os.path.realpath(folder.name)
+
+    def write(self, name, text, mode=0o644):
+        path = os.path.join(self.root, name)
+        os.makedirs(os.path.dirname(path), exist_ok=True)
+        with open(path, "w", encoding="utf-8") as file:
+            file.write(text)
+        os.chmod(path, mode)
+
+    def findings(self, rule, **options):
+        return list(rule(tidy.Tree(self.root, **options)))
+
+    def red(self, rule, count=1, **options):
+        found = self.findings(rule, **options)
+        self.assertEqual(count, len(found), found)
+
+    def green(self, rule, **options):
+        self.assertEqual([], self.findings(rule, **options))
+
+    def test_rooms_include_only_what_they_stand_on(self):
+        rule = tidy.rule_include_direction
+        self.write("platform/Kel/Ptr.cpp", '#include "RingLog/RingLog.h"\n#include "Kel/Ptr.h"\n#include <vector>\n')
+        self.write("Vxlan/Sm.cpp", '#include "Vxlan/types/VniExt.h"\n#include "Vxlan/framework/Trace.h"\n')
+        self.write("tools/vxlanctl/main.cpp", '#include "agent/control/Client.h"\n')
+        self.write("tests/Kel/PtrTest.cpp", '#include "agent/Agent.h"\n')
+        self.green(rule)
+        for name, include in [("platform/Kel/A.h", "Entdb/Entdb.h"), ("platform/Entdb/A.h", "Vxlan/types/VniExt.h"),
+                              ("Vxlan/types/A.h", "Vxlan/framework/Trace.h"), ("Vxlan/framework/A.h", "Vxlan/Sm.h"),
+                              ("Vxlan/A.h", "agent/Agent.h"), ("agent/A.h", "tools/x/X.h"),
+                              ("platform/Memtab/A.h", "RingLog/RingLog.h"), ("platform/RingLog/A.h", "Memtab/Writer.h")]:
+            with self.subTest(name):
+                self.write(name, f'#include "{include}"\n')
+                self.red(rule)
+                os.remove(os.path.join(self.root, name))
+
+    def test_quoted_includes_name_their_room(self):
+        self.write("platform/Kel/Ptr.cpp", '#include "Ptr.h"\n')
+        self.red(tidy.rule_include_direction)
+
+    def test_the_core_stands_on_nothing_foreign(self):
+        self.write("agent/A.cpp", "#include <fmt/format.h>\n")
+        self.green(tidy.rule_no_foreign_library)
+        self.write("Vxlan/A.cpp", "#include <fmt/format.h>\n")
+        self.write("platform/Kel/A.cpp", "#include <nlohmann/json.hpp>\n")
+        self.red(tidy.rule_no_foreign_library, 2)
+
+    def test_no_include_climbs(self):
+        self.write("tests/Kel/A.cpp", '#include "Kel/Ptr.h"\n')
+        self.green(tidy.rule_no_parent_include)
+        self.write("tests/Kel/B.cpp", '#include "../Kel/Ptr.h"\n')
+        self.red(tidy.rule_no_parent_include)
+
+    def test_headers_begin_with_pragma_once(self):
+        self.write("tests/A.h", "#pragma once\n")
+        self.green(tidy.rule_pragma_once)
+        self.write("tests/B.h", "#ifndef B\n#define B\n#endif\n")
+        self.red(tidy.rule_pragma_once)
+
+    def test_classes_tell_their_story(self):
+        self.write("agent/A.h", STORY + "class A {\n  struct Inner {};\n};\nclass Forward;\n")
+        self.write("agent/B.h", STORY + "template <class T>\nstruct alignas(8) B final {\n};\n")
+        self.write("agent/C.h", "#pragma once\nnamespace agent::detail {\nstruct C {};\n}\n"
+                                "namespace std {\ntemplate <>\nstruct hash<A> {};\n}\nenum class E { a };\n")
+        self.write("agent/D.h", '#pragma once\n#define OPEN {\nnamespace a {\ninline int f() { return \'{\'; }\n}\n')
+        self.green(tidy.rule_story)
+        for number, body in enumerate(["class X {\n};\n", "namespace a {\n\nstruct X : Y {};\n}\n",
+                                       "// Story, but not right above.\n\nclass X {};\n", "class A;\nclass KEL_EXPORT X {};\n",
+                                       "template <class T, class = void>\nclass X {};\n",
+                                       "inline int f() { return 1; }\nstruct [[nodiscard]] X {};\n"]):
+            with self.subTest(body):
+                self.write(f"agent/X{number}.h", "#pragma once\n" + body)
+                self.red(tidy.rule_story)
+                os.remove(os.path.join(self.root, f"agent/X{number}.h"))
+
+    def test_headers_stand_in_their_target(self):
+        self.write("agent/loop/CMakeLists.txt", "vcc_room(AgentLoop agent/loop HEADERS EventLoop.h inner/Timer.h)\n")
+        self.write("agent/loop/EventLoop.h", "")
+        self.write("agent/loop/inner/Timer.h", "")
+        self.green(tidy.rule_header_listed)
+        self.write("agent/loop/Loop.h", "")
+        self.write("tools/Lone.h", "")
+        self.red(tidy.rule_header_listed, 2)
+
+    def test_sources_belong_to_a_target(self):
+        self.write("platform/Kel/Ptr.cpp", "")
+        self.write("tests/package/consumer/CMakeLists.txt", "project(Consumer)\n")
+        self.write("tests/package/consumer/consumer.cpp", "")
+        self.write("build/compile_commands.json", json.dumps(
+            [{"directory": self.root, "file": os.path.join(self.root, "platform/Kel/Ptr.cpp"), "command": "c++"}]))
+        options = {"compile_commands": os.path.join(self.root, "build/compile_commands.json")}
+        self.green(tidy.rule_source_in_target, **options)
+        self.write("agent/Forgotten.cpp", "")
+        self.red(tidy.rule_source_in_target, **options)
+        self.green(tidy.rule_source_in_target, without=["agent"], **options)
+        self.green(tidy.rule_source_in_target)
+
+    def test_nothing_is_left_unfinished(self):
+        self.write("agent/A.cpp", "// Done.\n")
+        self.green(tidy.rule_finished)
+        for number, word in enumerate(["TO" + "DO: more", "FIX" + "ME", "XX" + "X", "not implement" + "ed", "for " + "now"]):
+            self.write(f"agent/B{number}.cpp", f"// {word}\n")
+        self.write("scripts/run", "# TO" + "DO\n")
+        self.red(tidy.rule_finished, 6)
+
+    def test_some_words_have_no_place(self):
+        self.write("docs/a.md", "RFC 7047 is a spec" + "ification. Unspecific, inspector, part 2 of 3.\n")
+        self.green(tidy.rule_unmentioned)
+        for number, words in enumerate(["Spec" + "ification", "see spec" + ".md", "as the sp" + "ec says",
+                                        "Par" + "t 2.3", "../sh" + "ared/x", "/wor" + "k/main"]):
+            self.write(f"docs/b{number}.md", f"So: {words}\n")
+        self.red(tidy.rule_unmentioned, 6)
+
+    def test_files_stay_short(self):
+        self.write("agent/A.cpp", "\n" * 600)
+        self.green(tidy.rule_length)
+        self.write("agent/B.cpp", "\n" * 601)
+        self.red(tidy.rule_length)
+        self.write("tests/house/long-files.txt", "# why\nagent/B.cpp  # a table\n")
+        self.green(tidy.rule_length)
+        self.write("tests/house/long-files.txt", "agent/A.cpp\nagent/B.cpp\n")
+        self.red(tidy.rule_length)
+
+    def test_assertions_hold_in_every_build(self):
+        self.write("agent/A.cpp", 'static_assert(true);\n// assert(x)\nconst char* s = "assert(x)";\nKel::assert_(x);\n')
+        self.green(tidy.rule_own_assertion)
+        self.write("agent/B.cpp", "#include <cassert>\nvoid f() { assert(true); }\n")
+        self.red(tidy.rule_own_assertion, 2)
+
+    def test_tests_do_not_sleep(self):
+        self.write("agent/A.cpp", "usleep(1);\n")
+        self.write("tests/A.cpp", "// sleep(1)\n")
+        self.green(tidy.rule_no_sleep)
+        self.write("tests/B.cpp", "std::this_thread::sleep_for(1s);\nusleep(1);\nsleep(1);\n")
+        self.red(tidy.rule_no_sleep, 3)
+
+    def test_scripts_can_be_run(self):
+        self.write("scripts/run", "#!/bin/sh\n", 0o755)
+        self.green(tidy.rule_runnable)
+        self.write("scripts/walk", "#!/bin/sh\n")
+        self.red(tidy.rule_runnable)
+
+    def test_a_finding_says_where_and_what(self):
+        self.write("tests/A.h", "#pragma once\n")
+        self.assertEqual([], list(tidy.findings(tidy.Tree(self.root))))
+        self.write("tests/B.h", "\n")
+        self.assertEqual(["tests/B.h:1: pragma-once: a header begins with #pragma once"],
+                         list(tidy.findings(tidy.Tree(self.root))))
+
+    def test_every_rule_is_tried_here(self):
+        with open(__file__, encoding="utf-8") as file:
+            text = file.read()
+        for rule in tidy.RULES:
+            self.assertIn("tidy." + rule.__name__, text)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,132 @@
+#include "agent/control/Listener.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+#include <system_error>
+
+namespace Agent::Control {
+
+namespace {
+
+constexpr int backlog = 16;
+
+[[noreturn]] void raise(const std::string& path, const std::string& what, int error = 0) {
+  std::string message = "control socket " + path + ": " + what;
+  if (error != 0) {
+    message += ": " + std::generic_category().message(error);
+  }
+  throw std::runtime_error(message);
+}
+
+sockaddr_un addressOf(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.empty() || path.size() >= sizeof address.sun_path) {
+    raise(path, "a path has 1 to " + std::to_string(sizeof address.sun_path - 1) + " bytes");
+  }
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  return address;
+}
+
+UniqueFd streamSocket(const std::string& path) {
+  UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+  if (!fd) {
+    raise(path, "no socket", errno);
+  }
+  return fd;
+}
+
+// The lock goes with the descriptor.
+UniqueFd lockedFolderOf(const std::string& path) {
+  std::filesystem::path folder = std::filesystem::path(path).parent_path();
+  if (folder.empty()) {
+    folder = ".";
+  }
+  UniqueFd fd{open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
+  if (!fd) {
+    raise(path, "no such folder", errno);
+  }
+  flock(fd.get(), LOCK_EX);
+  return fd;
+}
+
+}  // namespace
+
+Listener::Listener(std::string path, const Access& access) : path_(std::move(path)) {
+  addressOf(path_);
+  socket_ = streamSocket(path_);
+  const UniqueFd lock = lockedFolderOf(path_);
+  makeRoom();
+  bindSocket(access);
+  if (listen(socket_.get(), backlog) != 0) {
+    raise(path_, "listen", errno);
+  }
+}
+
+Listener::~Listener() {
+  struct stat status {};
+  if (stat(path_.c_str(), &status) == 0 && status.st_dev == device_ && status.st_ino == inode_) {
+    unlink(path_.c_str());
+  }
+}
+
+// A killed agent leaves a file that nobody listens at.
+void Listener::makeRoom() const {
+  struct stat status {};
+  if (lstat(path_.c_str(), &status) != 0) {
+    return;
+  }
+  if (!S_ISSOCK(status.st_mode)) {
+    raise(path_, "there is something else than a socket");
+  }
+  const UniqueFd probe = streamSocket(path_);
+  const sockaddr_un address = addressOf(path_);
+  const bool refused =
+      connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
+      errno == ECONNREFUSED;
+  if (!refused) {
+    raise(path_, "another agent listens there");
+  }
+  if (unlink(path_.c_str()) != 0) {
+    raise(path_, "cannot remove the file of a former agent", errno);
+  }
+}
+
+void Listener::bindSocket(const Access& access) {
+  const mode_t mode = access.socketMode();
+  fchmod(socket_.get(), mode & S_IRWXU);  // so that the file is at no moment open to others
+  const sockaddr_un address = addressOf(path_);
+  if (bind(socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    raise(path_, "bind", errno);
+  }
+  struct stat status {};
+  if (stat(path_.c_str(), &status) == 0) {
+    device_ = status.st_dev;
+    inode_ = status.st_ino;
+  }
+  const char* failed = nullptr;
+  if (access.group && chown(path_.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
+    failed = "cannot give the file to the configured group";
+  } else if (chmod(path_.c_str(), mode) != 0) {
+    failed = "chmod";
+  }
+  if (failed != nullptr) {
+    const int error = errno;
+    unlink(path_.c_str());
+    raise(path_, failed, error);
+  }
+}
+
+UniqueFd Listener::accept() const {
+  return UniqueFd{accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
+}
+
+}  // namespace Agent::Control

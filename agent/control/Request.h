@@ -1,0 +1,51 @@
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <string>
+#include <string_view>
+
+#include "agent/control/Service.h"
+
+namespace Agent::Control {
+
+// One line of a client: exactly one of "patch", "get", "subscribe" and "call", with "params" beside "call",
+// and an optional "id", a string or a number, that comes back in the answer.
+struct Request {
+  enum class Verb { patch, get, subscribe, call };
+
+  // Arrays and objects inside one another; more would let a line exhaust the stack of whoever walks it.
+  static constexpr int deepest = 64;
+
+  nlohmann::json id{};  // null: none given
+  Verb verb = Verb::get;
+  std::string target{};      // a well-formed JSON Pointer of get and subscribe, the method of call
+  nlohmann::json content{};  // the patch, or the parameters of call (an object)
+
+  // Reads a line. Raises BadRequest, which says what is wrong and carries the id if that could be read.
+  static Request parse(std::string_view line);
+};
+
+class BadRequest : public RequestError {
+ public:
+  BadRequest(nlohmann::json id, const std::string& reason)
+      : RequestError(Kind::refused, "", reason), id_(std::move(id)) {}
+  const nlohmann::json& id() const { return id_; }
+
+ private:
+  nlohmann::json id_;
+};
+
+// The lines that a client gets, without their newline. `id` is null when the request had none.
+std::string okLine(const nlohmann::json& id);
+std::string valueLine(const nlohmann::json& id, const nlohmann::json& value);
+// `merge` is a patch that is text already: it is the same for all who follow the same part.
+std::string mergeLine(const nlohmann::json& id, const std::string& merge);
+std::string cutLine(const nlohmann::json& id);
+// `kind` is "refused", "notFound" or "denied".
+std::string errorLine(const nlohmann::json& id, std::string_view kind, const Refusal& refusal);
+std::string errorLine(const nlohmann::json& id, const RequestError& error);
+
+// Text of a value for a line: bytes that are not UTF-8 are replaced.
+std::string lineText(const nlohmann::json& value);
+
+}  // namespace Agent::Control

@@ -1,0 +1,146 @@
+#include "Kel/Activity.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "Kel/Clock.h"
+#include "Kel/Error.h"
+#include "Kel/Reactor.h"
+#include "Kel/StateMachine.h"
+#include "Kel/System.h"
+
+namespace Kel {
+
+ActivityLoop& ActivityLoop::instance() noexcept {
+  // Never destroyed: entities may outlive the statics of every other source.
+  static auto* loop = new ActivityLoop;
+  return *loop;
+}
+
+ActivityLoop::Block* ActivityLoop::newBlock() {
+  auto* block = new Block;
+  block->next = nullptr;
+  return block;
+}
+
+void ActivityLoop::enqueue(Reactor& reactor, std::uint32_t binding, Deliver deliver, QueuedKey key) {
+  if (tailAt_ == Block::records) {
+    Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : newBlock();
+    tail_->next = block;
+    tail_ = block;
+    tailAt_ = 0;
+  }
+  tail_->record[tailAt_++] = {Ptr<Reactor>(&reactor).detach(), deliver, key, binding};
+  ++pending_;
+}
+
+void ActivityLoop::deliverOne() {
+  if (headAt_ == Block::records) {
+    Block* done = std::exchange(head_, head_->next);
+    done->next = nullptr;
+    delete std::exchange(spare_, done);
+    headAt_ = 0;
+  }
+  const Record record = head_->record[headAt_++];
+  --pending_;
+  if (pending_ == 0) {
+    headAt_ = tailAt_ = 0;  // head_ and tail_ are the same block here
+  }
+  const auto reactor = Ptr<Reactor>::adopt(record.reactor);  // it outlives its own callback,
+  if (reactor->listens(record.binding)) {
+    ++delivered_;
+    const Ptr<StateMachine> owner(reactor->machine());  // and so does the machine that it belongs to
+    record.deliver(*reactor, record.key);
+  }
+}
+
+void ActivityLoop::now(Reactor& reactor, Deliver deliver) {
+  if (!reactor.listens(reactor.binding())) {
+    return;
+  }
+  asHandler([&] {
+    const Ptr<Reactor> self(&reactor);
+    const Ptr<StateMachine> owner(reactor.machine());
+    ++delivered_;
+    deliver(reactor, QueuedKey());
+  });
+}
+
+void ActivityLoop::drain() {
+  {
+    const Depth depth(*this);
+    while (pending_ != 0) {
+      deliverOne();
+    }
+  }
+  endTurn();
+}
+
+void ActivityLoop::endTurn() {
+  for (std::size_t at = 0; at < turnEnd_.size(); ++at) {
+    turnEnd_[at].first(turnEnd_[at].second);
+  }
+}
+
+void ActivityLoop::atTurnEnd(Hook hook, void* context) {
+  turnEnd_.emplace_back(hook, context);
+}
+
+void ActivityLoop::forgetTurnEnd(void* context) {
+  std::erase_if(turnEnd_, [&](const auto& entry) { return entry.second == context; });
+}
+
+void ActivityLoop::arm(Clock& clock, double due) {
+  park(clock);
+  clock.timeMin_ = due;
+  clock.arming_ = ++armings_;
+  if (due < std::numeric_limits<double>::infinity()) {
+    armed_.insert({due, clock.arming_, &clock});
+  }
+}
+
+void ActivityLoop::park(Clock& clock) noexcept {
+  armed_.erase({clock.timeMin_, clock.arming_, &clock});
+  clock.timeMin_ = std::numeric_limits<double>::infinity();
+}
+
+bool ActivityLoop::turn() {
+  fatalUnless(depth_ == 0, "a turn of the activity loop inside a handler");
+  const bool hadPending = pending_ != 0;
+  settle();
+  const double now = System::loopTime();
+  std::vector<std::pair<Ptr<Clock>, std::uint64_t>> due;
+  for (const Armed& armed : armed_) {
+    if (armed.due > now) {
+      break;
+    }
+    due.emplace_back(Ptr<Clock>(armed.clock), armed.sequence);
+  }
+  bool fired = false;
+  for (const auto& [clock, arming] : due) {
+    // A clock that was parked or armed anew since the turn began waits for its own turn.
+    if (clock->arming_ == arming && clock->timeMin_ <= now) {
+      fired = true;
+      ++clocksFired_;
+      clock->fire();
+    }
+  }
+  return hadPending || fired;
+}
+
+bool ActivityLoop::runUntilIdle(std::uint64_t bound) {
+  for (std::uint64_t turns = 0; turns < bound && !idle(); ++turns) {
+    turn();
+  }
+  return idle();
+}
+
+bool ActivityLoop::idle() const {
+  return pending_ == 0 && nextWakeup() > System::loopTime();
+}
+
+double ActivityLoop::nextWakeup() const {
+  return armed_.empty() ? std::numeric_limits<double>::infinity() : armed_.begin()->due;
+}
+
+}  // namespace Kel

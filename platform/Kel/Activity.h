@@ -1,0 +1,173 @@
+// The activity loop: the queue of pending notifications, the clocks, and the one thread's turn.
+#pragma once
+
+#include <array>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <set>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+#include "Kel/Export.h"
+#include "Kel/Ptr.h"
+
+namespace Kel {
+
+class Clock;
+class Reactor;
+
+// A key as it travels in the notification queue: every key type is a plain value of at most eight bytes.
+class QueuedKey {
+ public:
+  QueuedKey() = default;
+  template <class K>
+  explicit QueuedKey(const K& key) {
+    static_assert(std::is_trivially_copyable_v<K> && sizeof(K) <= sizeof bits_);
+    std::memcpy(&bits_, &key, sizeof key);
+  }
+  template <class K>
+  K as() const {
+    std::array<std::byte, sizeof(K)> bytes;
+    std::memcpy(bytes.data(), &bits_, sizeof bytes);
+    return std::bit_cast<K>(bytes);
+  }
+
+ private:
+  std::uint64_t bits_ = 0;
+};
+
+// How a queued notification reaches its callback: one function per attribute.
+using Deliver = void (*)(Reactor&, QueuedKey);
+
+// One thread, one queue. A change made outside any handler is delivered before its mutator returns; one made
+// inside a handler is queued, first in first out, and delivered when the outermost handler ends. Clocks fire
+// on turns, only while the queue is empty. The loop owns no thread: whoever embeds it runs turns and asks
+// when to come back.
+class KEL_API ActivityLoop {
+ public:
+  static ActivityLoop& instance() noexcept;
+
+  // One turn: delivers what is pending, then fires each clock that was due and armed when the turn began,
+  // once, in the order of due time and then of arming, delivering what each one caused. Returns whether
+  // anything ran. What a handler throws leaves through here; the rest stays queued for later.
+  bool turn();
+
+  // Turns until idle, at most `bound` of them. Returns whether it is idle now.
+  bool runUntilIdle(std::uint64_t bound = UINT64_MAX);
+
+  // No notification is pending and no clock is due.
+  bool idle() const;
+
+  // When the next clock is due, in seconds of the framework's time; plus infinity when none is armed. A value
+  // in the past, or pending notifications, mean now.
+  double nextWakeup() const;
+
+  // Whether a handler is running now.
+  bool inHandler() const noexcept { return depth_ != 0; }
+
+  // Queues one notification, held with a reference to the reactor. Whoever has queued all of one change calls
+  // `settle`.
+  void enqueue(Reactor& reactor, std::uint32_t binding, Deliver deliver, QueuedKey key);
+  // Calls one reactor at once, if it listens, as a handler.
+  void now(Reactor& reactor, Deliver deliver);
+  // Delivers what is pending, unless a handler is running, which will.
+  void settle() {
+    if (depth_ == 0 && pending_ != 0) {
+      drain();
+    }
+  }
+
+  // Runs the function as a handler: what it changes is delivered when it ends, if it is the outermost. A
+  // factory wraps its work in this, so that what it returns is live.
+  template <class Function>
+  decltype(auto) asHandler(Function&& function) {
+    using Result = std::invoke_result_t<Function>;
+    if constexpr (std::is_void_v<Result>) {
+      {
+        const Depth depth(*this);
+        std::forward<Function>(function)();
+      }
+      settle();
+    } else {
+      Result result = [&]() -> Result {
+        const Depth depth(*this);
+        return std::forward<Function>(function)();
+      }();
+      settle();
+      return result;
+    }
+  }
+
+  // Called after every outermost delivery and every turn that did something: the end of a turn, when what was
+  // written to shared memory is published. At most a handful.
+  using Hook = void (*)(void*);
+  void atTurnEnd(Hook hook, void* context);
+  void forgetTurnEnd(void* context);
+
+  // Counts since the start, for metrics and benchmarks.
+  std::uint64_t delivered() const noexcept { return delivered_; }
+  std::uint64_t pending() const noexcept { return pending_; }
+  std::uint64_t clocksFired() const noexcept { return clocksFired_; }
+
+ private:
+  friend class Clock;
+
+  struct Record {
+    Reactor* reactor;  // holds a reference
+    Deliver deliver;
+    QueuedKey key;
+    std::uint32_t binding;
+  };
+  struct Block {
+    static constexpr std::size_t records = 127;
+    Block* next;
+    Record record[records];
+  };
+  class Depth {
+   public:
+    explicit Depth(ActivityLoop& loop) noexcept : loop_(loop) { ++loop_.depth_; }
+    Depth(const Depth&) = delete;
+    Depth& operator=(const Depth&) = delete;
+    ~Depth() { --loop_.depth_; }
+
+   private:
+    ActivityLoop& loop_;
+  };
+  struct Armed {
+    double due;
+    std::uint64_t sequence;
+    Clock* clock;
+    bool operator<(const Armed& other) const noexcept {
+      return due != other.due ? due < other.due : sequence < other.sequence;
+    }
+  };
+
+  ActivityLoop() = default;
+  void drain();
+  void deliverOne();
+  void endTurn();
+  void arm(Clock& clock, double due);
+  void park(Clock& clock) noexcept;
+  static Block* newBlock();
+
+  // The queue: a chain of blocks of which one empty one is kept, so that a steady load allocates nothing and
+  // a burst never moves what is queued.
+  Block* head_ = newBlock();
+  Block* tail_ = head_;
+  std::size_t headAt_ = 0;
+  std::size_t tailAt_ = 0;
+  Block* spare_ = nullptr;
+
+  std::uint64_t pending_ = 0;
+  std::uint32_t depth_ = 0;
+  std::uint64_t delivered_ = 0;
+  std::uint64_t clocksFired_ = 0;
+  std::uint64_t armings_ = 0;
+  std::set<Armed> armed_;
+  std::vector<std::pair<Hook, void*>> turnEnd_;
+};
+
+}  // namespace Kel

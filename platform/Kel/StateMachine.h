@@ -1,0 +1,290 @@
+// State machines and what they are made of.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <utility>
+
+#include "Kel/Entity.h"
+#include "Kel/Export.h"
+#include "Kel/Ptr.h"
+#include "Kel/TypeRegistry.h"
+
+namespace Kel {
+
+class Part;
+
+// A machine that follows entities through its reactors, writes others, and owns children. What it consists of
+// are parts (Own, Held, Input, Reactors, Child, Children), each declared as one member and known to the
+// machine by name, so that switching notification on and off and marking as a zombie reach every reactor and
+// child, and generic tools can print the machine.
+//
+// A machine is made by `live` (or by the shadow mutator of its owner): constructed inactive, so that nothing
+// is called back while it is being built, then activated. Its constructor does the first evaluation itself.
+// It is destroyed when the last Ptr goes; its owner marks it as a zombie first.
+class KEL_API StateMachine : public Referenced {
+ public:
+  // Switches the delivery of callbacks on or off, for all its reactors and children. Setting the current
+  // value is a no-op.
+  virtual void hasNotificationActiveIs(bool active);
+  // Its type.
+  virtual const TypeNode& fwkType() const = 0;
+  virtual ~StateMachine();
+
+  bool hasNotificationActive() const noexcept { return active_; }
+
+  // Marks it, its reactors and its children as being deleted (or no longer so): while marked, callbacks are
+  // dropped. Setting the current value is a no-op.
+  void kelDoZombieReactors(bool zombie);
+  bool zombie() const noexcept { return zombie_; }
+
+  // The parts, in the order of their declaration.
+  void eachPart(const std::function<void(const Part&)>& call) const;
+
+ protected:
+  StateMachine() = default;
+
+ private:
+  friend class Part;
+
+  Part* first_ = nullptr;
+  Part* last_ = nullptr;
+  bool active_ = false;
+  bool zombie_ = false;
+};
+
+// A named member of a state machine that generic code can reach.
+class KEL_API Part {
+ public:
+  Part(const Part&) = delete;
+  Part& operator=(const Part&) = delete;
+
+  const char* name() const noexcept { return name_; }
+  // Whether the children that it holds are owned, and printed, by another part as well.
+  virtual bool alias() const noexcept { return false; }
+
+  // Calls back with the printed key (empty for a single value), the printed value, and the child machine that
+  // it is, or null.
+  using Each =
+      std::function<void(const std::string& key, const std::string& value, const StateMachine* child)>;
+  virtual void each(const Each& call) const = 0;
+
+ protected:
+  Part(StateMachine& machine, const char* name) noexcept;
+  virtual ~Part() = default;
+
+  StateMachine& machine() const noexcept { return machine_; }
+  bool machineActive() const noexcept { return machine_.active_; }
+
+ private:
+  friend class StateMachine;
+  virtual void activeIs(bool) {}
+  virtual void zombieIs(bool) {}
+
+  StateMachine& machine_;
+  const char* name_;
+  Part* next_ = nullptr;
+};
+
+// A scalar of the machine's own.
+template <class T>
+class Own final : public Part {
+ public:
+  Own(StateMachine& machine, const char* name, T value = T{})
+      : Part(machine, name), value_(std::move(value)) {}
+
+  operator const T&() const noexcept { return value_; }
+  const T& get() const noexcept { return value_; }
+  Own& operator=(T value) {
+    value_ = std::move(value);
+    return *this;
+  }
+  void each(const Each& call) const override { call("", printed(value_), nullptr); }
+
+ private:
+  T value_;
+};
+
+// An entity, or none, that the machine holds without following it.
+template <class E>
+class Held final : public Part {
+ public:
+  Held(StateMachine& machine, const char* name, Ptr<E> entity = nullptr)
+      : Part(machine, name), entity_(std::move(entity)) {}
+
+  const Ptr<E>& get() const noexcept { return entity_; }
+  E* operator->() const noexcept { return entity_.get(); }
+  explicit operator bool() const noexcept { return static_cast<bool>(entity_); }
+  Held& operator=(Ptr<E> entity) {
+    entity_ = std::move(entity);
+    return *this;
+  }
+  void each(const Each& call) const override { call("", printed(entity_), nullptr); }
+
+ private:
+  Ptr<E> entity_;
+};
+
+// An entity, or none, that the machine follows through a reactor of class R, which exists exactly while there
+// is an entity. `E` is const for an input that is only read.
+template <class E, class R>
+class Input final : public Part {
+ public:
+  Input(StateMachine& machine, const char* name) : Part(machine, name) {}
+  ~Input() override { del(); }
+
+  const Ptr<E>& get() const noexcept { return entity_; }
+  E* operator->() const noexcept { return entity_.get(); }
+  explicit operator bool() const noexcept { return static_cast<bool>(entity_); }
+  // The reactor, null while there is no entity.
+  R* reactor() const noexcept { return reactor_.get(); }
+
+  // Binds the reactor to this entity, making it if need be; null drops it. In a live machine this counts as a
+  // change of all that the reactor follows.
+  void is(const Ptr<E>& entity) {
+    if (!entity) {
+      del();
+      return;
+    }
+    entity_ = entity;
+    if (!reactor_) {
+      reactor_ = make<R>(static_cast<typename R::Owner&>(machine()));
+      reactor_->zombieIs(machine().zombie());
+      reactor_->hasNotificationActiveIs(machineActive());
+    }
+    const Ptr<R> reactor = reactor_;
+    reactor->notifierIs(entity);
+  }
+  void del() {
+    if (reactor_) {
+      reactor_->zombieIs(true);
+      reactor_->notifierIs(nullptr);
+      reactor_ = nullptr;
+    }
+    entity_ = nullptr;
+  }
+  void each(const Each& call) const override { call("", printed(entity_), nullptr); }
+
+ private:
+  void activeIs(bool active) override {
+    if (reactor_) {
+      reactor_->hasNotificationActiveIs(active);
+    }
+  }
+  void zombieIs(bool zombie) override {
+    if (reactor_) {
+      reactor_->zombieIs(zombie);
+    }
+  }
+
+  Ptr<E> entity_;
+  Ptr<R> reactor_;
+};
+
+// Whether a per-key reactor that is made in a live machine counts as bound (its handlers run once), or stays
+// silent until its entity changes.
+enum class Arrival { CountsAsChange, Silent };
+
+// One reactor of class R for each key of a followed collection. R is constructed with its owner, and with the
+// key if it takes one.
+template <class K, class R, Arrival arrival = Arrival::CountsAsChange>
+class Reactors final : public Part {
+ public:
+  using E = typename R::Followed;
+
+  Reactors(StateMachine& machine, const char* name) : Part(machine, name) {}
+  ~Reactors() override { delAll(); }
+
+  std::size_t size() const noexcept { return table_.size(); }
+  R* operator()(const K& key) const {
+    const Ptr<R>* reactor = table_.find(key);
+    return reactor == nullptr ? nullptr : reactor->get();
+  }
+
+  // Makes the reactor of a new key and binds it; one that is bound to another entity is rebound, not
+  // replaced.
+  void is(const K& key, const Ptr<const E>& entity) {
+    if (const Ptr<R>* present = table_.find(key)) {
+      const Ptr<R> reactor = *present;
+      reactor->notifierIs(entity);
+      return;
+    }
+    const Ptr<R> reactor = newReactor(key);
+    table_.emplace(key, reactor);
+    reactor->zombieIs(machine().zombie());
+    if constexpr (arrival == Arrival::Silent) {
+      reactor->notifierIs(entity);
+      reactor->hasNotificationActiveIs(machineActive());
+    } else {
+      reactor->hasNotificationActiveIs(machineActive());
+      reactor->notifierIs(entity);
+    }
+  }
+  // Drops the reactor of a key; an absent key is no error.
+  void del(const K& key) {
+    if (const Ptr<R>* present = table_.find(key)) {
+      const Ptr<R> reactor = *present;
+      table_.erase(key);
+      reactor->zombieIs(true);
+      reactor->notifierIs(nullptr);
+    }
+  }
+  void delAll() {
+    for (auto&& pair : table_) {
+      del(K(pair.key));
+    }
+  }
+  // Makes this collection have the keys of the followed one: what is missing is made, then what is stale is
+  // dropped.
+  template <class Followed>
+  void reconcile(const Followed& collection) {
+    for (auto&& pair : collection) {
+      is(pair.key, pair.value);
+    }
+    for (auto&& pair : table_) {
+      if (!collection.contains(pair.key)) {
+        del(K(pair.key));
+      }
+    }
+  }
+  void each(const Each& call) const override {
+    for (auto&& pair : table_) {
+      call(printed(pair.key), "followed", nullptr);
+    }
+  }
+
+ private:
+  Ptr<R> newReactor(const K& key) {
+    auto& owner = static_cast<typename R::Owner&>(machine());
+    if constexpr (std::is_constructible_v<R, typename R::Owner&, const K&>) {
+      return make<R>(owner, key);
+    } else {
+      return make<R>(owner);
+    }
+  }
+  void activeIs(bool active) override {
+    for (auto&& pair : table_) {
+      pair.value->hasNotificationActiveIs(active);
+    }
+  }
+  void zombieIs(bool zombie) override {
+    for (auto&& pair : table_) {
+      pair.value->zombieIs(zombie);
+    }
+  }
+
+  OrderedTable<K, Ptr<R>> table_;
+};
+
+// Makes a machine that is live: constructed, then activated, as a handler, so that whatever its construction
+// set off has been delivered when this returns.
+template <class Sm, class... Args>
+Ptr<Sm> live(Args&&... args) {
+  return ActivityLoop::instance().asHandler([&] {
+    Ptr<Sm> machine = make<Sm>(std::forward<Args>(args)...);
+    machine->hasNotificationActiveIs(true);
+    return machine;
+  });
+}
+
+}  // namespace Kel

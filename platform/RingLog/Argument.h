@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <utility>
 
 #include "RingLog/Format.h"
 
@@ -182,6 +183,34 @@ template <class Piece>
 template <class Piece>
 inline constexpr Kind kindOfPiece =
     kindOf<decltype(stored<Piece>(std::declval<const std::remove_reference_t<Piece>&>()))>();
+
+// A piece as it is handed on by value: fixed text as itself, an argument as what it stores.
+template <class Piece>
+[[gnu::always_inline]] inline auto passed(const std::remove_reference_t<Piece>& piece) {
+  if constexpr (isLiteral<Piece>) {
+    return static_cast<const char*>(piece);
+  } else {
+    return stored<Piece>(piece);
+  }
+}
+template <class Piece>
+using Passed = decltype(passed<Piece>(std::declval<const std::remove_reference_t<Piece>&>()));
+
+inline const char* literal(const char* text) {
+  return text;
+}
+template <class Stored>
+const char* literal(const Stored&) {
+  return nullptr;
+}
+
+inline Nothing storedOf(const char*) {
+  return {};
+}
+template <class Stored>
+Stored storedOf(const Stored& value) {
+  return value;
+}
 
 // Bytes that a value takes in a record, and the most that it can.
 template <class Stored>

@@ -179,15 +179,17 @@ std::span<const std::byte> Log::image() const {
   return {mapping_->data(), mapping_->size()};
 }
 
-bool Log::adoptShape(Site& site, const detail::Shape& shape) noexcept {
+bool Log::adopt(Site& site, const detail::Shape& shape) noexcept {
   std::uint16_t number = 0;
   try {
     number = numberOf(site, shape);
   } catch (const std::bad_alloc&) {
-    return refuse();
+    drop();
+    return false;
   }
   if (number == 0) {
-    return refuse();
+    drop();
+    return false;
   }
   site.log_ = id_;
   site.word_ = std::uint64_t{number} << Format::siteShift;
@@ -195,10 +197,9 @@ bool Log::adoptShape(Site& site, const detail::Shape& shape) noexcept {
   return true;
 }
 
-bool Log::refuse() noexcept {
+void Log::drop() noexcept {
   const auto dropped = shared(header().droppedRecords);
   dropped.store(dropped.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
-  return false;
 }
 
 std::uint16_t Log::numberOf(const Site& site, const detail::Shape& shape) {

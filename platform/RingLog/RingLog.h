@@ -52,7 +52,7 @@ struct Ring {
 struct Shape {
   std::size_t pieces;
   const Kind* kinds;
-  const std::string_view* literals;  // one per piece, empty for an argument
+  const char* const* literals;  // one per piece, null for an argument
 };
 
 class Mapping;
@@ -113,12 +113,14 @@ class Log {
   // A record of a site that the log had to refuse is counted and dropped.
   template <class... Pieces>
   [[gnu::always_inline]] void record(Site& site, Pieces&&... pieces) noexcept {
-    if (active_ != site.log_) [[unlikely]] {
-      if (active_ == off || !adopt<Pieces...>(site, pieces...)) {
+    if (active_ == site.log_) [[likely]] {
+      if (put(*site.ring_, site.word_, detail::stored<Pieces>(pieces)...)) [[likely]] {
         return;
       }
+    } else if (active_ == off) {
+      return;
     }
-    put(*site.ring_, site.word_, detail::stored<Pieces>(pieces)...);
+    recordSlowly<Pieces...>(site, detail::passed<Pieces>(pieces)...);
   }
 
   // Whether records are written; a log is on when opened. Off, a record costs a load and a branch.
@@ -149,54 +151,51 @@ class Log {
 
   Log(const std::string& fileName, const Options& options);
 
-  template <class... Pieces>
-  [[gnu::noinline, gnu::cold]] bool adopt(Site& site,
-                                          const std::remove_reference_t<Pieces>&... pieces) noexcept {
-    if constexpr (sizeof...(Pieces) == 0) {
-      return adoptShape(site, {0, nullptr, nullptr});
-    } else {
-      static constexpr Kind kinds[] = {detail::kindOfPiece<Pieces>...};
-      const std::string_view literals[] = {literal<Pieces>(pieces)...};
-      return adoptShape(site, {sizeof...(Pieces), kinds, literals});
-    }
-  }
-
-  template <class Piece>
-  static std::string_view literal(const std::remove_reference_t<Piece>& piece) {
-    if constexpr (detail::isLiteral<Piece>) {
-      return piece;
-    } else {
-      static_cast<void>(piece);
-      return {};
-    }
-  }
-
+  // Writes a record, or not: false when the block has no room left or was begun too long ago.
   template <class... Stored>
-  [[gnu::always_inline]] static void put(detail::Ring& ring, std::uint64_t word,
+  [[gnu::always_inline]] static bool put(detail::Ring& ring, std::uint64_t word,
                                          const Stored&... values) noexcept {
     static_assert(detail::recordBytes((std::size_t{0} + ... + detail::mostStoredBytes<Stored>)) <=
                       Format::maxRecordBytes,
                   "a record must fit into a block");
-    const std::size_t size = detail::recordBytes((std::size_t{0} + ... + detail::storedBytes(values)));
+    std::byte* const at = ring.cursor;
+    std::byte* const end = at + detail::recordBytes((std::size_t{0} + ... + detail::storedBytes(values)));
     detail::Ticks now = detail::ticks();
     now.high -= ring.baseHigh;
-    if (ring.cursor + size > ring.limit || now.high > Format::tickMask >> 32) [[unlikely]] {
-      ring.turn();
-      now = detail::ticks();
-      now.high = (now.high - ring.baseHigh) & (Format::tickMask >> 32);
+    if (end > ring.limit || now.high > Format::tickMask >> 32) [[unlikely]] {
+      return false;
     }
-    std::byte* const at = ring.cursor;
     [[maybe_unused]] std::byte* next = at + Format::wordBytes;
     ((next = detail::store(next, values)), ...);
-    ring.cursor = at + size;
+    ring.cursor = end;
     std::atomic_ref(*reinterpret_cast<std::uint64_t*>(at))
         .store(word | now.whole(), std::memory_order_release);
+    return true;
   }
 
-  bool adoptShape(Site& site, const detail::Shape& shape) noexcept;
+  // What a site does at its first record in this log, and whenever a block is full. Everything is passed by
+  // value and nothing comes back, so that the fast path keeps its values in registers without saving any.
+  template <class... Pieces>
+  [[gnu::noinline, gnu::cold]] void recordSlowly(Site& site, detail::Passed<Pieces>... pieces) noexcept {
+    if (site.log_ != id_) {
+      const Kind kinds[] = {detail::kindOfPiece<Pieces>..., Kind{}};
+      const char* const literals[] = {detail::literal(pieces)..., nullptr};
+      if (!adopt(site, {sizeof...(Pieces), kinds, literals})) {
+        return;
+      }
+    }
+    if (!put(*site.ring_, site.word_, detail::storedOf(pieces)...)) {
+      site.ring_->turn();
+      if (!put(*site.ring_, site.word_, detail::storedOf(pieces)...)) {
+        drop();  // the tick counter jumped back between the two
+      }
+    }
+  }
+
+  bool adopt(Site& site, const detail::Shape& shape) noexcept;
   std::uint16_t numberOf(const Site& site, const detail::Shape& shape);
   std::uint16_t storeSite(const Site& site, const detail::Shape& shape);
-  bool refuse() noexcept;
+  void drop() noexcept;
   Format::Header& header() const;
 
   std::uint64_t active_;  // id_ while on, otherwise `off`

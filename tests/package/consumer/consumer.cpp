@@ -2,4 +2,6 @@
 
 #include "everything.h"
 
-int main() { return 0; }
+int main() {
+  return 0;
+}

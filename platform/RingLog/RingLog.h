@@ -28,7 +28,8 @@ struct Options {
   unsigned levels = 10;      // 1 to Format::maxLevels; a site's level is 0 to levels - 1
   std::size_t ringKiB = 33;  // of each level: 2 to Format::maxRingKiB
   Mode mode = Mode::SingleThreaded;
-  std::string directory;  // where the file goes; empty: RINGLOG_DIR of the environment, or else memory only
+  std::string directory =
+      {};  // where the file goes; empty: RINGLOG_DIR of the environment, or else memory only
   std::size_t siteKiB = 256;  // room for the texts of the call sites: 1 to Format::maxSiteKiB
 };
 
@@ -137,6 +138,8 @@ class Log {
   std::span<const std::byte> image() const;
 
  private:
+  friend class LogProbe;  // tests set a block's base through it, as a day does
+
   static constexpr std::uint64_t off = 1;  // a site's first log_ is 0; ids begin with 2
 
   // What the log knows of a site, found by its address: the rest tells whether it is still the same site, and

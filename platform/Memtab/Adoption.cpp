@@ -1,0 +1,226 @@
+#include "Memtab/Adoption.h"
+
+#include <string>
+#include <vector>
+
+#include "Memtab/Index.h"
+
+namespace Memtab {
+namespace {
+
+using Format::kBucketBit;
+using Format::kEnd;
+using Format::Life;
+
+/// First looks at everything and changes nothing, then repairs.
+class Adoption {
+ public:
+  explicit Adoption(const Segment& segment)
+      : segment_(segment),
+        shape_(segment.description()),
+        index_(segment, shape_),
+        published_(segment.state().published.load(std::memory_order_acquire)),
+        used_(segment.state().usedSlots.load(std::memory_order_acquire)) {}
+
+  Adopted run() {
+    examineState();
+    examineSlots();
+    examineList();
+    repairTornWrite();
+    repairBuckets();
+    sweepList();
+    return collect();
+  }
+
+ private:
+  [[noreturn]] void damaged(const std::string& what) const {
+    throw Error(segment_.name(), "damaged: " + what + "; remove it and start the writer anew");
+  }
+
+  static std::uint32_t load(const Format::Half& half) { return half.load(std::memory_order_acquire); }
+  Life lifeOf(std::uint32_t number) const {
+    return Life(index_.slot(number)->life.load(std::memory_order_acquire));
+  }
+
+  bool live(Life life) const { return life.visibleAt(published_); }
+
+  void examineState() const {
+    const Format::Description& d = segment_.description();
+    if (used_ > d.slots) {
+      damaged(std::to_string(used_) + " slots are said to be in use, there is room for " +
+              std::to_string(d.slots));
+    }
+    if (index_.buckets() == 0 || index_.buckets() > d.buckets) {
+      damaged(std::to_string(index_.buckets()) + " bucket heads are said to be in use, there is room for " +
+              std::to_string(d.buckets));
+    }
+  }
+
+  /// A value's write was under way when its slot has an odd number; if it can be seen, the journal has the
+  /// old words.
+  void examineSlots() const {
+    for (std::uint32_t number = 0; number < used_; ++number) {
+      const Life life = lifeOf(number);
+      if (life.state() > Life::Dying) {
+        damaged("slot " + std::to_string(number) + " is in no known state");
+      }
+      if (load(index_.slot(number)->seq) % 2 != 0 && life.state() != Life::Free && !journalKeeps(number)) {
+        damaged("slot " + std::to_string(number) + " is half written and the journal knows nothing of it");
+      }
+    }
+  }
+
+  bool journalKeeps(std::uint32_t number) const {
+    const Format::Journal& journal = segment_.journal();
+    const std::uint32_t range = load(journal.range);
+    return load(journal.seq) % 2 == 0 && load(journal.slot) == number &&
+           load(journal.slotSeq) == load(index_.slot(number)->seq) &&
+           (range >> 16U) + (range & 0xffffU) <= shape_.valueWords();
+  }
+
+  /// Follows the list from end to end: ascending, no slot twice, all heads in use on the way.
+  void examineList() {
+    std::vector<bool> met(used_);
+    heads_ = 1;
+    std::uint64_t least = 0;
+    for (std::uint32_t to = load(segment_.heads()[0]); to != kEnd;) {
+      const Format::Half* link = nullptr;
+      std::uint64_t order = 0;
+      if ((to & kBucketBit) != 0) {
+        const std::uint32_t bucket = to & ~kBucketBit;
+        if (bucket > index_.buckets() || bucket >= segment_.description().buckets) {
+          damaged("the list leads to bucket head " + std::to_string(bucket) + ", which is not in use");
+        }
+        heads_ += 1;
+        extraHead_ = extraHead_ || bucket == index_.buckets();
+        lastHead_ = lastHead_ || bucket + 1 == index_.buckets();
+        order = Format::orderOfBucket(bucket);
+        link = &segment_.heads()[bucket];
+      } else {
+        if (to >= used_ || met[to]) {
+          damaged("the list leads to slot " + std::to_string(to) +
+                  (to < used_ ? " twice" : ", which is not in use"));
+        }
+        met[to] = true;
+        order = orderOfSlot(to);
+        link = &index_.slot(to)->next;
+      }
+      if (order < least) {
+        damaged("the list is out of order at " + std::to_string(to));
+      }
+      least = order;
+      to = load(*link);
+    }
+    examineCounts(met);
+  }
+
+  std::uint64_t orderOfSlot(std::uint32_t number) const {
+    std::vector<std::uint64_t> key(shape_.keyWords());
+    for (std::size_t i = 0; i < key.size(); ++i) {
+      key[i] = Format::wordsOf(index_.slot(number))[i].load(std::memory_order_acquire);
+    }
+    return index_.order(key.data());
+  }
+
+  /// Only the last head may be in the list without being counted, or counted without being there.
+  void examineCounts(const std::vector<bool>& met) const {
+    const std::uint32_t counted = index_.buckets();
+    const bool asCounted = heads_ == counted && !extraHead_;
+    const bool oneMore = heads_ == counted + 1 && extraHead_;
+    const bool oneLess = heads_ + 1 == counted && !lastHead_;
+    if (!asCounted && !oneMore && !oneLess) {
+      damaged("the list has " + std::to_string(heads_) + " bucket heads, " + std::to_string(counted) +
+              " are in use");
+    }
+    for (std::uint32_t number = 0; number < used_; ++number) {
+      if (live(lifeOf(number)) && !met[number]) {
+        damaged("the record in slot " + std::to_string(number) + " is not in the list");
+      }
+    }
+  }
+
+  void repairTornWrite() {
+    for (std::uint32_t number = 0; number < used_; ++number) {
+      Format::Slot* slot = index_.slot(number);
+      const std::uint32_t seq = load(slot->seq);
+      if (seq % 2 == 0) {
+        continue;
+      }
+      if (lifeOf(number).state() != Life::Free) {
+        restore(slot);
+      }
+      slot->seq.store(seq + 1, std::memory_order_release);
+    }
+    Format::Journal& journal = segment_.journal();
+    journal.seq.store(load(journal.seq) & ~1U, std::memory_order_release);
+  }
+
+  void restore(Format::Slot* slot) const {
+    const Format::Journal& journal = segment_.journal();
+    const std::uint32_t range = load(journal.range);
+    const Format::Word* old = Format::wordsOf(&journal);
+    Format::Word* words = Format::wordsOf(slot) + shape_.keyWords();
+    for (std::uint32_t i = 0; i < (range & 0xffffU); ++i) {
+      words[(range >> 16U) + i].store(old[i].load(std::memory_order_acquire), std::memory_order_release);
+    }
+  }
+
+  void repairBuckets() {
+    index_.bucketsAre(heads_);
+    segment_.state().buckets.store(heads_, std::memory_order_release);
+  }
+
+  /// Takes everything out of the list that cannot be seen, and settles what can.
+  void sweepList() {
+    std::uint32_t bucket = 0;
+    Format::Half* link = &segment_.heads()[0];
+    for (std::uint32_t to = load(*link); to != kEnd; to = load(*link)) {
+      if ((to & kBucketBit) != 0) {
+        bucket = to & ~kBucketBit;
+        link = &segment_.heads()[bucket];
+        continue;
+      }
+      Format::Slot* slot = index_.slot(to);
+      if (live(lifeOf(to))) {
+        slot->life.store(Life(Life::Born, 0, false).raw(), std::memory_order_release);
+        link = &slot->next;
+      } else {
+        index_.unlink(link, bucket, slot);
+        slot->life.store(Life(Life::Free, 0, false).raw(), std::memory_order_release);
+      }
+    }
+  }
+
+  Adopted collect() {
+    Adopted adopted;
+    adopted.freeSlots = kEnd;
+    for (std::uint32_t number = used_; number-- > 0;) {
+      Format::Slot* slot = index_.slot(number);
+      if (lifeOf(number).state() == Life::Born && live(lifeOf(number))) {
+        adopted.records += 1;
+      } else {
+        slot->life.store(Life(Life::Free, 0, false).raw(), std::memory_order_release);
+        slot->next.store(adopted.freeSlots, std::memory_order_release);
+        adopted.freeSlots = number;
+      }
+    }
+    return adopted;
+  }
+
+  const Segment& segment_;
+  FoundShape shape_;
+  Index<FoundShape> index_;
+  std::uint64_t published_;
+  std::uint32_t used_;
+  std::uint32_t heads_ = 0;
+  bool extraHead_ = false;  // the head after the last that is counted is in the list
+  bool lastHead_ = false;   // the last that is counted is in the list
+};
+
+}  // namespace
+
+Adopted adopt(const Segment& segment) {
+  return Adoption(segment).run();
+}
+
+}  // namespace Memtab

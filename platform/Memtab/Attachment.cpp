@@ -1,0 +1,26 @@
+#include "Memtab/Attachment.h"
+
+#include <utility>
+
+namespace Memtab {
+
+Attachment::Attachment(std::string name, std::string schema, std::optional<Segment::Shape> shape)
+    : name_(std::move(name)), schema_(std::move(schema)), shape_(shape) {
+  static_cast<void>(renew());
+}
+
+bool Attachment::outdatedForSure() {
+  return own_ == nullptr &&
+         (!segment_ || segment_.state().retired.load(std::memory_order_relaxed) != 0 || segment_.unlinked());
+}
+
+bool Attachment::renew() {
+  Segment found = Segment::forReader(name_, schema_, shape_ ? &*shape_ : nullptr);
+  if (!found || (segment_ && found.description().generation == segment_.description().generation)) {
+    return false;
+  }
+  segment_ = std::move(found);
+  return true;
+}
+
+}  // namespace Memtab

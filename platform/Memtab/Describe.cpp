@@ -1,0 +1,131 @@
+#include "Memtab/Describe.h"
+
+#include <algorithm>
+#include <chrono>
+#include <cstring>
+#include <random>
+
+#include "Memtab/Fields.h"
+
+namespace Memtab {
+namespace {
+
+constexpr std::uint64_t kPage = 4096;
+constexpr std::size_t kLeastChanges = 1024;
+constexpr std::size_t kMostChanges = 65536;
+
+std::uint64_t pages(std::uint64_t bytes) {
+  return (bytes + kPage - 1) / kPage * kPage;
+}
+
+void checkOptions(const Options& options, Segment::Shape shape) {
+  const auto refuseUnless = [&](bool good, const std::string& what) {
+    if (!good) {
+      throw Error(options.name, what);
+    }
+  };
+  refuseUnless(
+      options.limit >= 1 && options.limit <= Format::kMaxLimit,
+      "limit " + std::to_string(options.limit) + " is not within 1 to " + std::to_string(Format::kMaxLimit));
+  refuseUnless(options.schema.size() < Format::kSchemaBytes,
+               "schema of " + std::to_string(options.schema.size()) + " bytes, at most 127 are possible");
+  refuseUnless(
+      options.fields.size() < Format::kFieldsBytes,
+      "field description of " + std::to_string(options.fields.size()) + " bytes, at most 1023 are possible");
+  refuseUnless(options.changes <= std::size_t{1} << 28U,
+               "memory of " + std::to_string(options.changes) + " changes, at most 268435456 are possible");
+  refuseUnless(shape.keyBytes >= 1 && shape.keyBytes <= Format::kMaxKeyBytes,
+               "key of " + std::to_string(shape.keyBytes) + " bytes, 1 to 256 are possible");
+  refuseUnless(shape.valueBytes >= 1 && shape.valueBytes <= Format::kMaxValueBytes,
+               "value of " + std::to_string(shape.valueBytes) + " bytes, 1 to 4096 are possible");
+  if (!options.fields.empty()) {
+    static_cast<void>(parseFields(options.name, options.fields, shape.keyBytes, shape.valueBytes));
+  }
+}
+
+std::uint64_t newGeneration() {
+  std::random_device random;
+  const std::uint64_t now =
+      static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
+  return Format::mixed(now ^ std::uint64_t{random()} << 32U ^ random()) | 1U;
+}
+
+}  // namespace
+
+std::uint64_t checksumOf(const Format::Description& description) {
+  // FNV-1a, 64 bits, over everything before the checksum.
+  const auto* bytes = reinterpret_cast<const unsigned char*>(&description);
+  std::uint64_t sum = 0xcbf2'9ce4'8422'2325U;
+  for (std::size_t i = sizeof description.magic; i < offsetof(Format::Description, checksum); ++i) {
+    sum = (sum ^ bytes[i]) * 0x100'0000'01b3U;
+  }
+  return sum;
+}
+
+Format::Description describe(const Options& options, Segment::Shape shape) {
+  checkOptions(options, shape);
+  const std::size_t keyWords = Format::wordsFor(shape.keyBytes);
+  const std::size_t valueWords = Format::wordsFor(shape.valueBytes);
+  const std::size_t changes =
+      options.changes != 0 ? options.changes : std::clamp(options.limit / 16, kLeastChanges, kMostChanges);
+
+  Format::Description d{};
+  d.magic = Format::kMagic;
+  d.version = Format::kVersion;
+  d.headerBytes = sizeof(Format::Header);
+  d.keyBytes = static_cast<std::uint32_t>(shape.keyBytes);
+  d.valueBytes = static_cast<std::uint32_t>(shape.valueBytes);
+  d.slotBytes = static_cast<std::uint32_t>(sizeof(Format::Slot) + 8 * (keyWords + valueWords));
+  d.ringEntries = static_cast<std::uint32_t>(std::bit_ceil(changes));
+  d.limit = static_cast<std::uint32_t>(options.limit);
+  d.slots = d.limit * 2;
+  d.buckets = d.limit * Format::kBucketsPerRecord;
+  d.stripes = Format::kStripes;
+  d.journalAt = (sizeof(Format::Header) + 63) / 64 * 64;
+  d.stripesAt = pages(d.journalAt + sizeof(Format::Journal) + 8 * valueWords);
+  d.ringAt = pages(d.stripesAt + sizeof(Format::Half) * d.stripes);
+  d.headsAt = pages(d.ringAt + 8 * keyWords * d.ringEntries);
+  d.slotsAt = pages(d.headsAt + sizeof(Format::Half) * d.buckets);
+  d.totalBytes = pages(d.slotsAt + std::uint64_t{d.slotBytes} * d.slots);
+  d.generation = newGeneration();
+  d.seed = options.seed;
+  d.createdAt =
+      std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
+          .count();
+  std::copy(options.schema.begin(), options.schema.end(), d.schema.begin());
+  std::copy(options.fields.begin(), options.fields.end(), d.fields.begin());
+  d.checksum = checksumOf(d);
+  return d;
+}
+
+void checkDescription(const std::string& name, const Format::Description& d, std::uint64_t segmentBytes) {
+  if (d.magic != Format::kMagic) {
+    throw Error(name, "not a table: it does not begin with the mark of one");
+  }
+  if (d.version != Format::kVersion) {
+    throw Error(name, "made by another version: its format is " + std::to_string(d.version) +
+                          ", this program has " + std::to_string(Format::kVersion));
+  }
+  if (d.checksum != checksumOf(d)) {
+    throw Error(name, "damaged: the checksum of its header is wrong; remove it and start the writer anew");
+  }
+  if (d.totalBytes != segmentBytes) {
+    throw Error(name, "damaged: it has " + std::to_string(segmentBytes) + " bytes, its header says " +
+                          std::to_string(d.totalBytes) + "; remove it and start the writer anew");
+  }
+}
+
+void checkRecords(const std::string& name, const Format::Description& d, const std::string& schema,
+                  Segment::Shape shape) {
+  if (schema != d.schema.data()) {
+    throw Error(name, "made for other records: its schema is \"" + std::string(d.schema.data()) +
+                          "\", this program has \"" + schema + "\"");
+  }
+  if (d.keyBytes != shape.keyBytes || d.valueBytes != shape.valueBytes) {
+    throw Error(name, "made for other records: key and value have " + std::to_string(d.keyBytes) + " and " +
+                          std::to_string(d.valueBytes) + " bytes, in this program " +
+                          std::to_string(shape.keyBytes) + " and " + std::to_string(shape.valueBytes));
+  }
+}
+
+}  // namespace Memtab

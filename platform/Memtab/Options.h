@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+namespace Memtab {
+
+/// What a writer says about its table. Everything but `name` and `mode` is stored in the segment.
+struct Options {
+  /// "/name" is a POSIX shared memory object; a path with a further slash is a file; an empty name is private
+  /// memory of this process, without sharing.
+  std::string name = {};
+
+  /// Type name and version of the records, such as "l2rib-host 2"; at most 127 bytes. A segment with another
+  /// schema is refused by writers and readers.
+  std::string schema = {};
+
+  /// How generic tools print a record: its key's fields, then its value's, as "name:kind,name:kind,..." (see
+  /// Fields.h). Empty: unknown, printed as bytes. At most 1,023 bytes.
+  std::string fields = {};
+
+  /// The most records the table may have, 1 to 268,435,455. Address space is reserved for twice as many,
+  /// memory is taken as the table grows. An adopted segment keeps the limit it was created with.
+  std::size_t limit = std::size_t{1} << 20;
+
+  /// Access of a new segment, as chmod(2) has it.
+  unsigned mode = 0644;
+
+  /// How many changed keys the table remembers for readers that follow it, rounded up to a power of two; 0
+  /// chooses a sixteenth of the limit, between 1,024 and 65,536.
+  std::size_t changes = 0;
+
+  /// Salt of the key order. The same seed gives the same walk order everywhere; choose a random one where
+  /// strangers choose the keys.
+  std::uint64_t seed = 0;
+};
+
+}  // namespace Memtab

@@ -1,0 +1,87 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <type_traits>
+
+#include "Memtab/Error.h"
+#include "Memtab/Follow.h"
+#include "Memtab/Reading.h"
+#include "Memtab/Words.h"
+#include "Memtab/Writer.h"
+
+namespace Memtab {
+
+/// A reader of a table that a Writer of another process fills. It takes no lock, writes nothing, and waits
+/// for nobody: neither a writer that was stopped in the middle of a record nor its death is in its way.
+///
+/// What it sees is what the writer has published, each record whole. It holds on to a name: before there is a
+/// table under it the reader is empty, and when the table is removed and made again it goes over to the new
+/// one by itself; at once if it was removed by Memtab::remove(), else within 256 lookups or at the next walk
+/// or follow. Growth needs nothing. Each thread uses its own.
+template <class Key, class Value>
+class Reader {
+ public:
+  static_assert(std::has_unique_object_representations_v<Key>,
+                "a key is compared by its bytes: no padding, no floats");
+
+  /// Of the table NAME, whose records have SCHEMA. Raises Error, now or at any later use, when what is under
+  /// that name is no table, has other records, or may not be read.
+  explicit Reader(const std::string& name, const std::string& schema)
+      : reading_(Attachment(name, schema, Segment::Shape{sizeof(Key), sizeof(Value)})) {}
+
+  /// Of the table of a writer in this process, which outlives the reader: for another thread of it.
+  explicit Reader(const Writer<Key, Value>& writer) : reading_(Attachment(writer.table_.segment())) {}
+
+  /// Whether there is a table.
+  bool attached() { return reading_.segment() != nullptr; }
+
+  /// A number that no other table has, and had, under this name; 0 while there is none.
+  std::uint64_t generation() {
+    const Segment* segment = reading_.segment();
+    return segment != nullptr ? segment->description().generation : 0;
+  }
+
+  /// Number of records at the last publication.
+  std::size_t size() {
+    const Segment* segment = reading_.segment();
+    return segment != nullptr ? segment->state().publishedRecords.load(std::memory_order_acquire) : 0;
+  }
+
+  /// The value of KEY.
+  std::optional<Value> find(const Key& key) {
+    Words<Value> value;
+    return reading_.find(Words<Key>(key).data(), value.data()) ? std::optional<Value>(value.value())
+                                                               : std::nullopt;
+  }
+
+  /// Calls visit(key, value) for every record, in the order of memory, and returns how many. A record that is
+  /// there from beginning to end is met once, one that comes or goes meanwhile perhaps; a key that goes in
+  /// one turn and comes back in another may be met twice.
+  template <class Visit>
+  std::size_t walk(const Visit& visit) {
+    Words<Key> key;
+    Words<Value> value;
+    return reading_.walk(key.data(), value.data(), [&] { visit(key.value(), value.value()); });
+  }
+
+  /// What has changed since POSITION: calls visit(key, value) for each record added or replaced, with its
+  /// present value, and visit(key, std::nullopt) for each deleted; the value is a std::optional<Value>. A key
+  /// that changed several times is told with its last state, perhaps more than once. See Followed for when
+  /// everything is told instead.
+  template <class Visit>
+  Followed follow(Position& position, const Visit& visit) {
+    Words<Key> key;
+    Words<Value> value;
+    return reading_.follow(position, key.data(), value.data(), [&](bool there) {
+      visit(key.value(), there ? std::optional<Value>(value.value()) : std::nullopt);
+    });
+  }
+
+ private:
+  Reading<FixedShape<Words<Key>::kCount, Words<Value>::kCount>> reading_;
+};
+
+}  // namespace Memtab

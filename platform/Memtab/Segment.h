@@ -1,0 +1,81 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "Memtab/Error.h"
+#include "Memtab/Format.h"
+#include "Memtab/Options.h"
+
+namespace Memtab {
+
+/// Takes the table NAME away: readers that have it open notice, and look for a successor under the same name.
+/// False when there is none. Raises Error when it may not be removed.
+bool remove(const std::string& name);
+
+/// A mapped table, as bytes: finds or makes the object under a name, checks its description, maps all of its
+/// address range once (growth only fills it), and takes memory for it step by step. What the bytes mean is up
+/// to Writer and Reader.
+class Segment {
+ public:
+  /// Size and type of what a program keeps in the table, to compare with what the segment says.
+  struct Shape {
+    std::size_t keyBytes;
+    std::size_t valueBytes;
+  };
+
+  Segment() = default;
+  Segment(Segment&& other) noexcept { swap(other); }
+  Segment& operator=(Segment&& other) noexcept;
+  Segment(const Segment&) = delete;
+  Segment& operator=(const Segment&) = delete;
+  ~Segment();
+
+  /// Opens the table of OPTIONS for the one writer, or makes it. Raises Error when there is another writer,
+  /// when it was made for another format, schema or shape, or when it is damaged; it is unchanged then.
+  static Segment forWriter(const Options& options, Shape shape);
+
+  /// Opens table NAME for reading; without effect on it. The result is empty when there is none (yet). Raises
+  /// Error when it cannot be read, is damaged, or when SCHEMA (unless empty) or SHAPE (unless null) differs.
+  static Segment forReader(const std::string& name, const std::string& schema, const Shape* shape);
+
+  explicit operator bool() const { return base_ != nullptr; }
+  const std::string& name() const { return name_; }
+  bool adopted() const { return adopted_; }
+  /// Whether the name leads elsewhere by now, or nowhere.
+  bool unlinked() const;
+
+  const Format::Description& description() const { return header().description; }
+  Format::Header& header() const { return *reinterpret_cast<Format::Header*>(base_); }
+  Format::State& state() const { return header().state; }
+  Format::Journal& journal() const {
+    return *reinterpret_cast<Format::Journal*>(base_ + description().journalAt);
+  }
+  Format::Half* stripes() const { return reinterpret_cast<Format::Half*>(base_ + description().stripesAt); }
+  Format::Word* ring() const { return reinterpret_cast<Format::Word*>(base_ + description().ringAt); }
+  Format::Half* heads() const { return reinterpret_cast<Format::Half*>(base_ + description().headsAt); }
+  std::byte* slots() const { return base_ + description().slotsAt; }
+
+  /// Takes memory for FROM .. FROM + BYTES of the segment, so that writing there cannot fail. Raises Error
+  /// when there is none left.
+  void take(std::uint64_t from, std::uint64_t bytes) const;
+
+  /// Bytes of memory that the table takes at present.
+  std::uint64_t bytesTaken() const;
+
+ private:
+  void swap(Segment& other) noexcept;
+  void map(std::size_t bytes, bool writable);
+  void mapPrivate(std::size_t bytes);
+  void make(const Options& options, const Format::Description& description);
+  bool openForWriter(const Options& options);
+
+  std::string name_;
+  std::byte* base_ = nullptr;
+  std::size_t bytes_ = 0;
+  int fd_ = -1;
+  bool adopted_ = false;
+};
+
+}  // namespace Memtab

@@ -1,0 +1,352 @@
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+
+#include "Memtab/Adoption.h"
+#include "Memtab/Error.h"
+#include "Memtab/Index.h"
+#include "Memtab/Options.h"
+#include "Memtab/Segment.h"
+#include "Memtab/SlotQueue.h"
+
+namespace Memtab {
+
+/// The writer's side of a table of words: what Writer does, without the types of the user.
+///
+///  1. A key has at most one linked slot. A deleted key keeps it until it is swept, and gets it back when it
+///  returns.
+///  2. Slots that are linked without a record wait in the queue, each once: the `queued` bit of its life says
+///  so.
+///  3. Slots that are not linked are chained from freeSlots_, or lie at usedSlots and above.
+///  4. A reader can see exactly the records that were there at the last publish().
+template <class Shape>
+class Table {
+ public:
+  Table(const Options& options, Segment::Shape bytes, Shape shape);
+  Table(const Table&) = delete;
+  Table& operator=(const Table&) = delete;
+  ~Table() { segment_.state().writerPid.store(0, std::memory_order_release); }
+
+  void is(const std::uint64_t* key, const std::uint64_t* value);
+  bool del(const std::uint64_t* key);
+  void publish();
+  std::size_t sweep(std::size_t atMost);
+
+  /// The slot of KEY's record, the unpublished turn included; null when there is none.
+  const Format::Slot* find(const std::uint64_t* key) const {
+    const auto place = index_.locate(key);
+    return place.found() && born(place.slot) ? index_.slot(place.slot) : nullptr;
+  }
+  /// The slot of the first record, or of the next behind KEY in the order; null at the end.
+  const Format::Slot* first() const { return nextFrom(&segment_.heads()[0]); }
+  const Format::Slot* next(const std::uint64_t* key) const {
+    const auto place = index_.locate(key);
+    return nextFrom(place.found() ? &index_.slot(place.slot)->next : place.link);
+  }
+
+  std::size_t size() const { return size_; }
+  const Segment& segment() const { return segment_; }
+
+ private:
+  using Life = Format::Life;
+  static constexpr std::size_t kSweptPerChange = 2;
+  static constexpr std::uint64_t kBytesAtOnce = std::uint64_t{256} * 1024;
+
+  Life lifeOf(std::uint32_t number) const {
+    return Life(index_.slot(number)->life.load(std::memory_order_relaxed));
+  }
+  void lifeIs(std::uint32_t number, Life life) {
+    index_.slot(number)->life.store(life.raw(), std::memory_order_release);
+  }
+  bool born(std::uint32_t number) const { return lifeOf(number).state() == Life::Born; }
+
+  void insert(const typename Index<Shape>::Place& place, const std::uint64_t* key,
+              const std::uint64_t* value);
+  void revive(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value);
+  void replace(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value);
+  void write(std::uint32_t number, const std::uint64_t* value, std::size_t first, std::size_t end);
+  void fill(Format::Slot* slot, const std::uint64_t* key, const std::uint64_t* value);
+  void note(const std::uint64_t* key);
+  void checkRoom() const;
+  std::uint32_t freeSlot();
+  std::uint32_t freshSlot();
+  void sweepUntilFree();
+  bool sweepOne();
+  const Format::Slot* nextFrom(const Format::Half* link) const;
+
+  Segment segment_;
+  [[no_unique_address]] Shape shape_;
+  Index<Shape> index_;
+  SlotQueue queue_;
+  Format::Word* ring_;
+  std::uint64_t ringMask_;
+  std::size_t size_ = 0;
+  std::uint64_t turn_ = 1;              // the turn that is being written, one more than published
+  std::uint64_t changes_ = 0;           // as in State
+  std::uint64_t publishedChanges_ = 0;  // as in State
+  std::uint32_t freeSlots_ = Format::kEnd;
+  std::uint32_t used_ = 0;   // as in State
+  std::uint32_t taken_ = 0;  // slots that have memory
+};
+
+/// Number of this process, for those who look at the table.
+std::uint32_t ownPid();
+
+template <class Shape>
+Table<Shape>::Table(const Options& options, Segment::Shape bytes, Shape shape)
+    : segment_(Segment::forWriter(options, bytes)),
+      shape_(shape),
+      index_(segment_, shape),
+      queue_(options.name, segment_.description().slots),
+      ring_(segment_.ring()),
+      ringMask_(segment_.description().ringEntries - 1) {
+  Format::State& state = segment_.state();
+  if (segment_.adopted()) {
+    const Adopted adopted = adopt(segment_);
+    size_ = adopted.records;
+    freeSlots_ = adopted.freeSlots;
+    index_.bucketsAre(state.buckets.load(std::memory_order_relaxed));
+    changes_ = state.changes.load(std::memory_order_relaxed);
+    used_ = taken_ = state.usedSlots.load(std::memory_order_relaxed);
+    turn_ = state.published.load(std::memory_order_relaxed) + 1;
+  }
+  state.writerPid.store(ownPid(), std::memory_order_release);
+  publishedChanges_ = changes_ + 1;  // the first turn is published even if it is empty: the table is there
+  publish();
+}
+
+template <class Shape>
+void Table<Shape>::is(const std::uint64_t* key, const std::uint64_t* value) {
+  sweep(kSweptPerChange);
+  if (used_ == segment_.description().slots && freeSlots_ == Format::kEnd) [[unlikely]] {
+    sweepUntilFree();
+  }
+  const auto place = index_.locate(key);
+  if (!place.found()) {
+    insert(place, key, value);
+  } else if (born(place.slot)) {
+    replace(place.slot, key, value);
+  } else {
+    revive(place.slot, key, value);
+  }
+}
+
+template <class Shape>
+void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::uint64_t* key,
+                          const std::uint64_t* value) {
+  checkRoom();
+  const std::uint32_t number = freeSlot();
+  note(key);
+  fill(index_.slot(number), key, value);
+  lifeIs(number, Life(Life::Born, turn_, false));
+  index_.link(place, number);
+  size_ += 1;
+  index_.fit(size_);
+}
+
+/// A key that left and comes back before its slot was swept. Within one turn it never left for a reader.
+template <class Shape>
+void Table<Shape>::revive(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value) {
+  checkRoom();
+  const bool seen = lifeOf(number).turn() == turn_;
+  note(key);
+  replace(number, key, value);
+  lifeIs(number, Life(Life::Born, seen ? 0 : turn_, true));
+  size_ += 1;
+}
+
+/// Writes what is different, and nothing when nothing is.
+template <class Shape>
+void Table<Shape>::replace(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value) {
+  const Format::Word* words = Format::wordsOf(index_.slot(number)) + shape_.keyWords();
+  std::size_t first = 0;
+  std::size_t end = shape_.valueWords();
+  while (first < end && words[first].load(std::memory_order_relaxed) == value[first]) {
+    ++first;
+  }
+  if (first == end) {
+    return;
+  }
+  while (words[end - 1].load(std::memory_order_relaxed) == value[end - 1]) {
+    --end;
+  }
+  note(key);
+  write(number, value, first, end);
+}
+
+template <class Shape>
+void Table<Shape>::write(std::uint32_t number, const std::uint64_t* value, std::size_t first,
+                         std::size_t end) {
+  Format::Slot* slot = index_.slot(number);
+  Format::Word* words = Format::wordsOf(slot) + shape_.keyWords();
+  const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
+  if (end - first == 1) {  // a single word is whole by itself
+    slot->seq.store(seq + 2, std::memory_order_release);
+    words[first].store(value[first], std::memory_order_release);
+    return;
+  }
+  Format::Journal& journal = segment_.journal();
+  const std::uint32_t journalSeq = journal.seq.load(std::memory_order_relaxed);
+  Format::Word* old = Format::wordsOf(&journal);
+  journal.seq.store(journalSeq + 1, std::memory_order_release);
+  journal.slot.store(number, std::memory_order_release);
+  journal.slotSeq.store(seq + 1, std::memory_order_release);
+  journal.range.store(static_cast<std::uint32_t>(first << 16U | (end - first)), std::memory_order_release);
+  for (std::size_t i = first; i < end; ++i) {
+    old[i - first].store(words[i].load(std::memory_order_relaxed), std::memory_order_release);
+  }
+  journal.seq.store(journalSeq + 2, std::memory_order_release);
+  slot->seq.store(seq + 1, std::memory_order_release);
+  for (std::size_t i = first; i < end; ++i) {
+    words[i].store(value[i], std::memory_order_release);
+  }
+  slot->seq.store(seq + 2, std::memory_order_release);
+}
+
+/// Gives a slot that is not linked to another key.
+template <class Shape>
+void Table<Shape>::fill(Format::Slot* slot, const std::uint64_t* key, const std::uint64_t* value) {
+  Format::Word* words = Format::wordsOf(slot);
+  const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
+  slot->seq.store(seq + 1, std::memory_order_release);
+  for (std::size_t i = 0; i < shape_.keyWords(); ++i) {
+    words[i].store(key[i], std::memory_order_release);
+  }
+  for (std::size_t i = 0; i < shape_.valueWords(); ++i) {
+    words[shape_.keyWords() + i].store(value[i], std::memory_order_release);
+  }
+  slot->seq.store(seq + 2, std::memory_order_release);
+}
+
+/// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
+template <class Shape>
+void Table<Shape>::note(const std::uint64_t* key) {
+  Format::Word* entry = ring_ + (changes_ & ringMask_) * shape_.keyWords();
+  for (std::size_t i = 0; i < shape_.keyWords(); ++i) {
+    entry[i].store(key[i], std::memory_order_release);
+  }
+  changes_ += 1;
+  segment_.state().changes.store(changes_, std::memory_order_release);
+}
+
+template <class Shape>
+bool Table<Shape>::del(const std::uint64_t* key) {
+  sweep(kSweptPerChange);
+  const auto place = index_.locate(key);
+  if (!place.found() || !born(place.slot)) {
+    return false;
+  }
+  note(key);
+  const Life life = lifeOf(place.slot);
+  const bool seen = life.turn() != turn_;
+  lifeIs(place.slot, Life(Life::Dying, seen ? turn_ : 0, true));
+  if (!life.queued()) {
+    queue_.push(place.slot);
+  }
+  size_ -= 1;
+  index_.fit(size_);
+  return true;
+}
+
+template <class Shape>
+void Table<Shape>::publish() {
+  if (changes_ == publishedChanges_) {
+    return;
+  }
+  Format::State& state = segment_.state();
+  publishedChanges_ = changes_;
+  state.publishedRecords.store(size_, std::memory_order_release);
+  state.published.store(turn_, std::memory_order_release);
+  state.publishedChanges.store(changes_, std::memory_order_release);
+  turn_ += 1;
+}
+
+template <class Shape>
+std::size_t Table<Shape>::sweep(std::size_t atMost) {
+  while (atMost > 0 && !queue_.empty() && sweepOne()) {
+    --atMost;
+  }
+  return queue_.size();
+}
+
+/// Looks after the slot that has waited longest. False when it must wait for the end of the turn.
+template <class Shape>
+bool Table<Shape>::sweepOne() {
+  const std::uint32_t number = queue_.front();
+  const Life life = lifeOf(number);
+  if (life.state() == Life::Born) {
+    lifeIs(number, Life(Life::Born, life.turn(), false));
+  } else if (life.turn() < turn_) {
+    index_.unlink(number);
+    lifeIs(number, Life(Life::Free, 0, false));
+    index_.slot(number)->next.store(freeSlots_, std::memory_order_release);
+    freeSlots_ = number;
+  } else {
+    return false;
+  }
+  queue_.pop();
+  return true;
+}
+
+template <class Shape>
+void Table<Shape>::checkRoom() const {
+  if (size_ >= segment_.description().limit) {
+    throw Full(segment_.name(), segment_.description().limit);
+  }
+}
+
+template <class Shape>
+std::uint32_t Table<Shape>::freeSlot() {
+  if (freeSlots_ == Format::kEnd) {
+    return freshSlot();
+  }
+  const std::uint32_t number = freeSlots_;
+  freeSlots_ = index_.slot(number)->next.load(std::memory_order_relaxed);
+  return number;
+}
+
+/// All slots are linked. If the table is not full, one of those that wait can be swept: at most the limit
+/// live and fewer wait for the end of the turn.
+template <class Shape>
+void Table<Shape>::sweepUntilFree() {
+  for (std::size_t waiting = queue_.size(); waiting > 0 && freeSlots_ == Format::kEnd; --waiting) {
+    if (!sweepOne()) {
+      queue_.push(queue_.front());
+      queue_.pop();
+    }
+  }
+}
+
+template <class Shape>
+std::uint32_t Table<Shape>::freshSlot() {
+  if (used_ == taken_) {
+    const auto more = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+        std::max<std::uint64_t>(kBytesAtOnce / shape_.slotBytes(), 1), segment_.description().slots - used_));
+    segment_.take(segment_.description().slotsAt + std::uint64_t{used_} * shape_.slotBytes(),
+                  std::uint64_t{more} * shape_.slotBytes());
+    taken_ = used_ + more;
+  }
+  segment_.state().usedSlots.store(used_ + 1, std::memory_order_release);
+  return used_++;
+}
+
+template <class Shape>
+const Format::Slot* Table<Shape>::nextFrom(const Format::Half* link) const {
+  for (;;) {
+    const std::uint32_t to = link->load(std::memory_order_relaxed);
+    if (to == Format::kEnd) {
+      return nullptr;
+    }
+    if ((to & Format::kBucketBit) != 0) {
+      link = &segment_.heads()[to & ~Format::kBucketBit];
+    } else if (born(to)) {
+      return index_.slot(to);
+    } else {
+      link = &index_.slot(to)->next;
+    }
+  }
+}
+
+}  // namespace Memtab

@@ -1,0 +1,238 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "Memtab/Error.h"
+#include "Memtab/Segment.h"
+#include "Memtab/Shape.h"
+
+namespace Memtab {
+
+/// A reader's side of one segment: copies records out of it, each as it was at one instant. Changes nothing
+/// in it, so that nothing a reader does, or fails to do, can reach the writer.
+template <class Shape>
+class View {
+ public:
+  View() = default;
+  View(const Segment& segment, Shape shape)
+      : segment_(&segment),
+        shape_(shape),
+        seed_(segment.description().seed),
+        slots_(segment.slots()),
+        room_(segment.description().slots) {}
+
+  /// Copies the value of KEY to VALUE. False when KEY cannot be seen.
+  bool find(const std::uint64_t* key, std::uint64_t* value) const;
+
+  /// Copies one record after the other to KEY and VALUE and calls visit(); in the order of the slots.
+  template <class Visit>
+  std::size_t walk(std::uint64_t* key, std::uint64_t* value, const Visit& visit) const;
+
+  /// Copies changed keys FROM .. TO to KEY and calls visit() for each. False as soon as the writer may have
+  /// forgotten one.
+  template <class Visit>
+  bool changes(std::uint64_t from, std::uint64_t to, std::uint64_t* key, const Visit& visit) const;
+
+ private:
+  using Life = Format::Life;
+  static constexpr int kStepsBetweenChecks = 64;
+  static constexpr std::uint32_t kMostAttempts = 1U << 30U;
+  using KeyWords = std::array<std::uint64_t, Format::kMaxKeyBytes / 8>;
+
+  enum class Search { Found, Absent, Disturbed };
+  Search search(const std::uint64_t* key, std::uint64_t order, std::uint64_t* value) const;
+  bool undisturbed(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe) const;
+  bool onTheWay(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe, std::uint32_t steps) const;
+  bool copyOf(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, const std::uint64_t* wanted,
+              std::uint64_t* value) const;
+  bool copy(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, std::uint64_t* key,
+            std::uint64_t* value) const;
+  bool restoreOld(std::uint32_t number, std::uint32_t seq, std::uint64_t* value) const;
+
+  const Format::Slot* slot(std::uint32_t number) const {
+    if (number >= room_) [[unlikely]] {
+      damaged("a link leads outside of it");
+    }
+    return slotAt(shape_, slots_, number);
+  }
+  const Format::Half* head(std::uint32_t bucket) const {
+    if (bucket >= segment_->description().buckets) [[unlikely]] {
+      damaged("a link leads outside of it");
+    }
+    return &segment_->heads()[bucket];
+  }
+  void load(const Format::Word* from, std::size_t words, std::uint64_t* to) const {
+    for (std::size_t i = 0; i < words; ++i) {
+      to[i] = from[i].load(std::memory_order_acquire);
+    }
+  }
+  std::uint32_t bucketOf(std::uint64_t order) const {
+    return Format::bucketOf(order, segment_->state().buckets.load(std::memory_order_acquire));
+  }
+  const Format::Half& stripeOf(std::uint32_t bucket) const {
+    return segment_->stripes()[bucket % Format::kStripes];
+  }
+  std::uint64_t published() const { return segment_->state().published.load(std::memory_order_acquire); }
+  [[noreturn]] void damaged(const std::string& what) const {
+    throw Error(segment_->name(), "damaged: " + what);
+  }
+
+  const Segment* segment_ = nullptr;
+  [[no_unique_address]] Shape shape_;
+  std::uint64_t seed_ = 0;
+  const std::byte* slots_ = nullptr;
+  std::uint32_t room_ = 0;
+};
+
+template <class Shape>
+bool View<Shape>::find(const std::uint64_t* key, std::uint64_t* value) const {
+  const std::uint64_t order = orderOf(shape_, key, seed_);
+  for (;;) {  // each further attempt means that the writer has got on
+    const Search result = search(key, order, value);
+    if (result != Search::Disturbed) {
+      return result == Search::Found;
+    }
+  }
+}
+
+/// One way along the list. A record that was found is right by itself; that there is none is right only if no
+/// slot was taken out of this stretch meanwhile, as the way may have followed it.
+template <class Shape>
+typename View<Shape>::Search View<Shape>::search(const std::uint64_t* key, std::uint64_t order,
+                                                 std::uint64_t* value) const {
+  const std::uint64_t turn = published();
+  const std::uint32_t bucket = bucketOf(order);
+  const std::uint32_t stripe = stripeOf(bucket).load(std::memory_order_acquire);
+  if (bucketOf(order) != bucket) {
+    return Search::Disturbed;
+  }
+  const Format::Half* link = head(bucket);
+  for (std::uint32_t steps = 1;; ++steps) {
+    const std::uint32_t to = link->load(std::memory_order_acquire);
+    if (to == Format::kEnd) {
+      break;
+    }
+    if ((to & Format::kBucketBit) != 0) {
+      const std::uint32_t next = to & ~Format::kBucketBit;
+      if (Format::orderOfBucket(next) > order) {
+        break;
+      }
+      link = head(next);
+    } else {
+      const Format::Slot* at = slot(to);
+      const int relation = compareTo(shape_, at, order, key, seed_);
+      if (relation == 0 && copyOf(at, to, turn, key, value)) {
+        return Search::Found;
+      }
+      if (relation >= 0) {
+        break;
+      }
+      link = &at->next;
+    }
+    if (steps % kStepsBetweenChecks == 0 && !onTheWay(order, bucket, stripe, steps)) {
+      return Search::Disturbed;
+    }
+  }
+  return undisturbed(order, bucket, stripe) ? Search::Absent : Search::Disturbed;
+}
+
+/// Now and then on a long way: still undisturbed, and not in a circle.
+template <class Shape>
+bool View<Shape>::onTheWay(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe,
+                           std::uint32_t steps) const {
+  const bool same = undisturbed(order, bucket, stripe);
+  if (same && steps > room_ + segment_->description().buckets) {
+    damaged("the links run in a circle");
+  }
+  return same;
+}
+
+template <class Shape>
+bool View<Shape>::undisturbed(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe) const {
+  return stripeOf(bucket).load(std::memory_order_acquire) == stripe && bucketOf(order) == bucket;
+}
+
+/// As copy(), where the slot may have gone to another key since it was met: it must still be WANTED's.
+template <class Shape>
+bool View<Shape>::copyOf(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn,
+                         const std::uint64_t* wanted, std::uint64_t* value) const {
+  KeyWords key;
+  return copy(slot, number, turn, key.data(), value) &&
+         std::equal(wanted, wanted + shape_.keyWords(), key.data());
+}
+
+/// Copies the record in SLOT as it is at one instant. False when it cannot be seen after turn TURN.
+template <class Shape>
+bool View<Shape>::copy(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, std::uint64_t* key,
+                       std::uint64_t* value) const {
+  for (std::uint32_t attempt = 0; attempt < kMostAttempts; ++attempt) {
+    const std::uint32_t seq = slot->seq.load(std::memory_order_acquire);
+    if (!Life(slot->life.load(std::memory_order_acquire)).visibleAt(turn)) {
+      return false;
+    }
+    const Format::Word* words = Format::wordsOf(slot);
+    load(words, shape_.keyWords(), key);
+    load(words + shape_.keyWords(), shape_.valueWords(), value);
+    if ((seq % 2 == 0 || restoreOld(number, seq, value)) &&
+        slot->seq.load(std::memory_order_relaxed) == seq) {
+      return true;
+    }
+  }
+  damaged("the record in slot " + std::to_string(number) + " is never whole");
+}
+
+/// The value in slot NUMBER is being replaced, perhaps by a writer that was stopped or is dead: puts the old
+/// words, which are in the journal, over those that may be new. False when the journal is about another
+/// write.
+template <class Shape>
+bool View<Shape>::restoreOld(std::uint32_t number, std::uint32_t seq, std::uint64_t* value) const {
+  const Format::Journal& journal = segment_->journal();
+  const std::uint32_t before = journal.seq.load(std::memory_order_acquire);
+  const std::uint32_t range = journal.range.load(std::memory_order_acquire);
+  const std::size_t first = range >> 16U;
+  const std::size_t words = range & 0xffffU;
+  if (before % 2 != 0 || journal.slot.load(std::memory_order_acquire) != number ||
+      journal.slotSeq.load(std::memory_order_acquire) != seq || first + words > shape_.valueWords()) {
+    return false;
+  }
+  load(Format::wordsOf(&journal), words, value + first);
+  return journal.seq.load(std::memory_order_relaxed) == before;
+}
+
+template <class Shape>
+template <class Visit>
+std::size_t View<Shape>::walk(std::uint64_t* key, std::uint64_t* value, const Visit& visit) const {
+  const std::uint64_t turn = published();
+  const std::uint32_t used = segment_->state().usedSlots.load(std::memory_order_acquire);
+  std::size_t visited = 0;
+  for (std::uint32_t number = 0; number < used; ++number) {
+    if (copy(slot(number), number, turn, key, value)) {
+      visited += 1;
+      visit();
+    }
+  }
+  return visited;
+}
+
+template <class Shape>
+template <class Visit>
+bool View<Shape>::changes(std::uint64_t from, std::uint64_t to, std::uint64_t* key,
+                          const Visit& visit) const {
+  const std::uint64_t entries = segment_->description().ringEntries;
+  for (std::uint64_t change = from; change < to; ++change) {
+    load(segment_->ring() + (change & (entries - 1)) * shape_.keyWords(), shape_.keyWords(), key);
+    // The entry that the writer is about to write is not to be trusted either: it is counted after it is
+    // written.
+    if (segment_->state().changes.load(std::memory_order_acquire) >= change + entries) {
+      return false;
+    }
+    visit();
+  }
+  return true;
+}
+
+}  // namespace Memtab

@@ -82,6 +82,9 @@ void Database::otherType(std::string_view path, const Kel::Entity& present) {
 }
 
 void Database::mountIs(std::string_view path, Kel::Ptr<Kel::Entity> entity) {
+  if (!entity) {
+    Kel::throwNullParameter("Entdb::Database", "entity");
+  }
   const Place place = placeOf(path);
   place.folder->entityPtrIs(place.name, std::move(entity));
 }

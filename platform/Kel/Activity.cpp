@@ -1,6 +1,7 @@
 #include "Kel/Activity.h"
 
 #include <algorithm>
+#include <cmath>
 #include <limits>
 
 #include "Kel/Clock.h"
@@ -11,10 +12,11 @@
 
 namespace Kel {
 
-ActivityLoop& ActivityLoop::instance() noexcept {
-  // Never destroyed: entities may outlive the statics of every other source.
-  static auto* loop = new ActivityLoop;
-  return *loop;
+constinit ActivityLoop* ActivityLoop::theLoop = nullptr;
+
+// Never destroyed: entities may outlive the statics of every other source.
+void ActivityLoop::begin() {
+  theLoop = new ActivityLoop;
 }
 
 ActivityLoop::Block* ActivityLoop::newBlock() {
@@ -23,15 +25,12 @@ ActivityLoop::Block* ActivityLoop::newBlock() {
   return block;
 }
 
-void ActivityLoop::enqueue(Reactor& reactor, std::uint32_t binding, Deliver deliver, QueuedKey key) {
-  if (tailAt_ == Block::records) {
-    Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : newBlock();
-    tail_->next = block;
-    tail_ = block;
-    tailAt_ = 0;
-  }
-  tail_->record[tailAt_++] = {Ptr<Reactor>(&reactor).detach(), deliver, key, binding};
-  ++pending_;
+// Puts a block behind the full one at the tail.
+void ActivityLoop::extend() {
+  Block* block = spare_ != nullptr ? std::exchange(spare_, nullptr) : newBlock();
+  tail_->next = block;
+  tail_ = block;
+  tailAt_ = 0;
 }
 
 void ActivityLoop::deliverOne() {
@@ -54,8 +53,8 @@ void ActivityLoop::deliverOne() {
   }
 }
 
-void ActivityLoop::now(Reactor& reactor, Deliver deliver) {
-  if (!reactor.listens(reactor.binding())) {
+void ActivityLoop::now(Reactor& reactor, std::uint32_t binding, Deliver deliver) {
+  if (!reactor.listens(binding)) {
     return;
   }
   asHandler([&] {
@@ -77,6 +76,9 @@ void ActivityLoop::drain() {
 }
 
 void ActivityLoop::endTurn() {
+  if (!std::exchange(written_, false)) {
+    return;
+  }
   for (std::size_t at = 0; at < turnEnd_.size(); ++at) {
     turnEnd_[at].first(turnEnd_[at].second);
   }
@@ -91,6 +93,7 @@ void ActivityLoop::forgetTurnEnd(void* context) {
 }
 
 void ActivityLoop::arm(Clock& clock, double due) {
+  fatalUnless(!std::isnan(due), "a clock is armed for a time that is no number");
   park(clock);
   clock.timeMin_ = due;
   clock.arming_ = ++armings_;

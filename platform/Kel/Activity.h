@@ -48,7 +48,12 @@ using Deliver = void (*)(Reactor&, QueuedKey);
 // when to come back.
 class KEL_API ActivityLoop {
  public:
-  static ActivityLoop& instance() noexcept;
+  static ActivityLoop& instance() noexcept {
+    if (theLoop == nullptr) [[unlikely]] {
+      begin();
+    }
+    return *theLoop;
+  }
 
   // One turn: delivers what is pending, then fires each clock that was due and armed when the turn began,
   // once, in the order of due time and then of arming, delivering what each one caused. Returns whether
@@ -70,12 +75,18 @@ class KEL_API ActivityLoop {
 
   // Queues one notification, held with a reference to the reactor. Whoever has queued all of one change calls
   // `settle`.
-  void enqueue(Reactor& reactor, std::uint32_t binding, Deliver deliver, QueuedKey key);
-  // Calls one reactor at once, if it listens, as a handler.
-  void now(Reactor& reactor, Deliver deliver);
+  void enqueue(Ptr<Reactor> reactor, std::uint32_t binding, Deliver deliver, QueuedKey key) {
+    if (tailAt_ == Block::records) [[unlikely]] {
+      extend();
+    }
+    tail_->record[tailAt_++] = {reactor.detach(), deliver, key, binding};
+    ++pending_;
+  }
+  // Calls one reactor at once, if it still listens under this binding, as a handler.
+  void now(Reactor& reactor, std::uint32_t binding, Deliver deliver);
   // Delivers what is pending, unless a handler is running, which will.
   void settle() {
-    if (depth_ == 0 && pending_ != 0) {
+    if (depth_ == 0 && (pending_ != 0 || written_)) {
       drain();
     }
   }
@@ -101,11 +112,16 @@ class KEL_API ActivityLoop {
     }
   }
 
-  // Called after every outermost delivery and every turn that did something: the end of a turn, when what was
-  // written to shared memory is published. At most a handful.
+  // Called at the end of every turn in which `turnHasWritten` was called: when an outermost handler has ended
+  // and all that it set off has been delivered. That is when what was written to shared memory is published.
   using Hook = void (*)(void*);
   void atTurnEnd(Hook hook, void* context);
   void forgetTurnEnd(void* context);
+  // Says that this turn has something to publish; outside any handler it is published at once.
+  void turnHasWritten() {
+    written_ = true;
+    settle();
+  }
 
   // Counts since the start, for metrics and benchmarks.
   std::uint64_t delivered() const noexcept { return delivered_; }
@@ -146,12 +162,16 @@ class KEL_API ActivityLoop {
   };
 
   ActivityLoop() = default;
+  static void begin();
+  void extend();
   void drain();
   void deliverOne();
   void endTurn();
   void arm(Clock& clock, double due);
   void park(Clock& clock) noexcept;
   static Block* newBlock();
+
+  static ActivityLoop* theLoop;
 
   // The queue: a chain of blocks of which one empty one is kept, so that a steady load allocates nothing and
   // a burst never moves what is queued.
@@ -168,6 +188,7 @@ class KEL_API ActivityLoop {
   std::uint64_t armings_ = 0;
   std::set<Armed> armed_;
   std::vector<std::pair<Hook, void*>> turnEnd_;
+  bool written_ = false;
 };
 
 }  // namespace Kel

@@ -64,16 +64,17 @@ class Child final : public Part {
   // The shadow mutator: the present child if its constructor parameters equal these, else the name-in-use
   // error; a new one, stored and activated, if there is none.
   template <class... Args>
-  const Ptr<Sm>& shadowIs(const Args&... args) {
+  Ptr<Sm> shadowIs(const Args&... args) {
     if (child_) {
       requireSameParameters(*child_, args...);
-    } else {
-      ActivityLoop::instance().asHandler([&] {
-        child_ = make<Sm>(args...);
-        child_->hasNotificationActiveIs(true);
-      });
+      return child_;
     }
-    return child_;
+    return ActivityLoop::instance().asHandler([&] {
+      const Ptr<Sm> machine = make<Sm>(args...);
+      child_ = machine;
+      machine->hasNotificationActiveIs(true);
+      return machine;
+    });
   }
   void del() {
     if (child_) {

@@ -34,8 +34,17 @@ void Reactor::countAsBound() {
   ActivityLoop::instance().asHandler([&] {
     const Ptr<Reactor> self(this);
     const Ptr<const Entity> notifier = notifier_;
-    Attributes list([&](const char*, const AttributeBase& attribute) { attribute.countAsChanged(*this); });
-    notifier->attributes(list);
+    const std::uint32_t binding = binding_;
+    // What is called at once comes last (and is heard first), so that what it throws leaves nothing unqueued,
+    // and no further when it binds to another entity, which counts for itself.
+    for (const bool atOnce : {false, true}) {
+      Attributes list([&](const char*, const AttributeBase& attribute) {
+        if (attribute.calledAtOnce() == atOnce && binding == binding_) {
+          attribute.countAsChanged(*this);
+        }
+      });
+      notifier->attributes(list);
+    }
   });
 }
 

@@ -81,9 +81,12 @@ template <class R, void (R::*callback)()>
 struct Callback<callback> {
   static void deliver(Reactor& reactor, QueuedKey) { (static_cast<R&>(reactor).*callback)(); }
   static void queue(Reactor& reactor, std::uint32_t binding) {
-    ActivityLoop::instance().enqueue(reactor, binding, &deliver, QueuedKey());
+    ActivityLoop::instance().enqueue(Ptr<Reactor>(&reactor), binding, &deliver, QueuedKey());
   }
   static void notify(const Entity& entity) {
+    if (entity.reactors_.empty()) {
+      return;
+    }
     for (Reactor* reactor : entity.reactors_) {
       queue(*reactor, reactor->binding());
     }
@@ -91,26 +94,30 @@ struct Callback<callback> {
   }
   // Calls at once, as a handler, those reactors that listen now.
   static void immediate(const Entity& entity) {
-    const std::vector<Reactor*>& now = entity.reactors_;
-    std::vector<Ptr<Reactor>> reactors;
-    reactors.reserve(now.size());
-    for (Reactor* reactor : now) {
-      reactors.emplace_back(reactor);
+    std::vector<std::pair<Ptr<Reactor>, std::uint32_t>> bound;
+    bound.reserve(entity.reactors_.size());
+    for (Reactor* reactor : entity.reactors_) {
+      bound.emplace_back(Ptr<Reactor>(reactor), reactor->binding());
     }
-    for (const Ptr<Reactor>& reactor : reactors) {
-      immediate(*reactor);
+    for (const auto& [reactor, binding] : bound) {
+      ActivityLoop::instance().now(*reactor, binding, &deliver);
     }
   }
-  static void immediate(Reactor& reactor) { ActivityLoop::instance().now(reactor, &deliver); }
+  static void immediate(Reactor& reactor) {
+    ActivityLoop::instance().now(reactor, reactor.binding(), &deliver);
+  }
 };
 
 template <class K, class R, void (R::*callback)(K)>
 struct Callback<callback> {
   static void deliver(Reactor& reactor, QueuedKey key) { (static_cast<R&>(reactor).*callback)(key.as<K>()); }
   static void queue(Reactor& reactor, std::uint32_t binding, const K& key) {
-    ActivityLoop::instance().enqueue(reactor, binding, &deliver, QueuedKey(key));
+    ActivityLoop::instance().enqueue(Ptr<Reactor>(&reactor), binding, &deliver, QueuedKey(key));
   }
   static void notify(const Entity& entity, const K& key) {
+    if (entity.reactors_.empty()) {
+      return;
+    }
     for (Reactor* reactor : entity.reactors_) {
       queue(*reactor, reactor->binding(), key);
     }
@@ -124,8 +131,10 @@ class KEL_API AttributeBase {
   AttributeBase(const AttributeBase&) = delete;
   AttributeBase& operator=(const AttributeBase&) = delete;
 
-  // Queues for one reactor what it would hear if the whole attribute had just changed.
+  // Lets one reactor hear the whole attribute as changed: queues its callbacks, or calls at once where
+  // `calledAtOnce`.
   virtual void countAsChanged(Reactor& reactor) const = 0;
+  virtual bool calledAtOnce() const { return false; }
   // How many values it has: one, or the size of the collection; none for a notification.
   virtual std::size_t values() const = 0;
   // Calls back with the printed key (empty for a scalar), the printed value, and the entity that the value
@@ -182,11 +191,20 @@ const Entity* entityOf(const T& value) {
   }
 }
 
-// Tells an entity that is entered into, or taken out of, an attribute who holds it.
+// Tells an entity that is entered into an attribute of `parent` who holds it, and one that is taken out that
+// nobody does, unless another entity took it meanwhile.
 template <class T>
-void heldBy(const T& value, const Entity* parent) {
+void held(const T& value, const Entity& parent) {
   if (const Entity* entity = entityOf(value)) {
-    entity->parentIs(parent);
+    entity->parentIs(&parent);
+  }
+}
+template <class T>
+void released(const T& value, const Entity& parent) {
+  if (const Entity* entity = entityOf(value)) {
+    if (entity->parent() == &parent) {
+      entity->parentIs(nullptr);
+    }
   }
 }
 
@@ -195,17 +213,17 @@ template <class T, auto callback>
 class Attribute final : public AttributeBase {
  public:
   explicit Attribute(const Entity& entity, T value = T{}) : AttributeBase(entity), value_(std::move(value)) {
-    heldBy(value_, &owner());
+    held(value_, owner());
   }
-  ~Attribute() { heldBy(value_, nullptr); }
+  ~Attribute() { released(value_, owner()); }
 
   operator const T&() const noexcept { return value_; }
   const T& get() const noexcept { return value_; }
   Attribute& operator=(T value) {
     if (!(value == value_)) {
-      heldBy(value_, nullptr);
+      released(value_, owner());
       value_ = std::move(value);
-      heldBy(value_, &owner());
+      held(value_, owner());
       Callback<callback>::notify(owner());
     }
     return *this;
@@ -230,6 +248,9 @@ template <template <class, class> class Storage, class K, class V, auto onKey, a
           Whole form = Whole::Immediate>
 class Collection final : public AttributeBase {
   static constexpr bool holdsEntities = requires(const V& value) { static_cast<const Entity*>(value.get()); };
+  static constexpr bool keyed = requires(const Entity& entity, const K& key) {
+    Callback<onKey>::notify(entity, key);
+  };
   static constexpr bool hasWhole = !std::is_null_pointer_v<decltype(onWhole)>;
 
  public:
@@ -239,7 +260,7 @@ class Collection final : public AttributeBase {
   ~Collection() {
     if constexpr (holdsEntities) {
       for (auto&& pair : table_) {
-        heldBy(pair.value, nullptr);
+        released(pair.value, owner());
       }
     }
   }
@@ -261,16 +282,17 @@ class Collection final : public AttributeBase {
 
   // Inserts or replaces.
   void is(const K& key, V value) {
-    const auto [at, added] = table_.emplace(key, value);
+    const K copy = key;  // the key may live in the value that is replaced
+    const auto [at, added] = table_.emplace(copy, value);
     if (!added) {
       if (at->value == value) {
         return;
       }
-      heldBy(at->value, nullptr);
+      released(at->value, owner());
       at->value = std::move(value);
     }
-    heldBy(at->value, &owner());
-    Callback<onKey>::notify(owner(), key);
+    held(at->value, owner());
+    notifyKey(copy);
   }
   // Removes; an absent key is no error. Returns whether it was there.
   bool del(const K& key) {
@@ -278,7 +300,7 @@ class Collection final : public AttributeBase {
     if (!erase(copy)) {
       return false;
     }
-    Callback<onKey>::notify(owner(), copy);
+    notifyKey(copy);
     return true;
   }
   void delAll() {
@@ -294,18 +316,25 @@ class Collection final : public AttributeBase {
       for (const K& key : keys) {
         erase(key);
       }
-      if constexpr (hasWhole) {
-        notifyWhole();
+      if constexpr (hasWhole && form == Whole::Queued) {
+        Callback<onWhole>::notify(owner());
       }
       for (const K& key : keys) {
-        Callback<onKey>::notify(owner(), key);
+        notifyKey(key);
+      }
+      // Last, so that what it throws leaves nothing unqueued, yet heard first, because it does not wait.
+      if constexpr (hasWhole && form == Whole::Immediate) {
+        Callback<onWhole>::immediate(owner());
       }
     });
   }
 
+  bool calledAtOnce() const override { return hasWhole && form == Whole::Immediate; }
   void countAsChanged(Reactor& reactor) const override {
     if constexpr (hasWhole && form == Whole::Immediate) {
       Callback<onWhole>::immediate(reactor);
+    } else if constexpr (!keyed) {
+      Callback<onKey>::queue(reactor, reactor.binding());
     } else {
       for (auto&& pair : table_) {
         Callback<onKey>::queue(reactor, reactor.binding(), pair.key);
@@ -319,21 +348,24 @@ class Collection final : public AttributeBase {
     }
   }
 
+  // The table itself, for what its storage offers beyond a plain collection.
+  const Storage<K, V>& table() const noexcept { return table_; }
+
  private:
+  void notifyKey(const K& key) {
+    if constexpr (keyed) {
+      Callback<onKey>::notify(owner(), key);
+    } else {
+      Callback<onKey>::notify(owner());
+    }
+  }
   bool erase(const K& key) {
     if constexpr (holdsEntities) {
       if (const V* value = table_.find(key)) {
-        heldBy(*value, nullptr);
+        released(*value, owner());
       }
     }
     return table_.erase(key);
-  }
-  void notifyWhole() {
-    if constexpr (form == Whole::Immediate) {
-      Callback<onWhole>::immediate(owner());
-    } else {
-      Callback<onWhole>::notify(owner());
-    }
   }
 
   Storage<K, V> table_;
@@ -349,6 +381,7 @@ class Notification final : public AttributeBase {
   void signal(const K& key) const { Callback<onKey>::notify(owner(), key); }
   void signalWhole() const { Callback<onWhole>::immediate(owner()); }
 
+  bool calledAtOnce() const override { return !std::is_null_pointer_v<decltype(onWhole)>; }
   void countAsChanged(Reactor& reactor) const override {
     if constexpr (!std::is_null_pointer_v<decltype(onWhole)>) {
       Callback<onWhole>::immediate(reactor);

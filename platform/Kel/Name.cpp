@@ -1,19 +1,32 @@
 #include "Kel/Name.h"
 
+#include <functional>
 #include <ostream>
 #include <unordered_set>
 
 namespace Kel {
 namespace {
 
+// Finds a text without making a string of it.
+struct TextHash {
+  using is_transparent = void;
+  std::size_t operator()(std::string_view text) const noexcept { return std::hash<std::string_view>{}(text); }
+};
+using Pool = std::unordered_set<std::string, TextHash, std::equal_to<>>;
+
 // Never destroyed: names may outlive the statics of every other source.
-std::unordered_set<std::string>& pool() {
-  static auto* names = new std::unordered_set<std::string>;
+Pool& pool() {
+  static auto* names = new Pool;
   return *names;
 }
 
+const std::string& textOf(std::string_view text) {
+  const auto at = pool().find(text);
+  return at != pool().end() ? *at : *pool().emplace(text).first;
+}
+
 const std::string& emptyText() {
-  static const std::string& text = *pool().emplace().first;
+  static const std::string& text = textOf("");
   return text;
 }
 
@@ -21,7 +34,7 @@ const std::string& emptyText() {
 
 Name::Name() noexcept : text_(&emptyText()) {}
 
-Name::Name(std::string_view text) : text_(&*pool().emplace(text).first) {}
+Name::Name(std::string_view text) : text_(&textOf(text)) {}
 
 std::ostream& operator<<(std::ostream& stream, const Name& name) {
   return stream << name.text();

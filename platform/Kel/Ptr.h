@@ -55,6 +55,8 @@ class Referenced {
     }
     return --count_ == 0;
   }
+  // The destructor is about to run: pointers that it makes to its own object come and go without effect.
+  void dying() const noexcept { count_ = UINT32_MAX / 2; }
 
   alignas(std::atomic_ref<std::uint32_t>::required_alignment) mutable std::uint32_t count_ = 0;
 };
@@ -111,6 +113,7 @@ class Ptr {
   }
   void drop() noexcept {
     if (object_ != nullptr && object_->release()) {
+      object_->dying();
       delete object_;
     }
   }

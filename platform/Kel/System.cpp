@@ -1,8 +1,10 @@
 #include "Kel/System.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdint>
 #include <ctime>
+#include <utility>
 
 #if defined(__x86_64__)
 #include <cpuid.h>
@@ -20,18 +22,14 @@ double monotonicClock() {
 
 #if defined(__x86_64__)
 
-// The time-stamp counter, tied to the monotonic clock: at least once a second the pair (counter, time) is
-// read anew and the rate is measured over all the time since the start, so that the error of the first short
-// measurement dies out.
+// The time-stamp counter, tied to the monotonic clock: once a second the pair (counter, time) is read anew
+// and the rate is measured over the time since the last one, so that the error of the first short measurement
+// dies out.
 class Machine {
  public:
   Machine() : usable_(invariantCounter()) {
     if (usable_) {
-      start_ = anchor_ = read();
-      while (anchor_.time - start_.time < 200e-6) {
-        anchor_ = read();
-      }
-      rate_ = (anchor_.time - start_.time) / static_cast<double>(anchor_.counter - start_.counter);
+      calibrate();
     }
   }
 
@@ -41,8 +39,7 @@ class Machine {
     }
     double time = anchor_.time + static_cast<double>(__rdtsc() - anchor_.counter) * rate_;
     if (time - anchor_.time > 1.0) [[unlikely]] {
-      anchor_ = read();
-      rate_ = (anchor_.time - start_.time) / static_cast<double>(anchor_.counter - start_.counter);
+      tie();
       time = anchor_.time;
     }
     last_ = std::max(last_, time);
@@ -55,6 +52,28 @@ class Machine {
     double time = 0;
   };
   static Reading read() { return {__rdtsc(), monotonicClock()}; }
+  static double rate(const Reading& from, const Reading& to) {
+    return (to.time - from.time) / static_cast<double>(to.counter - from.counter);
+  }
+  // Measures the rate in 200 microseconds.
+  void calibrate() {
+    const Reading start = anchor_ = read();
+    while (anchor_.time - start.time < 200e-6) {
+      anchor_ = read();
+    }
+    rate_ = rate(start, anchor_);
+  }
+  // Takes a new anchor. Where the rate since the last one is far from what it was, one of the two clocks
+  // jumped (the machine was suspended or moved), and it is measured afresh.
+  void tie() {
+    const Reading last = std::exchange(anchor_, read());
+    const double measured = rate(last, anchor_);
+    if (std::abs(measured - rate_) < 0.01 * rate_) {
+      rate_ = measured;
+    } else {
+      calibrate();
+    }
+  }
   static bool invariantCounter() {
     unsigned a = 0;
     unsigned b = 0;
@@ -64,7 +83,6 @@ class Machine {
   }
 
   bool usable_;
-  Reading start_;
   Reading anchor_;
   double rate_ = 0;
   double last_ = 0;

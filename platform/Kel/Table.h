@@ -294,16 +294,19 @@ class Table {
   }
 
   void clear() noexcept {
-    for (std::uint32_t slot = liveFrom(0); slot != HashIndex::none; slot = liveFrom(slot + 1)) {
-      pair(slot)->~Pair();
-    }
-    for (Chunk* chunk : chunks_) {
-      std::free(chunk);
-    }
-    chunks_ = {};
+    // What the destructors of the values set off finds the table empty.
+    const std::vector<Chunk*> dying = std::exchange(chunks_, {});
     spacious_ = {};
     index_.clear();
     size_ = 0;
+    for (Chunk* chunk : dying) {
+      if (chunk != nullptr) {
+        for (std::uint32_t live = chunk->live; live != 0; live &= live - 1) {
+          pairIn(*chunk, static_cast<std::uint32_t>(std::countr_zero(live)))->~Pair();
+        }
+        std::free(chunk);
+      }
+    }
   }
 
  private:
@@ -322,8 +325,9 @@ class Table {
   }
   static constexpr std::uint32_t bit(std::uint32_t slot) { return std::uint32_t{1} << (slot % chunkSlots); }
 
-  Pair* pair(std::uint32_t slot) const {
-    return std::launder(reinterpret_cast<Pair*>(chunks_[slot / chunkSlots]->raw(slot % chunkSlots)));
+  Pair* pair(std::uint32_t slot) const { return pairIn(*chunks_[slot / chunkSlots], slot % chunkSlots); }
+  static Pair* pairIn(Chunk& chunk, std::uint32_t at) {
+    return std::launder(reinterpret_cast<Pair*>(chunk.raw(at)));
   }
   std::uint32_t slotOf(const K& key, std::uint32_t hash) const {
     return index_.find(hash, [&](std::uint32_t slot) { return pair(slot)->key == key; });
@@ -415,6 +419,7 @@ class OrderedTable {
   OrderedTable() = default;
   OrderedTable(const OrderedTable&) = delete;
   OrderedTable& operator=(const OrderedTable&) = delete;
+  ~OrderedTable() { clear(); }
 
   std::size_t size() const noexcept { return map_.size(); }
   bool empty() const noexcept { return map_.empty(); }
@@ -438,7 +443,8 @@ class OrderedTable {
     // consistent.
     return !map_.extract(key).empty();
   }
-  void clear() noexcept { map_.clear(); }
+  // What the destructors of the values set off finds the table empty.
+  void clear() noexcept { const Map dying = std::exchange(map_, {}); }
 
  private:
   mutable Map map_;

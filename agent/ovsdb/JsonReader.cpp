@@ -1,0 +1,184 @@
+#include "agent/ovsdb/JsonReader.h"
+
+#include <algorithm>
+#include <charconv>
+#include <nlohmann/json.hpp>
+
+namespace Agent::Ovsdb {
+
+namespace {
+
+bool isSpace(char c) {
+  return c == ' ' || c == '\n' || c == '\r' || c == '\t';
+}
+
+bool endsScalar(char c) {
+  return c == ',' || c == ']' || c == '}' || isSpace(c);
+}
+
+std::string quoted(char c) {
+  if (c == 0) {
+    return "the end of the message";
+  }
+  if (c < 0x20 || c > 0x7e) {
+    return "byte " + std::to_string(static_cast<unsigned char>(c));
+  }
+  return std::string{"'"} + c + "'";
+}
+
+}  // namespace
+
+void JsonReader::fail(std::string_view why) const {
+  throw ProtocolError("at byte " + std::to_string(at_) + ": " + std::string{why});
+}
+
+char JsonReader::peek() {
+  while (at_ < text_.size() && isSpace(text_[at_])) {
+    ++at_;
+  }
+  return at_ < text_.size() ? text_[at_] : '\0';
+}
+
+void JsonReader::expect(char mark) {
+  if (peek() != mark) {
+    fail("want " + quoted(mark) + ", have " + quoted(peek()));
+  }
+  ++at_;
+  fresh_ = mark == '{' || mark == '[';
+}
+
+// Steps over the comma before the next member or element, or over the closing mark.
+bool JsonReader::next(char close) {
+  const bool first = fresh_;
+  fresh_ = false;
+  if (peek() == close) {
+    ++at_;
+    return false;
+  }
+  if (!first) {
+    expect(',');
+  }
+  return true;
+}
+
+bool JsonReader::nextMember(std::string& name) {
+  if (!next('}')) {
+    return false;
+  }
+  string(name);
+  expect(':');
+  return true;
+}
+
+bool JsonReader::nextElement() {
+  return next(']');
+}
+
+// The string with its quotes.
+std::string_view JsonReader::stringToken() {
+  expect('"');
+  const std::size_t begin = at_ - 1;
+  while (at_ < text_.size() && text_[at_] != '"') {
+    at_ += text_[at_] == '\\' ? std::size_t{2} : std::size_t{1};
+  }
+  if (at_ >= text_.size()) {
+    at_ = text_.size();
+    fail("the string does not end");
+  }
+  ++at_;
+  return text_.substr(begin, at_ - begin);
+}
+
+void JsonReader::string(std::string& out) {
+  const std::string_view token = stringToken();
+  const std::string_view inner = token.substr(1, token.size() - 2);
+  const bool plain =
+      std::none_of(inner.begin(), inner.end(), [](char c) { return c == '\\' || c < 0x20 || c > 0x7e; });
+  if (plain) {
+    out.assign(inner);
+    return;
+  }
+  const nlohmann::json value = nlohmann::json::parse(token, nullptr, false);
+  if (!value.is_string()) {
+    fail("the string ending here is not valid JSON in UTF-8");
+  }
+  out = value.get_ref<const std::string&>();
+}
+
+std::string JsonReader::string() {
+  std::string out;
+  string(out);
+  return out;
+}
+
+std::int64_t JsonReader::integer() {
+  peek();
+  std::int64_t value = 0;
+  const char* const first = text_.data() + at_;
+  const char* const last = text_.data() + text_.size();
+  const auto [end, error] = std::from_chars(first, last, value);
+  if (error != std::errc{} || (end != last && !endsScalar(*end))) {
+    fail("want an integer");
+  }
+  at_ += static_cast<std::size_t>(end - first);
+  return value;
+}
+
+bool JsonReader::boolean() {
+  peek();
+  const bool value = text_.substr(at_).starts_with("true");
+  if (!value && !text_.substr(at_).starts_with("false")) {
+    fail("want true or false");
+  }
+  at_ += value ? std::size_t{4} : std::size_t{5};
+  return value;
+}
+
+bool JsonReader::null() {
+  peek();
+  if (!text_.substr(at_).starts_with("null")) {
+    return false;
+  }
+  at_ += 4;
+  return true;
+}
+
+void JsonReader::skipScalar() {
+  const std::size_t begin = at_;
+  while (at_ < text_.size() && !endsScalar(text_[at_])) {
+    ++at_;
+  }
+  const std::string_view token = text_.substr(begin, at_ - begin);
+  if (!nlohmann::json::accept(token)) {
+    at_ = begin;
+    fail("want a value");
+  }
+}
+
+std::string_view JsonReader::skip() {
+  peek();
+  const std::size_t begin = at_;
+  std::string open;  // the closing marks that are due
+  do {
+    const char c = peek();
+    if (c == '{' || c == '[') {
+      expect(c);
+      open.push_back(c == '{' ? '}' : ']');
+    } else if (c == '"') {
+      stringToken();
+    } else {
+      skipScalar();
+    }
+    while (!open.empty() && !next(open.back())) {
+      open.pop_back();
+    }
+    if (!open.empty() && open.back() == '}') {
+      stringToken();
+      expect(':');
+    }
+  } while (!open.empty());
+  fresh_ = false;
+  return text_.substr(begin, at_ - begin);
+}
+
+}  // namespace Agent::Ovsdb

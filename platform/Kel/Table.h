@@ -275,7 +275,7 @@ class Table {
       return false;
     }
     // What the value's destructor sets off finds the table consistent: the value dies last.
-    const V dying = std::move(pair(slot)->value);
+    [[maybe_unused]] const V dying = std::move(pair(slot)->value);
     index_.erase(hash, slot);
     Chunk* chunk = chunks_[slot / chunkSlots];
     pair(slot)->~Pair();

@@ -1,0 +1,82 @@
+#include "Vxlan/types/HostInput.h"
+
+#include <algorithm>
+#include <ostream>
+
+namespace L2Rib {
+namespace {
+
+Memtab::Options tableOptions(const HostInput::Options& options) {
+  Memtab::Options table;
+  table.name = options.name;
+  table.schema = hostSchema;
+  table.fields = hostFields;
+  table.limit = options.limit;
+  table.mode = options.mode;
+  return table;
+}
+
+Host hostOf(const Bridging::MacVlanPair& key, const HostValue& value) {
+  Host host;
+  static_cast<HostValue&>(host) = value;
+  host.key = key;
+  return host;
+}
+
+template <class Record>
+std::optional<Host> hostOf(const Record& record) {
+  return record ? std::optional(hostOf(record->first, record->second)) : std::nullopt;
+}
+
+}  // namespace
+
+InlineIntf::InlineIntf(const Qnet::IntfId& intf) {
+  const std::string& text = intf.text();
+  if (text.size() > Qnet::IntfId::maxLength) {
+    Kel::throwRangeException("interface name \"" + text + "\" is longer than " +
+                             std::to_string(Qnet::IntfId::maxLength) + " characters");
+  }
+  std::copy(text.begin(), text.end(), text_.begin());
+}
+
+HostInput::HostInput(const Options& options) : table_(tableOptions(options)) {
+  Kel::ActivityLoop::instance().atTurnEnd(&publish, this);
+}
+
+HostInput::~HostInput() {
+  Kel::ActivityLoop::instance().forgetTurnEnd(this);
+  table_.publish();
+}
+
+std::optional<Host> HostInput::host(const Bridging::MacVlanPair& key) const {
+  const auto value = table_.find(key);
+  return value ? std::optional(hostOf(key, *value)) : std::nullopt;
+}
+
+void HostInput::hostIs(const Host& host) {
+  table_.is(host.key, host);
+  signal(host.key);
+  Kel::ActivityLoop::instance().turnHasWritten();
+}
+
+void HostInput::hostDel(const Bridging::MacVlanPair& key) {
+  if (table_.del(key)) {
+    signal(key);
+    Kel::ActivityLoop::instance().turnHasWritten();
+  }
+}
+
+std::optional<Host> HostInput::firstHost() const {
+  return hostOf(table_.first());
+}
+
+std::optional<Host> HostInput::nextHost(const Bridging::MacVlanPair& key) const {
+  return hostOf(table_.next(key));
+}
+
+std::ostream& operator<<(std::ostream& stream, const Host& host) {
+  return stream << host.key << " on " << host.dest.intf().text() << " behind "
+                << host.dest.vtepAddr(CiVtepIndex::First) << ", moves " << host.moveCount;
+}
+
+}  // namespace L2Rib

@@ -1,0 +1,92 @@
+// A hashed table of hosts that also knows the hosts of each VLAN.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <deque>
+
+#include "Kel/Table.h"
+#include "Vxlan/types/Bridging.h"
+
+namespace Vxlan {
+
+// A Kel::Table whose keys have a VLAN. The pairs of one VLAN are linked with each other through their slot
+// numbers (8 bytes a host), so that walking one VLAN costs what that VLAN holds, not what the table holds.
+template <class K, class V>
+class VlanTable : private Kel::Table<K, V> {
+  using Base = Kel::Table<K, V>;
+  static constexpr std::uint32_t none = Kel::HashIndex::none;
+
+ public:
+  using Base::at;
+  using Base::begin;
+  using Base::contains;
+  using Base::empty;
+  using Base::end;
+  using Base::find;
+  using Base::size;
+  using typename Base::Iterator;
+  using typename Base::Pair;
+
+  VlanTable() { vlans_.fill({none, none}); }
+
+  template <class... Args>
+  std::pair<Iterator, bool> emplace(const K& key, Args&&... args) {
+    const auto result = Base::emplace(key, std::forward<Args>(args)...);
+    if (result.second) {
+      link(key.vlan, result.first.slot());
+    }
+    return result;
+  }
+
+  bool erase(const K& key) {
+    const Iterator at = Base::at(key);
+    if (!at) {
+      return false;
+    }
+    unlink(key.vlan, at.slot());
+    return Base::erase(key);
+  }
+
+  // Calls back with the key of each pair of the VLAN, in the order in which they came; the callback may
+  // remove that pair.
+  template <class Call>
+  void eachOfVlan(Bridging::VlanId vlan, const Call& call) const {
+    for (std::uint32_t slot = vlans_[vlan.value()].first; slot != none;) {
+      const std::uint32_t next = links_[slot].next;
+      call(K(Base::atSlot(slot)->key));
+      slot = next;
+    }
+  }
+
+ private:
+  struct Ends {
+    std::uint32_t first;
+    std::uint32_t last;
+  };
+  struct Link {
+    std::uint32_t previous;
+    std::uint32_t next;
+  };
+
+  void link(Bridging::VlanId vlan, std::uint32_t slot) {
+    if (slot >= links_.size()) {
+      links_.resize(std::size_t{slot} + 1);
+    }
+    Ends& ends = vlans_[vlan.value()];
+    links_[slot] = {ends.last, none};
+    (ends.last == none ? ends.first : links_[ends.last].next) = slot;
+    ends.last = slot;
+  }
+  void unlink(Bridging::VlanId vlan, std::uint32_t slot) {
+    Ends& ends = vlans_[vlan.value()];
+    const Link link = links_[slot];
+    (link.previous == none ? ends.first : links_[link.previous].next) = link.next;
+    (link.next == none ? ends.last : links_[link.next].previous) = link.previous;
+  }
+
+  std::array<Ends, Bridging::VlanId::max + 1> vlans_;
+  std::deque<Link> links_;  // by slot number; grows without moving
+};
+
+}  // namespace Vxlan

@@ -1,0 +1,19 @@
+#include "Vxlan/types/VtiStatus.h"
+
+namespace Vxlan {
+
+void VtiStatus::attributes(Kel::Attributes& list) const {
+  list("controllerClientMode", controllerClientMode_);
+  list("datapathLearning", datapathLearning_);
+  list("localVtepAddr", localVtepAddr_);
+  list("dgwVtepAddr", dgwVtepAddr_);
+}
+
+void VtiStatusDir::vtiStatusIs(const Qnet::IntfId& vti, Kel::Ptr<VtiStatus> status) {
+  if (!status) {
+    Kel::throwNullParameter("Vxlan::VtiStatusDir", "vtiStatus");
+  }
+  vtiStatus_.is(vti, std::move(status));
+}
+
+}  // namespace Vxlan

@@ -25,6 +25,7 @@ struct Request {
   static Request parse(std::string_view line);
 };
 
+// What is wrong with a line, and the id that its answer carries.
 class BadRequest : public RequestError {
  public:
   BadRequest(nlohmann::json id, const std::string& reason)

@@ -72,7 +72,7 @@ void Server::restAccepting() {
 void Server::admit(UniqueFd socket) {
   Peer peer;
   try {
-    peer = peerOf(socket.get());
+    peer = options_.identify(socket.get());
   } catch (const std::system_error& error) {
     log(std::string("control socket: ") + error.what());
     return;

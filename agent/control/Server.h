@@ -19,9 +19,11 @@
 
 namespace Agent::Control {
 
+// Where the server listens, whom it lets in, and how much of the agent a client may take.
 struct ServerOptions {
   std::string path{};  // of the socket file
   Access access{};
+  std::function<Peer(int socket)> identify = &peerOf;  // raises std::system_error
   std::size_t mostClients = 64;
   std::size_t longestLine = std::size_t{16} << 20;        // bytes of a request of who may patch
   std::size_t longestReaderLine = std::size_t{64} << 10;  // bytes of a request of who may only read
@@ -34,6 +36,7 @@ struct ServerOptions {
   std::function<void(std::string_view)> log{};  // one line without newline for each client that is dropped
 };
 
+// What the server has done since it began.
 struct ServerStats {
   std::uint64_t accepted = 0;  // connections
   std::uint64_t requests = 0;  // lines answered, also those refused

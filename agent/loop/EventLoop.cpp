@@ -264,12 +264,13 @@ void EventLoop::fireTimers(Clock::time_point now, std::uint64_t lastArmed) {
 void EventLoop::turnEmbedded() {
   embeddedDue_ = true;  // stays when a turn throws
   bool due = false;
-  for (std::size_t i = 0; i < embedded_.size(); ++i) {
+  const std::size_t count = embedded_.size();  // a loop embedded meanwhile begins with the next turn
+  for (std::size_t i = 0; i < count; ++i) {
     if (embedded_[i] != nullptr) {
       due = embedded_[i]->turn() || due;
     }
   }
-  embeddedDue_ = due;
+  embeddedDue_ = due || embedded_.size() > count;
   std::erase(embedded_, nullptr);
 }
 

@@ -5,12 +5,11 @@
 
 namespace Agent {
 
-void require(bool holds, std::string_view why, std::source_location where) noexcept {
+void require(bool holds, std::string_view why, const char* file, int line) noexcept {
   if (holds) [[likely]] {
     return;
   }
-  std::fprintf(stderr, "%s:%u: fatal: %.*s\n", where.file_name(), where.line(), static_cast<int>(why.size()),
-               why.data());
+  std::fprintf(stderr, "%s:%d: fatal: %.*s\n", file, line, static_cast<int>(why.size()), why.data());
   std::fflush(stderr);
   std::abort();
 }

@@ -1,0 +1,81 @@
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "agent/control/Ownership.h"
+#include "agent/control/Service.h"
+
+namespace TestControl {
+
+// An agent that is nothing but its document: patches go into "input"; "explode" is a member that it refuses.
+class FakeService : public Agent::Control::Service {
+ public:
+  using json = nlohmann::json;
+  using RequestError = Agent::Control::RequestError;
+
+  std::optional<Agent::Control::Refusal> patch(const json& patch, std::string_view who) override {
+    lastWho = who;
+    if (auto refusal = ownership.check(patch, who)) {
+      return refusal;
+    }
+    if (patch.contains("explode")) {
+      return Agent::Control::Refusal{"/explode", "unknown member"};
+    }
+    document["input"].merge_patch(patch);
+    tellChange();
+    return std::nullopt;
+  }
+
+  json get(const std::string& pointer) override {
+    ++reads;
+    if (onGet) {
+      onGet();
+    }
+    const json::json_pointer at{pointer};
+    if (!document.contains(at)) {
+      throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");
+    }
+    return document.at(at);
+  }
+
+  json call(const std::string& method, const json& params) override {
+    if (method == "echo") {
+      return params;
+    }
+    if (method == "flush") {
+      ++flushes;
+      return json::object();
+    }
+    if (method == "double") {
+      return 2 * params.at("number").get<int>();
+    }
+    throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + '"');
+  }
+
+  bool callChanges(const std::string& method) const override { return method == "flush"; }
+
+  void onChange(std::function<void()> listener) override { listener_ = std::move(listener); }
+
+  void tellChange() const {
+    if (listener_) {
+      listener_();
+    }
+  }
+
+  json document = {{"input", json::object()}, {"output", json::object()}, {"agent", json::object()}};
+  Agent::Control::Ownership ownership;
+  std::string lastWho;
+  std::function<void()> onGet;
+  int reads = 0;
+  int flushes = 0;
+
+ private:
+  std::function<void()> listener_;
+};
+
+}  // namespace TestControl

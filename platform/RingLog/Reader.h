@@ -80,8 +80,11 @@ class Trace {
   static Trace read(const std::string& path);
 
   const TraceInfo& info() const { return info_; }
-  const std::vector<Place>& places() const { return *places_; }  // in the order of their numbers
-  const std::vector<Record>& records() const { return records_; }
+  // Both belong to the trace, and a record points to its place: so not of one that is about to go.
+  const std::vector<Place>& places() const& { return *places_; }  // in the order of their numbers
+  const std::vector<Record>& records() const& { return records_; }
+  void places() const&& = delete;
+  void records() const&& = delete;
 
  private:
   friend class Follower;

@@ -1,0 +1,155 @@
+// The newest records overwrite the oldest of their level.
+
+#include <algorithm>
+#include <deque>
+#include <numeric>
+#include <random>
+
+#include "Scenario.h"
+
+using testing::ElementsAre;
+
+namespace RingLog {
+
+// Reaches into a log for what otherwise takes a day.
+class LogProbe {
+ public:
+  // Makes the block that a level is writing as old as its records' ticks can count, and older.
+  static void outlive(Log& log, unsigned level) { log.rings_[level].baseHigh -= 0x10000; }
+};
+
+}  // namespace RingLog
+
+namespace {
+
+constexpr std::size_t blockRoom = RingLog::Format::maxRecordBytes;
+constexpr std::size_t numberBytes = 16;  // a record of one number
+
+std::deque<std::string> onLevel(const RingLog::Trace& trace, unsigned level) {
+  std::deque<std::string> result;
+  for (const RingLog::Record& record : trace.records()) {
+    if (record.place->level == level) {
+      result.push_back(record.message());
+    }
+  }
+  return result;
+}
+
+std::vector<std::uint64_t> countUpTo(std::uint64_t end, std::size_t size) {
+  std::vector<std::uint64_t> result(size);
+  std::iota(result.begin(), result.end(), end - size);
+  return result;
+}
+
+void recordNumbers(RingLog::Log& log, std::uint64_t from, std::uint64_t end) {
+  for (std::uint64_t i = from; i < end; ++i) {
+    RINGLOG(log, 8, i);
+  }
+}
+
+}  // namespace
+
+TEST(Ring, KeepsEverythingUntilItsLastBlockIsFull) {
+  const auto log = openInMemory({.ringKiB = 4});
+  const std::uint64_t room = 4 * (blockRoom / numberBytes);
+  recordNumbers(*log, 0, room);
+  EXPECT_EQ(numbers(readBack(*log)), countUpTo(room, room));
+}
+
+TEST(Ring, GivesUpItsOldestBlockForTheNextRecord) {
+  const auto log = openInMemory({.ringKiB = 4});
+  const std::uint64_t block = blockRoom / numberBytes;
+  recordNumbers(*log, 0, 4 * block + 1);
+  EXPECT_EQ(numbers(readBack(*log)), countUpTo(4 * block + 1, 3 * block + 1));
+}
+
+TEST(Ring, HoldsTheNewestAfterManyTurns) {
+  const auto log = openInMemory();
+  const std::uint64_t block = blockRoom / numberBytes;
+  recordNumbers(*log, 0, 1000 * block);
+  EXPECT_EQ(numbers(readBack(*log)), countUpTo(1000 * block, 33 * block));
+}
+
+TEST(Ring, IsIndependentOfTheOtherLevels) {
+  const auto log = openInMemory();
+  RINGLOG(*log, 7, "rare ", 1U);
+  recordNumbers(*log, 0, 100000);
+  RINGLOG(*log, 7, "rare ", 2U);
+  EXPECT_THAT(onLevel(readBack(*log), 7), ElementsAre("rare 1", "rare 2"));
+}
+
+TEST(Ring, TakesTheLargestRecordThatFitsIntoABlock) {
+  const auto log = openInMemory({.ringKiB = 2});
+  const std::string text(RingLog::Format::maxTextBytes, 'x');
+  for (unsigned i = 0; i < 5; ++i) {
+    RINGLOG(*log, 8, i, text, text, text, text, text, text, text, text, text, text, text, text, text, text,
+            text);
+  }
+  const auto read = readBack(*log);
+  ASSERT_EQ(read.records().size(), 2U) << "one to a block";
+  EXPECT_EQ(numbers(read), (std::vector<std::uint64_t>{3, 4}));
+  EXPECT_EQ(read.records()[0].message(), "3" + std::string(15 * text.size(), 'x'));
+}
+
+TEST(Ring, BeginsANewBlockWhenTicksNoLongerCountFromTheBaseOfTheOld) {
+  const auto log = openInMemory();
+  recordNumbers(*log, 0, 2);
+  RingLog::LogProbe::outlive(*log, 8);
+  recordNumbers(*log, 2, 4);
+  const RingLog::Trace trace = readBack(*log);
+  EXPECT_EQ(numbers(trace), countUpTo(4, 4));
+  std::vector<std::uint64_t> blocks;
+  for (const RingLog::Record& record : trace.records()) {
+    blocks.push_back(record.block);
+  }
+  EXPECT_THAT(blocks, ElementsAre(1, 1, 2, 2));
+}
+
+namespace {
+
+// Records of random size on random levels, and beside each level a plain list of what was recorded there.
+class RandomRecording {
+ public:
+  RandomRecording(unsigned seed, RingLog::Log& log) : random_(seed), log_(log) {}
+
+  void go(unsigned count) {
+    for (unsigned i = 0; i < count; ++i) {
+      const std::string text(random_() % 70, static_cast<char>('a' + random_() % 26));
+      const std::size_t level = random_() % log_.levels();
+      RingLog::Site& site = sites_[level];
+      log_.record(site, i, ":", text);
+      recorded_[level].push_back(std::to_string(i) + ":" + text.substr(0, RingLog::Format::maxTextBytes));
+    }
+  }
+
+  const std::deque<std::string>& recorded(unsigned level) const { return recorded_[level]; }
+
+ private:
+  std::mt19937 random_;
+  RingLog::Log& log_;
+  RingLog::Site sites_[3] = {{0, "f", "x.cpp", 0}, {1, "f", "x.cpp", 1}, {2, "f", "x.cpp", 2}};
+  std::deque<std::string> recorded_[3];
+};
+
+}  // namespace
+
+// Each level has the end of its list without a gap, and as much as fits into all its blocks but one.
+TEST(Ring, HasTheEndOfWhatWasRecordedWhateverTheSizes) {
+  for (unsigned seed = 1; seed <= 300; ++seed) {
+    SCOPED_TRACE("seed " + std::to_string(seed));
+    const std::size_t ringKiB = 2 + seed % 4;
+    const auto log = openInMemory({.levels = 3, .ringKiB = ringKiB});
+    RandomRecording recording(seed, *log);
+    recording.go(seed * 3);
+    const RingLog::Trace trace = readBack(*log);
+    constexpr std::size_t largest = 80;
+    for (unsigned level = 0; level < 3; ++level) {
+      const std::deque<std::string> kept = onLevel(trace, level);
+      std::deque<std::string> expected = recording.recorded(level);
+      const std::size_t atLeast = std::min(expected.size(), (ringKiB - 1) * (blockRoom / largest));
+      ASSERT_GE(kept.size(), atLeast);
+      expected.erase(expected.begin(), expected.end() - static_cast<std::ptrdiff_t>(kept.size()));
+      ASSERT_EQ(kept, expected);
+    }
+  }
+}

@@ -54,6 +54,17 @@ class Rules(unittest.TestCase):
         self.write("platform/Kel/Ptr.cpp", '#include "Ptr.h"\n')
         self.red(tidy.rule_include_direction)
 
+    def test_a_program_may_have_headers_of_its_own(self):
+        self.write("tools/ringlog/CMakeLists.txt", "vcc_program(ringlog SOURCES main.cpp)\n")
+        self.write("tools/ringlog/Printer.h", "")
+        self.write("tools/ringlog/main.cpp", '#include "Printer.h"\n')
+        self.green(tidy.rule_include_direction)
+        self.green(tidy.rule_header_listed)
+        self.write("tools/ringlog/main.cpp", '#include "Paper.h"\n')
+        self.red(tidy.rule_include_direction)
+        self.write("tools/ringlog/CMakeLists.txt", "vcc_program(ringlog)\nvcc_room(Printing)\n")
+        self.red(tidy.rule_header_listed)
+
     def test_the_core_stands_on_nothing_foreign(self):
         self.write("agent/A.cpp", "#include <fmt/format.h>\n")
         self.green(tidy.rule_no_foreign_library)
@@ -112,7 +123,7 @@ class Rules(unittest.TestCase):
         self.green(tidy.rule_source_in_target)
 
     def test_nothing_is_left_unfinished(self):
-        self.write("agent/A.cpp", "// Done.\n")
+        self.write("agent/A.cpp", "// Done. A clock armed for " + "now fires on the next turn.\n")
         self.green(tidy.rule_finished)
         for number, word in enumerate(["TO" + "DO: more", "FIX" + "ME", "XX" + "X", "not implement" + "ed", "for " + "now"]):
             self.write(f"agent/B{number}.cpp", f"// {word}\n")

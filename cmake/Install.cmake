@@ -53,7 +53,7 @@ function(vcc_install_library target)
   endforeach()
 
   install(TARGETS ${target} EXPORT VxlanControllerClientTargets
-    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT runtime NAMELINK_COMPONENT development)
+    LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}" COMPONENT library NAMELINK_COMPONENT development)
   set(package "${CMAKE_INSTALL_LIBDIR}/cmake/VxlanControllerClient")
   install(EXPORT VxlanControllerClientTargets NAMESPACE VxlanControllerClient:: DESTINATION "${package}"
     COMPONENT development)
@@ -101,7 +101,7 @@ function(vcc_install_programs)
     if(TARGET ${target})
       file(RELATIVE_PATH up "/${CMAKE_INSTALL_BINDIR}" "/${CMAKE_INSTALL_LIBDIR}")
       set_target_properties(${target} PROPERTIES INSTALL_RPATH "\$ORIGIN/${up}")
-      install(TARGETS ${target} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT runtime)
+      install(TARGETS ${target} RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT agent)
     endif()
   endforeach()
 endfunction()

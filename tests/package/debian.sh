@@ -1,0 +1,44 @@
+#!/usr/bin/env bash
+# Makes the Debian packages of a build and looks into them: names, dependencies, and where the files would go.
+#
+#   debian.sh BUILD CPACK VERSION
+
+set -euo pipefail
+build=$1 cpack=$2 version=$3
+scratch=$(mktemp -d)
+trap 'rm -rf "$scratch"' EXIT
+
+"$cpack" -G DEB --config "$build/CPackConfig.cmake" -B "$scratch" >"$scratch/log" 2>&1 || { cat "$scratch/log"; exit 1; }
+
+# the_package NAME prints the file of the one package of that name and this version.
+the_package() {
+  local found=("$scratch/$1_$version"_*.deb)
+  [ -e "${found[0]}" ] || { echo "there is no package $1 of version $version: $(ls "$scratch")" >&2; exit 1; }
+  echo "${found[0]}"
+}
+
+# holds PACKAGE PATTERN... fails unless each pattern matches a path in the package.
+holds() {
+  local file paths pattern
+  file=$(the_package "$1")
+  shift
+  paths=$(dpkg-deb -c "$file" | awk '{ print $6 }')
+  for pattern in "$@"; do
+    grep -qE "$pattern" <<<"$paths" || { printf '%s\n' "$paths"; echo "$file lacks $pattern"; exit 1; }
+  done
+}
+
+# depends PACKAGE PATTERN fails unless the package depends on what the pattern matches.
+depends() {
+  dpkg-deb -f "$(the_package "$1")" Depends | grep -qE "$2" || { echo "$1 does not depend on $2"; exit 1; }
+}
+
+major=${version%%.*}
+holds "libvxlan-controller-client$major" "^./usr/lib/.*/?libVxlanControllerClient\.so\.$major$"
+depends "libvxlan-controller-client$major" 'libstdc\+\+6'
+holds libvxlan-controller-client-dev '^./usr/include/vxlan-controller-client/Kel/' \
+  '/libVxlanControllerClient\.so$' '/VxlanControllerClientConfig\.cmake$' '/vxlan-controller-client\.pc$'
+depends libvxlan-controller-client-dev "libvxlan-controller-client$major \(= $version\)"
+holds vxlan-agent '^./usr/bin/vxlan-agent$' '^./usr/bin/vxlanctl$' '^./usr/bin/ringlog$' '^./usr/bin/memtab$' \
+  '^./usr/share/man/man' '^./usr/lib/systemd/system/.*\.service$|^./lib/systemd/system/.*\.service$'
+depends vxlan-agent "libvxlan-controller-client$major \(= $version\)"

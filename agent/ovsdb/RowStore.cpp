@@ -77,7 +77,7 @@ void RowStore::unlinkUcast(Slot slot) {
   row.host = row.newer = row.older = row.sameLocatorNext = row.sameLocatorPrevious = noSlot;
   --logicalSwitches[row.logicalSwitch].users;
   if (!logicalSwitches[row.logicalSwitch].exists) {
-    comeAndGone.push_back(row.logicalSwitch);
+    gone_.insert(row.logicalSwitch);
   }
   releaseLocator(row.locator);
 }
@@ -114,7 +114,7 @@ void RowStore::unlinkMcast(const Uuid& uuid) {
   dropSetIfUnused(row.set);
   --logicalSwitch.users;
   if (!logicalSwitch.exists) {
-    comeAndGone.push_back(row.logicalSwitch);
+    gone_.insert(row.logicalSwitch);
   }
 }
 
@@ -130,6 +130,7 @@ void RowStore::removeLogicalSwitch(Slot slot) {
   row.key.reset();
   row.keyCleared = false;
   comeAndGone.push_back(slot);
+  gone_.insert(slot);
   topologyChanged = true;
   count(Table::logicalSwitch, -1);
 }
@@ -218,14 +219,27 @@ void RowStore::drop(Slot slot) {
   hosts.erase(slot);
 }
 
-bool RowStore::dropSwitch(Slot slot) {
-  const LogicalSwitch& row = logicalSwitches[slot];
-  if (row.exists || row.users > 0 || row.firstHost != noSlot || !row.floods.empty() || row.published ||
-      row.queued || row.walking) {
-    return false;
+void RowStore::dropUnused() {
+  std::erase_if(gone_, [&](Slot slot) {
+    const LogicalSwitch& row = logicalSwitches[slot];
+    if (row.exists) {
+      return true;
+    }
+    const bool used = row.users > 0 || row.firstHost != noSlot || !row.floods.empty() || row.published ||
+                      row.queued || row.walking;
+    if (!used) {
+      logicalSwitches.erase(slot);
+    }
+    return !used;
+  });
+}
+
+void RowStore::settleLocator(Slot slot) {
+  Locator& row = locators[slot];
+  row.touched = false;
+  if (!row.exists && row.users == 0) {
+    locators.erase(slot);
   }
-  logicalSwitches.erase(slot);
-  return true;
 }
 
 // --- the sweep after a whole update

@@ -94,6 +94,7 @@ class RowStore {
     bool lostHosts = false;  // since the session came back
     bool queued = false;
     bool walking = false;
+    std::size_t publishedHosts = 0;
     std::uint32_t generation = 1;  // of the published entry
     std::vector<Slot> pendingHosts;
     std::set<Mac> pendingFloods;
@@ -152,10 +153,13 @@ class RowStore {
   // Decides where a MAC's flooded frames go: the addresses of the newest row that can be used, ascending;
   // none if there is no such row.
   std::optional<std::vector<Ipv4>> resolveFlood(Slot logicalSwitch, Mac mac);
-  // Drops a MAC without rows, or a logical switch that nothing names and that has neither.
-  void drop(Slot host);
-  bool dropSwitch(Slot logicalSwitch);
   void markDirty(Slot host);
+  // The touched locator has been worked on.
+  void settleLocator(Slot locator);
+  // Drops a MAC without rows.
+  void drop(Slot host);
+  // Drops the logical switches that are gone and that nothing has to do with any more.
+  void dropUnused();
 
   std::size_t rows(Table table) const { return counts_[static_cast<std::size_t>(table)]; }
   // Problems of single rows: how many of each kind, and at most `most` of them in words.
@@ -178,7 +182,7 @@ class RowStore {
   std::set<std::pair<Slot, Mac>> dirtyFloods;
   bool allFloodsDirty = false;
   std::vector<Slot> touchedLocators;
-  std::vector<Slot> comeAndGone;  // logical switches that began or ceased to exist
+  std::vector<Slot> comeAndGone;  // logical switches that began or ceased to exist; some may be dropped
   bool topologyChanged = false;
 
  private:
@@ -216,6 +220,7 @@ class RowStore {
   bool sweepMap(Map& map, Remove remove);
 
   std::uint32_t epoch_ = 1;
+  std::set<Slot> gone_;  // logical switches that do not exist and may be dropped when they are unused
   Slot sweepUcast_ = 0;
   std::array<std::size_t, tableCount> counts_{};
   ProblemCounts problemCounts_{};

@@ -129,6 +129,11 @@ void Topology::decideVnis(RowStore& rows, bool converging) {
              "tunnel key " + std::to_string(*row.key) + " of " + quoted(row.name) +
                  " is out of range 1 to 16777215");
     }
+    if (!row.mode.empty() && row.mode != "source_node" && row.mode != "service_node") {
+      object(ProblemKind::badReplicationMode, Table::logicalSwitch, rows.logicalSwitches.key(slot),
+             "replication mode " + quoted(row.mode) + " of " + quoted(row.name) +
+                 " is not known; service_node is assumed");
+    }
     row.heldKey = decision.publishable || converging ? row.heldKey : 0;
     decision.vni = row.exists ? row.heldKey : 0;
     decisions_.push_back(decision);

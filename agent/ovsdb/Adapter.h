@@ -1,0 +1,109 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include "agent/loop/EventLoop.h"
+#include "agent/ovsdb/Mapper.h"
+#include "agent/ovsdb/Session.h"
+#include "agent/ovsdb/Transport.h"
+
+namespace Agent::Ovsdb {
+
+// What the adapter tells of itself.
+struct AdapterStatus {
+  SessionState session = SessionState::backoff;
+  std::string remote;  // in use, or tried last
+  std::uint64_t reconnects = 0;
+  std::string lastError;  // empty: none so far
+  std::string lastTransaction;
+  std::uint64_t updates = 0;
+  std::map<std::string, std::size_t> rows;  // by table
+  std::size_t hostsPublished = 0;
+  std::size_t duplicates = 0;
+  std::map<std::string, std::size_t> problems;  // by kind, of those that there are
+  bool converging = false;
+  double convergingFor = 0;      // seconds; 0 when it is not
+  std::string convergenceCause;  // of the last convergence
+  std::uint64_t convergences = 0;
+  std::chrono::nanoseconds longestSlice{0};  // of the adapter's own work in one piece
+
+  nlohmann::json json() const;
+};
+
+// The controller database on the agent's event loop: session, transport and mapper put together. It reads,
+// decides and answers by itself, a slice at a time; the agent takes the patches with next() whenever
+// `onPending` has told that there are some, and until there are none.
+class Adapter {
+ public:
+  struct Options {
+    SessionOptions session;
+    MapperOptions mapper;
+    TlsOptions tls;
+    std::size_t rowsPerSlice = 512;
+    std::size_t bytesPerRead = std::size_t{256} * 1024;
+  };
+
+  // `loop` must outlive the adapter. `onPending` may call next(), and must not destroy the adapter. Raises
+  // std::invalid_argument for options that cannot be.
+  Adapter(EventLoop& loop, Options options, std::function<void()> onPending, Session::Log log);
+  ~Adapter();
+  Adapter(const Adapter&) = delete;
+  Adapter& operator=(const Adapter&) = delete;
+
+  // The next patch of the input document, with at most about `hosts` hosts; nothing when there is none now.
+  std::optional<nlohmann::json> next(std::size_t hosts);
+  bool pending() const { return mapper_.pending(); }
+  // JSON Pointers to the members of the input document that are the adapter's alone.
+  std::vector<std::string> ownedPointers() const;
+
+  AdapterStatus status() const;
+  std::vector<Problem> problems(std::size_t most) const { return mapper_.problems(most); }
+  nlohmann::json explain(Mac mac, std::optional<std::uint32_t> vni, std::optional<std::uint16_t> vlan) const {
+    return mapper_.explain(mac, vni, vlan);
+  }
+  const Mapper& mapper() const { return mapper_; }
+
+ private:
+  double now() const;
+  void turn();
+  void timer();
+  void ready();
+  void connect();
+  void establish();
+  void flush();
+  void watch();
+  void forget();
+  void arm();
+  void startWork();
+  bool slice();
+  bool sliceOnce();
+  bool readMore();
+  void fail(const std::string& why);
+  template <typename Part>
+  auto measured(Part part);
+
+  EventLoop& loop_;
+  Options options_;
+  std::function<void()> onPending_;
+  Mapper mapper_;
+  Session session_;
+  Transport transport_;
+  bool up_ = false;  // the transport carries the session
+  int watched_ = -1;
+  std::uint32_t events_ = 0;
+  EventLoop::TimerId timer_ = EventLoop::TimerId::none;
+  double timerDue_ = 0;
+  EventLoop::WorkId work_ = EventLoop::WorkId::none;
+  std::chrono::nanoseconds longestSlice_{0};
+};
+
+}  // namespace Agent::Ovsdb

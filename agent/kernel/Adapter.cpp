@@ -1,0 +1,300 @@
+#include "agent/kernel/Adapter.h"
+
+#include <linux/rtnetlink.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <utility>
+
+namespace Agent::Kernel {
+
+namespace {
+
+constexpr std::size_t kAnswerBuffer = std::size_t{4} << 20U;
+constexpr std::size_t kReportBuffer = std::size_t{16} << 20U;
+constexpr std::size_t kDumpPart = std::size_t{32}
+                                  << 10U;  // The kernel's parts of a dump are at most this long.
+constexpr std::size_t kReport = std::size_t{8} << 10U;
+constexpr std::size_t kAnswersAtOnce = 32;
+constexpr std::size_t kReportsAtOnce = 64;
+constexpr int kReadsAtOnce = 16;
+
+}  // namespace
+
+Adapter::Adapter(const Options& options)
+    : engine_(options),
+      requests_(options.netns, kAnswerBuffer, kDumpPart, kAnswersAtOnce),
+      reports_(options.netns, kReportBuffer, kReport, kReportsAtOnce),
+      batchBytes_(options.batchBytes) {
+  if (!reports_.join(RTNLGRP_LINK) || !reports_.join(RTNLGRP_NEIGH)) {
+    throw SocketError("rtnetlink socket: the kernel does not report changes of devices and rows");
+  }
+  (void)reports_.join(
+      RTNLGRP_NEXTHOP);  // Without it there are no nexthops either, and the first request tells.
+}
+
+Time Adapter::now() {
+  return std::chrono::steady_clock::now().time_since_epoch();
+}
+
+void Adapter::vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<std::string> ports) {
+  engine_.vniIs(vni, vlan, std::move(vti), local, std::move(ports));
+}
+void Adapter::vniDel(Vni vni) {
+  engine_.vniDel(vni);
+}
+void Adapter::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
+  engine_.hostIs(vlan, mac, vtep);
+}
+void Adapter::hostDel(Vlan vlan, Mac mac) {
+  engine_.hostDel(vlan, mac);
+}
+void Adapter::floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps) {
+  engine_.floodIs(vlan, mac, type, std::move(vteps));
+}
+void Adapter::floodDel(Vlan vlan, Mac mac) {
+  engine_.floodDel(vlan, mac);
+}
+void Adapter::settled() {
+  engine_.settled();
+}
+
+void Adapter::onReadable(int fd) {
+  if (fd == reports_.fd()) reportsLeft_ = true;
+}
+
+bool Adapter::run(Time budget) {
+  const Time begin = now();
+  Time at = begin;
+  bool idle = false;
+  while (!idle && at - begin < budget) {
+    bool heard = readAnswers();
+    if (drainReports()) {
+      const Batch& batch = engine_.batch(at);
+      if (!batch.empty()) {
+        send(batch);
+      } else {
+        idle = !heard && !engine_.moreWork();
+      }
+    }
+    at = now();
+  }
+  longestSlice_ = std::max(longestSlice_, at - begin);
+  return !idle;
+}
+
+// Returns whether all reports have been read. At the most some are read, so that a flood of them ends a
+// slice.
+bool Adapter::drainReports() {
+  reportsLeft_ = true;
+  for (int n = 0; n < kReadsAtOnce; ++n) {
+    switch (reports_.receive([this](const nlmsghdr& message) { report(message, false); })) {
+      case Socket::Heard::messages:
+        break;
+      case Socket::Heard::overrun:
+        engine_.overrun();
+        break;
+      case Socket::Heard::nothing:
+        reportsLeft_ = false;
+        return true;
+    }
+  }
+  return false;
+}
+
+bool Adapter::readAnswers() {
+  bool any = false;
+  for (int n = 0; n < kReadsAtOnce; ++n) {
+    switch (requests_.receive([this](const nlmsghdr& message) { heard(message); })) {
+      case Socket::Heard::messages:
+        any = true;
+        break;
+      case Socket::Heard::overrun:
+        any = true;
+        if (std::exchange(outstanding_, 0) != 0) engine_.answersLost();
+        if (std::exchange(dumpSequence_, 0) != 0) engine_.dumpEnd(false);
+        break;
+      case Socket::Heard::nothing:
+        return any;
+    }
+    if (outstanding_ == 0) return any;
+  }
+  return any;
+}
+
+void Adapter::send(const Batch& batch) {
+  batchBegin_ = sequence_;
+  sequence_ += static_cast<std::uint32_t>(batch.size());
+  messages_.clear();
+  for (std::size_t at = 0; at < batch.size(); ++at) {
+    const Request& request = batch.requests()[at];
+    if (messages_.size() >= batchBytes_) sendPending();
+    messages_.add(request, batchBegin_ + static_cast<std::uint32_t>(at));
+    if (std::holds_alternative<Dump>(request)) {
+      dumpSequence_ = batchBegin_ + static_cast<std::uint32_t>(at);
+      dumpWhole_ = true;
+    } else {
+      ++outstanding_;
+    }
+  }
+  sendPending();
+  while (outstanding_ > 0 && readAnswers()) {
+  }
+  // The kernel has worked the batch off when send returns: answers that are not there now never come.
+  if (std::exchange(outstanding_, 0) != 0) engine_.answersLost();
+}
+
+void Adapter::sendPending() {
+  if (messages_.empty()) return;
+  // If it fails no answers come, which is taken as answers lost; a dump is asked for again.
+  if (requests_.send(messages_.data(), messages_.size()) != 0 && std::exchange(dumpSequence_, 0) != 0) {
+    engine_.dumpFailed(ENOBUFS, "the request could not be sent");
+  }
+  messages_.clear();
+}
+
+void Adapter::heard(const nlmsghdr& message) {
+  if (askSequence_ != 0 && message.nlmsg_seq == askSequence_) {
+    if (message.nlmsg_type == NLMSG_ERROR) {
+      askError_ = readAnswer(message).text;
+      askSequence_ = 0;
+    } else if (auto row = readRow(message)) {
+      asked_.push_back(*row);
+    }
+    return;
+  }
+  if (dumpSequence_ == 0 || message.nlmsg_seq != dumpSequence_) {
+    if (message.nlmsg_type == NLMSG_ERROR) answered(message);
+    return;
+  }
+  if (readInterrupted(message)) dumpWhole_ = false;
+  if (message.nlmsg_type == NLMSG_ERROR) {
+    Answer answer = readAnswer(message);
+    dumpSequence_ = 0;
+    engine_.dumpFailed(answer.error, answer.text);
+  } else if (message.nlmsg_type == NLMSG_DONE) {
+    dumpSequence_ = 0;
+    engine_.dumpEnd(dumpWhole_ && readDone(message) == 0);
+  } else {
+    report(message, true);
+  }
+}
+
+void Adapter::answered(const nlmsghdr& message) {
+  std::uint32_t at = message.nlmsg_seq - batchBegin_;
+  if (outstanding_ == 0 || message.nlmsg_seq < batchBegin_ || message.nlmsg_seq >= sequence_) return;
+  --outstanding_;
+  Answer answer = readAnswer(message);
+  engine_.answered(at, answer.error, answer.text);
+}
+
+void Adapter::report(const nlmsghdr& message, bool dumped) {
+  switch (message.nlmsg_type) {
+    case RTM_NEWNEIGH:
+      if (auto row = readRow(message)) engine_.rowIs(*row, dumped);
+      break;
+    case RTM_DELNEIGH:
+      if (auto row = readRow(message)) engine_.rowDel(*row);
+      break;
+    case RTM_NEWNEXTHOP:
+      if (auto nexthop = readNexthop(message)) engine_.nexthopIs(*nexthop);
+      break;
+    case RTM_DELNEXTHOP:
+      if (auto nexthop = readNexthop(message)) engine_.nexthopDel(nexthop->id);
+      break;
+    case RTM_NEWLINK:
+      if (auto link = readLink(message)) engine_.linkIs(*link);
+      break;
+    case RTM_DELLINK:
+      if (auto link = readLink(message)) engine_.linkDel(link->index);
+      break;
+    default:
+      break;
+  }
+}
+
+nlohmann::json Adapter::readBack(const Row& row) {
+  asked_.clear();
+  askError_.clear();
+  askSequence_ = sequence_++;
+  messages_.clear();
+  messages_.add(RowGet{row}, askSequence_);
+  int error = requests_.send(messages_.data(), messages_.size());
+  messages_.clear();
+  while (error == 0 && askSequence_ != 0 && readAnswers()) {
+  }
+  askSequence_ = 0;
+  if (asked_.empty()) return {{"there", false}, {"answer", askError_}};
+  const Row& found = asked_.front();
+  nlohmann::json out{{"there", true}, {"marked", found.marked}};
+  if (found.dst) out["dst"] = found.dst.text();
+  if (found.nexthop != 0) out["nexthop"] = found.nexthop;
+  if (found.table == Table::bridge) {
+    const Link* port = engine_.link(found.device);
+    out["port"] = port != nullptr ? port->name : std::to_string(found.device);
+  }
+  return out;
+}
+
+nlohmann::json Adapter::explain(Vlan vlan, Mac mac) {
+  Explanation known = engine_.explain(vlan, mac);
+  auto texts = [](const std::vector<Ip4>& addresses) {
+    nlohmann::json out = nlohmann::json::array();
+    for (Ip4 address : addresses) out.push_back(address.text());
+    return out;
+  };
+  nlohmann::json out{
+      {"vlan", vlan}, {"mac", mac.text()}, {"mapped", known.mapped}, {"differs", known.differs}};
+  if (known.mapped) out["vni"] = known.vni;
+  out["wanted"] = nlohmann::json::object();
+  if (known.wanted) out["wanted"] = {{"kind", known.wantedKind}, {"vteps", texts(known.wantedVteps)}};
+  nlohmann::json device{
+      {"device", known.device}, {"row", known.deviceMark}, {"vteps", texts(known.deviceVteps)}};
+  if (known.deviceNexthop != 0) device["nexthop"] = known.deviceNexthop;
+  out["acknowledged"]["device"] = device;
+  out["acknowledged"]["bridge"] = {{"bridge", known.bridge}, {"row", known.portMark}, {"port", known.port}};
+  out["kernel"] = nlohmann::json::object();
+  if (known.deviceIndex != 0) {
+    out["kernel"]["device"] = readBack({Table::device, known.deviceIndex, 0, mac, {}, 0, false, false});
+  }
+  if (known.bridgeIndex != 0 && !mac.group()) {
+    out["kernel"]["bridge"] = readBack({Table::bridge, 0, known.bridgeIndex, mac, {}, 0, false, false});
+  }
+  if (!known.problem.empty()) out["problem"] = known.problem;
+  return out;
+}
+
+nlohmann::json Adapter::status() const {
+  nlohmann::json out;
+  for (const Tally& tally : engine_.tallies()) {
+    out["kinds"][tally.kind] = {
+        {"wanted", tally.wanted}, {"there", tally.there}, {"differing", tally.differing}};
+  }
+  const Counters& counters = engine_.counters();
+  out["counters"] = {{"requests", counters.requests}, {"acknowledged", counters.acknowledged},
+                     {"refused", counters.refused},   {"reports", counters.notifications},
+                     {"overruns", counters.overruns}, {"audits", counters.audits},
+                     {"repairs", counters.repairs}};
+  out["adopted"] = engine_.adopted();
+  out["longestSliceNs"] = longestSlice_.count();
+  out["problems"] = engine_.problems(0).second;
+  return out;
+}
+
+nlohmann::json Adapter::problems(std::size_t most) const {
+  auto [found, count] = engine_.problems(most);
+  nlohmann::json out = nlohmann::json::array();
+  for (const Problem& problem : found) {
+    double pause = std::chrono::duration<double>(problem.next - now()).count();
+    out.push_back({{"what", problem.what},
+                   {"why", problem.why},
+                   {"attempts", problem.attempts},
+                   {"retryInSeconds", std::max(pause, 0.0)}});
+  }
+  if (count > found.size()) {
+    out.push_back({{"what", std::to_string(count - found.size()) + " more"}, {"why", "not listed"}});
+  }
+  return out;
+}
+
+}  // namespace Agent::Kernel

@@ -1,0 +1,63 @@
+#pragma once
+
+#include <string_view>
+#include <vector>
+
+#include "agent/kernel/Hosts.h"
+#include "agent/kernel/State.h"
+
+namespace Agent::Kernel {
+
+/// Keeps a bridge and a VXLAN device for each mapped VLAN, with its ports. A device that is there is used:
+/// one of ours (by its alias) is corrected and, when it is no longer wanted, deleted; another's is used as it
+/// is, and what is amiss with it is told.
+///
+/// When a VLAN changes its VNI, the new device is made beside the old one in the same bridge (both isolated,
+/// so that nothing loops between them), filled, then the bridge's rows are turned to it one by one, and only
+/// then the old one is deleted.
+class Devices {
+ public:
+  explicit Devices(State& state) : state_(state) {}
+
+  void is(Vlan vlan, const Mapping& mapping);
+  void del(Vlan vlan);
+
+  void linkIs(const Link& link);
+  void linkDel(IfIndex index);
+
+  /// Asks for what is missing of the domain's devices, one step at a time.
+  void work(Domain& domain, Batch& out);
+  /// Asks to delete the devices of ours that nothing wants.
+  void sweep(Batch& out);
+  void answered(const Request& request, const Key& key, int error, std::string_view text);
+  /// Begins to use the device; `blind`: it may have rows that are not known.
+  void deviceIs(Domain& domain, IfIndex device, bool blind);
+  void bridgeIs(Domain& domain, IfIndex bridge);
+
+  /// Whether the domain's devices and ports are as they are wanted.
+  bool differs(const Domain& domain) const;
+  std::size_t stale() const;
+
+ private:
+  void adopt(const Link& link);
+  void requeueUsers(const Link& link);
+  const Link* device(const Domain& domain) const;
+  const Link* bridge(const Domain& domain, const Link* device) const;
+  void askBridge(Domain& domain, Batch& out);
+  void askDevice(Domain& domain, const Link& bridge, Batch& out);
+  bool correctBridge(Domain& domain, const Link& bridge, Batch& out);
+  bool correctDevice(Domain& domain, const Link& bridge, const Link& device, Batch& out);
+  std::string complaint(const Domain& domain, const Link& device) const;
+  bool isolate(const Link& bridge, const Link& device, Batch& out);
+  void workPorts(Domain& domain, const Link& bridge, Batch& out);
+  void workPort(Domain& domain, const Link& bridge, std::size_t at, Batch& out);
+  void freePorts(Domain& domain, Batch& out);
+  std::vector<IfIndex> unwanted() const;
+  bool used(const Link& link) const;
+  bool mayGo(const Link& link) const;
+  void fail(const Key& key, std::string why);
+
+  State& state_;
+};
+
+}  // namespace Agent::Kernel

@@ -1,0 +1,40 @@
+#pragma once
+
+#include <chrono>
+#include <string>
+
+#include "agent/kernel/Types.h"
+
+namespace Agent::Kernel {
+
+/// How the kernel is programmed. The defaults are right for one agent in a network namespace.
+struct Options {
+  /// Begins the alias of every device that we make; what carries it is ours.
+  std::string owner = "vxlan-agent";
+  /// The device group that a device of ours is made in, until it has its alias: the kernel sets no alias at
+  /// birth.
+  std::uint32_t birthGroup = 0x56000000;
+  /// A bridge is named by this and its VLAN, a VXLAN device by this and its VNI.
+  std::string bridgePrefix = "vxb";
+  std::string devicePrefix = "vx";
+  std::uint16_t udpPort = 4789;
+  /// Nexthop objects of this routing protocol number, from this number on (three ranges of 2^20), are ours.
+  std::uint8_t nexthopProtocol = 86;
+  NexthopId nexthopBase = 0x56000000;
+  /// Whether to use nexthop groups if the kernel has them.
+  bool nexthops = true;
+  /// The time between two comparisons with the whole of the kernel's tables.
+  Time auditEvery = std::chrono::seconds(60);
+  /// The first and the longest pause before a refused change is tried again.
+  Time retryFirst = std::chrono::milliseconds(100);
+  Time retryMost = std::chrono::seconds(30);
+  /// How long a host that was seen at a local port stays there against the controller's word.
+  Time yieldFor = std::chrono::seconds(10);
+  /// Requests in one sendmsg, and the bytes that end it earlier.
+  std::size_t batchRequests = 256;
+  std::size_t batchBytes = std::size_t{64} << 10U;
+  /// The path of a network namespace to work in; empty is the process's own.
+  std::string netns;
+};
+
+}  // namespace Agent::Kernel

@@ -1,0 +1,285 @@
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <random>
+
+#include "FakeKernel.h"
+#include "agent/kernel/Engine.h"
+
+// Random sequences: the controller changes its mind, others delete and change rows, devices and nexthops,
+// reports get lost, requests are refused, the agent restarts. When the world is quiet again the kernel is as
+// wanted, by a plain model of what is wanted, and what others put there is still there.
+namespace Agent::Kernel::Test {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+struct Wanted {
+  std::map<Vlan, Vni> vnis;
+  std::map<std::pair<Vlan, Mac>, Ip4> hosts;
+  std::map<std::pair<Vlan, Mac>, FloodSet> floods;
+};
+
+class Story {
+ public:
+  explicit Story(unsigned seed) : random_(seed) { restart(); }
+
+  void step();
+  void calm();
+  std::string there() const { return kernel_.text(); }
+  std::string wanted() const;
+  const FakeKernel& kernel() const { return kernel_; }
+
+ private:
+  unsigned pick(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
+  Vlan vlan() { return static_cast<Vlan>(10 + pick(3)); }
+  Mac unicast() { return {0x020000000000ULL + pick(12)}; }
+  Mac group() { return pick(2) == 0 ? Mac{} : Mac{0x01005e000000ULL + pick(2)}; }
+  Ip4 vtep() { return {0x0a000002U + pick(4)}; }
+  std::vector<Ip4> vteps();
+  void restart();
+  void tell();
+  void controllerStep();
+  void othersStep();
+  void disturb();
+  std::string wantedHost(Vlan vlan, Mac mac, const std::string& device) const;
+  void wantedRows(Vlan vlan, std::set<std::string>& lines) const;
+
+  std::mt19937 random_;
+  FakeKernel kernel_;
+  std::optional<Engine> engine_;
+  Wanted wanted_;
+  std::set<std::string> foreign_;
+  Time now_{seconds(1000)};
+  bool refusing_ = false;
+};
+
+std::vector<Ip4> Story::vteps() {
+  std::set<Ip4> out;
+  for (unsigned n = 1 + pick(3); n > 0; --n) out.insert(vtep());
+  return {out.begin(), out.end()};
+}
+
+void Story::restart() {
+  engine_.emplace(Options{});
+  kernel_.reconnect();
+  if (pick(2) == 0) kernel_.run(*engine_, now_);
+  tell();
+}
+
+void Story::tell() {
+  for (const auto& [vlan, vni] : wanted_.vnis) engine_->vniIs(vni, vlan, "Vxlan1", {0x0a000001U}, {});
+  for (const auto& [key, vtep] : wanted_.hosts) engine_->hostIs(key.first, key.second, vtep);
+  for (const auto& [key, set] : wanted_.floods) engine_->floodIs(key.first, key.second, set.type, set.vteps);
+  if (pick(2) == 0) engine_->settled();
+}
+
+void Story::controllerStep() {
+  Vlan vlan = this->vlan();
+  switch (pick(8)) {
+    case 0: {
+      Vni vni = 5000U + vlan + 100U * pick(2);
+      auto before = wanted_.vnis.find(vlan);
+      if (before != wanted_.vnis.end() && before->second != vni && pick(2) == 0)
+        engine_->vniDel(before->second);
+      engine_->vniIs(vni, vlan, "Vxlan1", {0x0a000001U}, {});
+      wanted_.vnis[vlan] = vni;
+      break;
+    }
+    case 1: {
+      auto before = wanted_.vnis.find(vlan);
+      if (before == wanted_.vnis.end() || pick(3) != 0) break;
+      engine_->vniDel(before->second);
+      wanted_.vnis.erase(before);
+      break;
+    }
+    case 2:
+    case 3:
+    case 4: {
+      Mac mac = unicast();
+      Ip4 to = vtep();
+      engine_->hostIs(vlan, mac, to);
+      wanted_.hosts[{vlan, mac}] = to;
+      break;
+    }
+    case 5: {
+      Mac mac = unicast();
+      engine_->hostDel(vlan, mac);
+      wanted_.hosts.erase({vlan, mac});
+      break;
+    }
+    case 6: {
+      Mac mac = pick(3) == 0 ? unicast() : group();
+      FloodSet set{mac.group() && pick(2) == 0 ? FloodType::all : FloodType::any, vteps()};
+      engine_->floodIs(vlan, mac, set.type, set.vteps);
+      wanted_.floods[{vlan, mac}] = set;
+      break;
+    }
+    default: {
+      Mac mac = pick(3) == 0 ? unicast() : group();
+      engine_->floodDel(vlan, mac);
+      wanted_.floods.erase({vlan, mac});
+      break;
+    }
+  }
+}
+
+void Story::othersStep() {
+  switch (pick(6)) {
+    case 0:
+      if (!kernel_.deviceRows().empty()) {
+        auto at =
+            std::next(kernel_.deviceRows().begin(), pick(static_cast<unsigned>(kernel_.deviceRows().size())));
+        Ip4 dst = at->second.dsts.empty() ? Ip4{} : at->second.dsts.front();
+        (void)kernel_.apply(
+            RowDel{{Table::device, at->first.first, 0, at->first.second, dst, 0, false, false}});
+      }
+      break;
+    case 1:
+      if (!kernel_.bridgeRows().empty()) {
+        auto at =
+            std::next(kernel_.bridgeRows().begin(), pick(static_cast<unsigned>(kernel_.bridgeRows().size())));
+        auto key = at->first;
+        kernel_.age(key.first, key.second);
+      }
+      break;
+    case 2:
+      if (!kernel_.nexthops().empty()) {
+        auto at =
+            std::next(kernel_.nexthops().begin(), pick(static_cast<unsigned>(kernel_.nexthops().size())));
+        NexthopId id = at->first;
+        (void)kernel_.apply(NexthopDel{id});
+      }
+      break;
+    case 3:
+      if (const Link* link = kernel_.link("vx50" + std::to_string(vlan())); link != nullptr && pick(4) == 0) {
+        kernel_.deleteLink(link->index);
+      }
+      break;
+    case 4:
+      if (const Link* link = kernel_.link("vxb" + std::to_string(vlan())); link != nullptr && pick(6) == 0) {
+        kernel_.deleteLink(link->index);
+      }
+      break;
+    default:
+      if (const Link* link = kernel_.link("vx50" + std::to_string(vlan())); link != nullptr) {
+        Mac mac{0x06000000aa00ULL + pick(20)};  // Never one that the controller speaks of.
+        (void)kernel_.apply(RowAdd{RowAdd::How::replace,
+                                   {Table::device, link->index, 0, mac, {0x0a0000ffU}, 0, false, false}});
+      }
+      break;
+  }
+}
+
+void Story::disturb() {
+  switch (pick(4)) {
+    case 0:
+      kernel_.reportLimitIs(pick(2) == 0 ? pick(5) : 100000);
+      break;
+    case 1:
+      refusing_ = !refusing_;
+      kernel_.refusalIs([this](const Request&) { return refusing_ && pick(4) == 0 ? EBUSY : 0; });
+      break;
+    case 2:
+      if (pick(5) == 0) restart();
+      break;
+    default:
+      now_ += milliseconds(pick(2000));
+      break;
+  }
+}
+
+void Story::step() {
+  unsigned what = pick(10);
+  if (what < 5) {
+    controllerStep();
+  } else if (what < 7) {
+    othersStep();
+  } else {
+    disturb();
+  }
+  for (unsigned n = pick(4); n > 0; --n) kernel_.turn(*engine_, now_);
+}
+
+void Story::calm() {
+  kernel_.reportLimitIs(100000);
+  kernel_.refusalIs({});
+  engine_->settled();
+  for (int n = 0; n < 12; ++n) {
+    kernel_.run(*engine_, now_);
+    now_ += seconds(31);
+  }
+}
+
+std::string Story::wantedHost(Vlan vlan, Mac mac, const std::string& device) const {
+  std::string vteps;
+  auto set = wanted_.floods.find({vlan, mac});
+  auto host = wanted_.hosts.find({vlan, mac});
+  if (set != wanted_.floods.end()) {
+    for (Ip4 vtep : set->second.vteps) vteps += " " + vtep.text();
+  } else if (host != wanted_.hosts.end()) {
+    vteps = " " + host->second.text();
+  }
+  return "row " + device + " " + mac.text() + " via" + vteps;
+}
+
+void Story::wantedRows(Vlan vlan, std::set<std::string>& lines) const {
+  std::string device = "vx" + std::to_string(wanted_.vnis.at(vlan));
+  std::string bridge = "vxb" + std::to_string(vlan);
+  std::set<Mac> macs;
+  for (const auto& [key, vtep] : wanted_.hosts) {
+    if (key.first == vlan) macs.insert(key.second);
+  }
+  for (const auto& [key, set] : wanted_.floods) {
+    if (key.first != vlan) continue;
+    if (!key.second.group()) {
+      macs.insert(key.second);
+      continue;
+    }
+    std::string line =
+        "row " + device + " " + key.second.text() + (set.type == FloodType::any ? " any" : " dst");
+    for (Ip4 vtep : set.vteps) line += " " + vtep.text();
+    lines.insert(line);
+  }
+  for (Mac mac : macs) {
+    lines.insert(wantedHost(vlan, mac, device));
+    lines.insert("row " + bridge + " " + mac.text() + " port " + device);
+  }
+}
+
+std::string Story::wanted() const {
+  std::set<std::string> lines;
+  for (const auto& [vlan, vni] : wanted_.vnis) {
+    std::string device = "vx" + std::to_string(vni);
+    std::string bridge = "vxb" + std::to_string(vlan);
+    lines.insert("link " + bridge);
+    lines.insert("link " + device + " in " + bridge);
+    wantedRows(vlan, lines);
+  }
+  // Rows of others last as long as the device that they are in.
+  for (const auto& [key, row] : kernel_.deviceRows()) {
+    if (key.second.bits >> 40U != 6) continue;
+    lines.insert("row " + kernel_.links().at(key.first).name + " " + key.second.text() + " dst 10.0.0.255");
+  }
+  std::string out;
+  for (const std::string& line : lines) out += line + "\n";
+  return out;
+}
+
+class EngineRandomTest : public ::testing::TestWithParam<unsigned> {};
+
+TEST_P(EngineRandomTest, TheKernelComesToWhatIsWantedAndKeepsWhatIsOthers) {
+  SCOPED_TRACE("seed " + std::to_string(GetParam()));
+  Story story(GetParam());
+  for (int part = 0; part < 8; ++part) {
+    for (int n = 0; n < 60; ++n) story.step();
+    story.calm();
+    ASSERT_EQ(story.there(), story.wanted()) << "in part " << part;
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Seeds, EngineRandomTest, ::testing::Range(1U, 41U));
+
+}  // namespace
+}  // namespace Agent::Kernel::Test

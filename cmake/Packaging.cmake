@@ -4,7 +4,16 @@
 if(TARGET VxlanControllerClient)
   vcc_install_library(VxlanControllerClient)
 endif()
-vcc_install_programs(vxlan-agent vxlanctl ringlog memtab)
+set(programs vxlan-agent vxlanctl ringlog memtab)
+vcc_install_programs(${programs})
+
+# What is shipped, without tests and benchmarks: as much as an installation needs.
+add_custom_target(vcc_shipped)
+foreach(target VxlanControllerClient ${programs})
+  if(TARGET ${target})
+    add_dependencies(vcc_shipped ${target})
+  endif()
+endforeach()
 
 # vcc_install_files(DESTINATION PATTERN...) installs the files of the project that match, as part of the agent.
 function(vcc_install_files destination)

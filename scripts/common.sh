@@ -56,8 +56,8 @@ check() {
   fi
 }
 
-# configure PRESET and build PRESET [TARGET...]: into build/PRESET, output in its log files.
-configure() { quietly "build/$1/configure.log" cmake --preset "$1"; }
+# configure PRESET [ARGUMENT...] and build PRESET [TARGET...]: into build/PRESET, output in its log files.
+configure() { quietly "build/$1/configure.log" cmake --preset "$@"; }
 build() {
   local preset=$1
   shift

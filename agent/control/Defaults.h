@@ -1,0 +1,10 @@
+#pragma once
+
+// Where the agent and its tools meet, unless they are configured otherwise.
+namespace Agent::Defaults {
+
+inline constexpr const char* socketPath = "/run/vxlan-agent/control.sock";
+inline constexpr const char* hostTable = "/vxlan-agent.hosts";  // in shared memory
+inline constexpr const char* traceFile = "/var/lib/vxlan-agent/vxlan-agent.trace";
+
+}  // namespace Agent::Defaults

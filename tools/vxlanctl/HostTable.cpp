@@ -1,0 +1,60 @@
+#include "tools/vxlanctl/HostTable.h"
+
+#include <algorithm>
+#include <functional>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "Memtab/Reader.h"
+#include "Vxlan/types/Bridging.h"
+#include "Vxlan/types/L2RibHost.h"
+
+namespace Vxlanctl {
+
+Sheet hostSheet() {
+  return Sheet({{"vlan", "VLAN", true},
+                {"mac", "MAC"},
+                {"vti", "VTI"},
+                {"vtepIp", "VTEP"},
+                {"moveCount", "MOVES", true},
+                {"hostAttr", "ATTR", true},
+                {"lastUpdateTime", "UPDATED", true}});
+}
+
+namespace {
+
+using Record = std::pair<Bridging::MacVlanPair, L2Rib::HostValue>;
+
+nlohmann::json rowOf(const Record& record) {
+  const auto& [key, host] = record;
+  return {{"vlan", key.vlan.value()},
+          {"mac", key.mac.text()},
+          {"vti", host.dest.intf().text()},
+          {"vtepIp", host.dest.vtepAddr(L2Rib::CiVtepIndex::First).text()},
+          {"moveCount", host.moveCount},
+          {"hostAttr", static_cast<std::uint32_t>(host.hostAttr)},
+          {"entryType", static_cast<std::uint32_t>(host.entryType)},
+          {"lastUpdateTime", host.lastUpdateTime}};
+}
+
+}  // namespace
+
+Sheet hostsInTable(const std::string& tableName) {
+  Memtab::Reader<Bridging::MacVlanPair, L2Rib::HostValue> table(tableName, L2Rib::hostSchema);
+  if (!table.attached()) {
+    throw NoTable("no host table " + tableName + " in shared memory: no agent has made it");
+  }
+  auto records = std::make_shared<std::vector<Record>>();
+  table.walk([&](const Bridging::MacVlanPair& key, const L2Rib::HostValue& host) {
+    records->emplace_back(key, host);
+  });
+  const auto place = [](const Record& record) { return std::pair(record.first.vlan, record.first.mac); };
+  std::ranges::sort(*records, std::less{}, place);
+  records->erase(std::ranges::unique(*records, std::equal_to{}, place).begin(), records->end());
+  Sheet sheet = hostSheet();
+  sheet.rowsAre(records->size(), [records](std::size_t at) { return rowOf((*records)[at]); });
+  return sheet;
+}
+
+}  // namespace Vxlanctl

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <stdexcept>
+#include <string>
+
+#include "tools/vxlanctl/Sheet.h"
+
+namespace Vxlanctl {
+
+// The members and columns of a host's row.
+Sheet hostSheet();
+
+// All hosts of the layer-2 RIB, read from the table in shared memory without asking the agent, which need not
+// run. Raises Memtab::Error when what is under that name cannot be read, and NoTable when nothing is.
+Sheet hostsInTable(const std::string& tableName);
+
+// There is no table in shared memory under the name asked for.
+class NoTable : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+}  // namespace Vxlanctl

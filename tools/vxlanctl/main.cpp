@@ -1,0 +1,15 @@
+// vxlanctl: asks and drives the VXLAN agent of this switch.
+
+#include <iostream>
+#include <string>
+#include <vector>
+
+#include "tools/vxlanctl/Run.h"
+
+int main(int argc, char** argv) {
+  std::ios::sync_with_stdio(false);
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  const Vxlanctl::ExitCode code = Vxlanctl::run(arguments, std::cin, std::cout, std::cerr);
+  std::cout.flush();
+  return std::cout.good() ? code : Vxlanctl::refused;
+}

@@ -238,7 +238,9 @@ template <class Stored>
   } else if constexpr (std::is_same_v<Stored, std::string_view>) {
     const std::size_t size = storedBytes(value) - 1;
     *at = static_cast<std::byte>(size);
-    std::memcpy(at + 1, value.data(), size);
+    if (size != 0) {  // the data of an empty view may be null
+      std::memcpy(at + 1, value.data(), size);
+    }
     return at + 1 + size;
   } else {
     std::memcpy(at, &value, sizeof value);

@@ -122,14 +122,17 @@ struct BlockImage {
 
 bool isWhole(const BlockImage& block, std::size_t index, std::size_t blocks) {
   const Format::BlockHeader& header = block.header;
-  return header.checksum == Format::checksum(header) && (header.sequence - 1) % blocks == index &&
-         header.monotonic >= 0 && header.monotonic < maxNanoseconds;
+  return header.check == Format::check(header.sequence, header.ticks, header.monotonic) &&
+         (header.sequence - 1) % blocks == index &&
+         (header.monotonic == Format::noTime || (header.monotonic >= 0 && header.monotonic < maxNanoseconds));
 }
 
-// The blocks in use, oldest first.
+// The blocks of a ring that can be read, oldest first, as one run: where a block began anew while the ring
+// was read, what is newer than that block was not there yet at the first reading, or was seen by chance.
 std::vector<BlockImage> blocksOf(const RingImage& ring, TraceInfo& info) {
   std::vector<BlockImage> result;
   const std::size_t blocks = ring.first.size() / Format::blockBytes;
+  std::vector<bool> isMoving(blocks, false);
   for (std::size_t i = 0; i < blocks; ++i) {
     const auto part = [&](const std::vector<std::byte>& image) {
       return std::span(image).subspan(i * Format::blockBytes, Format::blockBytes);
@@ -137,8 +140,9 @@ std::vector<BlockImage> blocksOf(const RingImage& ring, TraceInfo& info) {
     BlockImage block{part(ring.first), part(ring.second), part(ring.third), {}};
     block.header = valueAt<Format::BlockHeader>(block.second, 0);
     const std::uint64_t sequence = block.header.sequence;
-    if (sequence == 0 || valueAt<std::uint64_t>(block.first, 0) != sequence ||
-        valueAt<std::uint64_t>(block.third, 0) != sequence) {
+    isMoving[i] = valueAt<std::uint64_t>(block.first, 0) != sequence ||
+                  valueAt<std::uint64_t>(block.third, 0) != sequence;
+    if (sequence == 0 || isMoving[i]) {
       continue;  // not begun, or begun anew just now
     }
     if (isWhole(block, i, blocks)) {
@@ -149,6 +153,12 @@ std::vector<BlockImage> blocksOf(const RingImage& ring, TraceInfo& info) {
   }
   std::sort(result.begin(), result.end(),
             [](const BlockImage& a, const BlockImage& b) { return a.header.sequence < b.header.sequence; });
+  const auto leaps = [&](const BlockImage& before, const BlockImage& after) {
+    const std::uint64_t missing = before.header.sequence;  // as an index: sequences count from 1
+    return after.header.sequence != before.header.sequence + 1 && isMoving[missing % blocks];
+  };
+  const auto leap = std::adjacent_find(result.begin(), result.end(), leaps);
+  result.erase(leap == result.end() ? leap : leap + 1, result.end());
   return result;
 }
 
@@ -173,7 +183,9 @@ bool decodeRecord(const BlockImage& block, std::size_t offset, std::uint64_t wor
   return !cursor.failed() && next <= Format::blockBytes;
 }
 
-enum class End { Clean, Torn, Damaged };
+// What is behind the last record of a block: nothing, records that came while it was read, a record that was
+// begun and not finished, or what makes no sense.
+enum class End { Clean, Growing, Torn, Damaged };
 
 // Reads the records of one block up to its end and tells what is behind the last.
 End decodeBlock(const BlockImage& block, unsigned level, const std::vector<Place>& places,
@@ -194,7 +206,7 @@ End decodeBlock(const BlockImage& block, unsigned level, const std::vector<Place
   }
   const auto rest = block.third.subspan(offset);
   if (!rest.empty() && valueAt<std::uint64_t>(rest, 0) != 0) {
-    return End::Clean;  // finished while it was read
+    return End::Growing;
   }
   return std::all_of(rest.begin(), rest.end(), [](std::byte byte) { return byte == std::byte{0}; })
              ? End::Clean
@@ -280,8 +292,13 @@ std::vector<Record> decodeRing(const RingImage& ring, unsigned level, const std:
   std::vector<Record> records;
   const std::vector<BlockImage> blocks = blocksOf(ring, info);
   for (const BlockImage& block : blocks) {
-    moments.all.push_back({block.header.ticks, block.header.monotonic});
+    if (block.header.monotonic != Format::noTime) {
+      moments.all.push_back({block.header.ticks, block.header.monotonic});
+    }
     const End end = decodeBlock(block, level, places, records);
+    if (end == End::Growing) {
+      break;  // a newer block, if one was seen, comes after records that were not
+    }
     const bool last = &block == &blocks.back();
     if (end == End::Torn && last) {
       ++info.tornRecords;

@@ -17,8 +17,4 @@ std::uint64_t checksum(const void* bytes, std::size_t size) {
   return hash;
 }
 
-std::uint64_t checksum(const BlockHeader& block) {
-  return checksum(&block, offsetof(BlockHeader, checksum));
-}
-
 }  // namespace RingLog::Format

@@ -120,21 +120,28 @@ std::uint64_t nextId() {
 
 namespace detail {
 
+// A burst of records fills a block in less than a microsecond. So the clock is not read again until it has
+// something to tell: about a millisecond later.
+constexpr std::uint64_t calibrationTicks = std::uint64_t{1} << 21;
+
 void Ring::turn() noexcept {
-  std::byte* const block = first + sequence % blocks * Format::blockBytes;
+  std::byte* const block = first + sequence % blocks * blockBytes;
   auto& head = *reinterpret_cast<Format::BlockHeader*>(block);
   shared(head.sequence).store(0, std::memory_order_relaxed);
   std::atomic_thread_fence(std::memory_order_release);
-  std::memset(block + sizeof head, 0, Format::blockBytes - sizeof head);
-  const Moment now = moment();
-  const Format::BlockHeader next{++sequence, now.ticks, now.monotonic, 0};
-  head.ticks = next.ticks;
-  head.monotonic = next.monotonic;
-  head.checksum = Format::checksum(next);
-  shared(head.sequence).store(next.sequence, std::memory_order_release);
+  std::memset(block + sizeof head, 0, blockBytes - sizeof head);
+  Moment now{ticks().whole(), Format::noTime};
+  if (now.ticks - calibrated > calibrationTicks) {
+    now = moment();
+    calibrated = now.ticks;
+  }
+  head.ticks = now.ticks;
+  head.monotonic = now.monotonic;
+  head.check = Format::check(++sequence, now.ticks, now.monotonic);
+  shared(head.sequence).store(sequence, std::memory_order_release);
   baseHigh = static_cast<std::uint32_t>(now.ticks >> 32);
   cursor = block + sizeof head;
-  limit = block + Format::blockBytes;
+  limit = block + blockBytes;
 }
 
 }  // namespace detail
@@ -155,7 +162,8 @@ Log::Log(const std::string& fileName, const Options& options)
   for (detail::Ring& ring : rings_) {
     ring.first = ring.cursor = ring.limit = first;  // no room: the first record begins the first block
     ring.blocks = head.blocksPerRing;
-    first += std::size_t{ring.blocks} * Format::blockBytes;
+    ring.blockBytes = head.blockBytes;
+    first += ring.blocks * ring.blockBytes;
   }
   mapping_->publish();
 }

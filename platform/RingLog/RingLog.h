@@ -42,8 +42,10 @@ struct Ring {
   std::byte* limit = nullptr;   // the end of the block
   std::uint32_t baseHigh = 0;   // upper half of the ticks that the block counts from
   std::uint32_t blocks = 0;
-  std::byte* first = nullptr;  // the first block
-  std::uint64_t sequence = 0;  // of the block being written, 0: none yet
+  std::uint64_t sequence = 0;    // of the block being written, 0: none yet
+  std::byte* first = nullptr;    // the first block
+  std::size_t blockBytes = 0;    // known at run time only, and so cleared by the C library, which is faster
+  std::uint64_t calibrated = 0;  // the ticks of the last block that has the clock's time too
 
   // Begins the next block, over the oldest: clears it, then gives it its sequence number and its time.
   void turn() noexcept;
@@ -115,7 +117,7 @@ class Log {
   template <class... Pieces>
   [[gnu::always_inline]] void record(Site& site, Pieces&&... pieces) noexcept {
     if (active_ == site.log_) [[likely]] {
-      if (put(*site.ring_, site.word_, detail::stored<Pieces>(pieces)...)) [[likely]] {
+      if (put(site, detail::stored<Pieces>(pieces)...)) [[likely]] {
         return;
       }
     } else if (active_ == off) {
@@ -154,25 +156,26 @@ class Log {
 
   Log(const std::string& fileName, const Options& options);
 
-  // Writes a record, or not: false when the block has no room left or was begun too long ago.
+  // Writes a record, or not: false when the block has no room left or was begun too long ago. The site's word
+  // and the ring's cursor are read again where they are used, behind the arguments: that saves registers, and
+  // so the instructions that would free them.
   template <class... Stored>
-  [[gnu::always_inline]] static bool put(detail::Ring& ring, std::uint64_t word,
-                                         const Stored&... values) noexcept {
-    static_assert(detail::recordBytes((std::size_t{0} + ... + detail::mostStoredBytes<Stored>)) <=
-                      Format::maxRecordBytes,
-                  "a record must fit into a block");
+  [[gnu::always_inline]] static bool put(const Site& site, const Stored&... values) noexcept {
+    constexpr std::size_t most = (std::size_t{0} + ... + detail::mostStoredBytes<Stored>);
+    static_assert(detail::recordBytes(most) <= Format::maxRecordBytes, "a record must fit into a block");
+    const std::size_t size = detail::recordBytes((std::size_t{0} + ... + detail::storedBytes(values)));
+    detail::Ring& ring = *site.ring_;
     std::byte* const at = ring.cursor;
-    std::byte* const end = at + detail::recordBytes((std::size_t{0} + ... + detail::storedBytes(values)));
     detail::Ticks now = detail::ticks();
     now.high -= ring.baseHigh;
-    if (end > ring.limit || now.high > Format::tickMask >> 32) [[unlikely]] {
+    if (at + size > ring.limit || now.high > Format::tickMask >> 32) [[unlikely]] {
       return false;
     }
     [[maybe_unused]] std::byte* next = at + Format::wordBytes;
     ((next = detail::store(next, values)), ...);
-    ring.cursor = end;
-    std::atomic_ref(*reinterpret_cast<std::uint64_t*>(at))
-        .store(word | now.whole(), std::memory_order_release);
+    ring.cursor += size;
+    const std::uint64_t word = site.word_ | now.whole();
+    std::atomic_ref(*reinterpret_cast<std::uint64_t*>(at)).store(word, std::memory_order_release);
     return true;
   }
 
@@ -187,9 +190,9 @@ class Log {
         return;
       }
     }
-    if (!put(*site.ring_, site.word_, detail::storedOf(pieces)...)) {
+    if (!put(site, detail::storedOf(pieces)...)) {
       site.ring_->turn();
-      if (!put(*site.ring_, site.word_, detail::storedOf(pieces)...)) {
+      if (!put(site, detail::storedOf(pieces)...)) {
         drop();  // the tick counter jumped back between the two
       }
     }

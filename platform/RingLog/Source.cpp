@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <system_error>
 
 #include "RingLog/Reader.h"
@@ -28,7 +28,7 @@ void ImageSource::read(std::uint64_t offset, std::span<std::byte> to) const {
   if (offset > image_.size() || to.size() > image_.size() - offset) {
     failTruncated(image_.size());
   }
-  std::memcpy(to.data(), image_.data() + offset, to.size());
+  std::copy_n(image_.begin() + static_cast<std::ptrdiff_t>(offset), to.size(), to.begin());
 }
 
 FileSource::FileSource(const std::string& path)

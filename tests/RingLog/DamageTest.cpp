@@ -233,7 +233,7 @@ TEST(Damage, OfAnySortNeverGetsThroughTheReader) {
     for (std::size_t at = ringsBegin; random() % 2 == 0 && at < image.size(); at += Format::blockBytes) {
       Format::BlockHeader block{};
       std::memcpy(&block, image.data() + at, sizeof block);
-      block.checksum = Format::checksum(block);
+      block.check = Format::check(block.sequence, block.ticks, block.monotonic);
       std::memcpy(image.data() + at, &block, sizeof block);
     }
     if (random() % 8 == 0) {
@@ -300,45 +300,92 @@ class ChangingSource final : public RingLog::detail::Source {
 
 }  // namespace
 
-TEST(RingReadThreeTimes, ShowsWhatWasWholeAtTheFirstReading) {
-  const auto log = openInMemory({.levels = 1, .ringKiB = ringKiB, .siteKiB = siteKiB});
-  std::vector<Image> images;
-  for (std::uint64_t i = 0; i < 4; ++i) {
-    RINGLOG(*log, 0, i);
-    images.push_back(copyOf(log->image()));
+namespace {
+
+constexpr std::uint64_t numbersPerBlock = 62;
+
+// A log of one level with rings of four blocks, of which images are taken while it is written.
+class RingReadThreeTimes : public testing::Test {
+ protected:
+  void recordNumbers(std::uint64_t count) {
+    for (; count > 0; --count) {
+      RINGLOG(*log_, 0, next_++);
+    }
   }
-  const ChangingSource source(images);
-  const Format::Header header = headerOf(images[0]);
-  const auto ring = RingLog::detail::readRing(source, header, 0);
-  const auto places = RingLog::detail::readPlaces(RingLog::detail::ImageSource(images[0]), header);
-  RingLog::detail::Moments moments;
-  RingLog::TraceInfo info;
-  EXPECT_EQ(RingLog::detail::decodeRing(ring, 0, places, moments, info).size(), 1U);
-  EXPECT_EQ(info.tornRecords, 0U) << "what came later is neither shown nor torn";
+  Image image() const { return copyOf(log_->image()); }
+
+  // What a reader sees whose three readings of the ring found these images.
+  std::vector<std::uint64_t> read(const Image& first, const Image& second, const Image& third) {
+    const ChangingSource source({first, second, third});
+    const Format::Header header = headerOf(third);
+    const auto ring = RingLog::detail::readRing(source, header, 0);
+    const auto places = RingLog::detail::readPlaces(RingLog::detail::ImageSource(third), header);
+    RingLog::detail::Moments moments;
+    std::vector<std::uint64_t> result;
+    for (const RingLog::Record& record : RingLog::detail::decodeRing(ring, 0, places, moments, info_)) {
+      result.push_back(std::get<std::uint64_t>(record.arguments.at(0)));
+    }
+    return result;
+  }
+
+  static std::vector<std::uint64_t> numbersFrom(std::uint64_t first, std::uint64_t end) {
+    std::vector<std::uint64_t> result;
+    for (; first < end; ++first) {
+      result.push_back(first);
+    }
+    return result;
+  }
+
+  // An image of which the block at `index` is that of another.
+  static Image withBlock(Image image, std::size_t index, const Image& other) {
+    const auto begin = static_cast<std::ptrdiff_t>(ringsBegin + index * Format::blockBytes);
+    std::copy_n(other.begin() + begin, Format::blockBytes, image.begin() + begin);
+    return image;
+  }
+
+  std::unique_ptr<RingLog::Log> log_ = openInMemory({.levels = 1, .ringKiB = 4, .siteKiB = siteKiB});
+  std::uint64_t next_ = 0;
+  RingLog::TraceInfo info_;
+};
+
+}  // namespace
+
+TEST_F(RingReadThreeTimes, ShowsWhatWasWholeAtTheFirstReading) {
+  recordNumbers(1);
+  const Image first = image();
+  recordNumbers(1);
+  const Image second = image();
+  recordNumbers(1);
+  EXPECT_EQ(read(first, second, image()), numbersFrom(0, 1));
+  EXPECT_EQ(info_.tornRecords, 0U) << "what came later is neither shown nor torn";
 }
 
-TEST(RingReadThreeTimes, LeavesOutABlockThatWasOverwrittenMeanwhile) {
-  const auto log = openInMemory({.levels = 1, .ringKiB = ringKiB, .siteKiB = siteKiB});
-  std::vector<Image> images;
-  const auto recordBlocks = [&](unsigned blocks) {
-    for (std::uint64_t i = 0; i < blocks * 62; ++i) {
-      RINGLOG(*log, 0, i);
-    }
-    images.push_back(copyOf(log->image()));
-  };
-  recordBlocks(2);
-  images.push_back(images.back());
-  recordBlocks(1);
-  const ChangingSource source(images);
-  const Format::Header header = headerOf(images[0]);
-  const auto ring = RingLog::detail::readRing(source, header, 0);
-  const auto places = RingLog::detail::readPlaces(RingLog::detail::ImageSource(images[0]), header);
-  RingLog::detail::Moments moments;
-  RingLog::TraceInfo info;
-  const auto records = RingLog::detail::decodeRing(ring, 0, places, moments, info);
-  ASSERT_EQ(records.size(), 62U);
-  EXPECT_EQ(records.front().block, 2U);
-  EXPECT_EQ(info.damagedBlocks, 0U);
+TEST_F(RingReadThreeTimes, LeavesOutABlockThatWasOverwrittenMeanwhile) {
+  recordNumbers(4 * numbersPerBlock);
+  const Image first = image();
+  recordNumbers(1);
+  EXPECT_EQ(read(first, first, image()), numbersFrom(numbersPerBlock, 4 * numbersPerBlock));
+  EXPECT_EQ(info_.damagedBlocks, 0U);
+}
+
+// The first reading came to the first block before its last records, and to the second one after its first.
+TEST_F(RingReadThreeTimes, ShowsNothingBehindRecordsThatItMissed) {
+  recordNumbers(10);
+  const Image early = image();
+  recordNumbers(numbersPerBlock);
+  const Image late = image();
+  EXPECT_EQ(read(withBlock(late, 0, early), late, late), numbersFrom(0, 10));
+}
+
+// The first reading came to the second block before it was begun anew, and to the third one after that was.
+TEST_F(RingReadThreeTimes, ShowsNothingBehindABlockThatItMissed) {
+  recordNumbers(5 * numbersPerBlock);
+  const Image early = image();
+  recordNumbers(2 * numbersPerBlock);
+  const Image late = image();
+  EXPECT_EQ(read(withBlock(late, 1, early), late, late),
+            numbersFrom(3 * numbersPerBlock, 5 * numbersPerBlock));
+  EXPECT_EQ(info_.damagedBlocks, 0U);
 }
 
 TEST(TimeScale, IsLinearBetweenMomentsAndGoesOnAtTheRateOfTheTrace) {

@@ -96,7 +96,8 @@ TEST(Record, HoldsTextOfEverySort) {
   char buffer[16] = "buffer";
   const char* const pointer = "pointer";
   const std::string text = "string";
-  RINGLOG(*log, 8, buffer, " ", pointer, " ", text, " ", std::string_view("view"), " ", std::string());
+  RINGLOG(*log, 8, buffer, " ", pointer, " ", text, " ", std::string_view("view"), " ", std::string(),
+          std::string_view());
   EXPECT_THAT(messages(*log), ElementsAre("buffer pointer string view "));
 }
 

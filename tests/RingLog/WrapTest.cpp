@@ -70,6 +70,21 @@ TEST(Ring, HoldsTheNewestAfterManyTurns) {
   EXPECT_EQ(numbers(readBack(*log)), countUpTo(1000 * block, 33 * block));
 }
 
+// In a burst most blocks do not ask the clock: their records get their time from the others.
+TEST(Ring, HasRisingTimesAlsoInABurst) {
+  const std::int64_t tolerance = 1'000'000;  // UTC itself may be adjusted meanwhile
+  const auto log = openInMemory();
+  recordNumbers(*log, 0, 100000);
+  const std::int64_t after = RingLog::detail::nanoseconds(CLOCK_REALTIME);
+  const RingLog::Trace trace = readBack(*log);
+  std::int64_t last = trace.info().opened;
+  for (const RingLog::Record& record : trace.records()) {
+    ASSERT_GE(record.time, last);
+    last = record.time;
+  }
+  EXPECT_LE(last, after + tolerance);
+}
+
 TEST(Ring, IsIndependentOfTheOtherLevels) {
   const auto log = openInMemory();
   RINGLOG(*log, 7, "rare ", 1U);

@@ -40,11 +40,11 @@ class VlanTable : private Kel::Table<K, V> {
   }
 
   bool erase(const K& key) {
-    const Iterator at = Base::at(key);
-    if (!at) {
+    const Iterator place = Base::at(key);
+    if (!place) {
       return false;
     }
-    unlink(key.vlan, at.slot());
+    unlink(key.vlan, place.slot());
     return Base::erase(key);
   }
 

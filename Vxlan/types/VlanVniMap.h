@@ -24,7 +24,7 @@ class KEL_API VlanVniMap final : public Kel::Entity {
   };
   using VlanToVsp =
       Kel::Collection<Kel::OrderedTable, Bridging::VlanId, VniSourcePair, &Reactor::onVlanToVsp>;
-  using VniToVlan = Kel::Collection<Kel::OrderedTable, VniExt, Bridging::VlanId, &Reactor::onVniToVlan>;
+  using VniToVlan = Kel::Collection<Kel::Table, VniExt, Bridging::VlanId, &Reactor::onVniToVlan>;
 
   // What the VLAN is mapped to; the empty pair if it is not mapped.
   VniSourcePair vlanToVsp(Bridging::VlanId vlan) const { return vlanToVsp_.get(vlan); }

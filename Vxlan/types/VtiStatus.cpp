@@ -9,10 +9,11 @@ void VtiStatus::attributes(Kel::Attributes& list) const {
   list("dgwVtepAddr", dgwVtepAddr_);
 }
 
-void VtiStatusDir::vtiStatusIs(const Qnet::IntfId& vti, Kel::Ptr<VtiStatus> status) {
+void VtiStatusDir::vtiStatusIs(Kel::Ptr<VtiStatus> status) {
   if (!status) {
     Kel::throwNullParameter("Vxlan::VtiStatusDir", "vtiStatus");
   }
+  const Qnet::IntfId vti = status->intfId();
   vtiStatus_.is(vti, std::move(status));
 }
 

@@ -17,6 +17,10 @@ class KEL_API VtiStatus final : public Kel::Entity {
     virtual void onDgwVtepAddr() {}
   };
 
+  explicit VtiStatus(Qnet::IntfId intfId) : intfId_(intfId) {}
+
+  // The name of the VTI.
+  const Qnet::IntfId& intfId() const { return intfId_; }
   // Whether the VTI takes its forwarding state from the controller.
   bool controllerClientMode() const { return controllerClientMode_; }
   void controllerClientModeIs(bool mode) { controllerClientMode_ = mode; }
@@ -34,6 +38,7 @@ class KEL_API VtiStatus final : public Kel::Entity {
   void attributes(Kel::Attributes& list) const override;
 
  private:
+  Qnet::IntfId intfId_;
   Kel::Attribute<bool, &Reactor::onControllerClientMode> controllerClientMode_{*this, false};
   Kel::Attribute<bool, &Reactor::onDatapathLearning> datapathLearning_{*this, false};
   Kel::Attribute<Qnet::IpAddr, &Reactor::onLocalVtepAddr> localVtepAddr_{*this};
@@ -53,7 +58,8 @@ class KEL_API VtiStatusDir final : public Kel::Entity {
   // The status of a VTI, or none.
   Kel::Ptr<VtiStatus> vtiStatus(const Qnet::IntfId& vti) const { return vtiStatus_.get(vti); }
   const VtiStatuses& vtiStatus() const { return vtiStatus_; }
-  void vtiStatusIs(const Qnet::IntfId& vti, Kel::Ptr<VtiStatus> status);
+  // Enters the status under the name of its VTI.
+  void vtiStatusIs(Kel::Ptr<VtiStatus> status);
   void vtiStatusDel(const Qnet::IntfId& vti) { vtiStatus_.del(vti); }
   void vtiStatusDelAll() { vtiStatus_.delAll(); }
 

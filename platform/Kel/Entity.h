@@ -267,6 +267,8 @@ class Collection final : public AttributeBase {
 
   std::size_t size() const noexcept { return table_.size(); }
   bool empty() const noexcept { return table_.empty(); }
+  // Counts the changes of keys and values: what was derived from the collection at one version holds until the next.
+  std::uint64_t version() const noexcept { return version_; }
   bool contains(const K& key) const { return table_.contains(key); }
   // The value under the key, or null.
   const V* find(const K& key) const { return table_.find(key); }
@@ -353,6 +355,7 @@ class Collection final : public AttributeBase {
 
  private:
   void notifyKey(const K& key) {
+    ++version_;
     if constexpr (keyed) {
       Callback<onKey>::notify(owner(), key);
     } else {
@@ -365,10 +368,12 @@ class Collection final : public AttributeBase {
         released(*value, owner());
       }
     }
+    ++version_;
     return table_.erase(key);
   }
 
   Storage<K, V> table_;
+  std::uint64_t version_ = 0;
 };
 
 // An attribute without a value: each `signal` calls, also twice in a row with the same key. Binding a reactor

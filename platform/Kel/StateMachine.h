@@ -125,9 +125,13 @@ class Held final : public Part {
   Ptr<E> entity_;
 };
 
+// Whether a reactor that is bound in a live machine counts as a change (its handlers run once for all that it follows),
+// or stays silent until its entity changes.
+enum class Arrival { CountsAsChange, Silent };
+
 // An entity, or none, that the machine follows through a reactor of class R, which exists exactly while there
 // is an entity. `E` is const for an input that is only read.
-template <class E, class R>
+template <class E, class R, Arrival arrival = Arrival::CountsAsChange>
 class Input final : public Part {
  public:
   Input(StateMachine& machine, const char* name) : Part(machine, name) {}
@@ -153,7 +157,14 @@ class Input final : public Part {
       reactor_->hasNotificationActiveIs(machineActive());
     }
     const Ptr<R> reactor = reactor_;
-    reactor->notifierIs(entity);
+    if constexpr (arrival == Arrival::Silent) {
+      const bool active = reactor->hasNotificationActive();
+      reactor->hasNotificationActiveIs(false);
+      reactor->notifierIs(entity);
+      reactor->hasNotificationActiveIs(active);
+    } else {
+      reactor->notifierIs(entity);
+    }
   }
   void del() {
     if (reactor_) {
@@ -180,10 +191,6 @@ class Input final : public Part {
   Ptr<E> entity_;
   Ptr<R> reactor_;
 };
-
-// Whether a per-key reactor that is made in a live machine counts as bound (its handlers run once), or stays
-// silent until its entity changes.
-enum class Arrival { CountsAsChange, Silent };
 
 // One reactor of class R for each key of a followed collection. R is constructed with its owner, and with the
 // key if it takes one.

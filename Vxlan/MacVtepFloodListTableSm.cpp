@@ -1,0 +1,173 @@
+// The flood lists of one VNI, mirrored into the layer-2 RIB.
+#include "Vxlan/VxlanControllerSm.h"
+#include "Vxlan/framework/Trace.h"
+
+namespace Vxlan {
+
+const Kel::TypeNode MacVtepFloodListTableSmBase::type{"Vxlan::MacVtepFloodListTableSmBase"};
+const Kel::TypeNode VccMacVtepFloodListTableSm::type{"Vxlan::VccMacVtepFloodListTableSm",
+                                                     &MacVtepFloodListTableSmBase::type};
+
+namespace {
+[[maybe_unused]] const bool registered =
+    Kel::typeNodeIs(MacVtepFloodListTableSmBase::type) && Kel::typeNodeIs(VccMacVtepFloodListTableSm::type);
+}  // namespace
+
+MacVtepFloodListTableSmBase::MacVtepFloodListTableSmBase(
+    const Qnet::EthAddr& macAddr,
+    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
+    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm)
+    : macAddr_(*this, "macAddr", macAddr), rmxPerVniFdbStatusSm_(rmxPerVniFdbStatusSm) {
+  macVtepFloodListTable_.is(macVtepFloodListTable);
+}
+
+MacVtepFloodListTableSmBase::~MacVtepFloodListTableSmBase() = default;
+
+void MacVtepFloodListTableSmBase::hasNotificationActiveIs(bool active) {
+  StateMachine::hasNotificationActiveIs(active);
+}
+
+bool MacVtepFloodListTableSmBase::mayWrite() const {
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  if (!owner().checkBumStatus()) {
+    return false;
+  }
+  if (owner().rmxVniFdbStatusV2()->hasMultiPath(macAddr())) {
+    VCC_TRACE(traceOrdinary, " mac ", macAddr(), " found in macVtepMultiPathTable");
+    return false;
+  }
+  return true;
+}
+
+// Past the gating there is nothing that the base may do.
+void MacVtepFloodListTableSmBase::actInBase() const {
+  if (mayWrite()) {
+    owner().eachFloodVlan([](Bridging::VlanId) { Kel::fatalUnless(false, "false"); });
+  }
+}
+
+void MacVtepFloodListTableSmBase::handleVtepIpFloodList(Qnet::IpAddr ip) {
+  VCC_TRACE(traceOrdinary, " ip ", ip);
+  actInBase();
+}
+
+void MacVtepFloodListTableSmBase::cleanup() {
+  actInBase();
+}
+
+void MacVtepFloodListTableSmBase::handleInitialized() {
+  actInBase();
+}
+
+void MacVtepFloodListTableSmBase::handleVtepIpFloodList() {
+  if (!mayWrite() || !macVtepFloodListTable_) {
+    return;
+  }
+  const Kel::Ptr<const VxlanController::MacVtepFloodListV2> list = macVtepFloodListTable();
+  for (auto&& vtep : list->vtepIpFloodList()) {
+    handleVtepIpFloodList(vtep.key);
+  }
+}
+
+void MacVtepFloodListTableSmBase::macVtepFloodListTableDel() {
+  macVtepFloodListTable_.del();
+}
+
+void MacVtepFloodListTableSmBase::macVtepFloodListTableIs(
+    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list) {
+  macVtepFloodListTable_.is(list);
+}
+
+VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSm(
+    const Qnet::EthAddr& macAddr,
+    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
+    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde)
+    : MacVtepFloodListTableSmBase(macAddr, macVtepFloodListTable, rmxPerVniFdbStatusSm),
+      rmxSde_(*this, "rmxSde", rmxSde) {
+  VccMacVtepFloodListTableSm::handleInitialized();
+}
+
+Kel::Ptr<VccMacVtepFloodListTableSm> VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSmIs(
+    const Qnet::EthAddr& macAddr,
+    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
+    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde) {
+  return Kel::live<VccMacVtepFloodListTableSm>(macAddr, macVtepFloodListTable, rmxPerVniFdbStatusSm, rmxSde);
+}
+
+VccMacVtepFloodListTableSm::~VccMacVtepFloodListTableSm() {
+  kelDoZombieReactors(true);
+}
+
+// The flood set of the MAC in this VLAN, made if need be, sending to all of its destinations.
+Kel::Ptr<L2Rib::FloodSet> VccMacVtepFloodListTableSm::floodSetOfAll(Bridging::VlanId vlan) {
+  const Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(macAddr());
+  set->floodSetTypeIs(L2Rib::FloodSetType::SendToAll);
+  return set;
+}
+
+void VccMacVtepFloodListTableSm::handleInitialized() {
+  if (!mayWrite() || !rmxSde_ || !macVtepFloodListTable()) {
+    return;
+  }
+  const VxlanController::MacVtepFloodListV2& list = *macVtepFloodListTable();
+  const bool whole = owner().eachFloodVlan([&](Bridging::VlanId vlan) {
+    const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(vlan);
+    VCC_TRACE(traceOrdinary, "listType: sendToAll", " vtepAddr len ", list.vtepIpFloodList().size());
+    if (!owner().converging()) {
+      for (auto&& dest : set->destSet()) {
+        if (!list.vtepIpFloodList(dest.key.vxlan().vtepAddr().v4())) {
+          set->destSetDel(L2Rib::Dest(dest.key));
+        }
+      }
+    }
+    // Whatever its value: an address whose value is false goes above and comes back here, until its own
+    // change.
+    for (auto&& vtep : list.vtepIpFloodList()) {
+      set->destSetIs(L2Rib::Dest::ofVtep(vtep.key), true);
+    }
+  });
+  if (whole) {
+    initializedIs(true);
+  }
+}
+
+void VccMacVtepFloodListTableSm::handleVtepIpFloodList(Qnet::IpAddr ip) {
+  if (!mayWrite() || !rmxSde_ || !macVtepFloodListTable()) {
+    return;
+  }
+  const L2Rib::Dest dest = L2Rib::Dest::ofVtep(ip);
+  owner().eachFloodVlan([&](Bridging::VlanId vlan) {
+    const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(vlan);
+    if (macVtepFloodListTable()->vtepIpFloodList(ip)) {
+      VCC_TRACE(traceOrdinary, " adding ", ip, " to remoteVtepAddr");
+      set->destSetIs(dest, true);
+    } else if (set->hasDest(dest)) {
+      VCC_TRACE(traceOrdinary, " removing ", ip, " from flood set");
+      set->destSetDel(dest);
+    }
+  });
+}
+
+void VccMacVtepFloodListTableSm::cleanup() {
+  if (!mayWrite() || !rmxSde_) {
+    return;
+  }
+  const bool whole = owner().eachFloodVlan([&](Bridging::VlanId vlan) {
+    const Kel::Ptr<L2Rib::VlanFloodSet> vlanSet = rmxSde_->vlanFloodSet(vlan);
+    if (!vlanSet) {
+      return;
+    }
+    if (vlanSet->floodSet(macAddr())) {
+      VCC_TRACE(traceOrdinary, " deleting ", macAddr(), " from vlan ", vlan);
+      vlanSet->floodSetDel(macAddr());
+    }
+    if (vlanSet->floodSets() == 0) {
+      rmxSde_->vlanFloodSetDel(vlan);
+    }
+  });
+  if (whole) {
+    initializedIs(false);
+  }
+}
+
+}  // namespace Vxlan

@@ -1,0 +1,247 @@
+// The mirror of the MLAG peer's BUM status.
+#include "Vxlan/VxlanControllerSm.h"
+#include "Vxlan/framework/Trace.h"
+
+namespace Vxlan {
+
+const Kel::TypeNode RmxMlagBumStatusSmBase::type{"Vxlan::RmxMlagBumStatusSmBase"};
+const Kel::TypeNode RmxMlagBumStatusSm::type{"Vxlan::RmxMlagBumStatusSm", &RmxMlagBumStatusSmBase::type};
+
+namespace {
+[[maybe_unused]] const bool registered =
+    Kel::typeNodeIs(RmxMlagBumStatusSmBase::type) && Kel::typeNodeIs(RmxMlagBumStatusSm::type);
+}  // namespace
+
+RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBase(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+                                               const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+  mlagVxlanStatus_.is(mlagVxlanStatus);
+  vxlanHwStatusDir_.is(vxlanHwStatusDir);
+  if (mlagVxlanStatus) {
+    remoteBumStatus_.is(mlagVxlanStatus->bumStatus());
+  }
+  if (vxlanHwStatusDir) {
+    localBumStatus_.is(vxlanHwStatusDir->bumStatus());
+  }
+}
+
+Kel::Ptr<RmxMlagBumStatusSmBase> RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBaseIs(
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+  return Kel::live<RmxMlagBumStatusSmBase>(mlagVxlanStatus, vxlanHwStatusDir);
+}
+
+RmxMlagBumStatusSmBase::~RmxMlagBumStatusSmBase() {
+  kelDoZombieReactors(true);
+  bumVtepListSmDelAll();
+}
+
+std::vector<Qnet::IntfId> RmxMlagBumStatusSmBase::getVtiIterator() const {
+  return {};
+}
+
+std::vector<Bridging::VlanId> RmxMlagBumStatusSmBase::getVlanIterator(const Qnet::IntfId&) const {
+  return {};
+}
+
+VniExtOrNone RmxMlagBumStatusSmBase::vniForVlan(const Qnet::IntfId&, Bridging::VlanId) const {
+  return {};
+}
+
+void RmxMlagBumStatusSmBase::handleInitialized() {
+  VCC_TRACE(traceOrdinary, "inited: ", initialized());
+  initializedIs(true);
+  handleBumVtepList();
+  handleBumReplicationMode();
+  sweepMappedVlans();
+}
+
+void RmxMlagBumStatusSmBase::handleBumVtepList(MacVlanPair key) {
+  VCC_TRACE(traceOrdinary, "handleBumVtepList ", key.mac, ":", key.vlan);
+  if (!remoteBumStatus_) {
+    return;  // the peer has not reported yet
+  }
+  if (const Kel::Ptr<const BumVtepList> list = remoteBumStatus_->bumVtepList(key)) {
+    VCC_TRACE(traceOrdinary, "Creating local bumVtepList");
+    bumVtepListSmIs(key, list, this);
+    return;
+  }
+  bumVtepListSmDel(key);
+  VCC_TRACE(traceOrdinary, "Deleting local bumVtepList");
+  if (localBumStatus_) {
+    localBumStatus_->bumVtepListDel(key);
+  }
+}
+
+void RmxMlagBumStatusSmBase::handleBumVtepList() {
+  VCC_TRACE(traceOrdinary, "handleBumVtepList");
+  if (!remoteBumStatus_) {
+    return;
+  }
+  const Kel::Ptr<const BumStatus> remote = remoteBumStatus_.get();
+  for (auto&& list : remote->bumVtepList()) {
+    handleBumVtepList(list.key);
+  }
+}
+
+void RmxMlagBumStatusSmBase::handleBumReplicationMode() {
+  VCC_TRACE(traceOrdinary, "handleBumReplicationMode", "inited: ", initialized());
+  if (!initialized()) {
+    return;
+  }
+  const auto controls = [](const auto& status) {
+    return status && status->bumReplicationMode() == BumReplicationMode::Controller;
+  };
+  if (!controls(remoteBumStatus_) || !controls(localBumStatus_)) {
+    bumRepModeIs(BumReplicationMode::None);
+    return;
+  }
+  bumRepModeIs(BumReplicationMode::Controller);
+  for (auto&& member : bumVtepListSm_) {
+    VCC_TRACE(traceOrdinary, "handling vtep ", member.key.mac, ":", member.key.vlan);
+    member.value->handleInit();
+  }
+}
+
+void RmxMlagBumStatusSmBase::markAndSweep(Bridging::VlanId vlan) {
+  VCC_TRACE(traceOrdinary, "markAndSweep", " vlan=", vlan);
+  if (!remoteBumStatus_ || !localBumStatus_) {
+    return;
+  }
+  const Kel::Ptr<BumStatus> local = localBumStatus_.get();
+  for (auto&& list : local->bumVtepList()) {
+    if (list.key.vlan == vlan) {
+      sweepList(list.key);
+    }
+  }
+}
+
+// Makes one local list a subset of the peer's. Nothing is added here: that is the work of the list's own
+// machine.
+void RmxMlagBumStatusSmBase::sweepList(const MacVlanPair& listKey) {
+  const MacVlanPair key = listKey;
+  const Kel::Ptr<const BumVtepList> remote = remoteBumStatus_->bumVtepList(key);
+  if (!remote) {
+    VCC_TRACE(traceOrdinary, "Sweeping ", key.mac, ":", key.vlan);
+    bumVtepListSmDel(key);
+    localBumStatus_->bumVtepListDel(key);
+    return;
+  }
+  const Kel::Ptr<BumVtepList> local = localBumStatus_->bumVtepList(key);
+  for (auto&& address : local->remoteVtepAddr()) {
+    const Qnet::IpAddr ip = address.key;
+    if (!remote->remoteVtepAddr(ip)) {
+      VCC_TRACE(traceOrdinary, "Sweeping ", ip, " from ", key.mac, ":", key.vlan);
+      local->remoteVtepAddrDel(ip);
+    }
+  }
+}
+
+void RmxMlagBumStatusSmBase::sweepMappedVlans() {
+  for (const Qnet::IntfId& vti : getVtiIterator()) {
+    for (const Bridging::VlanId vlan : getVlanIterator(vti)) {
+      markAndSweep(vlan);
+    }
+  }
+}
+
+void RmxMlagBumStatusSmBase::handleVlanVniMapUpdate(const Qnet::IntfId& vti, Bridging::VlanId vlan) {
+  VCC_TRACE(traceOrdinary, "handleVlanVniMapUpdate", " vlan ", vlan);
+  for (auto&& member : bumVtepListSm_) {
+    if (member.key.vlan != vlan) {
+      continue;
+    }
+    // Only the VTI that reported the change is asked; a gain looks at all of them again.
+    if (vniForVlan(vti, vlan)) {
+      member.value->handleInit();
+    } else {
+      member.value->vlanVniMapExistsIs(false);
+    }
+  }
+}
+
+void RmxMlagBumStatusSmBase::handleVtiUpdate(const Qnet::IntfId& vti) {
+  VCC_TRACE(traceOrdinary, "handleVtiUpdate", " vti ", vti);
+  for (const Bridging::VlanId vlan : getVlanIterator(vti)) {
+    handleVlanVniMapUpdate(vti, vlan);
+  }
+}
+
+Kel::Ptr<BumVtepListSm> RmxMlagBumStatusSmBase::bumVtepListSmIs(const MacVlanPair& key,
+                                                                const Kel::Ptr<const BumVtepList>& remoteList,
+                                                                RmxMlagBumStatusSmBase* owner) {
+  return bumVtepListSm_.shadowIs(key, remoteList, owner);
+}
+
+// The peer's BUM status came, went or was replaced: what followed the old one goes first.
+void RmxMlagBumStatusSmBase::rebindRemote() {
+  bumVtepListSmDelAll();
+  remoteBumStatus_.is(mlagVxlanStatus_->bumStatus());
+  handleBumReplicationMode();
+  handleBumVtepList();
+  if (initialized()) {
+    sweepMappedVlans();
+  }
+}
+
+// The hardware's BUM status came, went or was replaced: it may hold lists from before.
+void RmxMlagBumStatusSmBase::rebindLocal() {
+  localBumStatus_.is(vxlanHwStatusDir_->bumStatus());
+  handleBumReplicationMode();
+  if (initialized()) {
+    sweepMappedVlans();
+  }
+}
+
+Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+  return RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBaseIs(mlagVxlanStatus, vxlanHwStatusDir);
+}
+
+RmxMlagBumStatusSm::RmxMlagBumStatusSm(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+                                       const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+                                       const Kel::Ptr<const VlanVniMaps>& vlanVniMaps)
+    : RmxMlagBumStatusSmBase(mlagVxlanStatus, vxlanHwStatusDir) {
+  vlanVniMaps_.is(vlanVniMaps);
+  if (vlanVniMaps) {
+    vtiVlanVniMap_.reconcile(vlanVniMaps->vlanVniMap());
+  }
+}
+
+Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSm::RmxMlagBumStatusSmIs(
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const VlanVniMaps>& vlanVniMaps) {
+  return Kel::live<RmxMlagBumStatusSm>(mlagVxlanStatus, vxlanHwStatusDir, vlanVniMaps);
+}
+
+RmxMlagBumStatusSm::~RmxMlagBumStatusSm() {
+  kelDoZombieReactors(true);
+  bumVtepListSmDelAll();
+}
+
+std::vector<Qnet::IntfId> RmxMlagBumStatusSm::getVtiIterator() const {
+  std::vector<Qnet::IntfId> vtis;
+  if (vlanVniMaps_) {
+    for (auto&& map : vlanVniMaps_->vlanVniMap()) {
+      vtis.push_back(map.key);
+    }
+  }
+  return vtis;
+}
+
+std::vector<Bridging::VlanId> RmxMlagBumStatusSm::getVlanIterator(const Qnet::IntfId& vti) const {
+  std::vector<Bridging::VlanId> vlans;
+  if (const Kel::Ptr<const VlanVniMap> map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap(vti) : nullptr) {
+    for (auto&& mapping : map->vlanToVsp()) {
+      vlans.push_back(mapping.key);
+    }
+  }
+  return vlans;
+}
+
+VniExtOrNone RmxMlagBumStatusSm::vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const {
+  const Kel::Ptr<const VlanVniMap> map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap(vti) : nullptr;
+  return map ? map->vlanToVsp(vlan).vni : VniExtOrNone();
+}
+
+}  // namespace Vxlan

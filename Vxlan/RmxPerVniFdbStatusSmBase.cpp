@@ -1,0 +1,281 @@
+// The inputs and the hosts of one VNI.
+#include "Kel/System.h"
+#include "Vxlan/VxlanControllerSm.h"
+#include "Vxlan/framework/Trace.h"
+
+namespace Vxlan {
+
+const Kel::TypeNode RmxPerVniFdbStatusSmBase::type{"Vxlan::RmxPerVniFdbStatusSmBase"};
+
+namespace {
+
+[[maybe_unused]] const bool registered = Kel::typeNodeIs(RmxPerVniFdbStatusSmBase::type);
+
+// Whether the controller publishes the MAC: absence is the default value, not a missing key.
+bool published(const VxlanController::MacVtepV2& host) {
+  return host != VxlanController::MacVtepV2();
+}
+
+}  // namespace
+
+RmxPerVniFdbStatusSmBase::RmxPerVniFdbStatusSmBase(
+    const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm)
+    : vni_(*this, "vni", vni), vxlanControllerMacAddrSm_(vxlanControllerMacAddrSm) {
+  rmxVniFdbStatusV2_.is(rmxVniFdbStatusV2);
+  vtiStatusDir_.is(vtiStatusDir);
+  vxlanHwStatusDir_.is(vxlanHwStatusDir);
+  if (vtiStatusDir) {
+    vtiStatus_.reconcile(vtiStatusDir->vtiStatus());
+  }
+}
+
+RmxPerVniFdbStatusSmBase::~RmxPerVniFdbStatusSmBase() = default;
+
+void RmxPerVniFdbStatusSmBase::hasNotificationActiveIs(bool active) {
+  StateMachine::hasNotificationActiveIs(active);
+}
+
+void RmxPerVniFdbStatusSmBase::handleInitialized() {
+  VCC_TRACE(traceOrdinary, " init? ", initialized());
+  initialized_ = true;
+  handleRmxHostTable();
+  handleMacVtepMultiPathTable();
+  handleMacVtepFloodListTable();
+}
+
+void RmxPerVniFdbStatusSmBase::handleRmxHostTable(Qnet::EthAddr mac) {
+  const bool learning = owner().datapathLearningMode();
+  VCC_TRACE(traceOrdinary, "macAddr: ", mac, " datapathLearningMode ", learning);
+  if (!initialized()) {
+    return;
+  }
+  const Kel::Ptr<ReceivedHostTable> table = owner().getHostTable();
+  if (learning || !table || !rmxVniFdbStatusV2_) {
+    return;  // with learning on, hosts are learnt by the data path
+  }
+  const VxlanController::MacVtepV2 host = rmxVniFdbStatusV2_->macVtepTable(mac);
+  for (const Qnet::IntfId& vti : vtis()) {
+    const Bridging::VlanIdOrNone vlan = owner().vlanForVni(vti, vni());
+    if (!vlan) {
+      VCC_TRACE(traceOrdinary, "Returning as no valid vlan-vni map found");
+      continue;
+    }
+    VCC_TRACE(traceOrdinary, "vniId: ", vni(), "vlanId: ", vlan);
+    const Bridging::MacVlanPair key{mac, Bridging::VlanId(vlan)};
+    if (!published(host)) {
+      withdraw(*table, key);
+    } else if (owner().isVtepIpMine(vni(), host.vtepIp, vti)) {
+      removeLocal(*table, key, host.vtepIp);
+    } else {
+      addRemote(*table, key, vti, host);
+    }
+  }
+}
+
+// A MAC behind one of the switch's own addresses is no remote host; a stale entry of it goes at once.
+void RmxPerVniFdbStatusSmBase::removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key,
+                                           Qnet::IpAddr vtepIp) {
+  VCC_TRACE(traceOrdinary, "Ignoring since it's a local entry, ", "received vtepIp: ", vtepIp);
+  if (table.receivedEntry().contains(key)) {
+    VCC_TRACE(traceOrdinary, " delete stale macVtepPair ", key.mac, " vlan ", key.vlan);
+    owner().deleteReceivedTableEntry(key);
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::addRemote(ReceivedHostTable& table, const Bridging::MacVlanPair& key,
+                                         const Qnet::IntfId& vti, const VxlanController::MacVtepV2& host) {
+  VCC_TRACE(traceOrdinary, "Adding remote host entry for mac: ", key.mac, " vlan: ", key.vlan,
+            " vtepIp: ", host.vtepIp, " moveCount: ", host.moveCount);
+  const ReceivedEntry* present = table.receivedEntry().find(key);
+  const bool wasMarked = present != nullptr && present->markedForDel;
+  if (wasMarked) {
+    VCC_TRACE(traceOrdinary, "Re-add, entry was marked for delete");
+  }
+  ReceivedEntry entry;
+  entry.key = key;
+  entry.intf = vti;
+  entry.entryType = EntryType::Controller;
+  entry.vtepIp = host.vtepIp;
+  entry.moveCount = host.moveCount;
+  entry.lastUpdateTime = Kel::System::currentTime();
+  entry.hostAttr = host.hostAttr;
+  table.receivedEntryIs(entry);
+  if (wasMarked) {
+    table.markedForDelCountDec(1);
+    VCC_TRACE(traceOrdinary, " new marked for deletion count ", table.markedForDelCount());
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key) {
+  VCC_TRACE(traceOrdinary, "Evaluating delete of remote host entry for mac: ", key.mac, " vlan: ", key.vlan);
+  const ReceivedEntry* present = table.receivedEntry().find(key);
+  Kel::fatalUnless(present == nullptr || !present->markedForDel,
+                   "!receivedHostTable->receivedEntry( key ).markedForDel()");
+  if (converging()) {
+    owner().deferDeleteReceivedTableEntry(key);
+  } else {
+    owner().deleteReceivedTableEntry(key);
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::handleRmxHostTable() {
+  VCC_TRACE(traceOrdinary, " datapathLearningMode ", owner().datapathLearningMode());
+  if (!initialized() || owner().datapathLearningMode() || !rmxVniFdbStatusV2_) {
+    return;
+  }
+  const Kel::Ptr<const VxlanController::VniFdbStatusV2> status = rmxVniFdbStatusV2();
+  for (auto&& host : status->macVtepTable()) {
+    handleRmxHostTable(host.key);
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::handleDgwVtepAddr() {
+  VCC_TRACE(traceOrdinary, "vni: ", vni());
+  if (initialized()) {
+    handleRmxHostTable();
+  }
+}
+
+bool RmxPerVniFdbStatusSmBase::checkBumStatus() const {
+  if (!initialized() || !rmxVniFdbStatusV2_ || !vxlanHwStatusDir_ || !vxlanHwStatusDir_->bumStatus()) {
+    return false;
+  }
+  const BumReplicationMode mode = vxlanHwStatusDir_->bumStatus()->bumReplicationMode();
+  if (mode != BumReplicationMode::Controller) {
+    VCC_TRACE(traceOrdinary, " Replication Mode is not rmx ", mode);
+    return false;
+  }
+  return true;
+}
+
+void RmxPerVniFdbStatusSmBase::handleMacVtepMultiPathTable() {
+  VCC_TRACE(traceOrdinary, " init? ", initialized());
+  if (!checkBumStatus()) {
+    return;
+  }
+  const Kel::Ptr<const VxlanController::VniFdbStatusV2> status = rmxVniFdbStatusV2();
+  for (auto&& entry : status->macVtepMultiPathTable()) {
+    handleMacVtepMultiPathTable(entry.key);
+  }
+}
+
+// Only the derived class may act.
+void RmxPerVniFdbStatusSmBase::handleMacVtepMultiPathTable(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " mac ", mac);
+  Kel::fatalUnless(!checkBumStatus(), "false");
+}
+
+void RmxPerVniFdbStatusSmBase::handleMacVtepFloodListTable(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " mac ", mac);
+  if (!initialized() || !rmxVniFdbStatusV2_) {
+    return;
+  }
+  if (rmxVniFdbStatusV2_->macVtepFloodListTable(mac)) {
+    createMacVtepFloodListTableSm(mac);
+  } else if (const Kel::Ptr<MacVtepFloodListTableSmBase> machine = macVtepFloodListTableSm(mac)) {
+    machine->cleanup();
+    deleteMacVtepFloodListTableSm(mac);
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::handleMacVtepFloodListTable() {
+  VCC_TRACE(traceOrdinary, " init? ", initialized());
+  if (!initialized() || !rmxVniFdbStatusV2_) {
+    return;
+  }
+  const Kel::Ptr<const VxlanController::VniFdbStatusV2> status = rmxVniFdbStatusV2();
+  for (auto&& list : status->macVtepFloodListTable()) {
+    handleMacVtepFloodListTable(list.key);
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::createMacVtepFloodListTableSm(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " mac ", mac);
+}
+
+void RmxPerVniFdbStatusSmBase::deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " mac ", mac);
+}
+
+void RmxPerVniFdbStatusSmBase::macVtepFloodListTableSmIs(const Kel::Ptr<MacVtepFloodListTableSmBase>& sm) {
+  if (!sm) {
+    Kel::throwNullParameter("Vxlan::RmxPerVniFdbStatusSmBase", "macVtepFloodListTableSm");
+  }
+  macVtepFloodListTableSm_.is(sm->macAddr(), sm);
+}
+
+const std::vector<Qnet::IntfId>& RmxPerVniFdbStatusSmBase::vtis() const {
+  return owner().getVtiIterator();
+}
+
+std::optional<Bridging::VlanId> RmxPerVniFdbStatusSmBase::floodVlan(const Qnet::IntfId& vti) const {
+  const Bridging::VlanIdOrNone vlan = owner().vlanForVni(vti, vni());
+  if (!vlan) {
+    VCC_TRACE(traceOrdinary, " no vlan-vni map found for vni: ", vni());
+    return std::nullopt;
+  }
+  VCC_TRACE(traceOrdinary, " vni: ", vni(), " vlan: ", vlan);
+  return Bridging::VlanId(vlan);
+}
+
+bool RmxPerVniFdbStatusSmBase::converging() const {
+  return owner().converging();
+}
+
+void RmxPerVniFdbStatusSmBase::vtiStatusDel(Qnet::IntfId vti) {
+  vtiStatus_.del(vti);
+}
+
+void RmxPerVniFdbStatusSmBase::vtiStatusDel(VtiStatusDir::VtiStatuses::Iterator at) {
+  vtiStatus_.del(Qnet::IntfId(at->key));
+}
+
+void RmxPerVniFdbStatusSmBase::vtiStatusNotify(Qnet::IntfId vti) {
+  const Kel::Ptr<const VtiStatus> status = vtiStatusDir_ ? vtiStatusDir_->vtiStatus(vti) : nullptr;
+  if (status) {
+    vtiStatusIs(status);
+  } else {
+    vtiStatusDel(vti);
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::vtiStatusIs(const Kel::Ptr<const VtiStatus>& status) {
+  if (!status) {
+    Kel::throwNullParameter("Vxlan::RmxPerVniFdbStatusSmBase", "vtiStatus");
+  }
+  vtiStatus_.is(status->intfId(), status);
+}
+
+void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Del() {
+  rmxVniFdbStatusV2_.del();
+}
+
+void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Is(
+    const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status) {
+  rmxVniFdbStatusV2_.is(status);
+}
+
+void RmxPerVniFdbStatusSmBase::vtiStatusDirDel() {
+  vtiStatusDir_.del();
+  vtiStatus_.delAll();
+}
+
+void RmxPerVniFdbStatusSmBase::vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir) {
+  if (dir) {
+    vtiStatusDir_.is(dir);
+  } else {
+    vtiStatusDirDel();
+  }
+}
+
+void RmxPerVniFdbStatusSmBase::vxlanHwStatusDirDel() {
+  vxlanHwStatusDir_.del();
+}
+
+void RmxPerVniFdbStatusSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir) {
+  vxlanHwStatusDir_.is(dir);
+}
+
+}  // namespace Vxlan

@@ -1,0 +1,119 @@
+// The flood lists and multipath entries of one VNI.
+#include "Vxlan/VxlanControllerSm.h"
+#include "Vxlan/framework/Trace.h"
+
+namespace Vxlan {
+
+const Kel::TypeNode VccPerVniFdbStatusSm::type{"Vxlan::VccPerVniFdbStatusSm",
+                                               &RmxPerVniFdbStatusSmBase::type};
+
+namespace {
+[[maybe_unused]] const bool registered = Kel::typeNodeIs(VccPerVniFdbStatusSm::type);
+}  // namespace
+
+VccPerVniFdbStatusSm::VccPerVniFdbStatusSm(
+    const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde)
+    : RmxPerVniFdbStatusSmBase(vni, rmxVniFdbStatusV2, vtiStatusDir, vxlanHwStatusDir,
+                               vxlanControllerMacAddrSm),
+      rmxSde_(*this, "rmxSde", rmxSde) {
+  handleInitialized();
+}
+
+Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSm::VccPerVniFdbStatusSmIs(
+    const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde) {
+  return Kel::live<VccPerVniFdbStatusSm>(vni, rmxVniFdbStatusV2, vtiStatusDir, vxlanHwStatusDir,
+                                         vxlanControllerMacAddrSm, rmxSde);
+}
+
+VccPerVniFdbStatusSm::~VccPerVniFdbStatusSm() {
+  StateMachine::kelDoZombieReactors(true);
+  // The flood list machines point back to this one; they go first, without cleaning up.
+  vccMacVtepFloodListTableSm_.delAll();
+  macVtepFloodListTableSmDelAll();
+}
+
+void VccPerVniFdbStatusSm::hasNotificationActiveIs(bool active) {
+  StateMachine::hasNotificationActiveIs(active);
+}
+
+void VccPerVniFdbStatusSm::handleMacVtepMultiPathTable(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " init? ", initialized());
+  if (!checkBumStatus() || !rmxSde_) {
+    return;
+  }
+  eachFloodVlan([&](Bridging::VlanId vlan) {
+    if (rmxVniFdbStatusV2()->hasMultiPath(mac)) {
+      writeMultiPath(vlan, rmxVniFdbStatusV2()->macVtepMultiPathTable(mac));
+    } else {
+      removeMultiPath(vlan, mac);
+    }
+  });
+}
+
+void VccPerVniFdbStatusSm::writeMultiPath(Bridging::VlanId vlan,
+                                          const VxlanController::MacVtepMultiPathV2& entry) {
+  const Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(entry.macAddr);
+  set->floodSetTypeIs(L2Rib::FloodSetType::SendToAny);
+  VCC_TRACE(traceOrdinary, "(", set->floodSetType(), ") listType: sendToAny", " vtepAddr len ",
+            entry.vtepIpLists());
+  if (!converging()) {
+    for (auto&& dest : set->destSet()) {
+      if (!entry.vtepIpList.contains(dest.key.vxlan().vtepAddr().v4())) {
+        set->destSetDel(L2Rib::Dest(dest.key));
+      }
+    }
+  }
+  for (const auto& [vtep, value] : entry.vtepIpList) {
+    set->destSetIs(L2Rib::Dest::ofVtep(vtep), true);
+  }
+}
+
+void VccPerVniFdbStatusSm::removeMultiPath(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
+  VCC_TRACE(traceOrdinary, " deleting ", mac, " from vlanFloodSet");
+  if (const Kel::Ptr<L2Rib::VlanFloodSet> vlanSet = rmxSde_->vlanFloodSet(vlan)) {
+    vlanSet->floodSetDel(mac);
+    if (vlanSet->floodSets() == 0) {
+      rmxSde_->vlanFloodSetDel(vlan);
+    }
+  }
+  if (rmxVniFdbStatusV2()->macVtepFloodListTable(mac)) {
+    VCC_TRACE(traceOrdinary, " mac ", mac, " found in macVtepFloodListTable");
+    // A machine that does not exist yet will initialize itself when it is made.
+    if (const Kel::Ptr<MacVtepFloodListTableSmBase> machine = macVtepFloodListTableSm(mac)) {
+      machine->handleInitialized();
+    }
+  }
+}
+
+void VccPerVniFdbStatusSm::createMacVtepFloodListTableSm(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " mac ", mac);
+  const Kel::Ptr<const VxlanController::MacVtepFloodListV2> list =
+      rmxVniFdbStatusV2()->macVtepFloodListTable(mac);
+  if (const Kel::Ptr<VccMacVtepFloodListTableSm> present = vccMacVtepFloodListTableSm_(mac)) {
+    if (present->macVtepFloodListTable() == list) {
+      present->handleInitialized();
+      return;
+    }
+    // Another list under the same MAC: a new machine takes the place of the old one, whose flood set it takes
+    // over.
+    VCC_TRACE(traceRebuilt, "Reinstantiating the pointer interface where constructor parameter attribute ",
+              "_macVtepFloodListTable", " has a different value of ", static_cast<const void*>(list.get()),
+              " than the current value of ",
+              static_cast<const void*>(present->macVtepFloodListTable().get()));
+    vccMacVtepFloodListTableSm_.del(mac);
+  }
+  RmxPerVniFdbStatusSmBase* const self = this;
+  macVtepFloodListTableSmIs(vccMacVtepFloodListTableSm_.shadowIs(mac, list, self, rmxSde_.get()));
+}
+
+void VccPerVniFdbStatusSm::deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) {
+  VCC_TRACE(traceOrdinary, " mac ", mac);
+  vccMacVtepFloodListTableSm_.del(mac);
+  macVtepFloodListTableSmDel(mac);
+}
+
+}  // namespace Vxlan

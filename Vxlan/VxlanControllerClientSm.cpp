@@ -1,0 +1,323 @@
+// The top state machine.
+#include <limits>
+
+#include "Vxlan/VxlanControllerSm.h"
+#include "Vxlan/framework/Trace.h"
+
+namespace Vxlan {
+
+const Kel::TypeNode VxlanControllerClientSm::type{"Vxlan::VxlanControllerClientSm",
+                                                  &VxlanControllerMacAddrSmBase::type};
+
+namespace {
+[[maybe_unused]] const bool registered = Kel::typeNodeIs(VxlanControllerClientSm::type);
+}  // namespace
+
+VxlanControllerClientSm::VxlanControllerClientSm(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
+    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
+    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus)
+    : VxlanControllerMacAddrSmBase(vtiStatusDir, controllerStatusBaseDir, rmxStateClientView,
+                                   vxlanHwStatusDir, mlagStatus, mlagVxlanStatus),
+      rmxSde_(*this, "rmxSde", rmxSde),
+      l2RibRmxInput_(*this, "l2RibRmxInput", l2RibRmxInput),
+      rmxConvergenceStatus_(*this, "rmxConvergenceStatus", rmxConvergenceStatus) {
+  rmxStateBaseDir_.is(rmxStateBaseDir);
+  vlanVniMaps_.is(vlanVniMaps);
+  VxlanControllerClientSm::handleInitialized();
+}
+
+Kel::Ptr<VxlanControllerClientSm> VxlanControllerClientSm::VxlanControllerClientSmIs(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
+    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
+    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus) {
+  return Kel::live<VxlanControllerClientSm>(vtiStatusDir, controllerStatusBaseDir, rmxStateClientView,
+                                            vxlanHwStatusDir, mlagStatus, mlagVxlanStatus, rmxStateBaseDir,
+                                            vlanVniMaps, rmxSde, l2RibRmxInput, rmxConvergenceStatus);
+}
+
+VxlanControllerClientSm::~VxlanControllerClientSm() {
+  // Nothing is called back any more; then the children go, before what they point back to.
+  kelDoZombieReactors(true);
+  receivedHostTableToL2RibHostInputSm_.del();
+  rmxMlagBumStatusSmShadow_.del();
+  rmxMlagBumStatusSmDel();
+  vlanVniMapSmShadow_.delAll();
+  vccPerVniFdbStatusSmShadow_.delAll();
+  rmxPerVniFdbStatusSmDelAll();
+  rmxStateSm_.del();
+}
+
+void VxlanControllerClientSm::handleInitialized() {
+  vccRlHandleInit();
+  VCC_TRACE(traceOrdinary, " Init? ", initialized());
+  initializedIs(true);
+  unicastDeferredDeleteClock()->timeMinIs(std::numeric_limits<double>::infinity());
+  bumDeferredDeleteClock()->timeMinIs(std::numeric_limits<double>::infinity());
+  hostTableIs(Kel::Name("hostTable"));
+  const Kel::Ptr<const ReceivedHostTable> table = hostTable();
+  receivedHostTableToL2RibHostInputSm_.shadowIs(table, l2RibRmxInput_.get());
+  handleControllerVniBaseDir();
+  handleRmxStateBaseDir();
+  // Before the client mode, so that a VTI that has learning off from the start is noticed.
+  handleDatapathLearningMode();
+  handleControllerClientMode();
+  for (const Qnet::IntfId& vti : std::vector<Qnet::IntfId>(getVtiIterator())) {
+    createVlanVniMapSm(vti);
+    if (const Kel::Ptr<VtiVlanVniMapSmBase> tracker = vlanVniMapSm(vti); tracker && !tracker->initialized()) {
+      tracker->handleInitialized();
+    }
+  }
+}
+
+// The modes.
+
+void VxlanControllerClientSm::handleControllerClientMode() {
+  VCC_TRACE(traceOrdinary, " init? ", initialized(), " vxlanControllerClientMode is ",
+            vxlanControllerClientMode());
+  bool mode = false;
+  if (vtiStatusDir()) {
+    for (auto&& vti : vtiStatusDir()->vtiStatus()) {
+      mode = mode || vti.value->controllerClientMode();
+    }
+  }
+  vxlanControllerClientModeIs(mode);
+  updateControllerClientMode();
+}
+
+void VxlanControllerClientSm::handleDatapathLearningMode() {
+  VCC_TRACE(traceOrdinary, " init? ", initialized(), " datapathLearningMode is ", datapathLearningMode());
+  bool learning = true;
+  if (vtiStatusDir()) {
+    for (auto&& vti : vtiStatusDir()->vtiStatus()) {
+      learning = learning && vti.value->datapathLearning();
+    }
+  }
+  datapathLearningModeIs(learning);
+  updateControllerClientMode();
+}
+
+void VxlanControllerClientSm::updateControllerClientMode() {
+  VCC_TRACE(traceOrdinary, " init? ", initialized(), " datapathLearning is ", datapathLearningMode(),
+            " vxlanControllerClientMode is ", vxlanControllerClientMode());
+  handleRmxStateBaseDir();
+  if (!vxlanControllerClientMode()) {
+    cleanupRmxPerVniFdbStatusSm();
+    for (const VniExt vni : rmxPerVniFdbStatusSm().keys()) {
+      deleteRmxPerVniFdbStatusSm(vni);
+    }
+    handleMlagState();
+    return;
+  }
+  if (datapathLearningMode()) {
+    deleteRemoteMacsOfMappedVlans();
+  }
+  handleControllerVniBaseDir();
+  handleMlagState();
+}
+
+void VxlanControllerClientSm::deleteRemoteMacsOfMappedVlans() {
+  VCC_TRACE(traceOrdinary, " Deleting remote MACs learnt from RMX");
+  for (const Qnet::IntfId& vti : getVtiIterator()) {
+    const Kel::Ptr<const VlanVniMap> map = vlanVniMaps()->vlanVniMap(vti);
+    for (auto&& mapping : map->vlanToVsp()) {
+      deleteRemoteMacFromController(mapping.key, false);
+    }
+  }
+}
+
+// The controller's state.
+
+void VxlanControllerClientSm::handleRmxStateBaseDir() {
+  VCC_TRACE(traceOrdinary, " init ", initialized());
+  if (!initialized() || !rmxStateBaseDir_) {
+    return;
+  }
+  const Kel::Ptr<const Kel::Dir> dir = rmxStateBaseDir_.get();
+  for (auto&& entry : *dir) {
+    handleRmxStateBaseDir(entry.key);
+  }
+}
+
+void VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name name) {
+  VCC_TRACE(traceOrdinary, " init ", initialized());
+  if (!initialized() || !rmxStateBaseDir_) {
+    return;
+  }
+  if (!rmxStateBaseDir_->hasEntry(name) || !vxlanControllerClientMode()) {
+    VCC_TRACE(traceOrdinary, " entry subdir deleted for ", name);
+    rmxStateSmDel();
+    return;
+  }
+  const Kel::Ptr<Kel::Entity> entity = rmxStateBaseDir_->entityPtr(name);
+  if (!entity) {
+    VCC_TRACE(traceOrdinary, " entry subdir added, but not instantiated ", name);
+    return;
+  }
+  VCC_TRACE(traceOrdinary, " entry subdir added ", name);
+  if (const auto state = Kel::ptrCast<VxlanController::RmxStateV2>(entity)) {
+    rmxStateSmIs(state, rmxStateClientView());
+  }
+}
+
+void VxlanControllerClientSm::rmxStateSmIs(
+    const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
+  rmxStateSm_.shadowIs(rmxState, rmxStateClientView);
+}
+
+void VxlanControllerClientSm::rmxStateSmDel() {
+  rmxStateSm_.del();
+}
+
+// The VLAN-VNI maps.
+
+void VxlanControllerClientSm::handleVlanVniMapVti(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " intf: ", vti);
+  if (vlanVniMaps_ && vlanVniMaps_->vlanVniMap(vti)) {
+    createVlanVniMapSm(vti);
+  } else {
+    deleteVlanVniMapSm(vti);
+  }
+}
+
+void VxlanControllerClientSm::createVlanVniMapSm(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " vti ", vti);
+  const Kel::Ptr<const VlanVniMap> map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap(vti) : nullptr;
+  if (map) {
+    vlanVniMapSmIs(vlanVniMapSmShadowIs(vti, this, map));
+  }
+}
+
+void VxlanControllerClientSm::deleteVlanVniMapSm(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " vti ", vti);
+  vlanVniMapSmDel(vti);
+  vlanVniMapSmShadowDel(vti);
+}
+
+Kel::Ptr<VtiVlanVniMapSm> VxlanControllerClientSm::vlanVniMapSmShadowIs(
+    const Qnet::IntfId& vti, VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<const VlanVniMap>& map) {
+  return vlanVniMapSmShadow_.shadowIs(vti, owner, map);
+}
+
+const std::vector<Qnet::IntfId>& VxlanControllerClientSm::getVtiIterator() const {
+  const VlanVniMaps* maps = vlanVniMaps().get();
+  const std::uint64_t version = maps == nullptr ? 0 : maps->vlanVniMap().version();
+  if (maps != vtisOf_ || version != vtisVersion_) {
+    vtis_.clear();
+    if (maps != nullptr) {
+      for (auto&& map : maps->vlanVniMap()) {
+        vtis_.push_back(map.key);
+      }
+    }
+    vtisOf_ = maps;
+    vtisVersion_ = version;
+  }
+  return vtis_;
+}
+
+Bridging::VlanIdOrNone VxlanControllerClientSm::vlanForVni(const Qnet::IntfId& vti, VniExt vni) const {
+  const Kel::Ptr<VlanVniMap>* map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap().find(vti) : nullptr;
+  return map == nullptr ? Bridging::VlanIdOrNone() : (*map)->vniToVlan(vni);
+}
+
+VniExtOrNone VxlanControllerClientSm::vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const {
+  const Kel::Ptr<VlanVniMap>* map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap().find(vti) : nullptr;
+  return map == nullptr ? VniExtOrNone() : (*map)->vlanToVsp(vlan).vni;
+}
+
+void VxlanControllerClientSm::rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) {
+  rmxStateBaseDir_.is(dir);
+}
+void VxlanControllerClientSm::rmxStateBaseDirDel() {
+  rmxStateBaseDir_.del();
+}
+void VxlanControllerClientSm::vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps) {
+  vlanVniMaps_.is(maps);
+}
+void VxlanControllerClientSm::vlanVniMapsDel() {
+  vlanVniMaps_.del();
+}
+
+// The machines of the VNIs.
+
+void VxlanControllerClientSm::createRmxPerVniFdbStatusSm(
+    VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> status) {
+  VCC_TRACE(traceOrdinary, "createRmxPerVniFdbStatusSm ", vni);
+  rmxPerVniFdbStatusSmIs(
+      vccPerVniFdbStatusSmShadowIs(vni, status, vtiStatusDir(), vxlanHwStatusDir(), this, rmxSde()));
+}
+
+void VxlanControllerClientSm::deleteRmxPerVniFdbStatusSm(VniExt vni) {
+  VCC_TRACE(traceOrdinary, "deleteRmxPerVniFdbStatusSm ", vni);
+  vccPerVniFdbStatusSmShadowDel(vni);
+  rmxPerVniFdbStatusSmDel(vni);
+}
+
+Kel::Ptr<VccPerVniFdbStatusSm> VxlanControllerClientSm::vccPerVniFdbStatusSmShadowIs(
+    VniExt vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status,
+    const Kel::Ptr<const VtiStatusDir>& dir, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
+    VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde) {
+  return vccPerVniFdbStatusSmShadow_.shadowIs(vni, status, dir, hwStatusDir, owner, sde);
+}
+
+// The received hosts.
+
+Kel::Ptr<ReceivedHostTable> VxlanControllerClientSm::hostTableIs(const Kel::Name& name) {
+  if (!hostTable_) {
+    hostTable_ = Kel::make<ReceivedHostTable>(name);
+  }
+  return hostTable_.get();
+}
+
+Kel::Ptr<ReceivedHostTable> VxlanControllerClientSm::getHostTable() const {
+  return hostTable_.get();
+}
+
+void VxlanControllerClientSm::setUnicastDeferredDeletionInProgress(bool inProgress) {
+  if (rmxConvergenceStatus_) {
+    rmxConvergenceStatus_->unicastDeferredDeletionInProgressIs(inProgress);
+  }
+}
+
+// The MLAG pair.
+
+void VxlanControllerClientSm::createRmxMlagBumStatusSm() {
+  VCC_TRACE(traceOrdinary);
+  rmxMlagBumStatusSmIs(rmxMlagBumStatusSmShadowIs(mlagVxlanStatus(), vxlanHwStatusDir(), vlanVniMaps()));
+}
+
+void VxlanControllerClientSm::deleteRmxMlagBumStatusSm() {
+  VCC_TRACE(traceOrdinary);
+  rmxMlagBumStatusSmShadowDel();
+  rmxMlagBumStatusSmDel();
+}
+
+Kel::Ptr<RmxMlagBumStatusSm> VxlanControllerClientSm::rmxMlagBumStatusSmShadowIs(
+    const Kel::Ptr<const Mlag::VxlanStatus>& status, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
+    const Kel::Ptr<const VlanVniMaps>& maps) {
+  return rmxMlagBumStatusSmShadow_.shadowIs(status, hwStatusDir, maps);
+}
+
+Kel::Ptr<VxlanControllerClientSm> vxlanControllerClientSmFactory(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
+    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
+    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus) {
+  return VxlanControllerClientSm::VxlanControllerClientSmIs(
+      vtiStatusDir, controllerStatusBaseDir, rmxStateClientView, vxlanHwStatusDir, mlagStatus,
+      mlagVxlanStatus, rmxStateBaseDir, vlanVniMaps, rmxSde, l2RibRmxInput, rmxConvergenceStatus);
+}
+
+}  // namespace Vxlan

@@ -1,0 +1,547 @@
+// What every controller client has.
+#include <charconv>
+#include <limits>
+
+#include "Kel/System.h"
+#include "Vxlan/VxlanControllerSm.h"
+#include "Vxlan/framework/Trace.h"
+
+namespace Vxlan {
+
+const Kel::TypeNode VxlanControllerMacAddrSmBase::type{"Vxlan::VxlanControllerMacAddrSmBase"};
+
+namespace {
+
+[[maybe_unused]] const bool registered = Kel::typeNodeIs(VxlanControllerMacAddrSmBase::type);
+constexpr const char* className = "Vxlan::VxlanControllerMacAddrSmBase";
+
+// The VNI that an entry's name is in decimal; anything that is none converts to all ones, which is no VNI and
+// raises the range error.
+VniExt vniOf(const Kel::Name& name) {
+  const std::string& text = name.text();
+  std::uint32_t value = VniExtOrNone::none;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size()) {
+    value = VniExtOrNone::none;
+  }
+  return VniExt(value);
+}
+
+}  // namespace
+
+VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBase(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus) {
+  vtiStatusDir_.is(vtiStatusDir);
+  controllerStatusBaseDir_.is(controllerStatusBaseDir);
+  rmxStateClientView_.is(rmxStateClientView);
+  if (rmxStateClientView_) {
+    // The one reactor whose binding at construction counts as a change: it is delivered when the factory
+    // drains the queue, and schedules both jobs unless the controller is found to be converging.
+    rmxStateClientView_.reactor()->countAsBound();
+  }
+  vxlanHwStatusDir_.is(vxlanHwStatusDir);
+  mlagStatus_.is(mlagStatus);
+  mlagVxlanStatus_ = mlagVxlanStatus;
+  unicastDeferredDeleteClock_.is(Kel::ActivityFacility::clock());
+  bumDeferredDeleteClock_.is(Kel::ActivityFacility::clock());
+  vtiStatusReconcile();
+  if (vxlanHwStatusDir) {
+    kel_BumStatusIn_.is(vxlanHwStatusDir->bumStatus());
+  }
+}
+
+Kel::Ptr<VxlanControllerMacAddrSmBase> VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBaseIs(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus) {
+  return Kel::live<VxlanControllerMacAddrSmBase>(vtiStatusDir, controllerStatusBaseDir, rmxStateClientView,
+                                                 vxlanHwStatusDir, mlagStatus, mlagVxlanStatus);
+}
+
+VxlanControllerMacAddrSmBase::~VxlanControllerMacAddrSmBase() {
+  kelDoZombieReactors(true);
+}
+
+// The operations that a client overrides: here they trace.
+
+void VxlanControllerMacAddrSmBase::deleteBumVtepListTable(Bridging::VlanId vlan) {
+  VCC_TRACE(traceOrdinary, " vlanId ", vlan);
+}
+void VxlanControllerMacAddrSmBase::deleteBumVtepListTable() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::updateControllerClientMode() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::handleControllerClientMode() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::handleDatapathLearningMode() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::createRmxPerVniFdbStatusSm(
+    VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> /*status*/) {
+  VCC_TRACE(traceOrdinary, "createRmxPerVniFdbStatusSm ", vni);
+}
+void VxlanControllerMacAddrSmBase::deleteRmxPerVniFdbStatusSm(VniExt vni) {
+  VCC_TRACE(traceOrdinary, "deleteRmxPerVniFdbStatusSm ", vni);
+}
+void VxlanControllerMacAddrSmBase::createRmxMlagBumStatusSm() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::deleteRmxMlagBumStatusSm() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::handleBumReplicationMode() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::createVlanVniMapSm(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " vti ", vti);
+}
+void VxlanControllerMacAddrSmBase::deleteVlanVniMapSm(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " vti ", vti);
+}
+
+void VxlanControllerMacAddrSmBase::processBumDeferredDeletes() {
+  VCC_TRACE(traceOrdinary, " init: ", initialized(), " convergence in progress: ", converging(),
+            " bum vtep list count: ", kel_BumStatusIn_ ? kel_BumStatusIn_->bumVtepList().size() : 0,
+            " bum replication mode: ", bumReplicationMode());
+  if (converging()) {
+    VCC_TRACE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
+  }
+}
+
+Kel::Ptr<ReceivedHostTable> VxlanControllerMacAddrSmBase::getHostTable() const {
+  VCC_TRACE(traceOrdinary);
+  return nullptr;
+}
+const std::vector<Qnet::IntfId>& VxlanControllerMacAddrSmBase::getVtiIterator() const {
+  static const std::vector<Qnet::IntfId> none;
+  VCC_TRACE(traceOrdinary);
+  return none;
+}
+Bridging::VlanIdOrNone VxlanControllerMacAddrSmBase::vlanForVni(const Qnet::IntfId& vti, VniExt vni) const {
+  VCC_TRACE(traceOrdinary, " vti ", vti, " vni ", vni);
+  return {};
+}
+VniExtOrNone VxlanControllerMacAddrSmBase::vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const {
+  VCC_TRACE(traceOrdinary, " vti ", vti, " vlan ", vlan);
+  return {};
+}
+void VxlanControllerMacAddrSmBase::setBumDeferredDeletionInProgress(bool) {
+  Kel::fatalUnless(false, "false");
+}
+void VxlanControllerMacAddrSmBase::setUnicastDeferredDeletionInProgress(bool) {
+  Kel::fatalUnless(false, "false");
+}
+
+// Hooks for derived machines.
+
+void VxlanControllerMacAddrSmBase::handleActivatedVti(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " Init? ", initialized(), " vti ", vti);
+}
+void VxlanControllerMacAddrSmBase::handleActivatedVti() {
+  VCC_TRACE(traceOrdinary);
+}
+void VxlanControllerMacAddrSmBase::handleVtiUp(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " vti ", vti, " activated");
+}
+void VxlanControllerMacAddrSmBase::handleVtiDown(Qnet::IntfId vti) {
+  VCC_TRACE(traceOrdinary, " vti ", vti);
+}
+
+void VxlanControllerMacAddrSmBase::handleInitialized() {
+  vccRlHandleInit();
+  VCC_TRACE(traceOrdinary, " Init? ", initialized());
+  initializedIs(true);
+}
+
+void VxlanControllerMacAddrSmBase::handleMlagState() {
+  if (!initialized()) {
+    return;
+  }
+  Kel::fatalUnless(static_cast<bool>(mlagStatus_), "mlagStatus");
+  VCC_TRACE(traceOrdinary, " ", mlagStatus_->mlagState());
+  if (mlagStatus_->mlagState() == Mlag::MlagState::Active && vxlanControllerClientMode()) {
+    createRmxMlagBumStatusSm();
+    if (const Kel::Ptr<RmxMlagBumStatusSmBase> machine = rmxMlagBumStatusSm()) {
+      machine->handleInitialized();
+    }
+  } else {
+    deleteRmxMlagBumStatusSm();
+  }
+}
+
+void VxlanControllerMacAddrSmBase::handleConvergenceInProgress() {
+  VCC_TRACE(traceOrdinary, " init ", initialized());
+  if (!initialized()) {
+    return;
+  }
+  VCC_TRACE(traceOrdinary, "handleConvergenceInProgress", " init ", initialized(), " convergence state ",
+            converging());
+  if (converging()) {
+    setUnicastDeferredDeletionInProgress(false);
+    setBumDeferredDeletionInProgress(false);
+    return;
+  }
+  const double now = Kel::System::currentTime();
+  VCC_TRACE(traceOrdinary, "handleConvergenceInProgress", " schedule deferred deletes");
+  setUnicastDeferredDeletionInProgress(true);
+  setBumDeferredDeletionInProgress(true);
+  unicastDeferredDeleteClock_->timeMinIs(now);
+  bumDeferredDeleteClock_->timeMinIs(now);
+}
+
+bool VxlanControllerMacAddrSmBase::converging() const {
+  return rmxStateClientView_ && rmxStateClientView_->convergenceInProgress();
+}
+
+BumReplicationMode VxlanControllerMacAddrSmBase::bumReplicationMode() const {
+  const Kel::Ptr<BumStatus> status = vxlanHwStatusDir_ ? vxlanHwStatusDir_->bumStatus() : nullptr;
+  return status ? status->bumReplicationMode() : BumReplicationMode::None;
+}
+
+// The controller's directory of VNIs.
+
+void VxlanControllerMacAddrSmBase::handleControllerVniBaseDir() {
+  if (!initialized() || !controllerStatusBaseDir_) {
+    return;
+  }
+  VCC_TRACE(traceOrdinary, " dir ", static_cast<const void*>(controllerStatusBaseDir_.get().get()));
+  const Kel::Ptr<const Kel::Dir> dir = controllerStatusBaseDir();
+  for (auto&& entry : *dir) {
+    handleControllerVniBaseDir(entry.key);
+  }
+}
+
+void VxlanControllerMacAddrSmBase::handleControllerVniBaseDir(Kel::Name name) {
+  VCC_TRACE(traceOrdinary, " name ", name);
+  if (!initialized()) {
+    return;
+  }
+  if (controllerStatusBaseDir_ && controllerStatusBaseDir_->hasEntry(name) && vxlanControllerClientMode()) {
+    addVni(name);
+    return;
+  }
+  VCC_TRACE(traceOrdinary, " entry subdir deleted for ", name);
+  const VniExt vni = vniOf(name);
+  if (rmxPerVniFdbStatusSm_.contains(vni)) {
+    removeVni(vni);
+  }
+}
+
+void VxlanControllerMacAddrSmBase::addVni(const Kel::Name& name) {
+  const Kel::Ptr<Kel::Entity> entity = controllerStatusBaseDir_->entityPtr(name);
+  if (!entity) {
+    VCC_TRACE(traceOrdinary, name, " entry subdir added, but not instantiated ");
+    return;
+  }
+  VCC_TRACE(traceOrdinary, name, " entry subdir added ");
+  const Kel::Ptr<const VxlanController::VniFdbStatusV2> status =
+      Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
+  if (!status) {
+    return;
+  }
+  const VniExt vniId = vniOf(name);
+  Kel::fatalUnless(!!vniId.value(), "!!vniId");
+  const Kel::Ptr<RmxPerVniFdbStatusSmBase> present = rmxPerVniFdbStatusSm(vniId);
+  if (present && present->rmxVniFdbStatusV2() != status) {
+    removeVni(vniId);  // the machine follows an entity that was replaced
+  }
+  for (const Qnet::IntfId& vti : getVtiIterator()) {
+    const Bridging::VlanIdOrNone vlan = vlanForVni(vti, vniId);
+    VCC_TRACE(traceOrdinary, "vniId: ", vniId, " localmap: ", vlan);
+    if (!vlan) {
+      continue;
+    }
+    VCC_TRACE(traceOrdinary, " vni-vlan map found for vni ", vniId);
+    if (const Kel::Ptr<RmxPerVniFdbStatusSmBase> machine = rmxPerVniFdbStatusSm(vniId)) {
+      machine->handleRmxHostTable();
+    } else {
+      createRmxPerVniFdbStatusSm(vniId, status);
+    }
+  }
+}
+
+void VxlanControllerMacAddrSmBase::removeVni(VniExt vni) {
+  VCC_TRACE(traceOrdinary, " Deleting the corresponding SM");
+  cleanupRmxPerVniFdbStatusSm(vni, true);
+  deleteRmxPerVniFdbStatusSm(vni);
+}
+
+void VxlanControllerMacAddrSmBase::cleanupRmxPerVniFdbStatusSm(VniExt vni, bool deferIfConverging) {
+  VCC_TRACE(traceOrdinary, " Delete remote mac entries for vni ", vni);
+  bool deferDel = false;
+  for (const Qnet::IntfId& vti : getVtiIterator()) {
+    const Bridging::VlanIdOrNone mapped = vlanForVni(vti, vni);
+    if (!mapped) {
+      VCC_TRACE(traceOrdinary, "Missing vlan-to-vni mapping");
+      return;
+    }
+    const Bridging::VlanId vlan(mapped);
+    if (deferIfConverging && vxlanControllerClientMode() && converging()) {
+      deferDel = true;
+    }
+    deleteRemoteMacFromController(vlan, deferDel);
+    if (deferDel) {
+      continue;  // flood state is left to the paced job
+    }
+    deleteBumVtepListTable(vlan);
+    if (const Kel::Ptr<RmxMlagBumStatusSmBase> machine = rmxMlagBumStatusSm()) {
+      machine->markAndSweep(vlan);
+    }
+  }
+}
+
+void VxlanControllerMacAddrSmBase::cleanupRmxPerVniFdbStatusSm() {
+  VCC_TRACE(traceOrdinary);
+  for (const VniExt vni : rmxPerVniFdbStatusSm_.keys()) {
+    cleanupRmxPerVniFdbStatusSm(vni, true);
+  }
+}
+
+void VxlanControllerMacAddrSmBase::vxlanControllerScanVniStatus(VniExt vni) {
+  VCC_TRACE(traceOrdinary, " Scanning VniStatus for vni ", vni);
+  if (const Kel::Ptr<RmxPerVniFdbStatusSmBase> machine = rmxPerVniFdbStatusSm(vni)) {
+    machine->handleInitialized();
+    return;
+  }
+  VCC_TRACE(traceOrdinary, "creating vniStatusSm");
+  handleControllerVniBaseDir(Kel::Name(std::to_string(vni.value())));
+}
+
+// Received hosts: marking and deleting.
+
+void VxlanControllerMacAddrSmBase::deleteRemoteMacFromController(Bridging::VlanId vlan, bool deferDel) {
+  if (!initialized()) {
+    return;
+  }
+  const Kel::Ptr<ReceivedHostTable> table = getHostTable();
+  VCC_TRACE(traceOrdinary, "deleteRemoteMacFromController", " vlanId ", vlan, " deferDel ", deferDel);
+  if (!table) {
+    return;
+  }
+  table->eachOfVlan(vlan, [&](const Bridging::MacVlanPair& key) {
+    VCC_TRACE(traceOrdinary, " Deleting: Mac: ", key.mac, " Vlan: ", key.vlan, " deferDel ", deferDel);
+    if (deferDel) {
+      deferDeleteReceivedTableEntry(key);
+    } else {
+      deleteReceivedTableEntry(key);
+    }
+  });
+}
+
+void VxlanControllerMacAddrSmBase::deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key) {
+  const Kel::Ptr<ReceivedHostTable> table = getHostTable();
+  VCC_TRACE(traceOrdinary, " key ", key.mac, " vlan ", key.vlan);
+  const ReceivedEntry* present = table ? table->receivedEntry().find(key) : nullptr;
+  if (present == nullptr || present->markedForDel) {
+    return;
+  }
+  ReceivedEntry marked = *present;
+  marked.markedForDel = true;
+  VCC_TRACE(traceOrdinary, "defer delete of ", key.mac, " vlan ", key.vlan, " old vtep: ", marked.vtepIp);
+  table->receivedEntryIs(marked);
+  table->markedForDelCountInc(1);
+  VCC_TRACE(traceOrdinary, "new marked for deletion count ", table->markedForDelCount());
+}
+
+void VxlanControllerMacAddrSmBase::deleteReceivedTableEntry(const Bridging::MacVlanPair& key) {
+  const Kel::Ptr<ReceivedHostTable> table = getHostTable();
+  VCC_TRACE(traceOrdinary, " deleting ", key.mac, " vlan ", key.vlan);
+  if (!table) {
+    return;
+  }
+  const ReceivedEntry* present = table->receivedEntry().find(key);
+  if (present != nullptr && present->markedForDel) {
+    table->markedForDelCountDec(1);
+    VCC_TRACE(traceOrdinary, " new marked for deletion count ", table->markedForDelCount());
+  }
+  table->receivedEntryDel(key);
+}
+
+void VxlanControllerMacAddrSmBase::processUnicastDeferredDeletes() {
+  const Kel::Ptr<ReceivedHostTable> table = initialized() ? getHostTable() : nullptr;
+  if (!table) {
+    return;
+  }
+  VCC_TRACE(traceOrdinary, " init ", initialized(), " convergence state ", converging(),
+            " marked for del count ", table->markedForDelCount());
+  if (converging()) {
+    VCC_TRACE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
+    return;
+  }
+  if (table->markedForDelCount() == 0) {
+    finishUnicastDeferredDeletes();
+    VCC_TRACE(traceOrdinary, " no markedForDel entries");
+    return;
+  }
+  const Bridging::MacVlanPair bookmark = unicastDeferredDeleteBookmark();
+  auto at = table->receivedEntry().begin();
+  if (const auto marked = table->receivedEntry().at(bookmark);
+      bookmark != Bridging::MacVlanPair() && marked) {
+    VCC_TRACE(traceOrdinary, " starting at bookmark ", bookmark.mac, " vlan ", bookmark.vlan);
+    at = marked;
+  } else {
+    VCC_TRACE(traceOrdinary, " no bookmark. start fresh");
+  }
+  const double deadline = Kel::System::currentTime() + maxProcessTime();
+  VCC_TRACE(traceOrdinary, " initial count ", table->markedForDelCount());
+  while (table->markedForDelCount() != 0) {
+    if (!at) {
+      VCC_TRACE(traceOrdinary, " reached end, resume from first entry");
+      at = table->receivedEntry().begin();
+      // Cannot be reached while the count is right: it never exceeds the number of entries.
+      Kel::fatalUnless(static_cast<bool>(at), "iter");
+    }
+    const Bridging::MacVlanPair key = at->key;
+    const double now = Kel::System::currentTime();
+    if (now >= deadline) {
+      unicastDeferredDeleteBookmark_ = key;
+      VCC_TRACE(traceOrdinary, " reschedule, resume later from ", key.mac, " vlan ", key.vlan,
+                " Remaining count ", table->markedForDelCount());
+      unicastDeferredDeleteClock_->timeMinIs(now);
+      return;
+    }
+    if (at->value.markedForDel) {
+      deleteReceivedTableEntry(key);
+    }
+    ++at;
+  }
+  finishUnicastDeferredDeletes();
+  VCC_TRACE(traceOrdinary, " unicast mac deferred delete complete.");
+}
+
+void VxlanControllerMacAddrSmBase::finishUnicastDeferredDeletes() {
+  unicastDeferredDeleteBookmark_ = Bridging::MacVlanPair();
+  setUnicastDeferredDeletionInProgress(false);
+}
+
+bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp,
+                                                const Qnet::IntfId& vti) const {
+  VCC_TRACE(traceOrdinary, " vni ", vni, " vtepIp ", vtepIp, " vti ", vti);
+  const Kel::Ptr<const VtiStatus> status = vtiStatusDir_ ? vtiStatusDir_->vtiStatus(vti) : nullptr;
+  if (!status) {
+    return false;
+  }
+  VCC_TRACE(traceOrdinary, "local vtepIp: ", status->localVtepAddr(),
+            " local dgw vtepIp: ", status->dgwVtepAddr());
+  if (vtepIp == status->localVtepAddr() || vtepIp == status->dgwVtepAddr()) {
+    return true;
+  }
+  if (mlagVxlanStatus_) {
+    for (auto&& address : mlagVxlanStatus_->vtepAddr()) {
+      if (address.value == vtepIp) {
+        VCC_TRACE(traceOrdinary, "vtepIp: ", vtepIp);
+        return true;
+      }
+    }
+  }
+  return false;
+}
+
+// The generated mutators.
+
+void VxlanControllerMacAddrSmBase::vtiStatusReconcile() {
+  if (vtiStatusDir_) {
+    vtiStatus_.reconcile(vtiStatusDir_->vtiStatus());
+  }
+}
+
+void VxlanControllerMacAddrSmBase::vtiStatusDel(Qnet::IntfId vti) {
+  vtiStatus_.del(vti);
+}
+
+void VxlanControllerMacAddrSmBase::vtiStatusIs(const Kel::Ptr<const VtiStatus>& status) {
+  if (!status) {
+    Kel::throwNullParameter(className, "vtiStatus");
+  }
+  vtiStatus_.is(status->intfId(), status);
+}
+
+void VxlanControllerMacAddrSmBase::vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir) {
+  if (dir) {
+    vtiStatusDir_.is(dir);
+  } else {
+    vtiStatusDirDel();
+  }
+}
+
+void VxlanControllerMacAddrSmBase::vtiStatusDirDel() {
+  vtiStatusDir_.del();
+  vtiStatus_.delAll();
+}
+
+void VxlanControllerMacAddrSmBase::controllerStatusBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) {
+  controllerStatusBaseDir_.is(dir);
+}
+void VxlanControllerMacAddrSmBase::controllerStatusBaseDirDel() {
+  controllerStatusBaseDir_.del();
+}
+void VxlanControllerMacAddrSmBase::rmxStateClientViewIs(
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& view) {
+  rmxStateClientView_.is(view);
+}
+void VxlanControllerMacAddrSmBase::rmxStateClientViewDel() {
+  rmxStateClientView_.del();
+}
+void VxlanControllerMacAddrSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir) {
+  vxlanHwStatusDir_.is(dir);
+  if (!dir) {
+    kel_BumStatusInRebind();
+  }
+}
+void VxlanControllerMacAddrSmBase::vxlanHwStatusDirDel() {
+  vxlanHwStatusDirIs(nullptr);
+}
+void VxlanControllerMacAddrSmBase::mlagStatusIs(const Kel::Ptr<const Mlag::Status>& status) {
+  mlagStatus_.is(status);
+}
+void VxlanControllerMacAddrSmBase::mlagStatusDel() {
+  mlagStatus_.del();
+}
+void VxlanControllerMacAddrSmBase::unicastDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock) {
+  unicastDeferredDeleteClock_.is(clock);
+}
+void VxlanControllerMacAddrSmBase::bumDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock) {
+  bumDeferredDeleteClock_.is(clock);
+}
+
+// Follows the hardware's BUM status that is there now; a new one counts as a change, and so does losing it.
+void VxlanControllerMacAddrSmBase::kel_BumStatusInRebind() {
+  const Kel::Ptr<BumStatus> status = vxlanHwStatusDir_ ? vxlanHwStatusDir_->bumStatus() : nullptr;
+  kel_BumStatusIn_.is(status);
+  if (!status) {
+    handleBumReplicationMode();
+  }
+}
+
+void VxlanControllerMacAddrSmBase::rmxPerVniFdbStatusSmIs(const Kel::Ptr<RmxPerVniFdbStatusSmBase>& sm) {
+  if (!sm) {
+    Kel::throwNullParameter(className, "rmxPerVniFdbStatusSm");
+  }
+  rmxPerVniFdbStatusSm_.is(sm->vni(), sm);
+}
+
+void VxlanControllerMacAddrSmBase::vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSmBase>& sm) {
+  if (!sm) {
+    Kel::throwNullParameter(className, "vlanVniMapSm");
+  }
+  vlanVniMapSm_.is(sm->vtiIntfId(), sm);
+}
+
+Kel::Ptr<VxlanControllerMacAddrSmBase> vxlanControllerMacAddrSmBaseFactory(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus) {
+  return VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBaseIs(vtiStatusDir, controllerStatusBaseDir,
+                                                                      rmxStateClientView, vxlanHwStatusDir,
+                                                                      mlagStatus, mlagVxlanStatus);
+}
+
+}  // namespace Vxlan

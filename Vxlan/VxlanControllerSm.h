@@ -1,0 +1,1086 @@
+// The state machines of the VXLAN controller client, and the factories that make them.
+#pragma once
+
+#include <array>
+#include <optional>
+#include <vector>
+
+#include "Kel/Children.h"
+#include "Kel/Clock.h"
+#include "Kel/Dir.h"
+#include "Kel/StateMachine.h"
+#include "Vxlan/types/Bridging.h"
+#include "Vxlan/types/BumStatus.h"
+#include "Vxlan/types/Controller.h"
+#include "Vxlan/types/ConvergenceStatus.h"
+#include "Vxlan/types/FloodSet.h"
+#include "Vxlan/types/HostInput.h"
+#include "Vxlan/types/Mlag.h"
+#include "Vxlan/types/Qnet.h"
+#include "Vxlan/types/ReceivedHostTable.h"
+#include "Vxlan/types/VlanVniMap.h"
+#include "Vxlan/types/Vni.h"
+#include "Vxlan/types/VtiStatus.h"
+
+namespace Vxlan {
+
+class RmxPerVniFdbStatusSmBase;
+class VxlanControllerMacAddrSmBase;
+
+// The tracker of one VTI's VLAN-VNI map, as its owner knows it: a VTI and its owner.
+class VtiVlanVniMapSmBase : public Kel::StateMachine {
+ public:
+  VtiVlanVniMapSmBase(const Qnet::IntfId& vtiIntfId, VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VtiVlanVniMapSmBase() override;
+
+  // The VNI that the VLAN is mapped to on this VTI, or none; none here.
+  virtual VniExtOrNone vniForVlan(Bridging::VlanId vlan) const;
+  // The VLAN that is mapped to the VNI on this VTI, or none; none here.
+  virtual Bridging::VlanIdOrNone vlanForVni(VniExt vni) const;
+  virtual void handleInitialized();
+  virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
+
+  // What follows when the update of a VLAN's entry is complete: machines of VNIs that lost their VLAN go, the
+  // machine of the VLAN's VNI is created or refreshed. Nothing unless the switch is a controller client.
+  void rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, const Qnet::IntfId& vti);
+
+  const Qnet::IntfId& vtiIntfId() const { return vtiIntfId_; }
+  bool initialized() const { return initialized_; }
+
+ protected:
+  VxlanControllerMacAddrSmBase& owner() const { return *vxlanControllerMacAddrSm_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+
+ private:
+  Kel::Own<Qnet::IntfId> vtiIntfId_;
+  VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm_;  // outlives the tracker
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// The tracker of one VTI's VLAN-VNI map. It exists while the VTI has a map. Each time the map signals that
+// the entry of a VLAN is complete, it brings the state of the controller in line: a VLAN that lost its VNI
+// loses its remote MACs at once, one that has a VNI gets that VNI's machine created or refreshed. It is inert
+// until its owner is initialized.
+class VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
+ public:
+  static constexpr Kel::Parameters<2> parameterNames{"_vxlanControllerMacAddrSm", "_vlanVniMap"};
+
+  VtiVlanVniMapSm(const Qnet::IntfId& vtiIntfId, VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
+                  const Kel::Ptr<const VlanVniMap>& vlanVniMap);
+  static Kel::Ptr<VtiVlanVniMapSm> VtiVlanVniMapSmIs(const Qnet::IntfId& vtiIntfId,
+                                                     VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
+                                                     const Kel::Ptr<const VlanVniMap>& vlanVniMap);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VtiVlanVniMapSm() override;
+
+  VniExtOrNone vniForVlan(Bridging::VlanId vlan) const override;
+  Bridging::VlanIdOrNone vlanForVni(VniExt vni) const override;
+  void handleInitialized() override;
+  void handleVlanVniMapUpdate(Bridging::VlanId vlan);
+
+  const Kel::Ptr<const VlanVniMap>& vlanVniMap() const { return vlanVniMap_.get(); }
+  std::array<const void*, 2> parameters() const { return {&owner(), vlanVniMap().get()}; }
+
+ private:
+  class KelVlanVniMap final : public Kel::Reacts<VlanVniMap, VtiVlanVniMapSm> {
+   public:
+    using Reacts::Reacts;
+    void onNotifyingVlan(Bridging::VlanId vlan) override { owner().handleVlanVniMapUpdate(vlan); }
+  };
+  Kel::Input<const VlanVniMap, KelVlanVniMap> vlanVniMap_{*this, "vlanVniMap"};
+};
+
+// The state of one flood list, as the machine of its VNI knows it, and the gating that every operation
+// passes: flood sets are written only while the controller drives BUM replication, a MAC with multipath
+// destinations is left alone, and the first VTI that does not map the VNI ends the operation. It writes
+// nothing itself: getting past the gating here is a fatal assertion.
+class MacVtepFloodListTableSmBase : public Kel::StateMachine {
+ public:
+  MacVtepFloodListTableSmBase(
+      const Qnet::EthAddr& macAddr,
+      const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
+      RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm);
+  static const Kel::TypeNode type;
+  void hasNotificationActiveIs(bool active) override;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~MacVtepFloodListTableSmBase() override;
+
+  virtual void handleVtepIpFloodList(Qnet::IpAddr ip);
+  virtual void cleanup();
+  virtual void handleInitialized();
+  virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
+  virtual void macVtepFloodListTableDel();
+  virtual void macVtepFloodListTableIs(const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list);
+
+  // The list as a whole changed: every address anew.
+  void handleVtepIpFloodList();
+
+  const Qnet::EthAddr& macAddr() const { return macAddr_; }
+  const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable() const {
+    return macVtepFloodListTable_.get();
+  }
+  bool initialized() const { return initialized_; }
+
+ protected:
+  // Whether flood sets of this MAC are to be written now: the controller drives BUM replication and there is
+  // no multipath entry.
+  bool mayWrite() const;
+  RmxPerVniFdbStatusSmBase& owner() const { return *rmxPerVniFdbStatusSm_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+
+ private:
+  class KelMacVtepFloodListTable final
+      : public Kel::Reacts<VxlanController::MacVtepFloodListV2, MacVtepFloodListTableSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onVtepIpFloodList(Qnet::IpAddr ip) override { owner().handleVtepIpFloodList(ip); }
+    void onVtepIpFloodList() override { owner().handleVtepIpFloodList(); }
+  };
+  void actInBase() const;
+
+  Kel::Own<Qnet::EthAddr> macAddr_;
+  Kel::Input<const VxlanController::MacVtepFloodListV2, KelMacVtepFloodListTable> macVtepFloodListTable_{
+      *this, "macVtepFloodListTable"};
+  RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm_;  // outlives it
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// Mirrors the flood list that the controller publishes for one MAC of one VNI into the L2 RIB: into the flood
+// set of that MAC, type "send to all", in every VLAN to which a VTI maps the VNI. While the controller
+// converges a full evaluation removes nothing; a change of a single address acts at once.
+class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
+ public:
+  static constexpr Kel::Parameters<3> parameterNames{"_macVtepFloodListTable", "_rmxPerVniFdbStatusSm",
+                                                     "_rmxSde"};
+
+  VccMacVtepFloodListTableSm(const Qnet::EthAddr& macAddr,
+                             const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
+                             RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm,
+                             const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
+  static Kel::Ptr<VccMacVtepFloodListTableSm> VccMacVtepFloodListTableSmIs(
+      const Qnet::EthAddr& macAddr,
+      const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
+      RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VccMacVtepFloodListTableSm() override;
+
+  using MacVtepFloodListTableSmBase::handleVtepIpFloodList;
+  void handleVtepIpFloodList(Qnet::IpAddr ip) override;
+  void cleanup() override;
+  void handleInitialized() override;
+
+  std::array<const void*, 3> parameters() const {
+    return {macVtepFloodListTable().get(), &owner(), rmxSde_.get().get()};
+  }
+
+ private:
+  Kel::Ptr<L2Rib::FloodSet> floodSetOfAll(Bridging::VlanId vlan);
+
+  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
+};
+
+// The machine of one VNI: turns each remote MAC that the controller publishes into an entry of the received
+// host table for every VTI that maps the VNI to a VLAN, and removes, or while the controller converges marks,
+// the entries of MACs that are withdrawn. A MAC behind one of the switch's own addresses is never added, and
+// a stale entry of it goes at once. It owns a machine for each flood list. This class has the inputs and the
+// hosts; flood lists and multipath destinations are the derived class's.
+class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
+ public:
+  using FloodListSms = Kel::Children<Kel::OrderedTable, Qnet::EthAddr, MacVtepFloodListTableSmBase>;
+
+  RmxPerVniFdbStatusSmBase(const VniExt& vni,
+                           const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
+                           const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+                           const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+                           VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm);
+  static const Kel::TypeNode type;
+
+  // In the order of their slots.
+  void hasNotificationActiveIs(bool active) override;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~RmxPerVniFdbStatusSmBase() override;
+  virtual void handleMacVtepMultiPathTable(Qnet::EthAddr mac);
+  virtual void createMacVtepFloodListTableSm(Qnet::EthAddr mac);
+  virtual void deleteMacVtepFloodListTableSm(Qnet::EthAddr mac);
+  virtual void vtiStatusDel(Qnet::IntfId vti);
+  virtual void vtiStatusDel(VtiStatusDir::VtiStatuses::Iterator at);
+  virtual void vtiStatusNotify(Qnet::IntfId vti);
+  virtual void vtiStatusIs(const Kel::Ptr<const VtiStatus>& status);
+  virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
+  virtual void rmxVniFdbStatusV2Del();
+  virtual void rmxVniFdbStatusV2Is(const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status);
+  virtual void vtiStatusDirDel();
+  virtual void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
+  virtual void vxlanHwStatusDirDel();
+  virtual void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
+
+  // The first full evaluation, or one anew: hosts, then multipath entries, then flood lists.
+  void handleInitialized();
+  // Evaluates one MAC of the controller's host table, or every MAC that is in it; the latter never deletes.
+  void handleRmxHostTable(Qnet::EthAddr mac);
+  void handleRmxHostTable();
+  void handleDgwVtepAddr();
+  void handleMacVtepMultiPathTable();
+  void handleMacVtepFloodListTable(Qnet::EthAddr mac);
+  void handleMacVtepFloodListTable();
+  // Whether the controller drives BUM flooding for this VNI.
+  bool checkBumStatus() const;
+
+  const VniExt& vni() const { return vni_; }
+  bool initialized() const { return initialized_; }
+  const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2() const {
+    return rmxVniFdbStatusV2_.get();
+  }
+  const Kel::Ptr<const VtiStatusDir>& vtiStatusDir() const { return vtiStatusDir_.get(); }
+  const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
+  const FloodListSms& macVtepFloodListTableSm() const { return macVtepFloodListTableSm_; }
+  Kel::Ptr<MacVtepFloodListTableSmBase> macVtepFloodListTableSm(const Qnet::EthAddr& mac) const {
+    return macVtepFloodListTableSm_(mac);
+  }
+  // Enters a flood list machine under its MAC; null raises the range error.
+  void macVtepFloodListTableSmIs(const Kel::Ptr<MacVtepFloodListTableSmBase>& sm);
+  void macVtepFloodListTableSmDel(const Qnet::EthAddr& mac) { macVtepFloodListTableSm_.del(mac); }
+  void macVtepFloodListTableSmDelAll() { macVtepFloodListTableSm_.delAll(); }
+
+  // Calls back with the VLAN of each VTI in turn and returns true, or stops at the first VTI that does not
+  // map the VNI and returns false: flood state is not written past it.
+  template <class Call>
+  bool eachFloodVlan(const Call& call) const {
+    for (const Qnet::IntfId& vti : vtis()) {
+      const std::optional<Bridging::VlanId> vlan = floodVlan(vti);
+      if (!vlan) {
+        return false;
+      }
+      call(*vlan);
+    }
+    return true;
+  }
+  // Whether the controller is converging, as the client view has it.
+  bool converging() const;
+
+ protected:
+  VxlanControllerMacAddrSmBase& owner() const { return *vxlanControllerMacAddrSm_; }
+
+ private:
+  class KelRmxVniFdbStatusV2 final
+      : public Kel::Reacts<VxlanController::VniFdbStatusV2, RmxPerVniFdbStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onMacVtepTable(Qnet::EthAddr mac) override { owner().handleRmxHostTable(mac); }
+    void onMacVtepTablekelImmediate() override { owner().handleRmxHostTable(); }
+    void onMacVtepFloodListTable(Qnet::EthAddr mac) override { owner().handleMacVtepFloodListTable(mac); }
+    void onMacVtepFloodListTable() override { owner().handleMacVtepFloodListTable(); }
+    void onMacVtepMultiPathTable(Qnet::EthAddr mac) override { owner().handleMacVtepMultiPathTable(mac); }
+    void onMacVtepMultiPathTable() override { owner().handleMacVtepMultiPathTable(); }
+  };
+  class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, RmxPerVniFdbStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onVtiStatus(Qnet::IntfId vti) override { owner().vtiStatusNotify(vti); }
+    void onVtiStatuskelImmediate() override { owner().vtiStatus_.reconcile(notifier()->vtiStatus()); }
+  };
+  class KelVxlanHwStatusDir final : public Kel::Reacts<VxlanHwStatusDir, RmxPerVniFdbStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+  };
+  class KelVtiStatus final : public Kel::Reacts<VtiStatus, RmxPerVniFdbStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onDgwVtepAddr() override { owner().handleDgwVtepAddr(); }
+  };
+
+  const std::vector<Qnet::IntfId>& vtis() const;
+  std::optional<Bridging::VlanId> floodVlan(const Qnet::IntfId& vti) const;
+  void removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key, Qnet::IpAddr vtepIp);
+  void addRemote(ReceivedHostTable& table, const Bridging::MacVlanPair& key, const Qnet::IntfId& vti,
+                 const VxlanController::MacVtepV2& host);
+  void withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key);
+
+  Kel::Own<VniExt> vni_;
+  Kel::Input<const VxlanController::VniFdbStatusV2, KelRmxVniFdbStatusV2> rmxVniFdbStatusV2_{
+      *this, "rmxVniFdbStatusV2"};
+  Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
+  Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
+  VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm_;  // outlives it
+  Kel::Reactors<Qnet::IntfId, KelVtiStatus> vtiStatus_{*this, "vtiStatus"};
+  FloodListSms macVtepFloodListTableSm_{*this, "macVtepFloodListTableSm", Kel::Owns::Alias};
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// The machine of one VNI that runs: adds the flood lists and the multipath entries, which become flood sets
+// of the L2 RIB. It is live and fully synchronised as soon as it is built.
+class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
+ public:
+  static constexpr Kel::Parameters<5> parameterNames{
+      "_rmxVniFdbStatusV2", "_vtiStatusDir", "_vxlanHwStatusDir", "_vxlanControllerMacAddrSm", "_rmxSde"};
+
+  VccPerVniFdbStatusSm(const VniExt& vni,
+                       const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
+                       const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+                       const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+                       VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
+                       const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
+  static Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSmIs(
+      const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
+      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+      VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
+  static const Kel::TypeNode type;
+  void hasNotificationActiveIs(bool active) override;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VccPerVniFdbStatusSm() override;
+
+  using RmxPerVniFdbStatusSmBase::handleMacVtepMultiPathTable;
+  void handleMacVtepMultiPathTable(Qnet::EthAddr mac) override;
+  void createMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
+  void deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
+  void kelDoZombieReactors(bool zombie) override { StateMachine::kelDoZombieReactors(zombie); }
+
+  std::array<const void*, 5> parameters() const {
+    return {rmxVniFdbStatusV2().get(), vtiStatusDir().get(), vxlanHwStatusDir().get(), &owner(),
+            rmxSde_.get().get()};
+  }
+
+ private:
+  void writeMultiPath(Bridging::VlanId vlan, const VxlanController::MacVtepMultiPathV2& entry);
+  void removeMultiPath(Bridging::VlanId vlan, const Qnet::EthAddr& mac);
+
+  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
+  Kel::Children<Kel::OrderedTable, Qnet::EthAddr, VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSm_{
+      *this, "vccMacVtepFloodListTableSm"};
+};
+
+// Copies the received host table into the controller's input to the L2 RIB. Every entry becomes one host of
+// the same key, also one that is marked for deletion; a key that leaves the table is deleted. When it is
+// built it reconciles: what the host input holds without an entry goes first, then every entry is written.
+class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachine {
+ public:
+  static constexpr Kel::Parameters<2> parameterNames{"_receivedHostTable", "_l2RibRmxInput"};
+
+  ReceivedHostTableToL2RibHostInputSm(const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
+                                      const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput);
+  static Kel::Ptr<ReceivedHostTableToL2RibHostInputSm> ReceivedHostTableToL2RibHostInputSmIs(
+      const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
+      const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~ReceivedHostTableToL2RibHostInputSm() override;
+
+  void handleInitialized();
+  void handleReceivedHostEntry(Bridging::MacVlanPair key);
+  void handleReceivedHostEntry();
+
+  bool initialized() const { return initialized_; }
+  std::array<const void*, 2> parameters() const {
+    return {receivedHostTable_.get().get(), l2RibRmxInput_.get().get()};
+  }
+
+ private:
+  class KelReceivedHostTable final
+      : public Kel::Reacts<ReceivedHostTable, ReceivedHostTableToL2RibHostInputSm> {
+   public:
+    using Reacts::Reacts;
+    void onReceivedEntry(Bridging::MacVlanPair key) override { owner().handleReceivedHostEntry(key); }
+    void onReceivedEntrykelImmediate() override { owner().handleReceivedHostEntry(); }
+  };
+  Kel::Input<const ReceivedHostTable, KelReceivedHostTable> receivedHostTable_{*this, "receivedHostTable"};
+  Kel::Held<L2Rib::HostInput> l2RibRmxInput_;
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// Follows the controller's state and echoes its convergence flag into the switch's client view, as it stands.
+// When it goes away it writes false: no reader may be left waiting for a convergence that nobody will end.
+class RmxStateSm final : public Kel::StateMachine {
+ public:
+  static constexpr Kel::Parameters<2> parameterNames{"_rmxState", "_rmxStateClientView"};
+
+  RmxStateSm(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
+             const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  static Kel::Ptr<RmxStateSm> RmxStateSmIs(
+      const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
+      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~RmxStateSm() override;
+
+  void handleInitialized();
+  void handleConvergenceInProgress();
+  void cleanup();
+
+  const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState() const { return rmxState_.get(); }
+  bool initialized() const { return initialized_; }
+  std::array<const void*, 2> parameters() const {
+    return {rmxState_.get().get(), rmxStateClientView_.get().get()};
+  }
+
+ private:
+  class KelRmxState final : public Kel::Reacts<VxlanController::RmxStateV2, RmxStateSm> {
+   public:
+    using Reacts::Reacts;
+    void onConvergenceInProgress() override { owner().handleConvergenceInProgress(); }
+  };
+  Kel::Input<const VxlanController::RmxStateV2, KelRmxState> rmxState_{*this, "rmxState"};
+  Kel::Held<VxlanController::RmxStateClientViewV2> rmxStateClientView_;
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// The echo of the controller's state for programs that need nothing else of the client: keeps a RmxStateSm
+// while the controller's state entity is there and some VTI is in controller client mode.
+//
+//   state       | condition                                  | the client view's convergenceInProgress
+//   ------------+--------------------------------------------+----------------------------------------
+//   idle        | no state entity, or no VTI in client mode  | false
+//   echoing     | both                                       | the controller's flag
+class KEL_API RmxStateSmWrapper final : public Kel::StateMachine {
+ public:
+  RmxStateSmWrapper(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+                    const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+                    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  static Kel::Ptr<RmxStateSmWrapper> RmxStateSmWrapperIs(
+      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~RmxStateSmWrapper() override;
+
+  void handleInitialized();
+  void handleRmxStateBaseDir(Kel::Name name);
+  void handleRmxStateBaseDir();
+
+  // Whether at least one VTI is in controller client mode now.
+  bool vxlanControllerClientMode() const;
+  bool initialized() const { return initialized_; }
+  const Kel::Ptr<RmxStateSm>& rmxStateSm() const { return rmxStateSm_.get(); }
+  void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
+                    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  void rmxStateSmDel();
+
+ private:
+  class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, RmxStateSmWrapper> {
+   public:
+    using Reacts::Reacts;
+    void onVtiStatus(Qnet::IntfId vti) override {
+      if (const Kel::Ptr<const VtiStatus> status = notifier()->vtiStatus(vti)) {
+        owner().vtiStatus_.is(vti, status);
+      } else {
+        owner().vtiStatus_.del(vti);
+      }
+    }
+    void onVtiStatuskelImmediate() override { owner().vtiStatus_.reconcile(notifier()->vtiStatus()); }
+  };
+  class KelRmxStateBaseDir final : public Kel::Reacts<Kel::Dir, RmxStateSmWrapper> {
+   public:
+    using Reacts::Reacts;
+    void onEntityPtr(Kel::Name name) override { owner().handleRmxStateBaseDir(name); }
+    void onEntityPtrkelImmediate() override { owner().handleRmxStateBaseDir(); }
+  };
+  class KelVtiStatus final : public Kel::Reacts<VtiStatus, RmxStateSmWrapper> {
+   public:
+    using Reacts::Reacts;
+    void onControllerClientMode() override { owner().handleRmxStateBaseDir(); }
+  };
+  Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
+  Kel::Input<const Kel::Dir, KelRmxStateBaseDir> rmxStateBaseDir_{*this, "rmxStateBaseDir"};
+  Kel::Held<VxlanController::RmxStateClientViewV2> rmxStateClientView_;
+  Kel::Child<RmxStateSm> rmxStateSm_{*this, "rmxStateSm"};
+  Kel::Reactors<Qnet::IntfId, KelVtiStatus> vtiStatus_{*this, "vtiStatus"};
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+class RmxMlagBumStatusSmBase;
+
+// Copies one BUM VTEP list of the MLAG peer, its addresses and its type, into this switch's hardware BUM
+// status.
+//
+//   state     | meaning                                              | entered by
+//   ----------+------------------------------------------------------+--------------------------------------------
+//   idle      | no local list bound                                  | construction with the gate closed or
+//   no VNI mirroring | list bound, VLAN mapped: address changes are copied  | handleInit, gate open and a VNI
+//   found frozen    | list bound: only type changes are copied             | gate closed, or the VLAN lost
+//   its mapping
+class BumVtepListSm final : public Kel::StateMachine {
+ public:
+  static constexpr Kel::Parameters<2> parameterNames{"_bumVtepList", "_rmxMlagBumStatusSm"};
+
+  BumVtepListSm(const MacVlanPair& macVlanPair, const Kel::Ptr<const BumVtepList>& bumVtepList,
+                RmxMlagBumStatusSmBase* rmxMlagBumStatusSm);
+  static Kel::Ptr<BumVtepListSm> BumVtepListSmIs(const MacVlanPair& macVlanPair,
+                                                 const Kel::Ptr<const BumVtepList>& bumVtepList,
+                                                 RmxMlagBumStatusSmBase* rmxMlagBumStatusSm);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~BumVtepListSm() override;
+
+  // Passes the gate (both switches in controller mode, owner initialized, VLAN mapped on some VTI) and
+  // mirrors all.
+  void handleInit();
+  // Makes the local list equal to the peer's.
+  void handleRemoteVtepAddr();
+  // Brings one address up to date, in mode 3 with a mapped VLAN only.
+  void handleRemoteVtepAddr(Qnet::IpAddr ip);
+  void handleListType();
+
+  const MacVlanPair& macVlanPair() const { return macVlanPair_; }
+  const Kel::Ptr<const BumVtepList>& bumVtepList() const { return bumVtepList_.get(); }
+  bool vlanVniMapExists() const { return vlanVniMapExists_; }
+  void vlanVniMapExistsIs(bool exists) { vlanVniMapExists_ = exists; }
+  const Kel::Ptr<BumVtepList>& localBumVtepList() const { return localBumVtepList_.get(); }
+  bool initialized() const { return initialized_; }
+  std::array<const void*, 2> parameters() const { return {bumVtepList().get(), rmxMlagBumStatusSm_}; }
+
+ private:
+  class KelBumVtepList final : public Kel::Reacts<BumVtepList, BumVtepListSm> {
+   public:
+    using Reacts::Reacts;
+    void onRemoteVtepAddr(Qnet::IpAddr ip) override { owner().handleRemoteVtepAddr(ip); }
+    void onRemoteVtepAddrkelImmediate() override { owner().handleRemoteVtepAddr(); }
+    void onBumVtepIpListType() override { owner().handleListType(); }
+  };
+  Kel::Own<MacVlanPair> macVlanPair_;
+  Kel::Input<const BumVtepList, KelBumVtepList> bumVtepList_{*this, "bumVtepList"};
+  RmxMlagBumStatusSmBase* rmxMlagBumStatusSm_;  // outlives it
+  Kel::Own<bool> vlanVniMapExists_{*this, "vlanVniMapExists", false};
+  Kel::Held<BumVtepList> localBumVtepList_{*this, "localBumVtepList"};
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// On a switch of an MLAG pair: mirrors the BUM VTEP lists that the peer publishes into this switch's own
+// hardware BUM status, by (MAC, VLAN), while both are in the controller replication mode, so that both halves
+// flood to the same VTEPs. Knows VLAN-VNI maps only through three operations, which here find nothing.
+class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
+ public:
+  using BumVtepListSms = Kel::Children<Kel::OrderedTable, MacVlanPair, BumVtepListSm>;
+
+  RmxMlagBumStatusSmBase(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+                         const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir);
+  static Kel::Ptr<RmxMlagBumStatusSmBase> RmxMlagBumStatusSmBaseIs(
+      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~RmxMlagBumStatusSmBase() override;
+
+  virtual std::vector<Qnet::IntfId> getVtiIterator() const;
+  virtual std::vector<Bridging::VlanId> getVlanIterator(const Qnet::IntfId& vti) const;
+  virtual VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const;
+
+  void handleInitialized();
+  void handleBumVtepList(MacVlanPair key);
+  void handleBumVtepList();
+  void handleBumReplicationMode();
+  // Makes the local lists of one VLAN a subset of the peer's: removes what this switch holds from before.
+  void markAndSweep(Bridging::VlanId vlan);
+  void handleVlanVniMapUpdate(const Qnet::IntfId& vti, Bridging::VlanId vlan);
+  void handleVtiUpdate(const Qnet::IntfId& vti);
+
+  const Kel::Ptr<const BumStatus>& remoteBumStatus() const { return remoteBumStatus_.get(); }
+  const Kel::Ptr<BumStatus>& localBumStatus() const { return localBumStatus_.get(); }
+  BumReplicationMode bumRepMode() const { return bumRepMode_; }
+  void bumRepModeIs(BumReplicationMode mode) { bumRepMode_ = mode; }
+  bool initialized() const { return initialized_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+
+  const BumVtepListSms& bumVtepListSm() const { return bumVtepListSm_; }
+  Kel::Ptr<BumVtepListSm> bumVtepListSm(const MacVlanPair& key) const { return bumVtepListSm_(key); }
+  Kel::Ptr<BumVtepListSm> bumVtepListSmIs(const MacVlanPair& key,
+                                          const Kel::Ptr<const BumVtepList>& remoteList,
+                                          RmxMlagBumStatusSmBase* owner);
+  void bumVtepListSmDel(const MacVlanPair& key) { bumVtepListSm_.del(key); }
+  void bumVtepListSmDelAll() { bumVtepListSm_.delAll(); }
+
+ protected:
+  const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
+  const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
+
+ private:
+  class KelMlagVxlanStatus final : public Kel::Reacts<Mlag::VxlanStatus, RmxMlagBumStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onBumStatus() override { owner().rebindRemote(); }
+  };
+  class KelVxlanHwStatusDir final : public Kel::Reacts<VxlanHwStatusDir, RmxMlagBumStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onBumStatus() override { owner().rebindLocal(); }
+  };
+  class KelRemoteBumStatus final : public Kel::Reacts<BumStatus, RmxMlagBumStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
+    void onBumVtepList(MacVlanPair key) override { owner().handleBumVtepList(key); }
+    void onBumVtepListkelImmediate() override { owner().handleBumVtepList(); }
+  };
+  class KelLocalBumStatus final : public Kel::Reacts<BumStatus, RmxMlagBumStatusSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
+  };
+
+  void rebindRemote();
+  void rebindLocal();
+  void sweepMappedVlans();
+  void sweepList(const MacVlanPair& key);
+
+  Kel::Input<const Mlag::VxlanStatus, KelMlagVxlanStatus> mlagVxlanStatus_{*this, "mlagVxlanStatus"};
+  Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
+  Kel::Input<const BumStatus, KelRemoteBumStatus, Kel::Arrival::Silent> remoteBumStatus_{*this,
+                                                                                         "remoteBumStatus"};
+  Kel::Input<BumStatus, KelLocalBumStatus, Kel::Arrival::Silent> localBumStatus_{*this, "localBumStatus"};
+  Kel::Own<BumReplicationMode> bumRepMode_{*this, "bumRepMode", BumReplicationMode::None};
+  BumVtepListSms bumVtepListSm_{*this, "bumVtepListSm"};
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// The MLAG BUM status machine that runs: knows the VLAN-VNI maps of the VTIs and follows them.
+class RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
+ public:
+  // Whichever parameter differs, the owner's attribute is what cannot be made anew.
+  static constexpr Kel::Parameters<3> parameterNames{"_rmxMlagBumStatusSm", "_rmxMlagBumStatusSm",
+                                                     "_rmxMlagBumStatusSm"};
+
+  RmxMlagBumStatusSm(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+                     const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+                     const Kel::Ptr<const VlanVniMaps>& vlanVniMaps);
+  static Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSmIs(
+      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const VlanVniMaps>& vlanVniMaps);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~RmxMlagBumStatusSm() override;
+
+  std::vector<Qnet::IntfId> getVtiIterator() const override;
+  std::vector<Bridging::VlanId> getVlanIterator(const Qnet::IntfId& vti) const override;
+  VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const override;
+
+  std::array<const void*, 3> parameters() const {
+    return {mlagVxlanStatus().get(), vxlanHwStatusDir().get(), vlanVniMaps_.get().get()};
+  }
+
+ private:
+  class KelVlanVniMaps final : public Kel::Reacts<VlanVniMaps, RmxMlagBumStatusSm> {
+   public:
+    using Reacts::Reacts;
+    void onVlanVniMap(Qnet::IntfId vti) override {
+      if (const Kel::Ptr<const VlanVniMap> map = notifier()->vlanVniMap(vti)) {
+        owner().vtiVlanVniMap_.is(vti, map);
+      } else {
+        owner().vtiVlanVniMap_.del(vti);
+      }
+    }
+    void onVlanVniMapkelImmediate() override { owner().vtiVlanVniMap_.reconcile(notifier()->vlanVniMap()); }
+  };
+  class KelVtiVlanVniMap final : public Kel::Reacts<VlanVniMap, RmxMlagBumStatusSm> {
+   public:
+    KelVtiVlanVniMap(RmxMlagBumStatusSm& owner, const Qnet::IntfId& vti) : Reacts(owner), vti_(vti) {}
+    void onNotifyingVlan(Bridging::VlanId vlan) override { owner().handleVlanVniMapUpdate(vti_, vlan); }
+    void onNotifyingVlankelImmediate() override { owner().handleVtiUpdate(vti_); }
+
+   private:
+    Qnet::IntfId vti_;
+  };
+  Kel::Input<const VlanVniMaps, KelVlanVniMaps> vlanVniMaps_{*this, "vlanVniMaps"};
+  Kel::Reactors<Qnet::IntfId, KelVtiVlanVniMap, Kel::Arrival::Silent> vtiVlanVniMap_{*this, "vtiVlanVniMap"};
+};
+
+// What every controller client has: the inputs, the mode flags, the per-VNI machines, the marking and the
+// paced deletion of received hosts, and the operations that a concrete client overrides. Alone it keeps its
+// attributes and traces.
+//
+// The paced deletion of marked hosts, processUnicastDeferredDeletes:
+//
+//   state       | entered by                                  | left by
+//   ------------+---------------------------------------------+-----------------------------------------------
+//   idle        | completion, or nothing marked               | a mark; marking does not start the job
+//   waiting     | a host withdrawn while converging           | the end of the convergence arms the clock
+//   running     | the clock, convergence over, hosts marked   | none marked: idle; budget spent: rescheduled
+//   rescheduled | budget spent; bookmark set, clock armed     | the clock: goes on at the bookmark
+//   suspended   | a run that finds a new convergence          | its end arms the clock; the bookmark is kept
+class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
+ public:
+  using PerVniSms = Kel::Children<Kel::Table, VniExt, RmxPerVniFdbStatusSmBase>;
+  using Trackers = Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSmBase>;
+
+  // Any input may be null: then it has no reactor.
+  VxlanControllerMacAddrSmBase(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+                               const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+                               const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+                               const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+                               const Kel::Ptr<const Mlag::Status>& mlagStatus,
+                               const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus);
+  static Kel::Ptr<VxlanControllerMacAddrSmBase> VxlanControllerMacAddrSmBaseIs(
+      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+      const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VxlanControllerMacAddrSmBase() override;
+
+  // In the order of their slots. Those that a client overrides only trace here.
+  virtual void deleteBumVtepListTable(Bridging::VlanId vlan);
+  virtual void deleteBumVtepListTable();
+  virtual void updateControllerClientMode();
+  virtual void handleControllerClientMode();
+  virtual void handleDatapathLearningMode();
+  // One entry of the controller's directory, or all: makes, refreshes or tears down the machine of its VNI.
+  virtual void handleControllerVniBaseDir(Kel::Name name);
+  virtual void handleControllerVniBaseDir();
+  virtual void createRmxPerVniFdbStatusSm(VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> status);
+  virtual void deleteRmxPerVniFdbStatusSm(VniExt vni);
+  virtual void handleMlagState();
+  virtual void createRmxMlagBumStatusSm();
+  virtual void deleteRmxMlagBumStatusSm();
+  virtual void processBumDeferredDeletes();
+  virtual void handleBumReplicationMode();
+  virtual void createVlanVniMapSm(Qnet::IntfId vti);
+  virtual void deleteVlanVniMapSm(Qnet::IntfId vti);
+  virtual void handleActivatedVti(Qnet::IntfId vti);
+  virtual void handleActivatedVti();
+  virtual void handleVtiUp(Qnet::IntfId vti);
+  virtual void handleVtiDown(Qnet::IntfId vti);
+  // The received host table, or none.
+  virtual Kel::Ptr<ReceivedHostTable> getHostTable() const;
+  // The VTIs that have a VLAN-VNI map, in the order of their names. The list holds until the maps change.
+  virtual const std::vector<Qnet::IntfId>& getVtiIterator() const;
+  virtual Bridging::VlanIdOrNone vlanForVni(const Qnet::IntfId& vti, VniExt vni) const;
+  virtual VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const;
+  virtual void setBumDeferredDeletionInProgress(bool inProgress);
+  virtual void setUnicastDeferredDeletionInProgress(bool inProgress);
+  virtual void handleInitialized();
+  virtual void vtiStatusDel(Qnet::IntfId vti);
+  virtual void vtiStatusIs(const Kel::Ptr<const VtiStatus>& status);
+  virtual void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
+  virtual void vtiStatusDirDel();
+  virtual void controllerStatusBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir);
+  virtual void controllerStatusBaseDirDel();
+  virtual void rmxStateClientViewIs(const Kel::Ptr<VxlanController::RmxStateClientViewV2>& view);
+  virtual void rmxStateClientViewDel();
+  virtual void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
+  virtual void vxlanHwStatusDirDel();
+  virtual void mlagStatusIs(const Kel::Ptr<const Mlag::Status>& status);
+  virtual void mlagStatusDel();
+  virtual void unicastDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock);
+  virtual void bumDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock);
+
+  // The client view's flag changed, or was bound: while it is set deletions are held; when it is not, both
+  // jobs are scheduled for the next turn. Every notification counts; there is no memory of the edge.
+  void handleConvergenceInProgress();
+
+  // Marks the entry of a host for deletion; an absent or marked one stays as it is.
+  void deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key);
+  // Deletes the entry of a host now; an absent one is no error.
+  void deleteReceivedTableEntry(const Bridging::MacVlanPair& key);
+  // One run of the paced deletion: works for maxProcessTime at most.
+  void processUnicastDeferredDeletes();
+  // Whether a VTEP address is the switch's own: the VTI's, its virtual gateway's, or one of the MLAG pair's.
+  bool isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, const Qnet::IntfId& vti) const;
+
+  // Removes, or marks, all remote hosts of a VLAN.
+  void deleteRemoteMacFromController(Bridging::VlanId vlan, bool deferDel);
+  // Removes what a VNI's machine produced, VTI by VTI; with `deferIfConverging`, marks it while the
+  // controller converges.
+  void cleanupRmxPerVniFdbStatusSm(VniExt vni, bool deferIfConverging);
+  // The same for every VNI that has a machine.
+  void cleanupRmxPerVniFdbStatusSm();
+  // Refreshes the machine of a VNI, or creates it if the controller publishes the VNI.
+  void vxlanControllerScanVniStatus(VniExt vni);
+
+  const Kel::Ptr<const VtiStatusDir>& vtiStatusDir() const { return vtiStatusDir_.get(); }
+  const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir() const { return controllerStatusBaseDir_.get(); }
+  const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView() const {
+    return rmxStateClientView_.get();
+  }
+  const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
+  const Kel::Ptr<const Mlag::Status>& mlagStatus() const { return mlagStatus_.get(); }
+  const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
+  const Kel::Ptr<BumStatus>& kel_BumStatusIn() const { return kel_BumStatusIn_.get(); }
+  const PerVniSms& rmxPerVniFdbStatusSm() const { return rmxPerVniFdbStatusSm_; }
+  Kel::Ptr<RmxPerVniFdbStatusSmBase> rmxPerVniFdbStatusSm(VniExt vni) const {
+    return rmxPerVniFdbStatusSm_(vni);
+  }
+  // Enters a per-VNI machine under its VNI; null raises the range error.
+  void rmxPerVniFdbStatusSmIs(const Kel::Ptr<RmxPerVniFdbStatusSmBase>& sm);
+  void rmxPerVniFdbStatusSmDel(VniExt vni) { rmxPerVniFdbStatusSm_.del(vni); }
+  void rmxPerVniFdbStatusSmDelAll() { rmxPerVniFdbStatusSm_.delAll(); }
+  const Trackers& vlanVniMapSm() const { return vlanVniMapSm_; }
+  Kel::Ptr<VtiVlanVniMapSmBase> vlanVniMapSm(const Qnet::IntfId& vti) const { return vlanVniMapSm_(vti); }
+  // Enters a tracker under its VTI; null raises the range error.
+  void vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSmBase>& sm);
+  void vlanVniMapSmDel(const Qnet::IntfId& vti) { vlanVniMapSm_.del(vti); }
+  const Kel::Ptr<RmxMlagBumStatusSmBase>& rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_.get(); }
+  void rmxMlagBumStatusSmIs(const Kel::Ptr<RmxMlagBumStatusSmBase>& sm) { rmxMlagBumStatusSm_.is(sm); }
+  void rmxMlagBumStatusSmDel() { rmxMlagBumStatusSm_.del(); }
+
+  // The time budget of one slice of deferred work, in seconds; 0.01 to begin with.
+  double maxProcessTime() const { return maxProcessTime_; }
+  void maxProcessTimeIs(double seconds) { maxProcessTime_ = seconds; }
+  const Bridging::MacVlanPair& unicastDeferredDeleteBookmark() const {
+    return unicastDeferredDeleteBookmark_;
+  }
+  const Kel::Ptr<Kel::Clock>& unicastDeferredDeleteClock() const { return unicastDeferredDeleteClock_.get(); }
+  bool bumDeferredDeleteBookmarkValid() const { return bumDeferredDeleteBookmarkValid_; }
+  const Kel::Ptr<Kel::Clock>& bumDeferredDeleteClock() const { return bumDeferredDeleteClock_.get(); }
+  bool vxlanControllerClientMode() const { return vxlanControllerClientMode_; }
+  bool datapathLearningMode() const { return datapathLearningMode_; }
+  bool initialized() const { return initialized_; }
+
+  // Whether the controller is converging, as the client view has it; false without a view.
+  bool converging() const;
+
+ protected:
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+  void vxlanControllerClientModeIs(bool mode) { vxlanControllerClientMode_ = mode; }
+  void datapathLearningModeIs(bool learning) { datapathLearningMode_ = learning; }
+  void bumDeferredDeleteBookmarkValidIs(bool valid) { bumDeferredDeleteBookmarkValid_ = valid; }
+  // The replication mode of the hardware, none without a BUM status.
+  BumReplicationMode bumReplicationMode() const;
+
+ private:
+  class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onVtiStatus(Qnet::IntfId vti) override {
+      if (const Kel::Ptr<const VtiStatus> status = notifier()->vtiStatus(vti)) {
+        owner().vtiStatusIs(status);
+      } else {
+        owner().vtiStatusDel(vti);
+      }
+    }
+    void onVtiStatuskelImmediate() override { owner().vtiStatusReconcile(); }
+  };
+  class KelControllerStatusBaseDir final : public Kel::Reacts<Kel::Dir, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onEntityPtr(Kel::Name name) override { owner().handleControllerVniBaseDir(name); }
+    void onEntityPtrkelImmediate() override { owner().handleControllerVniBaseDir(); }
+  };
+  class KelRmxStateClientView final
+      : public Kel::Reacts<VxlanController::RmxStateClientViewV2, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onConvergenceInProgress() override { owner().handleConvergenceInProgress(); }
+  };
+  class KelVxlanHwStatusDir final : public Kel::Reacts<VxlanHwStatusDir, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onBumStatus() override { owner().kel_BumStatusInRebind(); }
+  };
+  class KelKel_BumStatusIn final : public Kel::Reacts<BumStatus, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
+  };
+  class KelMlagStatus final : public Kel::Reacts<Mlag::Status, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onMlagState() override { owner().handleMlagState(); }
+  };
+  class KelUnicastDeferredDeleteClock final : public Kel::Reacts<Kel::Clock, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onTime() override { owner().processUnicastDeferredDeletes(); }
+  };
+  class KelBumDeferredDeleteClock final : public Kel::Reacts<Kel::Clock, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onTime() override { owner().processBumDeferredDeletes(); }
+  };
+  class KelVtiStatus final : public Kel::Reacts<VtiStatus, VxlanControllerMacAddrSmBase> {
+   public:
+    using Reacts::Reacts;
+    void onControllerClientMode() override { owner().handleControllerClientMode(); }
+    void onDatapathLearning() override { owner().handleDatapathLearningMode(); }
+  };
+
+  void vtiStatusReconcile();
+  void kel_BumStatusInRebind();
+  void addVni(const Kel::Name& name);
+  void removeVni(VniExt vni);
+  void finishUnicastDeferredDeletes();
+
+  Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
+  Kel::Input<const Kel::Dir, KelControllerStatusBaseDir> controllerStatusBaseDir_{*this,
+                                                                                  "controllerStatusBaseDir"};
+  Kel::Input<VxlanController::RmxStateClientViewV2, KelRmxStateClientView> rmxStateClientView_{
+      *this, "rmxStateClientView"};
+  PerVniSms rmxPerVniFdbStatusSm_{*this, "rmxPerVniFdbStatusSm", Kel::Owns::Alias};
+  Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
+  Kel::Input<const Mlag::Status, KelMlagStatus> mlagStatus_{*this, "mlagStatus"};
+  Kel::Held<const Mlag::VxlanStatus> mlagVxlanStatus_{*this, "mlagVxlanStatus"};
+  Kel::Child<RmxMlagBumStatusSmBase> rmxMlagBumStatusSm_{*this, "rmxMlagBumStatusSm", Kel::Owns::Alias};
+  Kel::Own<double> maxProcessTime_{*this, "maxProcessTime", 0.01};
+  Kel::Own<Bridging::MacVlanPair> unicastDeferredDeleteBookmark_{*this, "unicastDeferredDeleteBookmark"};
+  Kel::Input<Kel::Clock, KelUnicastDeferredDeleteClock> unicastDeferredDeleteClock_{
+      *this, "unicastDeferredDeleteClock"};
+  Kel::Own<bool> bumDeferredDeleteBookmarkValid_{*this, "bumDeferredDeleteBookmarkValid", false};
+  Kel::Input<Kel::Clock, KelBumDeferredDeleteClock> bumDeferredDeleteClock_{*this, "bumDeferredDeleteClock"};
+  Trackers vlanVniMapSm_{*this, "vlanVniMapSm", Kel::Owns::Alias};
+  Kel::Reactors<Qnet::IntfId, KelVtiStatus> vtiStatus_{*this, "vtiStatus"};
+  Kel::Own<bool> vxlanControllerClientMode_{*this, "vxlanControllerClientMode", false};
+  Kel::Own<bool> datapathLearningMode_{*this, "datapathLearningMode", true};
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+  Kel::Input<BumStatus, KelKel_BumStatusIn> kel_BumStatusIn_{*this, "kel_BumStatusIn"};
+};
+
+// The top state machine, and the only one that outside code creates: the client of the VXLAN controller. It
+// decides from the VTIs whether the switch is a controller client, creates and deletes every other machine,
+// and removes stale state after a convergence in two paced jobs. It is live as soon as its factory returns.
+//
+// The client mode is on while any VTI asks for it; data-path learning counts as on only while every VTI has
+// it. With the mode off all per-VNI state is torn down. The MLAG BUM status machine exists while the mode is
+// on and MLAG is active.
+class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBase {
+ public:
+  VxlanControllerClientSm(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+                          const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+                          const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+                          const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+                          const Kel::Ptr<const Mlag::Status>& mlagStatus,
+                          const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+                          const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+                          const Kel::Ptr<const VlanVniMaps>& vlanVniMaps,
+                          const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
+                          const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
+                          const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus);
+  static Kel::Ptr<VxlanControllerClientSm> VxlanControllerClientSmIs(
+      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
+      const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+      const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir, const Kel::Ptr<const VlanVniMaps>& vlanVniMaps,
+      const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde, const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
+      const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VxlanControllerClientSm() override;
+
+  void deleteBumVtepListTable(Bridging::VlanId vlan) override;
+  void deleteBumVtepListTable() override;
+  void updateControllerClientMode() override;
+  void handleControllerClientMode() override;
+  void handleDatapathLearningMode() override;
+  void createRmxPerVniFdbStatusSm(VniExt vni,
+                                  Kel::Ptr<const VxlanController::VniFdbStatusV2> status) override;
+  void deleteRmxPerVniFdbStatusSm(VniExt vni) override;
+  void createRmxMlagBumStatusSm() override;
+  void deleteRmxMlagBumStatusSm() override;
+  void processBumDeferredDeletes() override;
+  void handleBumReplicationMode() override;
+  void createVlanVniMapSm(Qnet::IntfId vti) override;
+  void deleteVlanVniMapSm(Qnet::IntfId vti) override;
+  Kel::Ptr<ReceivedHostTable> getHostTable() const override;
+  const std::vector<Qnet::IntfId>& getVtiIterator() const override;
+  Bridging::VlanIdOrNone vlanForVni(const Qnet::IntfId& vti, VniExt vni) const override;
+  VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const override;
+  void setBumDeferredDeletionInProgress(bool inProgress) override;
+  void setUnicastDeferredDeletionInProgress(bool inProgress) override;
+  void handleInitialized() override;
+
+  // One entry of the controller's state directory, or all: the echo of its convergence flag.
+  void handleRmxStateBaseDir(Kel::Name name);
+  void handleRmxStateBaseDir();
+  // A VTI's VLAN-VNI map came or went.
+  void handleVlanVniMapVti(Qnet::IntfId vti);
+
+  void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir);
+  void rmxStateBaseDirDel();
+  void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
+  void vlanVniMapsDel();
+  const Kel::Ptr<const VlanVniMaps>& vlanVniMaps() const { return vlanVniMaps_.get(); }
+  const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
+  const Kel::Ptr<RmxStateSm>& rmxStateSm() const { return rmxStateSm_.get(); }
+  void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
+                    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  void rmxStateSmDel();
+  // The received host table; `hostTableIs` makes it under this name, once.
+  const Kel::Ptr<ReceivedHostTable>& hostTable() const { return hostTable_.get(); }
+  Kel::Ptr<ReceivedHostTable> hostTableIs(const Kel::Name& name);
+  Bridging::VlanId bumDeferredDeleteBookmark() const { return bumDeferredDeleteBookmark_; }
+
+  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(const Qnet::IntfId& vti, VxlanControllerMacAddrSmBase* owner,
+                                                 const Kel::Ptr<const VlanVniMap>& map);
+  void vlanVniMapSmShadowDel(const Qnet::IntfId& vti) { vlanVniMapSmShadow_.del(vti); }
+  Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadowIs(
+      VniExt vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status,
+      const Kel::Ptr<const VtiStatusDir>& dir, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
+      VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde);
+  void vccPerVniFdbStatusSmShadowDel(VniExt vni) { vccPerVniFdbStatusSmShadow_.del(vni); }
+  void vccPerVniFdbStatusSmShadowDelAll() { vccPerVniFdbStatusSmShadow_.delAll(); }
+  Kel::Ptr<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadowIs(const Kel::Ptr<const Mlag::VxlanStatus>& status,
+                                                          const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
+                                                          const Kel::Ptr<const VlanVniMaps>& maps);
+  void rmxMlagBumStatusSmShadowDel() { rmxMlagBumStatusSmShadow_.del(); }
+
+ private:
+  class KelRmxStateBaseDir final : public Kel::Reacts<Kel::Dir, VxlanControllerClientSm> {
+   public:
+    using Reacts::Reacts;
+    void onEntityPtr(Kel::Name name) override { owner().handleRmxStateBaseDir(name); }
+    void onEntityPtrkelImmediate() override { owner().handleRmxStateBaseDir(); }
+  };
+  class KelVlanVniMaps final : public Kel::Reacts<VlanVniMaps, VxlanControllerClientSm> {
+   public:
+    using Reacts::Reacts;
+    void onVlanVniMap(Qnet::IntfId vti) override { owner().handleVlanVniMapVti(vti); }
+  };
+
+  void deleteRemoteMacsOfMappedVlans();
+  L2Rib::SourceDirEntry::VlanFloodSets::Iterator bumStartPosition() const;
+  std::size_t pruneVlanFloodSet(Bridging::VlanId vlan);
+  Kel::Ptr<RmxPerVniFdbStatusSmBase> machineOfVlan(Bridging::VlanId vlan) const;
+  void finishBumDeferredDeletes(std::size_t deleted);
+
+  Kel::Input<const Kel::Dir, KelRmxStateBaseDir> rmxStateBaseDir_{*this, "rmxStateBaseDir"};
+  Kel::Input<const VlanVniMaps, KelVlanVniMaps> vlanVniMaps_{*this, "vlanVniMaps"};
+  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
+  Kel::Held<L2Rib::HostInput> l2RibRmxInput_;
+  Kel::Held<VxlanClientConvergenceStatus> rmxConvergenceStatus_;
+  Kel::Child<RmxStateSm> rmxStateSm_{*this, "rmxStateSm"};
+  Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSm> vlanVniMapSmShadow_{*this,
+                                                                                      "vlanVniMapSmShadow"};
+  Kel::Children<Kel::Table, VniExt, VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadow_{
+      *this, "vccPerVniFdbStatusSmShadow"};
+  Kel::Held<ReceivedHostTable> hostTable_{*this, "hostTable"};
+  Kel::Child<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSm_{
+      *this, "receivedHostTableToL2RibHostInputSm"};
+  Kel::Own<Bridging::VlanId> bumDeferredDeleteBookmark_{*this, "bumDeferredDeleteBookmark",
+                                                        Bridging::VlanId(1U)};
+  Kel::Child<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadow_{*this, "rmxMlagBumStatusSmShadow"};
+
+  // The list of getVtiIterator, made anew when the maps have changed.
+  mutable std::vector<Qnet::IntfId> vtis_;
+  mutable const VlanVniMaps* vtisOf_ = nullptr;
+  mutable std::uint64_t vtisVersion_ = 0;
+};
+
+// The factories. Each counts as a handler and delivers all that the construction set off before it returns,
+// so that what it returns is live. Hold the machine for as long as it is to run.
+KEL_API Kel::Ptr<VxlanControllerClientSm> vxlanControllerClientSmFactory(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
+    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
+    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus);
+KEL_API Kel::Ptr<VxlanControllerMacAddrSmBase> vxlanControllerMacAddrSmBaseFactory(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus);
+KEL_API Kel::Ptr<RmxStateSmWrapper> rmxStateSmWrapperFactory(
+    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
+    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+KEL_API Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(
+    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
+    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir);
+KEL_API Kel::Ptr<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSmFactory(
+    const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
+    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput);
+
+}  // namespace Vxlan

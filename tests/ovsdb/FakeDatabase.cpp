@@ -36,7 +36,6 @@ FakeDatabase::Id FakeDatabase::insert(const std::string& table, json columns) {
   std::snprintf(id, sizeof id, "%08llx-0000-4000-8000-%012llx", static_cast<unsigned long long>(lastId_),
                 static_cast<unsigned long long>(lastId_ * 7919));
   tables_[table][id] = std::move(columns);
-  touch(id);
   return id;
 }
 
@@ -148,7 +147,6 @@ FakeDatabase::Id FakeDatabase::host(const std::string& logicalSwitch, const std:
 
 void FakeDatabase::moveHost(const Id& id, const std::string& vtep) {
   row("Ucast_Macs_Remote", id)["locator"] = reference(locator(vtep));
-  touch(id);
 }
 
 FakeDatabase::Id FakeDatabase::flood(const std::string& logicalSwitch, const std::string& mac,
@@ -162,7 +160,6 @@ void FakeDatabase::moveFlood(const Id& id, const std::vector<std::string>& vteps
   json& set = row("Mcast_Macs_Remote", id)["locator_set"];
   tables_["Physical_Locator_Set"].erase(set[1].get<std::string>());
   set = reference(locatorSet(vteps));
-  touch(id);
 }
 
 void FakeDatabase::remove(const Id& id) {
@@ -219,6 +216,14 @@ json FakeDatabase::difference(const std::string& column, const json& before, con
   return json::array({map ? "map" : "set", difference});
 }
 
+// Within one message rows come in the order of their names.
+void FakeDatabase::arrive(const std::string& table, const Id& id, const json& columns) {
+  const auto before = told_[table].find(id);
+  if (before == told_[table].end() || before->second != columns) {
+    arrivals_[id] = ++lastArrival_;
+  }
+}
+
 std::string FakeDatabase::changes() {
   json updates = json::object();
   for (const auto& [table, rows] : told_) {
@@ -231,6 +236,7 @@ std::string FakeDatabase::changes() {
   for (const auto& [table, rows] : tables_) {
     for (const auto& [id, columns] : rows) {
       const auto before = told_[table].find(id);
+      arrive(table, id, columns);
       if (before == told_[table].end()) {
         updates[table][id] = {{"insert", columns}};
         continue;
@@ -254,6 +260,7 @@ std::string FakeDatabase::everything() {
   json updates = json::object();
   for (const auto& [table, rows] : tables_) {
     for (const auto& [id, columns] : rows) {
+      arrive(table, id, columns);
       updates[table][id] = {{"initial", columns}};
     }
   }

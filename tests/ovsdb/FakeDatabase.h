@@ -46,7 +46,7 @@ class FakeDatabase {
   Id insert(const std::string& table, nlohmann::json columns);
   Id find(const std::string& table, const std::string& name) const;
   const std::map<Id, nlohmann::json>& rows(const std::string& table) const;
-  // When the row came or was last changed: a number that grows.
+  // When the row, as it is, was told of: a number that grows.
   std::uint64_t arrival(const Id& id) const { return arrivals_.at(id); }
 
   // What changed since the last changes() or everything().
@@ -59,7 +59,7 @@ class FakeDatabase {
 
   Id locator(const std::string& vtep);
   Id locatorSet(const std::vector<std::string>& vteps);
-  void touch(const Id& id) { arrivals_[id] = ++lastArrival_; }
+  void arrive(const std::string& table, const Id& id, const nlohmann::json& columns);
   static nlohmann::json difference(const std::string& column, const nlohmann::json& before,
                                    const nlohmann::json& now);
 

@@ -1,0 +1,428 @@
+#include "agent/ovsdb/Session.h"
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+namespace Agent::Ovsdb::Testing {
+
+namespace {
+
+using nlohmann::json;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr const char* rowId = "11111111-1111-4111-8111-111111111111";
+constexpr const char* noTransaction = "00000000-0000-0000-0000-000000000000";
+constexpr const char* transaction = "99999999-9999-4999-8999-999999999999";
+
+// A schema with just what is followed.
+json goodSchema() {
+  const auto column = [](const json& type) { return json{{"type", type}}; };
+  const json uuid{{"key", {{"type", "uuid"}}}};
+  const json strings{{"key", "string"}, {"min", 0}, {"max", "unlimited"}};
+  const json uuids{{"key", {{"type", "uuid"}}}, {"min", 0}, {"max", "unlimited"}};
+  const json map{{"key", "string"}, {"value", "string"}, {"min", 0}, {"max", "unlimited"}};
+  const json bindings{
+      {"key", {{"type", "integer"}}}, {"value", {{"type", "uuid"}}}, {"min", 0}, {"max", "unlimited"}};
+  json tables;
+  tables["Global"]["columns"] = {{"other_config", column(map)}};
+  tables["Physical_Switch"]["columns"] = {
+      {"name", column("string")}, {"ports", column(uuids)}, {"tunnel_ips", column(strings)}};
+  tables["Physical_Port"]["columns"] = {{"name", column("string")}, {"vlan_bindings", column(bindings)}};
+  tables["Logical_Switch"]["columns"] = {
+      {"name", column("string")},
+      {"tunnel_key", column(json{{"key", "integer"}, {"min", 0}, {"max", 1}})},
+      {"replication_mode", column(json{{"key", "string"}, {"min", 0}})}};
+  tables["Physical_Locator"]["columns"] = {{"dst_ip", column("string")}};
+  tables["Physical_Locator_Set"]["columns"] = {{"locators", column(uuids)}};
+  for (const auto& [table, last] :
+       {std::pair{"Ucast_Macs_Remote", "locator"}, {"Mcast_Macs_Remote", "locator_set"}}) {
+    tables[table]["columns"] = {
+        {"MAC", column("string")}, {"logical_switch", column(uuid)}, {last, column(uuid)}};
+  }
+  return {{"name", "hardware_vtep"}, {"version", "1.7.0"}, {"tables", tables}};
+}
+
+// Writes down what it is told.
+class Taker : public UpdateTaker {
+ public:
+  void beginUpdate(bool whole, double) override { told.push_back(whole ? "whole" : "part"); }
+  void row(const RowEvent& event) override { told.push_back("row " + std::string{nameOf(event.table)}); }
+  void endUpdate(double) override { told.push_back("end"); }
+  void sessionLost(double) override { told.push_back("lost"); }
+  std::vector<std::string> told;
+};
+
+// A session with a peer that the test plays, message by message, on time that the test moves.
+class SessionTest : public testing::Test {
+ protected:
+  static SessionOptions options() {
+    SessionOptions options;
+    options.remotes = Remote::parseList("unix:/one,unix:/two,unix:/three");
+    options.largestMessage = 1 << 20;
+    return options;
+  }
+
+  std::string connects() {
+    const std::optional<Remote> remote = session.connectTo(now);
+    if (!remote) {
+      return "not now";
+    }
+    session.connecting(now);
+    session.connected(now);
+    return remote->text();
+  }
+  void comes(std::string_view bytes) {
+    while (!bytes.empty() && session.state() >= SessionState::checking) {
+      const std::string_view piece = bytes.substr(0, 50'000);
+      const std::span<char> room = session.room(piece.size());
+      std::copy(piece.begin(), piece.end(), room.begin());
+      session.received(piece.size(), now);
+      bytes.remove_prefix(piece.size());
+      while (session.work(1, now)) {
+      }
+    }
+  }
+  void comesMessage(const json& message) { comes(message.dump()); }
+  // The messages that went out since the last look.
+  std::vector<json> goesOut() {
+    std::vector<json> messages;
+    std::string bytes{session.output()};
+    session.written(bytes.size());
+    Framer framer;
+    while (framer.scan(bytes)) {
+      messages.push_back(json::parse(bytes.substr(0, framer.length())));
+      bytes.erase(0, framer.length());
+      framer.next();
+    }
+    EXPECT_EQ(bytes, "");
+    return messages;
+  }
+  void answers(const std::string& id, const json& result) {
+    comesMessage(json{{"id", id}, {"result", result}, {"error", nullptr}});
+  }
+  void refuses(const std::string& id, const json& error) {
+    comesMessage(json{{"id", id}, {"result", nullptr}, {"error", error}});
+  }
+  void serverSays(bool isConnected) {
+    answers(
+        "server",
+        json::array({false,
+                     noTransaction,
+                     {{"Database",
+                       {{rowId, {{"initial", {{"name", "hardware_vtep"}, {"connected", isConnected}}}}}}}}}));
+  }
+  static json oneRow() { return {{"Physical_Locator", {{rowId, {{"insert", {{"dst_ip", "10.0.0.2"}}}}}}}}; }
+  void follows() {
+    connects();
+    answers("schema", goodSchema());
+    serverSays(true);
+    goesOut();
+    answers("rows", json::array({false, transaction, json::object()}));
+    ASSERT_EQ(session.state(), SessionState::following);
+    taker.told.clear();
+  }
+
+  double now = 100;
+  Taker taker;
+  std::vector<std::string> log;
+  Session session{options(), taker, [this](const std::string& line) { log.push_back(line); }};
+};
+
+}  // namespace
+
+TEST_F(SessionTest, schemaAndServerAreAskedForFirstThenTheRows) {
+  EXPECT_EQ(connects(), "unix:/one");
+  auto out = goesOut();
+  ASSERT_EQ(out.size(), 2U);
+  EXPECT_EQ(out[0], json::parse(R"({"id":"schema","method":"get_schema","params":["hardware_vtep"]})"));
+  EXPECT_EQ(out[1]["method"], "monitor_cond_since");
+  EXPECT_EQ(out[1]["params"][0], "_Server");
+  serverSays(true);
+  EXPECT_TRUE(goesOut().empty());
+  answers("schema", goodSchema());
+  out = goesOut();
+  ASSERT_EQ(out.size(), 1U);
+  EXPECT_EQ(out[0]["method"], "monitor_cond_since");
+  EXPECT_EQ(out[0]["params"][0], "hardware_vtep");
+  EXPECT_EQ(out[0]["params"][2]["Physical_Locator"], json::parse(R"([{"columns":["dst_ip"]}])"));
+  EXPECT_EQ(out[0]["params"][3], noTransaction);
+  answers("rows", json::array({false, transaction, oneRow()}));
+  EXPECT_THAT(taker.told, ElementsAre("whole", "row Physical_Locator", "end"));
+  EXPECT_EQ(session.state(), SessionState::following);
+  EXPECT_EQ(session.lastTransaction(), transaction);
+}
+
+TEST_F(SessionTest, updatesAreTakenAsTheyCome) {
+  follows();
+  const json update{
+      {"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}};
+  comes(update.dump() + update.dump());
+  EXPECT_THAT(taker.told,
+              ElementsAre("part", "row Physical_Locator", "end", "part", "row Physical_Locator", "end"));
+}
+
+TEST_F(SessionTest, messagesAreUnderstoodHoweverTheBytesAreCut) {
+  const std::string text =
+      json{{"id", "schema"}, {"result", goodSchema()}, {"error", nullptr}}.dump() +
+      json{{"id", "server"}, {"result", nullptr}, {"error", "unknown database"}}.dump() +
+      json{{"id", "rows"}, {"result", json::array({false, transaction, oneRow()})}, {"error", nullptr}}
+          .dump();
+  connects();
+  for (const char byte : text) {
+    comes(std::string_view{&byte, 1});
+  }
+  EXPECT_THAT(taker.told, ElementsAre("whole", "row Physical_Locator", "end"));
+}
+
+TEST_F(SessionTest, thePeerIsHeldBackWhileRowsAreWorkedOn) {
+  follows();
+  const std::string text =
+      json{{"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}}
+          .dump();
+  const std::span<char> room = session.room(text.size());
+  std::copy(text.begin(), text.end(), room.begin());
+  EXPECT_TRUE(session.wantsInput());
+  session.received(text.size(), now);
+  EXPECT_TRUE(session.work(1, now));
+  EXPECT_FALSE(session.wantsInput());
+  while (session.work(1, now)) {
+  }
+  EXPECT_TRUE(session.wantsInput());
+}
+
+// --- echo
+
+TEST_F(SessionTest, anEchoRequestIsAnswered) {
+  follows();
+  comesMessage(json::parse(R"({"method":"echo","params":["a",1],"id":{"x":7}})"));
+  EXPECT_THAT(goesOut(), ElementsAre(json::parse(R"({"id":{"x":7},"result":["a",1],"error":null})")));
+}
+
+TEST_F(SessionTest, aSilentPeerIsAskedAndGivenUpWhenItStaysSilent) {
+  follows();
+  EXPECT_EQ(session.nextWakeup(), now + 5);
+  now += 5;
+  session.tick(now);
+  ASSERT_EQ(goesOut().size(), 1U);
+  EXPECT_EQ(session.nextWakeup(), now + 5);
+  now += 5;
+  session.tick(now);
+  EXPECT_TRUE(session.connectionDropped());
+  EXPECT_EQ(session.lastError(), "unix:/one: no answer for 10.0 s");
+}
+
+TEST_F(SessionTest, anAnswerToTheProbeKeepsTheSession) {
+  follows();
+  for (int round = 0; round < 5; ++round) {
+    now += 5;
+    session.tick(now);
+    ASSERT_EQ(goesOut().size(), 1U) << round;
+    answers("probe", json::array());
+  }
+  EXPECT_EQ(session.state(), SessionState::following);
+}
+
+// --- what can be wrong with a server
+
+TEST_F(SessionTest, aWrongSchemaIsNamedAndTheNextRemoteTried) {
+  connects();
+  json schema = goodSchema();
+  schema["tables"]["Logical_Switch"]["columns"].erase("tunnel_key");
+  answers("schema", schema);
+  EXPECT_TRUE(session.connectionDropped());
+  EXPECT_THAT(log, ElementsAre("unix:/one: the schema does not serve: no column Logical_Switch.tunnel_key"));
+  now += 1;
+  EXPECT_EQ(connects(), "unix:/two");
+}
+
+TEST_F(SessionTest, aServerWithoutTheDatabaseIsNamed) {
+  connects();
+  refuses("schema", "unknown database");
+  EXPECT_EQ(session.lastError(), "unix:/one: no schema of database \"hardware_vtep\": \"unknown database\"");
+}
+
+TEST_F(SessionTest, aServerThatCannotResumeIsNamed) {
+  connects();
+  answers("schema", goodSchema());
+  refuses("server", json{{"error", "unknown method"}});
+  refuses("rows", json{{"error", "unknown method"}});
+  EXPECT_EQ(session.lastError(),
+            "unix:/one: the server refused to be monitored by \"monitor_cond_since\": "
+            "{\"error\":\"unknown method\"}; a newer server is needed");
+}
+
+TEST_F(SessionTest, aMemberThatIsNotConnectedToItsClusterIsPassedOver) {
+  connects();
+  answers("schema", goodSchema());
+  serverSays(false);
+  EXPECT_EQ(session.lastError(), "unix:/one: this member is not connected to its cluster");
+  now += 1;
+  EXPECT_EQ(connects(), "unix:/two");
+}
+
+TEST_F(SessionTest, aMemberThatLosesItsClusterIsLeft) {
+  follows();
+  comesMessage(
+      json{{"id", nullptr},
+           {"method", "update3"},
+           {"params",
+            json::array(
+                {"server", transaction, {{"Database", {{rowId, {{"modify", {{"connected", false}}}}}}}}})}});
+  EXPECT_EQ(session.lastError(), "unix:/one: this member lost the connection to its cluster");
+  EXPECT_THAT(taker.told, ElementsAre("lost"));
+}
+
+TEST_F(SessionTest, aCanceledMonitorBeginsAnew) {
+  follows();
+  comesMessage(json::parse(R"({"id":null,"method":"monitor_canceled","params":["rows"]})"));
+  EXPECT_EQ(session.state(), SessionState::backoff);
+  EXPECT_THAT(session.lastError(), HasSubstr("canceled the monitor"));
+}
+
+TEST_F(SessionTest, garbageIsNamedAndLeavesNothingBehind) {
+  const std::pair<std::string, std::string> cases[] = {
+      {"HTTP/1.1 400", "this is not OVSDB: a message begins with byte 72 instead of '{'"},
+      {"{garbage}", "this is not OVSDB: a message is neither a request nor an answer"},
+      {"{}", "this is not OVSDB: a message is neither a request nor an answer"},
+      {R"({"id":"other","result":[],"error":null})",
+       "an answer came to a request that was not made: id \"other\""},
+      {R"({"id":"schema","result":{]],"error":null})", "the schema is not JSON"},
+      {R"({"id":"rows","result":[],"error":null})",
+       "an answer came to a request that was not made: id \"rows\""},
+      {R"({"method":"update3","params":["rows","x",{}],"id":null})",
+       "an update came for a monitor that was not asked for: rows"},
+      {R"({"method":"update3","params":[],"id":null})", "at byte 2: want three elements"},
+      {R"({"method":"update3","params":["rows","x",{"Global":7}}})", "want three elements"},
+      {R"({"method":"echo","params":[)" + std::string(1'100'000, '1') + "]}",
+       "a message is larger than the 1 MiB allowed"},
+  };
+  for (const auto& [bytes, text] : cases) {
+    now += 100;
+    connects();
+    comes(bytes);
+    EXPECT_TRUE(session.connectionDropped()) << bytes.substr(0, 100);
+    EXPECT_THAT(session.lastError(), HasSubstr(text));
+    EXPECT_TRUE(taker.told.empty());
+    EXPECT_TRUE(session.output().empty());
+  }
+  now += 100;
+  follows();
+}
+
+TEST_F(SessionTest, anAnswerThatIsTooLargeForItsKindIsRefused) {
+  SessionOptions large = options();
+  large.largestMessage = Framer::defaultMessage;
+  Session other(large, taker, [](const std::string&) {});
+  other.connecting(now);
+  other.connected(now);
+  std::string text = R"({"id":"schema","error":null,"result":[)";
+  while (text.size() < 2'000'000) {
+    text += "\"x\",";
+  }
+  text += "1]}";
+  const std::span<char> room = other.room(text.size());
+  std::copy(text.begin(), text.end(), room.begin());
+  other.received(text.size(), now);
+  while (other.work(100, now)) {
+  }
+  EXPECT_EQ(other.lastError(), "unix:/one: the schema is larger than 1 MiB");
+}
+
+TEST_F(SessionTest, anUpdateThatBreaksOffIsFollowedByEverything) {
+  follows();
+  comesMessage(
+      json{{"id", nullptr},
+           {"method", "update3"},
+           {"params",
+            json::array(
+                {"rows", transaction, {{"Physical_Locator", {{rowId, {{"insert", {{"dst_ip", 7}}}}}}}}})}});
+  EXPECT_EQ(session.lastError(), "unix:/one: table Physical_Locator, row " + std::string{rowId} +
+                                     ", column dst_ip: at byte 80: want '\"', have '7'");
+  EXPECT_THAT(taker.told, ElementsAre("part", "lost"));
+  now += 10;
+  connects();
+  answers("schema", goodSchema());
+  serverSays(true);
+  EXPECT_EQ(goesOut().back()["params"][3], noTransaction);
+}
+
+// --- reconnecting
+
+TEST_F(SessionTest, theLastTransactionIsAskedForAfterAReconnect) {
+  follows();
+  now += 60;
+  session.failed("the peer closed the connection", now);
+  EXPECT_THAT(taker.told, ElementsAre("lost"));
+  EXPECT_EQ(connects(), "unix:/two") << "at once, after a session that lasted";
+  answers("schema", goodSchema());
+  serverSays(true);
+  EXPECT_EQ(goesOut().back()["params"][3], transaction);
+  taker.told.clear();
+  answers("rows", json::array({true, transaction, oneRow()}));
+  EXPECT_THAT(taker.told, ElementsAre("part", "row Physical_Locator", "end"));
+  EXPECT_EQ(session.reconnects(), 1U);
+}
+
+TEST_F(SessionTest, aHalfClosedPeerIsLeftAfterWhatItHadSaid) {
+  follows();
+  comes(json{{"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}}
+            .dump() +
+        R"({"id":null,"meth)");
+  session.failed("the peer closed the connection", now);
+  EXPECT_THAT(taker.told, ElementsAre("part", "row Physical_Locator", "end", "lost"));
+  EXPECT_FALSE(session.connectionDropped()) << "the transport knows";
+  EXPECT_EQ(session.lastError(), "unix:/one: the peer closed the connection");
+}
+
+TEST_F(SessionTest, pausesDoubleFromFailureToFailureUpToTheLongest) {
+  std::vector<std::pair<std::string, double>> attempts;
+  const double begin = now;
+  while (attempts.size() < 10) {
+    const std::optional<Remote> remote = session.connectTo(now);
+    ASSERT_TRUE(remote);
+    attempts.emplace_back(remote->text(), std::round((now - begin) * 10) / 10);
+    session.connecting(now);
+    session.failed("connecting: Connection refused", now);
+    ASSERT_FALSE(session.connectTo(session.nextWakeup() - 0.01));
+    now = session.nextWakeup();
+  }
+  EXPECT_THAT(attempts, ElementsAre(std::pair{"unix:/one", 0.0}, std::pair{"unix:/two", 0.1},
+                                    std::pair{"unix:/three", 0.3}, std::pair{"unix:/one", 0.7},
+                                    std::pair{"unix:/two", 1.5}, std::pair{"unix:/three", 3.1},
+                                    std::pair{"unix:/one", 6.3}, std::pair{"unix:/two", 12.7},
+                                    std::pair{"unix:/three", 20.7}, std::pair{"unix:/one", 28.7}));
+  EXPECT_TRUE(taker.told.empty());
+}
+
+TEST_F(SessionTest, aConnectionThatDoesNotComeUpIsGivenUp) {
+  session.connecting(now);
+  EXPECT_EQ(session.nextWakeup(), now + 5);
+  session.tick(now + 5);
+  EXPECT_TRUE(session.connectionDropped());
+  EXPECT_EQ(session.lastError(), "unix:/one: no connection after 5.0 s");
+}
+
+TEST_F(SessionTest, theSameErrorIsLoggedOnce) {
+  SessionOptions one = options();
+  one.remotes.resize(1);
+  std::vector<std::string> lines;
+  Session other(one, taker, [&](const std::string& line) { lines.push_back(line); });
+  for (int round = 0; round < 3; ++round) {
+    other.connecting(now);
+    other.failed("connecting: Connection refused", now);
+  }
+  EXPECT_THAT(lines, ElementsAre("unix:/one: connecting: Connection refused"));
+}
+
+TEST(SessionSchema, theInstalledSchemaServes) {
+  std::ifstream file("/usr/share/openvswitch/vtep.ovsschema");
+  if (!file) {
+    GTEST_SKIP() << "the package with the hardware_vtep schema is not installed";
+  }
+  EXPECT_EQ(schemaObjection(json::parse(file)), "");
+}
+
+}  // namespace Agent::Ovsdb::Testing

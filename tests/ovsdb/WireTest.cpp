@@ -1,0 +1,353 @@
+// What stands on the wire: framing, JSON, rows, and the small things they are made of.
+#include <gmock/gmock.h>
+
+#include <functional>
+#include <nlohmann/json.hpp>
+
+#include "agent/ovsdb/Addresses.h"
+#include "agent/ovsdb/Framer.h"
+#include "agent/ovsdb/JsonReader.h"
+#include "agent/ovsdb/ReceiveBuffer.h"
+#include "agent/ovsdb/Remote.h"
+#include "agent/ovsdb/Schema.h"
+#include "agent/ovsdb/UpdateWalk.h"
+#include "agent/ovsdb/Uuid.h"
+
+namespace Agent::Ovsdb::Testing {
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::string errorOf(const std::function<void()>& act) {
+  try {
+    act();
+  } catch (const std::exception& error) {
+    return error.what();
+  }
+  return "no error";
+}
+
+// The members of each message in `stream`, which comes in the pieces that `cuts` make.
+std::vector<std::vector<std::string>> framed(const std::string& stream,
+                                             const std::vector<std::size_t>& cuts) {
+  std::vector<std::vector<std::string>> messages;
+  ReceiveBuffer buffer;
+  Framer framer;
+  std::size_t from = 0;
+  std::vector<std::size_t> ends = cuts;
+  ends.push_back(stream.size());
+  for (const std::size_t end : ends) {
+    buffer.append(std::string_view{stream}.substr(from, end - from));
+    from = end;
+    while (framer.scan(buffer.unread())) {
+      std::vector<std::string> members;
+      for (const Framer::Member& member : framer.members(buffer.unread())) {
+        members.push_back(std::string{member.name} + "=" + std::string{member.value});
+      }
+      messages.push_back(std::move(members));
+      buffer.consume(framer.length());
+      framer.next();
+    }
+  }
+  EXPECT_TRUE(buffer.unread().find_first_not_of(" \n") == std::string_view::npos);
+  return messages;
+}
+
+class Rows : public RowTaker {
+ public:
+  void row(const RowEvent& event) override { events.push_back(event); }
+  std::vector<RowEvent> events;
+};
+
+std::vector<RowEvent> rowsOf(const std::string& text) {
+  Rows rows;
+  UpdateWalk walk(text);
+  while (walk.step(1, rows)) {
+  }
+  return rows.events;
+}
+
+constexpr const char* id1 = "11111111-1111-4111-8111-111111111111";
+constexpr const char* id2 = "22222222-2222-4222-8222-222222222222";
+
+std::string update(const std::string& table, const std::string& change) {
+  return R"({")" + table + R"(":{")" + id1 + R"(":)" + change + "}}";
+}
+
+}  // namespace
+
+// --- framing
+
+TEST(Framing, messagesAreFoundHoweverTheStreamIsCut) {
+  const std::string stream =
+      R"( {"id":1,"result":{"a":[1,{"b":"}{]["}],"c":"x\"y\\"}}{"method":"echo","params":[]}  {} {"e":""})";
+  const auto whole = framed(stream, {});
+  ASSERT_EQ(whole.size(), 4U);
+  EXPECT_THAT(whole[0], ElementsAre(R"("id"=1)", R"("result"={"a":[1,{"b":"}{]["}],"c":"x\"y\\"})"));
+  EXPECT_THAT(whole[1], ElementsAre(R"("method"="echo")", R"("params"=[])"));
+  EXPECT_THAT(whole[2], ElementsAre());
+  for (std::size_t one = 0; one <= stream.size(); ++one) {
+    EXPECT_EQ(framed(stream, {one}), whole) << "cut at " << one;
+    for (std::size_t other = one; other <= stream.size(); ++other) {
+      ASSERT_EQ(framed(stream, {one, other}), whole) << "cut at " << one << " and " << other;
+    }
+  }
+}
+
+TEST(Framing, whatIsNoObjectIsNoMessage) {
+  Framer framer;
+  EXPECT_EQ(errorOf([&] { framer.scan("HTTP/1.1 400 Bad Request"); }),
+            "this is not OVSDB: a message begins with byte 72 instead of '{'");
+}
+
+TEST(Framing, aMessageOverTheLimitIsRefusedBeforeItIsWhole) {
+  Framer framer(1 << 20);
+  std::string text = R"({"a":[)";
+  while (text.size() < (2U << 20)) {
+    text += "1,";
+  }
+  EXPECT_EQ(errorOf([&] { framer.scan(text); }), "a message is larger than the 1 MiB allowed");
+}
+
+TEST(Framing, aStringOverTheLimitIsRefusedBeforeItEnds) {
+  Framer framer(1 << 20, 1000);
+  EXPECT_EQ(errorOf([&] { framer.scan(R"({"a":")" + std::string(1001, 'x')); }),
+            "a string is longer than the 1000 bytes allowed");
+}
+
+TEST(ReceiveBufferTest, bytesStayWhileTheBufferGrowsAndShrinks) {
+  ReceiveBuffer buffer;
+  std::string expected;
+  for (int round = 0; round < 40; ++round) {
+    const std::string piece(100'000, static_cast<char>('a' + round % 26));
+    buffer.append(piece);
+    expected += piece;
+    if (round % 3 == 2) {
+      buffer.consume(150'000);
+      expected.erase(0, 150'000);
+    }
+    ASSERT_EQ(buffer.unread(), expected) << "round " << round;
+  }
+  EXPECT_GT(buffer.capacity(), 1U << 20);
+  buffer.clear();
+  EXPECT_EQ(buffer.capacity(), 0U) << "given back";
+}
+
+// --- JSON
+
+TEST(JsonReading, valuesAreReadInOrder) {
+  JsonReader reader(R"( { "a" : [ 1 , -22 , true , false , null , "x" ] , "b" : {} , "c":[] } )");
+  std::string name;
+  reader.beginObject();
+  ASSERT_TRUE(reader.nextMember(name));
+  EXPECT_EQ(name, "a");
+  reader.beginArray();
+  ASSERT_TRUE(reader.nextElement());
+  EXPECT_EQ(reader.integer(), 1);
+  ASSERT_TRUE(reader.nextElement());
+  EXPECT_EQ(reader.integer(), -22);
+  ASSERT_TRUE(reader.nextElement());
+  EXPECT_TRUE(reader.boolean());
+  ASSERT_TRUE(reader.nextElement());
+  EXPECT_FALSE(reader.boolean());
+  ASSERT_TRUE(reader.nextElement());
+  EXPECT_TRUE(reader.null());
+  ASSERT_TRUE(reader.nextElement());
+  EXPECT_EQ(reader.string(), "x");
+  EXPECT_FALSE(reader.nextElement());
+  ASSERT_TRUE(reader.nextMember(name));
+  EXPECT_EQ(reader.skip(), "{}");
+  ASSERT_TRUE(reader.nextMember(name));
+  reader.beginArray();
+  EXPECT_FALSE(reader.nextElement());
+  EXPECT_FALSE(reader.nextMember(name));
+  EXPECT_TRUE(reader.atEnd());
+}
+
+TEST(JsonReading, skippingStepsOverAnyValue) {
+  for (const std::string& value :
+       {std::string{R"({"a":[1,2,{"b":null}],"c":{}})"}, std::string{"[]"}, std::string{"[[[]],{}]"},
+        std::string{R"("a\"]b")"}, std::string{"-1.5e3"}, std::string{"null"}, std::string{"{}"}}) {
+    const std::string text = "[" + value + ",7]";
+    JsonReader whole(text);
+    whole.beginArray();
+    ASSERT_TRUE(whole.nextElement());
+    EXPECT_EQ(whole.skip(), value);
+    ASSERT_TRUE(whole.nextElement());
+    EXPECT_EQ(whole.integer(), 7);
+  }
+}
+
+TEST(JsonReading, escapesAndUtf8AreUnderstood) {
+  const std::string text = "\"a\\u00e9\\n\xc3\xa9\"";
+  JsonReader reader(text);
+  EXPECT_EQ(reader.string(), "a\xc3\xa9\n\xc3\xa9");
+}
+
+TEST(JsonReading, whatIsNotJsonIsRefusedWithItsPlace) {
+  const auto skip = [](const char* text) {
+    return errorOf([&] {
+      JsonReader reader(text);
+      reader.skip();
+    });
+  };
+  EXPECT_EQ(skip("[1 2]"), "at byte 3: want ',', have '2'");
+  EXPECT_EQ(skip("[1,]"), "at byte 3: want a value");
+  EXPECT_EQ(skip("{\"a\" 1}"), "at byte 5: want ':', have '1'");
+  EXPECT_EQ(skip("{1:2}"), "at byte 1: want '\"', have '1'");
+  EXPECT_EQ(skip("[1}"), "at byte 2: want ',', have '}'");
+  EXPECT_EQ(skip("tru"), "at byte 0: want a value");
+  EXPECT_EQ(skip("[\"a"), "at byte 3: the string does not end");
+  EXPECT_EQ(skip("["), "at byte 1: want a value");
+  EXPECT_EQ(skip(""), "at byte 0: want a value");
+  EXPECT_EQ(errorOf([] { JsonReader("12x").integer(); }), "at byte 0: want an integer");
+  EXPECT_EQ(errorOf([] { JsonReader("99999999999999999999").integer(); }), "at byte 0: want an integer");
+  EXPECT_EQ(errorOf([] { JsonReader("\"\xff\"").string(); }),
+            "at byte 3: the string ending here is not valid JSON in UTF-8");
+}
+
+// --- rows
+
+TEST(Rows, eachKindOfColumnIsRead) {
+  const std::string uuid = std::string{R"(["uuid",")"} + id2 + R"("])";
+  auto rows = rowsOf(update("Logical_Switch", R"({"insert":{"name":"ls","tunnel_key":5010}})"));
+  ASSERT_EQ(rows.size(), 1U);
+  EXPECT_EQ(rows[0].change, RowChange::present);
+  EXPECT_EQ(rows[0].uuid.text(), id1);
+  EXPECT_EQ(rows[0].cells[At::logicalName].text, "ls");
+  EXPECT_FALSE(rows[0].cells[At::logicalKey].empty);
+  EXPECT_EQ(rows[0].cells[At::logicalKey].number, 5010);
+  EXPECT_FALSE(rows[0].cells[At::logicalMode].present);
+
+  rows = rowsOf(update("Logical_Switch",
+                       R"({"modify":{"tunnel_key":["set",[]],"replication_mode":["set",["source_node"]]}})"));
+  EXPECT_EQ(rows[0].change, RowChange::modified);
+  EXPECT_TRUE(rows[0].cells[At::logicalKey].present);
+  EXPECT_TRUE(rows[0].cells[At::logicalKey].empty);
+  EXPECT_EQ(rows[0].cells[At::logicalMode].text, "source_node");
+
+  rows = rowsOf(update("Ucast_Macs_Remote",
+                       R"({"initial":{"MAC":"m","logical_switch":)" + uuid + R"(,"ipaddr":"x"}})"));
+  EXPECT_EQ(rows[0].cells[At::macMac].text, "m");
+  EXPECT_EQ(rows[0].cells[At::macSwitch].uuid.text(), id2);
+
+  rows = rowsOf(
+      update("Physical_Switch", R"({"insert":{"ports":)" + uuid + R"(,"tunnel_ips":["set",["a","b"]]}})"));
+  EXPECT_EQ(rows[0].cells[At::switchPorts].uuids.size(), 1U);
+  EXPECT_THAT(rows[0].cells[At::switchTunnelIps].texts, ElementsAre("a", "b"));
+
+  rows = rowsOf(update("Physical_Switch",
+                       R"({"insert":{"ports":["set",[)" + uuid + "," + uuid + R"(]],"tunnel_ips":"a"}})"));
+  EXPECT_EQ(rows[0].cells[At::switchPorts].uuids.size(), 2U);
+  EXPECT_THAT(rows[0].cells[At::switchTunnelIps].texts, ElementsAre("a"));
+
+  rows = rowsOf(update("Physical_Port", R"({"insert":{"vlan_bindings":["map",[[10,)" + uuid + R"(]]]}})"));
+  ASSERT_EQ(rows[0].cells[At::portBindings].bindings.size(), 1U);
+  EXPECT_EQ(rows[0].cells[At::portBindings].bindings[0].first, 10);
+
+  rows = rowsOf(update("Global", R"({"insert":{"other_config":["map",[["converging","true"]]]}})"));
+  EXPECT_EQ(rows[0].cells[At::globalOtherConfig].pairs[0].second, "true");
+
+  rows = rowsOf(update("Mcast_Macs_Remote", R"({"delete":null})"));
+  EXPECT_EQ(rows[0].change, RowChange::removed);
+}
+
+TEST(Rows, tablesAndColumnsThatAreNotFollowedAreSteppedOver) {
+  EXPECT_TRUE(rowsOf(update("Tunnel", R"({"insert":{"a":[1]}})")).empty());
+  EXPECT_EQ(rowsOf(update("Global", R"({"insert":{"managers":["set",[]]}})")).size(), 1U);
+  EXPECT_TRUE(rowsOf("{}").empty());
+}
+
+TEST(Rows, whatIsNotInTheFormIsRefusedWithTableRowAndColumn) {
+  const auto refusal = [](const std::string& text) { return errorOf([&] { rowsOf(text); }); };
+  const std::string row = "table Logical_Switch, row " + std::string{id1};
+  EXPECT_EQ(refusal(R"({"Logical_Switch":{"x":{}}})"),
+            "table Logical_Switch, row x: the name of the row is not a UUID");
+  EXPECT_EQ(refusal(update("Logical_Switch", R"({"insert":{"tunnel_key":"x"}})")),
+            row + ", column tunnel_key: at byte 82: want an integer");
+  EXPECT_EQ(refusal(update("Logical_Switch", R"({"move":{}})")),
+            row + ": the row update is none of initial, insert, modify and delete");
+  EXPECT_EQ(refusal(update("Logical_Switch", R"({})")), row + ": the row update is empty");
+  EXPECT_EQ(refusal(update("Logical_Switch", R"({"delete":null,"insert":{}})")),
+            row + ": the row update has more than one member");
+  EXPECT_THAT(refusal(update("Physical_Switch", R"({"insert":{"ports":["map",[]]}})")),
+              HasSubstr(R"(want ["set", ...] or ["uuid", ...])"));
+  EXPECT_THAT(refusal(update("Ucast_Macs_Remote", R"({"insert":{"locator":["uuid","x"]}})")),
+              HasSubstr("column locator: at byte"));
+  EXPECT_EQ(refusal("{} x"), "at byte 3: there is more behind the end of the table updates");
+}
+
+// --- the schema
+
+TEST(SchemaCheck, theColumnsThatAreFollowedMustBeThere) {
+  nlohmann::json schema{{"name", "hardware_vtep"}, {"tables", nlohmann::json::object()}};
+  EXPECT_THAT(schemaObjection(schema), HasSubstr("the schema does not serve: no table Global, no table "
+                                                 "Physical_Switch"));
+  schema["tables"]["Global"]["columns"]["other_config"]["type"] = "string";
+  EXPECT_THAT(schemaObjection(schema), HasSubstr("column Global.other_config is of another type"));
+  schema["tables"]["Logical_Switch"]["columns"] = nlohmann::json::object();
+  EXPECT_THAT(schemaObjection(schema), HasSubstr("no column Logical_Switch.tunnel_key"));
+  EXPECT_EQ(schemaObjection(nlohmann::json::array()), "the answer to get_schema is not a schema");
+  schema["name"] = "other";
+  EXPECT_EQ(schemaObjection(schema), "the schema is of another database than \"hardware_vtep\"");
+}
+
+// --- small things
+
+TEST(Addresses, macsAndIpv4AreReadStrictlyAndWrittenCanonically) {
+  EXPECT_EQ(macText(*parseMac("02:AB:cd:EF:00:09")), "02:ab:cd:ef:00:09");
+  for (const char* const bad : {"", "02:ab:cd:ef:00", "02:ab:cd:ef:00:0g", "02-ab-cd-ef-00-09",
+                                "02:ab:cd:ef:00:091", "+2:ab:cd:ef:00:09", "-1:ab:cd:ef:00:09"}) {
+    EXPECT_FALSE(parseMac(bad)) << bad;
+  }
+  EXPECT_EQ(ipv4Text(*parseIpv4("10.0.255.1")), "10.0.255.1");
+  for (const char* const bad : {"", "10.0.0", "10.0.0.256", "10.0.0.1.", "10.0.0.01", "2001:db8::1",
+                                " 10.0.0.1", "10..0.1", "a.b.c.d"}) {
+    EXPECT_FALSE(parseIpv4(bad)) << bad;
+  }
+  EXPECT_TRUE(canEndTunnel(*parseIpv4("10.0.0.1")));
+  for (const char* const bad : {"0.0.0.0", "224.0.0.1", "255.255.255.255"}) {
+    EXPECT_FALSE(canEndTunnel(*parseIpv4(bad))) << bad;
+  }
+  EXPECT_TRUE(isGroup(*parseMac("01:00:5e:00:00:01")));
+  EXPECT_FALSE(isGroup(*parseMac("02:00:5e:00:00:01")));
+}
+
+TEST(Uuids, theCanonicalFormIsReadAndWritten) {
+  const std::string text = "0123abcd-4567-89ef-0123-456789abcdef";
+  EXPECT_EQ(Uuid::parse(text)->text(), text);
+  EXPECT_EQ(Uuid::parse("0123ABCD-4567-89EF-0123-456789ABCDEF")->text(), text);
+  for (const char* const bad :
+       {"", "0123abcd-4567-89ef-0123-456789abcde", "0123abcd-4567-89ef-0123-456789abcdeg",
+        "0123abcd4567-89ef-0123-456789abcdef-"}) {
+    EXPECT_FALSE(Uuid::parse(bad)) << bad;
+  }
+}
+
+TEST(Remotes, eachKindIsReadAndWritten) {
+  for (const char* const text :
+       {"unix:/run/db.sock", "tcp:10.0.0.1:6640", "ssl:db.example.net:6640", "tcp:[2001:db8::1]:6640"}) {
+    EXPECT_EQ(Remote::parse(text).text(), text);
+  }
+  const auto list = Remote::parseList("unix:/a,tcp:127.0.0.1:1");
+  ASSERT_EQ(list.size(), 2U);
+  EXPECT_EQ(list[1].port, 1);
+}
+
+TEST(Remotes, whatIsWrongIsNamed) {
+  EXPECT_EQ(errorOf([] { Remote::parse("http:x"); }),
+            "\"http:x\": want unix:PATH, tcp:HOST:PORT or ssl:HOST:PORT");
+  EXPECT_EQ(errorOf([] { Remote::parse("tcp:host"); }), "\"tcp:host\": want HOST:PORT");
+  EXPECT_EQ(errorOf([] { Remote::parse("tcp:host:0"); }),
+            "\"tcp:host:0\": the port is not a number from 1 to 65535");
+  EXPECT_EQ(errorOf([] { Remote::parse("tcp:2001:db8::1:6640"); }),
+            "\"tcp:2001:db8::1:6640\": an IPv6 address stands in brackets");
+  EXPECT_EQ(errorOf([] { Remote::parse("unix:"); }),
+            "\"unix:\": the path of a unix socket has 1 to 107 bytes");
+  EXPECT_EQ(errorOf([] { Remote::parseList("unix:/a,"); }),
+            "\"\": want unix:PATH, tcp:HOST:PORT or ssl:HOST:PORT");
+}
+
+}  // namespace Agent::Ovsdb::Testing

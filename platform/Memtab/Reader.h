@@ -46,8 +46,15 @@ class Reader {
 
   /// Number of records at the last publication.
   std::size_t size() {
-    const Segment* segment = reading_.segment();
+    const Segment* segment = reading_.recentSegment();
     return segment != nullptr ? segment->state().publishedRecords.load(std::memory_order_acquire) : 0;
+  }
+
+  /// Number of the last turn that was published; 0 while there is no table. Two lookups with the same number
+  /// before and after are of the same turn.
+  std::uint64_t turn() {
+    const Segment* segment = reading_.recentSegment();
+    return segment != nullptr ? segment->state().published.load(std::memory_order_acquire) : 0;
   }
 
   /// The value of KEY.

@@ -26,13 +26,17 @@ class Reading {
     }
     return attachment_.segment();
   }
-  const Shape& shape() const { return shape_; }
-
-  bool find(const std::uint64_t* key, std::uint64_t* value) {
+  /// The same, where it does for a removal by other means than Memtab::remove() to be noticed a little later.
+  const Segment* recentSegment() {
     if (attachment_.outdated()) [[unlikely]] {
       renew();
     }
-    return attachment_.segment() != nullptr && view_.find(key, value);
+    return attachment_.segment();
+  }
+  const Shape& shape() const { return shape_; }
+
+  bool find(const std::uint64_t* key, std::uint64_t* value) {
+    return recentSegment() != nullptr && view_.find(key, value);
   }
 
   template <class Visit>

@@ -39,17 +39,16 @@ std::uint64_t sizeOf(int fd) {
 }
 
 /// Whether the maker of the table died, or is busy, before its description was whole: nothing in it counts
-/// yet.
+/// yet. The mark of that is its first word, so that without it all is zero.
 bool beingMade(int fd) {
-  struct stat status {};
-  std::uint64_t magic = 0;
-  if (::fstat(fd, &status) != 0 || status.st_size == 0) {
+  Format::Description found{};
+  const ssize_t bytes = ::pread(fd, &found, sizeof found, 0);
+  if (bytes == 0) {
     return true;
   }
-  if (::pread(fd, &magic, sizeof magic, 0) != sizeof magic) {
-    return false;
-  }
-  return magic == Format::kMagicBeingMade || (magic == 0 && status.st_blocks == 0);
+  static constexpr Format::Description kNothing{};
+  return bytes == sizeof found &&
+         (found.magic == Format::kMagicBeingMade || std::memcmp(&found, &kNothing, sizeof found) == 0);
 }
 
 /// The lock of the one writer; the system lets go of it when the writer ends, however it ends.

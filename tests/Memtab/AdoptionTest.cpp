@@ -1,0 +1,374 @@
+// Names and segments: what a writer adopts and what it refuses, what readers follow.
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <fstream>
+#include <functional>
+#include <memory>
+
+#include "Hosts.h"
+#include "Memtab/Describe.h"
+
+namespace Memtab::Test {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::Pair;
+
+/// The bytes of a table, to damage them.
+class Bytes {
+ public:
+  explicit Bytes(const Name& name) {
+    const int fd = ::open(name.path().c_str(), O_RDWR | O_CLOEXEC);
+    struct stat status {};
+    EXPECT_EQ(::fstat(fd, &status), 0);
+    size_ = static_cast<std::size_t>(status.st_size);
+    base_ = ::mmap(nullptr, size_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+    ::close(fd);
+    EXPECT_NE(base_, MAP_FAILED);
+  }
+  Bytes(const Bytes&) = delete;
+  Bytes& operator=(const Bytes&) = delete;
+  ~Bytes() { ::munmap(base_, size_); }
+
+  Format::Header& header() const { return *static_cast<Format::Header*>(base_); }
+  Format::Description& description() const { return header().description; }
+  template <class T>
+  T* at(std::uint64_t offset) const {
+    return reinterpret_cast<T*>(static_cast<std::byte*>(base_) + offset);
+  }
+  Format::Slot* slot(std::uint64_t number) const {
+    return at<Format::Slot>(description().slotsAt + number * description().slotBytes);
+  }
+  std::string all() const { return {static_cast<const char*>(base_), size_}; }
+
+ private:
+  void* base_;
+  std::size_t size_;
+};
+
+std::string errorOf(const std::function<void()>& attempt) {
+  try {
+    attempt();
+  } catch (const Error& error) {
+    return error.what();
+  }
+  return "(no error)";
+}
+
+class Adoption : public testing::Test {
+ protected:
+  void SetUp() override {
+    HostWriter writer(optionsFor(name_, 100));
+    for (Key key = 0; key < 5; ++key) {
+      writer.is(key, hostOf(key, key));
+    }
+    writer.publish();
+  }
+
+  /// What writer and reader say to the table after DAMAGE; neither changes a byte of it.
+  void expectRefusal(const std::function<void(Bytes&)>& damage, const std::string& what,
+                     bool readerToo = true) {
+    Bytes bytes(name_);
+    damage(bytes);
+    const std::string before = bytes.all();
+    EXPECT_EQ(errorOf([&] { HostWriter writer(optionsFor(name_)); }), "memtab " + name_.text() + ": " + what);
+    if (readerToo) {
+      EXPECT_EQ(errorOf([&] { HostReader reader(name_.text(), kSchema); }),
+                "memtab " + name_.text() + ": " + what);
+    }
+    EXPECT_EQ(bytes.all(), before);
+  }
+
+  const std::string anew_ = "; remove it and start the writer anew";
+  Name name_;
+};
+
+TEST_F(Adoption, FindsWhatWasPublished) {
+  HostWriter writer(optionsFor(name_));
+  EXPECT_TRUE(writer.adopted());
+  EXPECT_EQ(writer.limit(), 100u) << "an adopted table keeps its limit";
+  EXPECT_THAT(contentOf(writer), ElementsAre(Pair(0, 0), Pair(1, 1), Pair(2, 2), Pair(3, 3), Pair(4, 4)));
+}
+
+TEST_F(Adoption, TakesBackAnUnpublishedTurnButNotReplacedValues) {
+  {
+    HostWriter writer(optionsFor(name_));
+    writer.is(7, hostOf(7, 7));
+    writer.is(1, hostOf(1, 100));
+    writer.del(2);
+    writer.del(3);
+    writer.is(3, hostOf(3, 300));
+  }
+  const HostWriter writer(optionsFor(name_));
+  EXPECT_THAT(contentOf(writer), ElementsAre(Pair(0, 0), Pair(1, 100), Pair(2, 2), Pair(3, 300), Pair(4, 4)));
+}
+
+TEST_F(Adoption, FollowersHearOfValuesReplacedInATurnThatWasNeverPublished) {
+  HostReader reader(name_.text(), kSchema);
+  Mirror mirror;
+  mirror.follow(reader);
+  {
+    HostWriter writer(optionsFor(name_));
+    writer.is(1, hostOf(1, 100));
+  }
+  const HostWriter writer(optionsFor(name_));
+  mirror.follow(reader);
+  EXPECT_FALSE(mirror.last().everything);
+  EXPECT_EQ(mirror.content(), contentOf(writer));
+}
+
+TEST_F(Adoption, RefusesASecondWriter) {
+  const HostWriter first(optionsFor(name_));
+  EXPECT_EQ(errorOf([&] { HostWriter second(optionsFor(name_)); }),
+            "memtab " + name_.text() + ": another writer has it");
+}
+
+TEST_F(Adoption, RefusesAnotherFormat) {
+  expectRefusal([](Bytes& bytes) { bytes.description().version = 2; },
+                "made by another version: its format is 2, this program has 1");
+}
+
+TEST_F(Adoption, RefusesAnotherSchema) {
+  Options options = optionsFor(name_);
+  options.schema = "test-host 2";
+  const std::string what =
+      "memtab " + name_.text() +
+      ": made for other records: its schema is \"test-host 1\", this program has \"test-host 2\"";
+  EXPECT_EQ(errorOf([&] { HostWriter writer(options); }), what);
+  EXPECT_EQ(errorOf([&] { HostReader reader(name_.text(), "test-host 2"); }), what);
+}
+
+TEST_F(Adoption, RefusesAnotherRecordSize) {
+  const std::string what =
+      "memtab " + name_.text() +
+      ": made for other records: key and value have 8 and 104 bytes, in this program 8 and 4";
+  EXPECT_EQ(errorOf([&] { Writer<Key, std::uint32_t> writer(optionsFor(name_)); }), what);
+  EXPECT_EQ(errorOf([&] { Reader<Key, std::uint32_t> reader(name_.text(), kSchema); }), what);
+}
+
+TEST_F(Adoption, RefusesADamagedHeader) {
+  expectRefusal([](Bytes& bytes) { bytes.description().slotsAt += 64; },
+                "damaged: the checksum of its header is wrong" + anew_);
+}
+
+TEST_F(Adoption, RefusesWhatIsNoTable) {
+  expectRefusal([](Bytes& bytes) { bytes.description().magic = 0x7f; },
+                "not a table: it does not begin with the mark of one");
+}
+
+TEST_F(Adoption, RefusesWhatIsTooShort) {
+  std::ofstream(name_.path(), std::ios::trunc) << "a few words\n";
+  EXPECT_EQ(errorOf([&] { HostWriter writer(optionsFor(name_)); }),
+            "memtab " + name_.text() + ": not a table: it does not begin with the mark of one");
+}
+
+TEST_F(Adoption, RefusesATruncatedTable) {
+  const std::uint64_t whole = Bytes(name_).description().totalBytes;
+  ASSERT_EQ(::truncate(name_.path().c_str(), 65536), 0);
+  expectRefusal([](Bytes&) {},
+                "damaged: it has 65536 bytes, its header says " + std::to_string(whole) + anew_);
+}
+
+TEST_F(Adoption, RefusesCountsThatCannotBe) {
+  expectRefusal([](Bytes& bytes) { bytes.header().state.usedSlots = 201; },
+                "damaged: 201 slots are said to be in use, there is room for 200" + anew_, false);
+  expectRefusal(
+      [](Bytes& bytes) {
+        bytes.header().state.usedSlots = 5;
+        bytes.header().state.buckets = 0;
+      },
+      "damaged: 0 bucket heads are said to be in use, there is room for 200" + anew_, false);
+}
+
+TEST_F(Adoption, RefusesALostRecord) {
+  expectRefusal([](Bytes& bytes) { *bytes.at<Format::Half>(bytes.description().headsAt) = Format::kEnd; },
+                "damaged: the list has 1 bucket heads, 10 are in use" + anew_, false);
+}
+
+TEST_F(Adoption, RefusesAListThatRunsInACircle) {
+  const auto damage = [](Bytes& bytes) {
+    std::uint64_t number = 0;
+    while (bytes.slot(number)->next >= Format::kBucketBit && number < 4) {
+      ++number;
+    }
+    bytes.slot(number)->next = static_cast<std::uint32_t>(number);
+  };
+  Bytes bytes(name_);
+  damage(bytes);
+  EXPECT_THAT(errorOf([&] { HostWriter writer(optionsFor(name_)); }), HasSubstr("twice; remove it"));
+}
+
+TEST_F(Adoption, RefusesARecordHalfWrittenThatNoWriterLeaves) {
+  expectRefusal([](Bytes& bytes) { bytes.slot(3)->seq = 77; },
+                "damaged: slot 3 is half written and the journal knows nothing of it" + anew_, false);
+  expectRefusal(
+      [](Bytes& bytes) {
+        bytes.slot(3)->seq = 2;
+        bytes.slot(2)->life = 3;
+      },
+      "damaged: slot 2 is in no known state" + anew_, false);
+}
+
+TEST_F(Adoption, AReaderOfADamagedTableSaysSo) {
+  HostReader reader(name_.text(), kSchema);
+  const Bytes bytes(name_);
+  for (std::uint64_t number = 0; number < 5; ++number) {
+    bytes.slot(number)->next = 12345;
+  }
+  for (std::uint64_t head = 0; head < 10; ++head) {
+    bytes.at<Format::Half>(bytes.description().headsAt)[head] = 12345;
+  }
+  EXPECT_EQ(errorOf([&] { static_cast<void>(reader.find(1)); }),
+            "memtab " + name_.text() + ": damaged: a link leads outside of it");
+}
+
+TEST_F(Adoption, FinishesATableWhoseMakerDiedBeforeItsFirstRecord) {
+  for (const std::uint64_t magic : {std::uint64_t{0}, Format::kMagicBeingMade}) {
+    const Name name;
+    {
+      std::ofstream file(name.path(), std::ios::binary);
+      file.write(reinterpret_cast<const char*>(&magic), sizeof magic);
+    }
+    ASSERT_EQ(::truncate(name.path().c_str(), 100'000), 0);
+    HostReader reader(name.text(), kSchema);
+    EXPECT_FALSE(reader.attached());
+    HostWriter writer(optionsFor(name));
+    EXPECT_FALSE(writer.adopted());
+    writer.is(1, hostOf(1, 1));
+    writer.publish();
+    EXPECT_EQ(reader.find(1), hostOf(1, 1));
+  }
+}
+
+TEST_F(Adoption, WorksOnAFileToo) {
+  const Name name(testing::TempDir() + "/memtab-test-" + std::to_string(::getpid()));
+  {
+    HostWriter writer(optionsFor(name));
+    writer.is(1, hostOf(1, 1));
+    writer.publish();
+  }
+  HostReader reader(name.text(), kSchema);
+  EXPECT_THAT(contentOf(reader), ElementsAre(Pair(1, 1)));
+  const HostWriter writer(optionsFor(name));
+  EXPECT_TRUE(writer.adopted());
+  EXPECT_THAT(contentOf(writer), ElementsAre(Pair(1, 1)));
+}
+
+TEST_F(Adoption, ModeOfANewTableIsAsAskedFor) {
+  const Name name;
+  Options options = optionsFor(name);
+  options.mode = 0640;
+  const HostWriter writer(options);
+  struct stat status {};
+  ASSERT_EQ(::stat(name.path().c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777U, 0640u);
+}
+
+TEST(Names, AReaderWaitsForItsTable) {
+  const Name name;
+  HostReader reader(name.text(), kSchema);
+  Mirror mirror;
+  EXPECT_FALSE(reader.attached());
+  EXPECT_EQ(reader.find(1), std::nullopt);
+  EXPECT_EQ(reader.size(), 0u);
+  EXPECT_EQ(reader.turn(), 0u);
+  mirror.follow(reader);
+  EXPECT_FALSE(mirror.last().everything);
+  HostWriter writer(optionsFor(name));
+  writer.is(1, hostOf(1, 1));
+  writer.publish();
+  EXPECT_EQ(reader.find(1), hostOf(1, 1));
+  mirror.follow(reader);
+  EXPECT_THAT(mirror.content(), ElementsAre(Pair(1, 1)));
+}
+
+class MadeAnew : public testing::TestWithParam<bool> {
+ protected:
+  /// By the library, or behind its back.
+  void removeTable() const {
+    if (GetParam()) {
+      EXPECT_TRUE(Memtab::remove(name_.text()));
+    } else {
+      EXPECT_EQ(::unlink(name_.path().c_str()), 0);
+    }
+  }
+
+  Name name_;
+};
+
+TEST_P(MadeAnew, ReadersGoOverToTheNewTable) {
+  auto writer = std::make_unique<HostWriter>(optionsFor(name_));
+  writer->is(1, hostOf(1, 1));
+  writer->is(2, hostOf(2, 1));
+  writer->publish();
+  HostReader reader(name_.text(), kSchema);
+  HostReader looker(name_.text(), kSchema);
+  const std::uint64_t generation = reader.generation();
+  Mirror mirror;
+  mirror.follow(reader);
+
+  writer.reset();
+  removeTable();
+  EXPECT_EQ(reader.find(1), hostOf(1, 1)) << "until there is a new one the old one does";
+  writer = std::make_unique<HostWriter>(optionsFor(name_));
+  EXPECT_FALSE(writer->adopted());
+  writer->is(2, hostOf(2, 2));
+  writer->is(3, hostOf(3, 2));
+  writer->publish();
+
+  mirror.follow(reader);
+  EXPECT_TRUE(mirror.last().everything);
+  EXPECT_THAT(mirror.content(), ElementsAre(Pair(2, 2), Pair(3, 2)));
+  EXPECT_NE(reader.generation(), generation);
+  int lookups = 1;
+  while (looker.find(3) == std::nullopt && lookups < 1000) {
+    ++lookups;
+  }
+  EXPECT_LE(lookups, GetParam() ? 1 : 256);
+}
+
+TEST_P(MadeAnew, ForOtherRecordsReadersSaySo) {
+  { HostWriter writer(optionsFor(name_)); }
+  HostReader reader(name_.text(), kSchema);
+  EXPECT_TRUE(reader.attached());
+  removeTable();
+  Options other = optionsFor(name_);
+  other.schema = "test-host 2";
+  const HostWriter writer(other);
+  EXPECT_THAT(errorOf([&] { static_cast<void>(reader.attached()); }),
+              HasSubstr("its schema is \"test-host 2\""));
+}
+
+INSTANTIATE_TEST_SUITE_P(Names, MadeAnew, testing::Bool(),
+                         [](const auto& by) { return by.param ? "ByTheLibrary" : "ByTheSystem"; });
+
+TEST(Names, RemovingSaysWhetherThereWasOne) {
+  const Name name;
+  EXPECT_FALSE(Memtab::remove(name.text()));
+  { HostWriter writer(optionsFor(name)); }
+  EXPECT_TRUE(Memtab::remove(name.text()));
+  EXPECT_FALSE(Memtab::remove(name.text()));
+  EXPECT_THAT(errorOf([] { Memtab::remove("no-name"); }), HasSubstr("memtab no-name: not a name"));
+}
+
+TEST(Names, AChecksumCoversEachByteOfADescription) {
+  Format::Description description = describe(optionsFor(""), {8, 104});
+  EXPECT_EQ(Memtab::checksumOf(description), description.checksum);
+  for (std::size_t at = sizeof description.magic; at < offsetof(Format::Description, checksum); ++at) {
+    auto& byte = reinterpret_cast<unsigned char*>(&description)[at];
+    byte ^= 1U;
+    ASSERT_NE(Memtab::checksumOf(description), description.checksum) << "byte " << at;
+    byte ^= 1U;
+  }
+}
+
+}  // namespace
+}  // namespace Memtab::Test

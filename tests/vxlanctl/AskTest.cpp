@@ -77,6 +77,8 @@ TEST_F(AskTest, WrongUsageIsToldApart) {
   EXPECT_EQ(run({"show"}), 2);
   EXPECT_EQ(run({"show", "nothing"}), 2);
   EXPECT_EQ(run({"show", "hosts", "--vlan", "4095"}), 2);
+  EXPECT_THAT(err, HasSubstr("\"4095\" is no VLAN: 1 to 4094"));
+  EXPECT_EQ(run({"show", "vni", "--vni", "0"}), 2);
   EXPECT_EQ(run({"show", "hosts", "--mac", "02:00"}), 2);
   EXPECT_THAT(err, HasSubstr("\"02:00\" is no MAC address"));
   EXPECT_EQ(run({"explain", "02:00:00:00:00:01", "--vlan", "1", "--vni", "2"}), 2);

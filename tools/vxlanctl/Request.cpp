@@ -1,14 +1,12 @@
 #include "tools/vxlanctl/Request.h"
 
+#include "Vxlan/types/Decimal.h"
 #include "Vxlan/types/Qnet.h"
 #include "agent/control/Defaults.h"
 
 namespace Vxlanctl {
 
 namespace {
-
-constexpr std::uint32_t maxVlan = 4094;
-constexpr std::uint32_t maxVni = 16'777'215;
 
 constexpr const char* footer =
     "Exit status:\n"
@@ -38,6 +36,22 @@ CLI::Validator address(const char* type) {
           type};
 }
 
+// Checks a number and brings it into the form that rows have.
+CLI::Validator number(const char* type, std::uint32_t most) {
+  return {[type, most](std::string& text) {
+            const auto value = Qnet::parseDecimal(text, most);
+            const bool fits = value && *value > 0;
+            return fits ? std::string() : "\"" + text + "\" is no " + type + ": 1 to " + std::to_string(most);
+          },
+          type};
+}
+CLI::Validator vlan() {
+  return number("VLAN", 4094);
+}
+CLI::Validator vni() {
+  return number("VNI", 16'777'215);
+}
+
 // A filter of a "show" command: an option, and the member of the rows that it is about.
 struct Filter {
   const char* option;
@@ -47,10 +61,10 @@ struct Filter {
 };
 
 Filter byVlan() {
-  return {"--vlan", "vlan", "Only this VLAN", CLI::Range(1U, maxVlan)};
+  return {"--vlan", "vlan", "Only this VLAN", vlan()};
 }
 Filter byVni() {
-  return {"--vni", "vni", "Only this VNI", CLI::Range(1U, maxVni)};
+  return {"--vni", "vni", "Only this VNI", vni()};
 }
 Filter byMac() {
   return {"--mac", "mac", "Only this MAC", address<Qnet::EthAddr>("MAC")};
@@ -87,7 +101,7 @@ void addShows(CLI::App& app, Request& request) {
   hosts->add_flag("--received", request.received,
                   "Hosts as the agent has received them, with those marked for deletion");
   hosts->add_option("--vni", request.vni, "Only the VLAN of this VNI, which the agent is asked for")
-      ->check(CLI::Range(1U, maxVni))
+      ->check(vni())
       ->excludes("--vlan");
   addShow(*show, request, "floods", "Flood sets of the layer-2 RIB", {byVlan(), byMac(), byVtep("dests")});
   addShow(*show, request, "bum", "BUM VTEP lists of this switch",
@@ -109,8 +123,8 @@ void addQuestions(CLI::App& app, Request& request) {
       "explain",
       "Follow a MAC from the controller to the layer-2 RIB, and say at each step what was decided and why");
   explain->add_option("MAC", request.mac)->required()->transform(address<Qnet::EthAddr>("MAC"));
-  auto* vlan = explain->add_option("--vlan", request.vlan, "In this VLAN")->check(CLI::Range(1U, maxVlan));
-  explain->add_option("--vni", request.vni, "In this VNI")->check(CLI::Range(1U, maxVni))->excludes(vlan);
+  auto* const byVlanOption = explain->add_option("--vlan", request.vlan, "In this VLAN")->check(vlan());
+  explain->add_option("--vni", request.vni, "In this VNI")->check(vni())->excludes(byVlanOption);
   explain->add_flag("--json", request.json, "Print the agent's answer");
 
   CLI::App* watch = app.add_subcommand(

@@ -11,7 +11,6 @@ namespace Agent::Kernel {
 namespace {
 
 constexpr std::size_t kAnswerBuffer = std::size_t{4} << 20U;
-constexpr std::size_t kReportBuffer = std::size_t{16} << 20U;
 constexpr std::size_t kDumpPart = std::size_t{32}
                                   << 10U;  // The kernel's parts of a dump are at most this long.
 constexpr std::size_t kReport = std::size_t{8} << 10U;
@@ -24,7 +23,7 @@ constexpr int kReadsAtOnce = 16;
 Adapter::Adapter(const Options& options)
     : engine_(options),
       requests_(options.netns, kAnswerBuffer, kDumpPart, kAnswersAtOnce),
-      reports_(options.netns, kReportBuffer, kReport, kReportsAtOnce),
+      reports_(options.netns, options.reportBuffer, kReport, kReportsAtOnce),
       batchBytes_(options.batchBytes) {
   if (!reports_.join(RTNLGRP_LINK) || !reports_.join(RTNLGRP_NEIGH)) {
     throw SocketError("rtnetlink socket: the kernel does not report changes of devices and rows");

@@ -109,7 +109,7 @@ class Engine {
   std::vector<Tally> tallies() const;
   /// At most `most` of them, and their number altogether.
   std::pair<std::vector<Problem>, std::size_t> problems(std::size_t most) const;
-  Explanation explain(Vlan vlan, Mac mac);
+  Explanation explain(Vlan vlan, Mac mac) const;
   const Counters& counters() const { return state_.counters; }
   const Link* link(IfIndex index) const { return state_.links.at(index); }
   /// Whether the first comparison with the kernel is over.
@@ -130,7 +130,7 @@ class Engine {
   void domainChanged(Domain& domain);
   std::string what(const Key& key) const;
   Tally tallyDevices() const;
-  void explainFlood(Domain& domain, const Flood& flood, Explanation& out) const;
+  void explainFlood(const Domain& domain, const Flood& flood, Explanation& out) const;
   void explainHost(const Domain& domain, const Host& host, Explanation& out) const;
 
   State state_;

@@ -94,7 +94,7 @@ std::pair<std::vector<Problem>, std::size_t> Engine::problems(std::size_t most) 
   return {std::move(found), state_.failures.all().size()};
 }
 
-void Engine::explainFlood(Domain& domain, const Flood& flood, Explanation& out) const {
+void Engine::explainFlood(const Domain& domain, const Flood& flood, Explanation& out) const {
   out.wanted = flood.wanted.has_value();
   if (flood.wanted) {
     out.wantedKind = flood.wanted->type == FloodType::any ? "any" : "all";
@@ -129,10 +129,10 @@ void Engine::explainHost(const Domain& domain, const Host& host, Explanation& ou
   out.differs = hosts_.differs(domain, host);
 }
 
-Explanation Engine::explain(Vlan vlan, Mac mac) {
+Explanation Engine::explain(Vlan vlan, Mac mac) const {
   Explanation out;
   out.deviceMark = out.portMark = word(Mark::none);
-  Domain* domain = state_.find(vlan);
+  const Domain* domain = state_.find(vlan);
   if (domain == nullptr) return out;
   out.mapped = domain->mapping.has_value();
   if (domain->mapping) out.vni = domain->mapping->vni;

@@ -33,6 +33,9 @@ struct Options {
   /// Requests in one sendmsg, and the bytes that end it earlier.
   std::size_t batchRequests = 256;
   std::size_t batchBytes = std::size_t{64} << 10U;
+  /// The octets of reports that the kernel may queue; beyond them reports are lost and everything is
+  /// compared.
+  std::size_t reportBuffer = std::size_t{16} << 20U;
   /// The path of a network namespace to work in; empty is the process's own.
   std::string netns;
 };

@@ -133,6 +133,10 @@ struct State {
     auto at = domains.find(vlan);
     return at == domains.end() ? nullptr : &at->second;
   }
+  const Domain* find(Vlan vlan) const {
+    auto at = domains.find(vlan);
+    return at == domains.end() ? nullptr : &at->second;
+  }
   /// Queues the domain for a look at its devices.
   void queue(Domain& domain) {
     if (domain.queued) return;

@@ -43,7 +43,8 @@ void requireSameParameters(const Sm& present, const Args&... args) {
 // Whether another part owns and prints the same children.
 enum class Owns { Yes, Alias };
 
-// One child machine, or none. It is marked as a zombie before it is dropped.
+// One child machine, or none. It is marked as a zombie before it is dropped, and one that a zombie takes is a
+// zombie from then on.
 template <class Sm>
 class Child final : public Part {
  public:
@@ -59,6 +60,7 @@ class Child final : public Part {
     if (child_ != machine) {
       del();
       child_ = machine;
+      zombieAtBirth(child_);
     }
   }
   // The shadow mutator: the present child if its constructor parameters equal these, else the name-in-use
@@ -70,10 +72,10 @@ class Child final : public Part {
       return child_;
     }
     return ActivityLoop::instance().asHandler([&] {
-      const Ptr<Sm> machine = make<Sm>(args...);
-      child_ = machine;
-      machine->hasNotificationActiveIs(true);
-      return machine;
+      const Ptr<Sm> fresh = make<Sm>(args...);
+      is(fresh);
+      fresh->hasNotificationActiveIs(true);
+      return fresh;
     });
   }
   void del() {
@@ -102,11 +104,18 @@ class Child final : public Part {
     }
   }
 
+  void zombieAtBirth(const Ptr<Sm>& fresh) {
+    if (fresh && machine().zombie()) {
+      fresh->kelDoZombieReactors(true);
+    }
+  }
+
   Ptr<Sm> child_;
   Owns owns_;
 };
 
-// Child machines by key. Each is marked as a zombie before it is dropped.
+// Child machines by key. Each is marked as a zombie before it is dropped, and one that a zombie takes is a
+// zombie from then on.
 template <template <class, class> class Storage, class K, class Sm>
 class Children final : public Part {
  public:
@@ -141,6 +150,9 @@ class Children final : public Part {
     if (!added && at->value != machine) {
       const Ptr<Sm> dying = std::exchange(at->value, machine);
       dying->kelDoZombieReactors(true);
+    }
+    if (this->machine().zombie()) {
+      machine->kelDoZombieReactors(true);
     }
   }
   // The shadow mutator: the present child of the key if its constructor parameters equal these, else the

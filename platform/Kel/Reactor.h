@@ -87,7 +87,8 @@ class Reacts : public E::Reactor {
 };
 
 // A reactor that stands alone, for programs that are no state machine: override the callbacks, then bind it.
-// It is active from the start, so that binding counts as a change.
+// It is active from the start, so that binding counts as a change. What is pending keeps it alive and reaches
+// it: whoever drops it while it refers to anything that goes with the dropper binds it to none first.
 template <class E>
 class Follows : public E::Reactor {
  public:

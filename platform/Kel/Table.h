@@ -91,7 +91,7 @@ class HashIndex {
       at += std::size_t{1} << (depth_ - bucket->depth);
       std::free(bucket);
     }
-    directory_ = {};
+    std::exchange(directory_, {});  // an assignment of {} would keep the memory
     depth_ = 0;
   }
 
@@ -296,7 +296,7 @@ class Table {
   void clear() noexcept {
     // What the destructors of the values set off finds the table empty.
     const std::vector<Chunk*> dying = std::exchange(chunks_, {});
-    spacious_ = {};
+    std::exchange(spacious_, {});
     index_.clear();
     size_ = 0;
     for (Chunk* chunk : dying) {

@@ -39,6 +39,7 @@ std::uint32_t parseLevels(std::string_view setting, std::size_t& at) {
     }
     return static_cast<unsigned>(setting[at++] - '0');
   };
+  const std::size_t start = at;
   const unsigned low = digit();
   unsigned high = low;
   if (at < setting.size() && setting[at] == '-') {
@@ -46,7 +47,7 @@ std::uint32_t parseLevels(std::string_view setting, std::size_t& at) {
     high = digit();
   }
   if (high < low) {
-    refuse(setting, at, "a range of levels runs upwards");
+    refuse(setting, start, "a range of levels runs upwards");
   }
   return (allLevels >> (9 - high)) & ~((1U << low) - 1);
 }

@@ -1,0 +1,144 @@
+// memtab: looks into tables in shared memory.
+
+#include <fmt/format.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "Follower.h"
+#include "Memtab/Error.h"
+#include "Printer.h"
+#include "Source.h"
+
+namespace {
+
+constexpr int kSuccess = 0;
+constexpr int kFailure = 2;
+
+constexpr const char* kAbout =
+    "Looks into tables in shared memory, while they are written and after.\n"
+    "It reads without locks and never disturbs the writer.";
+
+constexpr const char* kDetails =
+    "NAME is that of a shared memory object, with or without the leading slash, or the path of a file.\n"
+    "\n"
+    "Records are printed with the field names that the table describes itself with, else as bytes.\n"
+    "\n"
+    "follow prints the present records, then each change as it is published:\n"
+    "  + RECORD             {\"event\":\"is\",...}       added or replaced\n"
+    "  - KEY                {\"event\":\"del\",...}      deleted\n"
+    "  = N records, ...     {\"event\":\"complete\",...} all records were printed since the last line of "
+    "this\n"
+    "                                              kind, or since the beginning; others do not exist\n"
+    "\n"
+    "Exit status: 0 success; 2 wrong usage, no such table, or one that cannot be read.\n"
+    "\n"
+    "Examples:\n"
+    "  memtab info vxlan-l2rib-hosts\n"
+    "  memtab dump vxlan-l2rib-hosts --json | jq '.[] | select(.vlan == 100)'\n"
+    "  memtab follow vxlan-l2rib-hosts";
+
+struct Request {
+  std::string name;
+  bool json = false;
+  int intervalMs = 100;
+  std::uint64_t count = 0;
+};
+
+void info(const Request& request) {
+  Source source(request.name);
+  const nlohmann::ordered_json all = infoOf(source);
+  if (request.json) {
+    fmt::print("{}\n", all.dump(2));
+    return;
+  }
+  for (const auto& [name, value] : all.items()) {
+    fmt::print("{:18} {}\n", name, value.is_string() ? value.get<std::string>() : line(value));
+  }
+}
+
+void dump(const Request& request) {
+  Source source(request.name);
+  bool first = true;
+  source.walk([&] {
+    if (request.json) {
+      fmt::print("{}{}", first ? "[\n" : ",\n", line(toJson(source, false)));
+    } else {
+      fmt::print("{}\n", toText(source, false));
+    }
+    first = false;
+  });
+  if (request.json) {
+    fmt::print("{}]\n", first ? "[" : "\n");
+  }
+}
+
+void follow(const Request& request) {
+  Source source(request.name);
+  if (source.segmentIfAny() == nullptr) {
+    fmt::print(stderr, "memtab {}: there is no such table yet, waiting for it\n", source.name());
+  }
+  Follower::Settings settings;
+  settings.json = request.json;
+  settings.interval = std::chrono::milliseconds(request.intervalMs);
+  if (request.count != 0) {
+    settings.count = request.count;
+  }
+  Follower(source, settings).run();
+}
+
+void remove(const Request& request) {
+  const Source source(request.name);
+  if (!Memtab::remove(source.name())) {
+    throw Memtab::Error(source.name(), "there is no such table");
+  }
+}
+
+void addCommands(CLI::App& app, Request& request) {
+  const auto add = [&](const char* name, const char* what, void (*run)(const Request&)) {
+    CLI::App* command = app.add_subcommand(name, what);
+    command->add_option("NAME", request.name, "The table")->required();
+    command->callback([run, &request] { run(request); });
+    return command;
+  };
+  const auto addJson = [&](CLI::App* command) {
+    command->add_flag("--json", request.json, "JSON instead of text");
+  };
+  addJson(add("info", "Prints what there is to know besides the records", info));
+  addJson(add("dump", "Prints all records, in the order of memory", dump));
+  CLI::App* following = add("follow", "Prints all records, then what changes", follow);
+  addJson(following);
+  following->add_option("--interval", request.intervalMs, "Milliseconds between two looks")
+      ->check(CLI::Range(1, 60'000))
+      ->capture_default_str();
+  following->add_option("--count", request.count, "End after so many records and changes")
+      ->check(CLI::PositiveNumber);
+  add("remove", "Takes the table away; its writer must have ended", remove);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app(kAbout, "memtab");
+  app.footer(kDetails);
+  app.require_subcommand(1);
+  Request request;
+  addCommands(app, request);
+  try {
+    app.parse(argc, argv);
+    if (std::fflush(stdout) != 0) {
+      fmt::print(stderr, "memtab: standard output cannot be written\n");
+      return kFailure;
+    }
+    return kSuccess;
+  } catch (const CLI::ParseError& error) {
+    return app.exit(error) == 0 ? kSuccess : kFailure;
+  } catch (const std::exception& error) {
+    static_cast<void>(std::fflush(stdout));
+    fmt::print(stderr, "{}\n", error.what());
+    return kFailure;
+  }
+}

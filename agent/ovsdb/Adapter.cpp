@@ -18,6 +18,7 @@ nlohmann::json AdapterStatus::json() const {
   return {{"session", nameOf(session)},
           {"remote", remote},
           {"reconnects", reconnects},
+          {"resumptions", resumptions},
           {"lastError", lastError},
           {"lastTransaction", lastTransaction},
           {"updates", updates},
@@ -268,6 +269,7 @@ AdapterStatus Adapter::status() const {
   status.session = session_.state();
   status.remote = session_.remote().text();
   status.reconnects = session_.reconnects();
+  status.resumptions = session_.resumptions();
   status.lastError = session_.lastError();
   status.lastTransaction = session_.lastTransaction();
   status.updates = session_.updates();

@@ -23,7 +23,8 @@ struct AdapterStatus {
   SessionState session = SessionState::backoff;
   std::string remote;  // in use, or tried last
   std::uint64_t reconnects = 0;
-  std::string lastError;  // empty: none so far
+  std::uint64_t resumptions = 0;  // of them, those that went on where the last session ended
+  std::string lastError;          // empty: none so far
   std::string lastTransaction;
   std::uint64_t updates = 0;
   std::map<std::string, std::size_t> rows;  // by table

@@ -337,6 +337,7 @@ void Session::beginWalk(std::string_view array, bool answer, double now) {
   }
   if (answer) {
     whole = !reader.boolean();
+    resumptions_ += whole ? 0U : 1U;
   } else {
     reader.string(monitor);
   }

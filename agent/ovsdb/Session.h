@@ -102,6 +102,8 @@ class Session {
   const Remote& remote() const { return options_.remotes[remote_]; }
   // Sessions begun anew after one that had delivered updates.
   std::uint64_t reconnects() const { return reconnects_; }
+  // Of them, those that went on behind the last transaction seen.
+  std::uint64_t resumptions() const { return resumptions_; }
   const std::string& lastError() const { return lastError_; }
   const std::string& lastTransaction() const { return lastTransaction_; }
   std::uint64_t updates() const { return updates_; }
@@ -156,6 +158,7 @@ class Session {
   bool everFollowed_ = false;
   std::string lastTransaction_;
   std::uint64_t reconnects_ = 0;
+  std::uint64_t resumptions_ = 0;
   std::uint64_t updates_ = 0;
   std::string lastError_;
   std::string lastLogged_;

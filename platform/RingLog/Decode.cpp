@@ -338,9 +338,10 @@ std::int64_t TimeScale::realtime(std::uint64_t ticks) const {
     rate = static_cast<double>(above->monotonic - base.monotonic) /
            static_cast<double>(above->ticks - base.ticks);
   }
+  constexpr double longest = 1e18;  // ns: far beyond any trace, and within what the sum below can take
   const double sign = ticks < base.ticks ? -1 : 1;
   const auto distance = static_cast<double>(ticks < base.ticks ? base.ticks - ticks : ticks - base.ticks);
-  const double delta = sign * std::clamp(distance * rate, 0.0, static_cast<double>(maxNanoseconds / 2));
+  const double delta = sign * std::clamp(distance * rate, 0.0, longest);
   return offset_ +
          std::clamp(base.monotonic + static_cast<std::int64_t>(delta), std::int64_t{0}, maxNanoseconds - 1);
 }

@@ -1,5 +1,7 @@
 // Where a trace goes.
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <fstream>
 
@@ -70,7 +72,7 @@ TEST(TraceFile, TellsWhoWroteIt) {
   const auto log = openInMemory();
   const RingLog::TraceInfo info = readBack(*log).info();
   EXPECT_EQ(info.pid, static_cast<std::uint64_t>(getpid()));
-  EXPECT_EQ(info.program, std::string("ringlog_test"));
+  EXPECT_EQ(info.program, processName());
 }
 
 TEST(TraceFile, KeepsTheOneOfTheRunBefore) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <limits>
 #include <optional>
+#include <sstream>
 #include <string_view>
 
 #include "Scenario.h"
@@ -79,9 +80,11 @@ TEST(Record, HoldsTruthCharactersDoublesAndEnumerators) {
 
 TEST(Record, HoldsPointersAsAddresses) {
   const auto log = openInMemory();
-  const auto* const at = reinterpret_cast<const Vlan*>(std::uintptr_t{0x7f10c0de});
-  RINGLOG(*log, 8, at, " ", nullptr);
-  EXPECT_THAT(messages(*log), ElementsAre("0x7f10c0de 0x0"));
+  const Vlan vlan{1};
+  std::ostringstream address;
+  address << &vlan;
+  RINGLOG(*log, 8, &vlan, " ", nullptr);
+  EXPECT_THAT(messages(*log), ElementsAre(address.str() + " 0x0"));
 }
 
 TEST(Record, HoldsAddressesOfTheNetwork) {

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -78,6 +79,11 @@ inline std::vector<std::uint64_t> numbers(const RingLog::Trace& trace) {
 
 inline std::vector<std::byte> copyOf(std::span<const std::byte> image) {
   return {image.begin(), image.end()};
+}
+
+// The name of this process as the system has it, which keeps 15 characters.
+inline std::string processName() {
+  return std::string(program_invocation_short_name).substr(0, 15);
 }
 
 // The text of the error that `action` ends with.

@@ -205,7 +205,7 @@ TEST_F(Tool, PrintsWhatTheTraceIs) {
   const Result result = ringlog("--info " + path());
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.text(),
-              HasSubstr("program          ringlog_test (process " + std::to_string(getpid()) + ")"));
+              HasSubstr("program          " + processName() + " (process " + std::to_string(getpid()) + ")"));
   EXPECT_THAT(result.text(), HasSubstr("closed           no: "));
   EXPECT_THAT(result.text(), HasSubstr("rings            10 levels of 33 KiB"));
   EXPECT_THAT(result.text(), HasSubstr("call sites       3\n"));

@@ -1,0 +1,246 @@
+#include "agent/replay/Replay.h"
+
+#include <unistd.h>
+
+#include <limits>
+
+#include "Kel/Activity.h"
+#include "Kel/Error.h"
+#include "Memtab/Error.h"
+#include "Memtab/Segment.h"
+#include "agent/replay/Expectation.h"
+#include "agent/state/InputPatch.h"
+#include "agent/state/JsonChecks.h"
+
+namespace Agent {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::uint64_t mostTurns = 10'000'000;  // a line that is not idle by then never will be
+constexpr std::uint64_t linesPerProgress = 1'000;
+
+// A failure of one line: the kind that the report names, and the rest of the message.
+class LineError : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
+
+std::string message(const Refused& refused) {
+  return refused.pointer() + ": " + refused.what();
+}
+
+double secondsAt(const Place& place, const json& value) {
+  if (!value.is_number() || !(value.get<double>() >= 0) || value.get<double>() > 1e15) {
+    place.refuse("a number of seconds, 0 or more, was expected, not " + value.dump());
+  }
+  return value.get<double>();
+}
+
+const json& dumpAt(const Place& place, const json& value) {
+  if (value.is_string()) {
+    try {
+      const json::json_pointer pointer(value.get<std::string>());
+    } catch (const json::exception&) {
+      place.refuse("\"" + value.get<std::string>() + "\" is not a JSON Pointer");
+    }
+  } else if (value != true) {
+    place.refuse("true or a JSON Pointer was expected, not " + value.dump());
+  }
+  return value;
+}
+
+std::uint64_t turnsAt(const Place& place, const json& value) {
+  if (!value.is_number_unsigned()) {
+    place.refuse("a number of turns, 0 or more, was expected, not " + value.dump());
+  }
+  return value.get<std::uint64_t>();
+}
+
+}  // namespace
+
+Replay::Replay(std::string name, const Streams& streams, bool keepGoing)
+    : name_(std::move(name)), streams_(streams), keepGoing_(keepGoing) {
+  table_ = "/vxlan-agent-replay-" + std::to_string(::getpid());
+  Memtab::remove(table_);
+  Kel::System::timeSourceIs(&time_);
+  L2Rib::HostInput::Options hosts;
+  hosts.name = table_;
+  world_ = std::make_unique<World>(hosts);
+  output_ = std::make_unique<OutputDocument>(*world_, table_);
+  world_->clientIs();
+}
+
+Replay::~Replay() {
+  world_->clientDel();
+  output_ = nullptr;
+  world_ = nullptr;
+  Memtab::remove(table_);
+  Kel::System::timeSourceIs(nullptr);
+}
+
+ReplayResult Replay::run(std::istream& journal) {
+  std::string text;
+  while (std::getline(journal, text)) {
+    ++lineNumber_;
+    const std::size_t first = text.find_first_not_of(" \t\r");
+    if (first == std::string::npos || text[first] == '#') {
+      continue;
+    }
+    ++result_.lines;
+    if (!runLine(text)) {
+      ++result_.refused;
+      if (!keepGoing_) {
+        break;
+      }
+    }
+    if (streams_.progress && result_.lines % linesPerProgress == 0) {
+      showProgress();
+    }
+  }
+  if (streams_.progress) {
+    streams_.errors << "\r\033[K" << std::flush;
+  }
+  result_.seconds = time_.peek();
+  return result_;
+}
+
+// Carries one line out; a line that fails is reported and returns false.
+bool Replay::runLine(const std::string& text) {
+  const auto report = [&](const std::string& what) {
+    streams_.errors << name_ << ':' << lineNumber_ << ": " << what << '\n';
+    return false;
+  };
+  try {
+    const json line = json::parse(text);
+    carryOut(read(line));
+    return true;
+  } catch (const json::parse_error& error) {
+    return report("not JSON: " + std::string(error.what()));
+  } catch (const Refused& refused) {
+    return report("line: " + message(refused));
+  } catch (const LineError& error) {
+    return report(error.what());
+  } catch (const std::exception& error) {
+    return report("error: " + std::string(error.what()));
+  }
+}
+
+Replay::Line Replay::read(const json& line) {
+  const Place root;
+  objectAt(root, line);
+  Line read;
+  for (auto member = line.begin(); member != line.end(); ++member) {
+    const Place at(root, member.key());
+    if (member.key() == "tickPerRead") {
+      read.tickPerRead = secondsAt(at, *member);
+    } else if (member.key() == "maxProcessTime") {
+      read.maxProcessTime = secondsAt(at, *member);
+    } else if (member.key() == "patch") {
+      read.patch = &*member;
+    } else if (member.key() == "restart") {
+      read.restart = boolAt(at, *member);
+    } else if (member.key() == "advance") {
+      read.advance = secondsAt(at, *member);
+    } else if (member.key() == "turns") {
+      read.turns = turnsAt(at, *member);
+    } else if (member.key() == "expect") {
+      read.expect = &objectAt(at, *member);
+    } else if (member.key() == "dump") {
+      read.dump = &dumpAt(at, *member);
+    } else {
+      unknownMember(at);
+    }
+  }
+  return read;
+}
+
+void Replay::carryOut(const Line& line) {
+  if (line.tickPerRead) {
+    time_.tickPerReadIs(*line.tickPerRead);
+  }
+  if (line.maxProcessTime) {
+    world_->client->maxProcessTimeIs(*line.maxProcessTime);
+  }
+  if (line.patch != nullptr) {
+    patch(*line.patch);
+  }
+  if (line.restart) {
+    world_->clientIs();
+  }
+  if (line.advance) {
+    advance(*line.advance);
+  }
+  settle(line);
+  if (line.expect != nullptr) {
+    expect(*line.expect);
+  }
+  if (line.dump != nullptr) {
+    dump(*line.dump);
+  }
+}
+
+void Replay::patch(const json& patch) {
+  try {
+    InputPatch(*world_, patch).carryOut();
+    ++result_.patches;
+  } catch (const Refused& refused) {
+    throw LineError("patch: " + message(refused));
+  } catch (const Kel::RangeException& error) {
+    throw LineError("patch: " + std::string(error.what()));
+  } catch (const Kel::NameInUseException& error) {
+    throw LineError("patch: " + std::string(error.what()));
+  } catch (const Memtab::Error& error) {
+    throw LineError("patch: " + std::string(error.what()));
+  }
+}
+
+// Moves the time on to each clock in turn and fires it when it is due.
+void Replay::advance(double seconds) {
+  const double target = time_.peek() + seconds;
+  for (;;) {
+    runUntilIdle();
+    const double next = Kel::ActivityLoop::instance().nextWakeup();
+    if (next > target) {
+      break;
+    }
+    time_.timeIs(next);
+  }
+  time_.timeIs(target);
+}
+
+void Replay::settle(const Line& line) {
+  if (line.turns) {
+    Kel::ActivityLoop::instance().runUntilIdle(*line.turns);
+  } else {
+    runUntilIdle();
+  }
+}
+
+void Replay::runUntilIdle() {
+  if (!Kel::ActivityLoop::instance().runUntilIdle(mostTurns)) {
+    throw LineError("the activity loop is not idle after 10,000,000 turns");
+  }
+}
+
+void Replay::expect(const json& expected) {
+  const std::size_t differences =
+      compare(expected, output_->shapedLike(expected),
+              [&](const std::string& pointer, const std::string& want, const std::string& have) {
+                streams_.errors << name_ << ':' << lineNumber_ << ": expect: " << pointer << ": want " << want
+                                << ", have " << have << '\n';
+              });
+  ++(differences == 0 ? result_.passed : result_.failed);
+}
+
+void Replay::dump(const json& what) {
+  const json part = what.is_string() ? output_->at(what.get<std::string>()) : output_->whole();
+  streams_.out << part.dump() << '\n' << std::flush;
+}
+
+void Replay::showProgress() {
+  streams_.errors << "\r\033[K" << name_ << ": line " << lineNumber_ << ", " << world_->hosts->hosts()
+                  << " hosts, " << time_.peek() << " s" << std::flush;
+}
+
+}  // namespace Agent

@@ -89,13 +89,19 @@ function(vcc_bench target)
   endif()
 endfunction()
 
-# vcc_add_folders(PARENT...): every folder below each PARENT that has a CMakeLists.txt, and PARENT's own.
+# vcc_add_folders(PARENT...): every folder below each PARENT that has a CMakeLists.txt. Where the agent and the tools
+# are left out, so are the folders of the same name: tests/control belongs to agent/control.
 function(vcc_add_folders)
   foreach(parent IN LISTS ARGN)
     file(GLOB lists CONFIGURE_DEPENDS RELATIVE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/${parent}/*/CMakeLists.txt")
     list(SORT lists)
     foreach(list IN LISTS lists)
       get_filename_component(folder "${list}" DIRECTORY)
+      get_filename_component(name "${folder}" NAME)
+      if(NOT VCC_AGENT AND (name STREQUAL "agent" OR EXISTS "${CMAKE_SOURCE_DIR}/agent/${name}/CMakeLists.txt"
+                            OR EXISTS "${CMAKE_SOURCE_DIR}/tools/${name}/CMakeLists.txt"))
+        continue()
+      endif()
       add_subdirectory("${CMAKE_SOURCE_DIR}/${folder}" "${CMAKE_BINARY_DIR}/${folder}")
     endforeach()
   endforeach()

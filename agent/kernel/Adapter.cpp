@@ -59,7 +59,8 @@ void Adapter::settled() {
 }
 
 void Adapter::onReadable(int fd) {
-  if (fd == reports_.fd()) reportsLeft_ = true;
+  if (fd == reports_.fd()) (void)drainReports();
+  if (fd == requests_.fd()) (void)readAnswers();
 }
 
 bool Adapter::run(Time budget) {
@@ -85,16 +86,14 @@ bool Adapter::run(Time budget) {
 // Returns whether all reports have been read. At the most some are read, so that a flood of them ends a
 // slice.
 bool Adapter::drainReports() {
-  reportsLeft_ = true;
   for (int n = 0; n < kReadsAtOnce; ++n) {
-    switch (reports_.receive([this](const nlmsghdr& message) { report(message, false); })) {
+    switch (reports_.receive(kReportsAtOnce, [this](const nlmsghdr& message) { report(message, false); })) {
       case Socket::Heard::messages:
         break;
       case Socket::Heard::overrun:
         engine_.overrun();
         break;
       case Socket::Heard::nothing:
-        reportsLeft_ = false;
         return true;
     }
   }
@@ -104,7 +103,10 @@ bool Adapter::drainReports() {
 bool Adapter::readAnswers() {
   bool any = false;
   for (int n = 0; n < kReadsAtOnce; ++n) {
-    switch (requests_.receive([this](const nlmsghdr& message) { heard(message); })) {
+    // A part of a dump is put together as the one before is read, and takes long in a long table: one at a
+    // time.
+    std::size_t most = outstanding_ > 0 || askSequence_ != 0 ? kAnswersAtOnce : 1;
+    switch (requests_.receive(most, [this](const nlmsghdr& message) { heard(message); })) {
       case Socket::Heard::messages:
         any = true;
         break;

@@ -31,7 +31,7 @@ class Adapter {
 
   /// The file descriptors to poll for reading. They stay the same.
   std::vector<int> fds() const { return {requests_.fd(), reports_.fd()}; }
-  /// Notes that the descriptor is readable: the next `run` has something to do.
+  /// Takes some of what has arrived at the descriptor. The next `run` does so as well, and acts on it.
   void onReadable(int fd);
   /// Works for about `budget`; a batch that was begun is finished. Returns whether there is more to do at
   /// once.
@@ -74,7 +74,6 @@ class Adapter {
   std::uint32_t askSequence_ = 0;  ///< Of the row that is read back.
   std::vector<Row> asked_;
   std::string askError_;
-  bool reportsLeft_ = false;
   Time longestSlice_{};
 };
 

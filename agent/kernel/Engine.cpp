@@ -11,6 +11,7 @@ namespace {
 const Key kDenied{Key::Kind::permission, 0, 0};
 const Key kDump{Key::Kind::dump, 0, 0};
 constexpr std::size_t kWalkedAtOnce = 1024;
+constexpr std::size_t kLookedAtInOneTurn = 2048;
 
 }  // namespace
 
@@ -220,7 +221,8 @@ void Engine::walkDomains() {
 }
 
 void Engine::workRows() {
-  for (std::size_t n = state_.rowQueue.size(); n > 0 && !batch_.full(); --n) {
+  std::size_t n = std::min(state_.rowQueue.size(), kLookedAtInOneTurn);
+  for (; n > 0 && !batch_.full(); --n) {
     Key key = state_.rowQueue.front();
     state_.rowQueue.pop_front();
     Domain& domain = *state_.find(key.vlan);

@@ -11,7 +11,10 @@ namespace {
 
 const Key kDump{Key::Kind::dump, 0, 0};
 constexpr std::size_t kComparedAtOnce = 4096;
-constexpr int kAuditShare = 10;  // At most one part in this many of the time goes into audits.
+// At most one part in this many of the time goes into comparisons: into those for a reason, and into routine
+// ones. The kernel's dump of a table takes time with the square of its length.
+constexpr int kShareWithReason = 10;
+constexpr int kShareOfRoutine = 40;
 
 }  // namespace
 
@@ -146,8 +149,9 @@ void Engine::compareDone() {
   state_.linksDirty = true;
   phase_ = Phase::idle;
   ++state_.counters.audits;
-  auditNext_ = state_.now + state_.options.auditEvery;
-  auditNotBefore_ = state_.now + kAuditShare * (state_.now - auditBegan_);
+  Time took = state_.now - auditBegan_;
+  auditNext_ = state_.now + std::max(state_.options.auditEvery, kShareOfRoutine * took);
+  auditNotBefore_ = state_.now + kShareWithReason * took;
 }
 
 }  // namespace Agent::Kernel

@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <type_traits>
+#include <utility>
 #include <variant>
 #include <vector>
 
@@ -142,8 +144,9 @@ class Batch {
   /// Whether more requests are welcome. An object may exceed the limit by what it needs at once.
   bool full() const { return requests_.size() >= limit_; }
   bool empty() const { return requests_.empty(); }
-  void add(Key key, Request request) {
-    requests_.push_back(std::move(request));
+  template <typename What>
+  void add(const Key& key, What&& what) {
+    requests_.emplace_back(std::in_place_type<std::remove_cvref_t<What>>, std::forward<What>(what));
     keys_.push_back(key);
   }
   void clear() {

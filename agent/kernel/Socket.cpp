@@ -4,6 +4,7 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <system_error>
@@ -84,10 +85,10 @@ int Socket::send(const char* data, std::size_t size) {
   return 0;
 }
 
-int Socket::receiveSome() {
+int Socket::receiveSome(std::size_t most) {
+  auto limit = static_cast<unsigned>(std::min(most, headers_.size()));
   for (;;) {
-    int count =
-        ::recvmmsg(fd_, headers_.data(), static_cast<unsigned>(headers_.size()), MSG_DONTWAIT, nullptr);
+    int count = ::recvmmsg(fd_, headers_.data(), limit, MSG_DONTWAIT, nullptr);
     if (count >= 0) return count == 0 ? -1 : count;
     if (errno == EINTR) continue;
     return errno == ENOBUFS ? kOverrun : -1;

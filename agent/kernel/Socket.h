@@ -37,10 +37,10 @@ class Socket {
   bool join(unsigned group);
   /// Sends messages; the kernel has worked them off when this returns. Returns 0 or an errno.
   int send(const char* data, std::size_t size);
-  /// Gives what has arrived, up to messagesAtOnce datagrams, to `use`, message by message.
+  /// Gives what has arrived, up to `most` and messagesAtOnce datagrams, to `use`, message by message.
   template <typename Use>
-  Heard receive(Use use) {
-    int count = receiveSome();
+  Heard receive(std::size_t most, Use use) {
+    int count = receiveSome(most);
     if (count < 0) return count == kOverrun ? Heard::overrun : Heard::nothing;
     bool truncated = false;
     for (int n = 0; n < count; ++n) {
@@ -57,7 +57,7 @@ class Socket {
  private:
   static constexpr int kOverrun = -2;
 
-  int receiveSome();
+  int receiveSome(std::size_t most);
   template <typename Use>
   void forEach(std::size_t slot, std::size_t size, Use& use) {
     const char* at = buffer_.data() + slot * message_;

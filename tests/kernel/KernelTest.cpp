@@ -39,7 +39,7 @@ class Watch {
     int count = 0;
     Socket::Heard heard = Socket::Heard::messages;
     while (heard != Socket::Heard::nothing) {
-      heard = socket_.receive([&](const nlmsghdr& message) {
+      heard = socket_.receive(64, [&](const nlmsghdr& message) {
         std::optional<Row> row = readRow(message);
         if (message.nlmsg_type == RTM_DELNEIGH && row && row->mac == mac) ++count;
       });

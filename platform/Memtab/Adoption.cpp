@@ -85,7 +85,7 @@ class Adoption {
     std::uint64_t least = 0;
     for (std::uint32_t to = load(segment_.heads()[0]); to != kEnd;) {
       const Format::Half* link = nullptr;
-      std::uint64_t order = 0;
+      std::uint64_t hash = 0;
       if ((to & kBucketBit) != 0) {
         const std::uint32_t bucket = to & ~kBucketBit;
         if (bucket > index_.buckets() || bucket >= segment_.description().buckets) {
@@ -94,7 +94,7 @@ class Adoption {
         heads_ += 1;
         extraHead_ = extraHead_ || bucket == index_.buckets();
         lastHead_ = lastHead_ || bucket + 1 == index_.buckets();
-        order = Format::orderOfBucket(bucket);
+        hash = bucket;
         link = &segment_.heads()[bucket];
       } else {
         if (to >= used_ || met[to]) {
@@ -102,24 +102,16 @@ class Adoption {
                   (to < used_ ? " twice" : ", which is not in use"));
         }
         met[to] = true;
-        order = orderOfSlot(to);
+        hash = index_.hash(index_.slot(to));
         link = &index_.slot(to)->next;
       }
-      if (order < least) {
+      if (Format::before(hash, least)) {
         damaged("the list is out of order at " + std::to_string(to));
       }
-      least = order;
+      least = hash;
       to = load(*link);
     }
     examineCounts(met);
-  }
-
-  std::uint64_t orderOfSlot(std::uint32_t number) const {
-    std::vector<std::uint64_t> key(shape_.keyWords());
-    for (std::size_t i = 0; i < key.size(); ++i) {
-      key[i] = Format::wordsOf(index_.slot(number))[i].load(std::memory_order_acquire);
-    }
-    return index_.order(key.data());
   }
 
   /// Only the last head may be in the list without being counted, or counted without being there.

@@ -142,37 +142,29 @@ constexpr std::size_t wordsFor(std::size_t bytes) {
   return (bytes + 7) / 8;
 }
 
-constexpr std::uint32_t reversed(std::uint32_t v) {
-  v = (v >> 1U & 0x5555'5555U) | (v & 0x5555'5555U) << 1U;
-  v = (v >> 2U & 0x3333'3333U) | (v & 0x3333'3333U) << 2U;
-  v = (v >> 4U & 0x0f0f'0f0fU) | (v & 0x0f0f'0f0fU) << 4U;
-  return __builtin_bswap32(v);
-}
-
-/// One word of a key into the order: a bijection (xor-shift and odd multiplications, the constants of
-/// SplitMix64), so that keys of one word never share a place in the order.
+/// One word of a key into its hash: a bijection (xor-shift and odd multiplications, the constants of
+/// SplitMix64), so that keys of one word never have the same hash.
 constexpr std::uint64_t mixed(std::uint64_t h) {
   h = (h ^ h >> 30U) * 0xbf58'476d'1ce4'e5b9U;
   h = (h ^ h >> 27U) * 0x94d0'49bb'1331'11ebU;
   return h ^ h >> 31U;
 }
 
-/// The head that owns ORDER while BUCKETS heads are in use: linear hashing over the leading bits, read
-/// backwards, so that a new bucket takes the upper half of an older one's stretch of the order.
-constexpr std::uint32_t bucketOf(std::uint64_t order, std::uint32_t buckets) {
-  const std::uint32_t mask = std::bit_ceil(buckets) - 1;
-  const std::uint32_t bucket = reversed(static_cast<std::uint32_t>(order >> 32U)) & mask;
+/// The order of the list: hashes compared from the lowest bit up.
+constexpr bool before(std::uint64_t a, std::uint64_t b) {
+  const std::uint64_t differing = a ^ b;
+  return (differing & (~differing + 1) & b) != 0;
+}
+
+/// The head that owns HASH while BUCKETS heads are in use, and MASK covers their numbers: linear hashing. As
+/// bucket numbers are the low bits of hashes, a head's number is also the first hash of its stretch, and a
+/// new head takes the upper half of an older one's.
+constexpr std::uint32_t bucketOf(std::uint64_t hash, std::uint32_t buckets, std::uint32_t mask) {
+  const std::uint32_t bucket = static_cast<std::uint32_t>(hash) & mask;
   return bucket < buckets ? bucket : bucket & mask >> 1U;
 }
-
-/// Where the stretch of BUCKET begins in the order.
-constexpr std::uint64_t orderOfBucket(std::uint32_t bucket) {
-  return std::uint64_t{reversed(bucket)} << 32U;
-}
-
-/// The bucket that BUCKET (not 0) was split from.
-constexpr std::uint32_t parentOf(std::uint32_t bucket) {
-  return bucket & ~std::bit_floor(bucket);
+constexpr std::uint32_t maskOf(std::uint32_t buckets) {
+  return std::bit_ceil(buckets) - 1;
 }
 
 }  // namespace Memtab::Format

@@ -11,7 +11,7 @@
 
 namespace Memtab {
 
-/// The writer's hand on the list of all records, ordered by mixed key, and on the bucket heads that stand in
+/// The writer's hand on the list of all records, ordered by hash, and on the bucket heads that stand in
 /// it as short cuts. (Shalev and Shavit, "Split-Ordered Lists: Lock-Free Extensible Hash Tables", with one
 /// writer.)
 ///
@@ -46,10 +46,11 @@ class Index {
 
   std::uint32_t buckets() const { return buckets_; }
   Format::Slot* slot(std::uint32_t number) const { return slotAt(shape_, slots_, number); }
-  std::uint64_t order(const std::uint64_t* key) const { return orderOf(shape_, key, seed_); }
+  std::uint64_t hash(const std::byte* key) const { return hashOf(shape_, key, seed_); }
+  std::uint64_t hash(const Format::Slot* slot) const { return hashIn(shape_, slot, seed_); }
 
-  Place locate(const std::uint64_t* key) const {
-    const std::uint64_t wanted = order(key);
+  Place locate(const std::byte* key) const {
+    const std::uint64_t wanted = hash(key);
     Format::Half* link = &heads_[bucketOf(wanted)];
     for (;;) {
       const std::uint32_t to = link->load(std::memory_order_relaxed);
@@ -74,7 +75,7 @@ class Index {
   /// Takes slot NUMBER out of the list; afterwards it may be changed.
   void unlink(std::uint32_t number) {
     Format::Slot* out = slot(number);
-    const std::uint32_t bucket = bucketOf(orderInSlot(out));
+    const std::uint32_t bucket = bucketOf(hash(out));
     Format::Half* link = &heads_[bucket];
     for (std::uint32_t to = load(link); to != number; to = load(link)) {
       check((to & Format::kBucketBit) == 0, "a slot to be taken out of the list is not in it");
@@ -105,7 +106,7 @@ class Index {
   /// it.
   void bucketsAre(std::uint32_t buckets) {
     buckets_ = buckets;
-    mask_ = std::bit_ceil(buckets) - 1;
+    mask_ = Format::maskOf(buckets);
   }
 
  private:
@@ -115,19 +116,10 @@ class Index {
 
   static std::uint32_t load(const Format::Half* link) { return link->load(std::memory_order_relaxed); }
 
-  std::uint32_t bucketOf(std::uint64_t order) const {
-    const std::uint32_t bucket = Format::reversed(static_cast<std::uint32_t>(order >> 32U)) & mask_;
-    return bucket < buckets_ ? bucket : bucket & mask_ >> 1U;
-  }
+  std::uint32_t bucketOf(std::uint64_t hash) const { return Format::bucketOf(hash, buckets_, mask_); }
 
-  std::uint64_t orderInSlot(const Format::Slot* slot) const {
-    const Format::Word* words = Format::wordsOf(slot);
-    std::uint64_t order = seed_;
-    for (std::size_t i = 0; i < shape_.keyWords(); ++i) {
-      order = Format::mixed(order ^ words[i].load(std::memory_order_relaxed));
-    }
-    return order;
-  }
+  /// The bit that bucket number NUMBER (not 0) has and the bucket it was split from has not.
+  static std::uint32_t leadingBit(std::uint32_t number) { return std::bit_floor(number); }
 
   void bump(std::uint32_t bucket) {
     Format::Half& stripe = stripes_[bucket % Format::kStripes];
@@ -143,9 +135,6 @@ class Index {
   }
 
   bool takeHeads() {
-    if (buckets_ < taken_) {
-      return true;
-    }
     const std::uint32_t more = std::min(kHeadsAtOnce, room_ - buckets_);
     try {
       segment_->take(segment_->description().headsAt + sizeof(Format::Half) * std::uint64_t{buckets_},
@@ -159,29 +148,34 @@ class Index {
 
   /// Puts one more head in the list, in the middle of its parent's stretch.
   void split() {
-    if (!takeHeads()) {
+    if (buckets_ == taken_ && !takeHeads()) [[unlikely]] {
       return;
     }
     const std::uint32_t made = buckets_;
-    const std::uint32_t parent = Format::parentOf(made);
-    prefetchFrom((parent + kAhead) & mask_ >> 1U);
-    const std::uint64_t begin = Format::orderOfBucket(made);
+    const std::uint32_t bit = made > mask_ ? made : mask_ / 2 + 1;
+    const std::uint32_t parent = made ^ bit;
+    prefetchFrom((parent + kAhead) & (bit - 1));
     Format::Half* link = &heads_[parent];
     std::uint32_t to = load(link);
-    while ((to & Format::kBucketBit) == 0 && orderInSlot(slot(to)) < begin) {
-      link = &slot(to)->next;
+    while ((to & Format::kBucketBit) == 0) {
+      Format::Slot* at = slot(to);
+      if ((hash(at) & bit) != 0) {
+        break;
+      }
+      link = &at->next;
       to = load(link);
     }
     heads_[made].store(to, std::memory_order_release);
     link->store(Format::kBucketBit | made, std::memory_order_release);
-    bucketsAre(made + 1);
+    buckets_ = made + 1;
+    mask_ = 2 * bit - 1;
     segment_->state().buckets.store(buckets_, std::memory_order_release);
   }
 
   /// Takes the last head out of the list.
   void merge() {
     const std::uint32_t last = buckets_ - 1;
-    Format::Half* link = &heads_[Format::parentOf(last)];
+    Format::Half* link = &heads_[last ^ leadingBit(last)];
     while (load(link) != (Format::kBucketBit | last)) {
       check((load(link) & Format::kBucketBit) == 0, "a bucket head to be taken out of the list is not in it");
       link = &slot(load(link))->next;

@@ -60,8 +60,8 @@ class Reader {
   /// The value of KEY.
   std::optional<Value> find(const Key& key) {
     Words<Value> value;
-    return reading_.find(Words<Key>(key).data(), value.data()) ? std::optional<Value>(value.value())
-                                                               : std::nullopt;
+    return reading_.find(BytesOf<Key>(key).data(), value.data()) ? std::optional<Value>(value.value())
+                                                                 : std::nullopt;
   }
 
   /// Calls visit(key, value) for every record, in the order of memory, and returns how many. A record that is

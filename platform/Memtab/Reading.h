@@ -35,7 +35,7 @@ class Reading {
   }
   const Shape& shape() const { return shape_; }
 
-  bool find(const std::uint64_t* key, std::uint64_t* value) {
+  bool find(const std::byte* key, std::uint64_t* value) {
     return recentSegment() != nullptr && view_.find(key, value);
   }
 
@@ -59,7 +59,7 @@ class Reading {
     position = {from->description().generation, now};
     if (same && view_.changes(known, now, key, [&] {
           followed.calls += 1;
-          visit(view_.find(key, value));
+          visit(view_.find(reinterpret_cast<const std::byte*>(key), value));
         })) {
       return followed;
     }

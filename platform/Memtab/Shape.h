@@ -2,17 +2,47 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
+#include <utility>
 
 #include "Memtab/Format.h"
 
 namespace Memtab {
 
-/// Sizes of a record that are known when the program is compiled: what Writer and Reader use.
+/// Sizes of a record that are known when the program is compiled: what Writer and Reader use. Loops over the
+/// words are unrolled, which halves their instructions.
 template <std::size_t KeyWords, std::size_t ValueWords>
-struct FixedShape {
+class FixedShape {
+ public:
   static constexpr std::size_t keyWords() { return KeyWords; }
   static constexpr std::size_t valueWords() { return ValueWords; }
   static constexpr std::size_t slotBytes() { return sizeof(Format::Slot) + 8 * (KeyWords + ValueWords); }
+
+  template <class Do>
+  static void eachKeyWord(const Do& work) {
+    each<KeyWords>(work);
+  }
+  template <class Do>
+  static void eachValueWord(const Do& work) {
+    each<ValueWords>(work);
+  }
+
+ private:
+  static constexpr std::size_t kMostUnrolled = 32;
+
+  template <std::size_t Count, class Do>
+  static void each(const Do& work) {
+    if constexpr (Count <= kMostUnrolled) {
+      [&]<std::size_t... I>(std::index_sequence<I...>) {
+        (work(I), ...);
+      }
+      (std::make_index_sequence<Count>());
+    } else {
+      for (std::size_t i = 0; i < Count; ++i) {
+        work(i);
+      }
+    }
+  }
 };
 
 /// Sizes of a record that a segment tells: what the adoption and generic tools use.
@@ -27,19 +57,47 @@ class FoundShape {
   std::size_t valueWords() const { return valueWords_; }
   std::size_t slotBytes() const { return sizeof(Format::Slot) + 8 * (keyWords_ + valueWords_); }
 
+  template <class Do>
+  void eachKeyWord(const Do& work) const {
+    for (std::size_t i = 0; i < keyWords_; ++i) {
+      work(i);
+    }
+  }
+  template <class Do>
+  void eachValueWord(const Do& work) const {
+    for (std::size_t i = 0; i < valueWords_; ++i) {
+      work(i);
+    }
+  }
+
  private:
   std::size_t keyWords_ = 0;
   std::size_t valueWords_ = 0;
 };
 
-/// Place of a key in the order of the list: by this, then by the key's words.
+/// Word NUMBER of the bytes at FROM, which need not be aligned.
+inline std::uint64_t wordAt(const std::byte* from, std::size_t number) {
+  std::uint64_t word = 0;
+  std::memcpy(&word, from + 8 * number, sizeof word);
+  return word;
+}
+
 template <class Shape>
-std::uint64_t orderOf(const Shape& shape, const std::uint64_t* key, std::uint64_t seed) {
-  std::uint64_t order = seed;
-  for (std::size_t i = 0; i < shape.keyWords(); ++i) {
-    order = Format::mixed(order ^ key[i]);
-  }
-  return order;
+std::uint64_t hashOf(const Shape& shape, const std::byte* key, std::uint64_t seed) {
+  std::uint64_t hash = seed;
+  shape.eachKeyWord([&](std::size_t i) { hash = Format::mixed(hash ^ wordAt(key, i)); });
+  return hash;
+}
+
+/// The hash of the key in SLOT. While the slot is being given to another key the answer is arbitrary, and a
+/// reader finds out by the counter of its stripe; so with compareTo().
+template <class Shape>
+std::uint64_t hashIn(const Shape& shape, const Format::Slot* slot, std::uint64_t seed) {
+  const Format::Word* words = Format::wordsOf(slot);
+  std::uint64_t hash = seed;
+  shape.eachKeyWord(
+      [&](std::size_t i) { hash = Format::mixed(hash ^ words[i].load(std::memory_order_acquire)); });
+  return hash;
 }
 
 /// Slot NUMBER of the array at SLOTS.
@@ -52,21 +110,23 @@ const Format::Slot* slotAt(const Shape& shape, const std::byte* slots, std::uint
   return reinterpret_cast<const Format::Slot*>(slots + std::size_t{number} * shape.slotBytes());
 }
 
-/// Less than, equal to or more than 0 as the key in SLOT stands before, at or behind KEY of ORDER. While the
-/// slot is being given to another key the answer is arbitrary, and the reader finds out by the counter of its
-/// stripe.
+/// Less than, equal to or more than 0 as the key in SLOT stands before, at or behind KEY of HASH in the order
+/// of the list: by hash, then by words.
 template <class Shape>
-int compareTo(const Shape& shape, const Format::Slot* slot, std::uint64_t order, const std::uint64_t* key,
+int compareTo(const Shape& shape, const Format::Slot* slot, std::uint64_t hash, const std::byte* key,
               std::uint64_t seed) {
   const Format::Word* words = Format::wordsOf(slot);
-  std::uint64_t found = seed;
   int tie = 0;
-  for (std::size_t i = 0; i < shape.keyWords(); ++i) {
+  shape.eachKeyWord([&](std::size_t i) {
     const std::uint64_t word = words[i].load(std::memory_order_acquire);
-    found = Format::mixed(found ^ word);
-    tie = tie != 0 || word == key[i] ? tie : word < key[i] ? -1 : 1;
+    const std::uint64_t wanted = wordAt(key, i);
+    tie = tie != 0 || word == wanted ? tie : word < wanted ? -1 : 1;
+  });
+  if (tie == 0) [[likely]] {
+    return 0;
   }
-  return found == order ? tie : found < order ? -1 : 1;
+  const std::uint64_t found = hashIn(shape, slot, seed);
+  return found == hash ? tie : Format::before(found, hash) ? -1 : 1;
 }
 
 }  // namespace Memtab

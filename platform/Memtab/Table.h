@@ -29,19 +29,19 @@ class Table {
   Table& operator=(const Table&) = delete;
   ~Table() { segment_.state().writerPid.store(0, std::memory_order_release); }
 
-  void is(const std::uint64_t* key, const std::uint64_t* value);
-  bool del(const std::uint64_t* key);
+  void is(const std::byte* key, const std::byte* value);
+  bool del(const std::byte* key);
   void publish();
   std::size_t sweep(std::size_t atMost);
 
   /// The slot of KEY's record, the unpublished turn included; null when there is none.
-  const Format::Slot* find(const std::uint64_t* key) const {
+  const Format::Slot* find(const std::byte* key) const {
     const auto place = index_.locate(key);
     return place.found() && born(place.slot) ? index_.slot(place.slot) : nullptr;
   }
   /// The slot of the first record, or of the next behind KEY in the order; null at the end.
   const Format::Slot* first() const { return nextFrom(&segment_.heads()[0]); }
-  const Format::Slot* next(const std::uint64_t* key) const {
+  const Format::Slot* next(const std::byte* key) const {
     const auto place = index_.locate(key);
     return nextFrom(place.found() ? &index_.slot(place.slot)->next : place.link);
   }
@@ -62,13 +62,12 @@ class Table {
   }
   bool born(std::uint32_t number) const { return lifeOf(number).state() == Life::Born; }
 
-  void insert(const typename Index<Shape>::Place& place, const std::uint64_t* key,
-              const std::uint64_t* value);
-  void revive(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value);
-  void replace(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value);
-  void write(std::uint32_t number, const std::uint64_t* value, std::size_t first, std::size_t end);
-  void fill(Format::Slot* slot, const std::uint64_t* key, const std::uint64_t* value);
-  void note(const std::uint64_t* key);
+  void insert(const typename Index<Shape>::Place& place, const std::byte* key, const std::byte* value);
+  void revive(std::uint32_t number, const std::byte* key, const std::byte* value);
+  void replace(std::uint32_t number, const std::byte* key, const std::byte* value);
+  void write(std::uint32_t number, const std::byte* value, std::size_t first, std::size_t end);
+  void fill(Format::Slot* slot, const std::byte* key, const std::byte* value);
+  void note(const std::byte* key);
   void checkRoom() const;
   std::uint32_t freeSlot();
   std::uint32_t freshSlot();
@@ -118,7 +117,7 @@ Table<Shape>::Table(const Options& options, Segment::Shape bytes, Shape shape)
 }
 
 template <class Shape>
-void Table<Shape>::is(const std::uint64_t* key, const std::uint64_t* value) {
+void Table<Shape>::is(const std::byte* key, const std::byte* value) {
   sweep(kSweptPerChange);
   if (used_ == segment_.description().slots && freeSlots_ == Format::kEnd) [[unlikely]] {
     sweepUntilFree();
@@ -134,8 +133,8 @@ void Table<Shape>::is(const std::uint64_t* key, const std::uint64_t* value) {
 }
 
 template <class Shape>
-void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::uint64_t* key,
-                          const std::uint64_t* value) {
+void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::byte* key,
+                          const std::byte* value) {
   checkRoom();
   const std::uint32_t number = freeSlot();
   note(key);
@@ -148,7 +147,7 @@ void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::
 
 /// A key that left and comes back before its slot was swept. Within one turn it never left for a reader.
 template <class Shape>
-void Table<Shape>::revive(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value) {
+void Table<Shape>::revive(std::uint32_t number, const std::byte* key, const std::byte* value) {
   checkRoom();
   const bool seen = lifeOf(number).turn() == turn_;
   note(key);
@@ -159,17 +158,17 @@ void Table<Shape>::revive(std::uint32_t number, const std::uint64_t* key, const 
 
 /// Writes what is different, and nothing when nothing is.
 template <class Shape>
-void Table<Shape>::replace(std::uint32_t number, const std::uint64_t* key, const std::uint64_t* value) {
+void Table<Shape>::replace(std::uint32_t number, const std::byte* key, const std::byte* value) {
   const Format::Word* words = Format::wordsOf(index_.slot(number)) + shape_.keyWords();
   std::size_t first = 0;
   std::size_t end = shape_.valueWords();
-  while (first < end && words[first].load(std::memory_order_relaxed) == value[first]) {
+  while (first < end && words[first].load(std::memory_order_relaxed) == wordAt(value, first)) {
     ++first;
   }
   if (first == end) {
     return;
   }
-  while (words[end - 1].load(std::memory_order_relaxed) == value[end - 1]) {
+  while (words[end - 1].load(std::memory_order_relaxed) == wordAt(value, end - 1)) {
     --end;
   }
   note(key);
@@ -177,62 +176,72 @@ void Table<Shape>::replace(std::uint32_t number, const std::uint64_t* key, const
 }
 
 template <class Shape>
-void Table<Shape>::write(std::uint32_t number, const std::uint64_t* value, std::size_t first,
-                         std::size_t end) {
+void Table<Shape>::write(std::uint32_t number, const std::byte* value, std::size_t first, std::size_t end) {
   Format::Slot* slot = index_.slot(number);
   Format::Word* words = Format::wordsOf(slot) + shape_.keyWords();
   const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
   if (end - first == 1) {  // a single word is whole by itself
     slot->seq.store(seq + 2, std::memory_order_release);
-    words[first].store(value[first], std::memory_order_release);
+    words[first].store(wordAt(value, first), std::memory_order_release);
     return;
   }
+  const bool most =
+      2 * (end - first) > shape_.valueWords();  // then all of them, without counting, is less work
+  first = most ? 0 : first;
+  end = most ? shape_.valueWords() : end;
+
   Format::Journal& journal = segment_.journal();
-  const std::uint32_t journalSeq = journal.seq.load(std::memory_order_relaxed);
   Format::Word* old = Format::wordsOf(&journal);
+  const std::uint32_t journalSeq = journal.seq.load(std::memory_order_relaxed);
   journal.seq.store(journalSeq + 1, std::memory_order_release);
   journal.slot.store(number, std::memory_order_release);
   journal.slotSeq.store(seq + 1, std::memory_order_release);
   journal.range.store(static_cast<std::uint32_t>(first << 16U | (end - first)), std::memory_order_release);
-  for (std::size_t i = first; i < end; ++i) {
-    old[i - first].store(words[i].load(std::memory_order_relaxed), std::memory_order_release);
+  if (most) {
+    shape_.eachValueWord([&](std::size_t i) {
+      old[i].store(words[i].load(std::memory_order_relaxed), std::memory_order_release);
+    });
+  } else {
+    for (std::size_t i = first; i < end; ++i) {
+      old[i - first].store(words[i].load(std::memory_order_relaxed), std::memory_order_release);
+    }
   }
   journal.seq.store(journalSeq + 2, std::memory_order_release);
+
   slot->seq.store(seq + 1, std::memory_order_release);
-  for (std::size_t i = first; i < end; ++i) {
-    words[i].store(value[i], std::memory_order_release);
+  if (most) {
+    shape_.eachValueWord([&](std::size_t i) { words[i].store(wordAt(value, i), std::memory_order_release); });
+  } else {
+    for (std::size_t i = first; i < end; ++i) {
+      words[i].store(wordAt(value, i), std::memory_order_release);
+    }
   }
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
 /// Gives a slot that is not linked to another key.
 template <class Shape>
-void Table<Shape>::fill(Format::Slot* slot, const std::uint64_t* key, const std::uint64_t* value) {
+void Table<Shape>::fill(Format::Slot* slot, const std::byte* key, const std::byte* value) {
   Format::Word* words = Format::wordsOf(slot);
   const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
   slot->seq.store(seq + 1, std::memory_order_release);
-  for (std::size_t i = 0; i < shape_.keyWords(); ++i) {
-    words[i].store(key[i], std::memory_order_release);
-  }
-  for (std::size_t i = 0; i < shape_.valueWords(); ++i) {
-    words[shape_.keyWords() + i].store(value[i], std::memory_order_release);
-  }
+  shape_.eachKeyWord([&](std::size_t i) { words[i].store(wordAt(key, i), std::memory_order_release); });
+  words += shape_.keyWords();
+  shape_.eachValueWord([&](std::size_t i) { words[i].store(wordAt(value, i), std::memory_order_release); });
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
 /// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
 template <class Shape>
-void Table<Shape>::note(const std::uint64_t* key) {
+void Table<Shape>::note(const std::byte* key) {
   Format::Word* entry = ring_ + (changes_ & ringMask_) * shape_.keyWords();
-  for (std::size_t i = 0; i < shape_.keyWords(); ++i) {
-    entry[i].store(key[i], std::memory_order_release);
-  }
+  shape_.eachKeyWord([&](std::size_t i) { entry[i].store(wordAt(key, i), std::memory_order_release); });
   changes_ += 1;
   segment_.state().changes.store(changes_, std::memory_order_release);
 }
 
 template <class Shape>
-bool Table<Shape>::del(const std::uint64_t* key) {
+bool Table<Shape>::del(const std::byte* key) {
   sweep(kSweptPerChange);
   const auto place = index_.locate(key);
   if (!place.found() || !born(place.slot)) {

@@ -1,9 +1,9 @@
 #pragma once
 
-#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 
 #include "Memtab/Error.h"
@@ -26,7 +26,7 @@ class View {
         room_(segment.description().slots) {}
 
   /// Copies the value of KEY to VALUE. False when KEY cannot be seen.
-  bool find(const std::uint64_t* key, std::uint64_t* value) const;
+  bool find(const std::byte* key, std::uint64_t* value) const;
 
   /// Copies one record after the other to KEY and VALUE and calls visit(); in the order of the slots.
   template <class Visit>
@@ -44,10 +44,10 @@ class View {
   using KeyWords = std::array<std::uint64_t, Format::kMaxKeyBytes / 8>;
 
   enum class Search { Found, Absent, Disturbed };
-  Search search(const std::uint64_t* key, std::uint64_t order, std::uint64_t* value) const;
-  bool undisturbed(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe) const;
-  bool onTheWay(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe, std::uint32_t steps) const;
-  bool copyOf(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, const std::uint64_t* wanted,
+  Search search(const std::byte* key, std::uint64_t hash, std::uint64_t* value) const;
+  bool undisturbed(std::uint64_t hash, std::uint32_t bucket, std::uint32_t stripe) const;
+  bool onTheWay(std::uint64_t hash, std::uint32_t bucket, std::uint32_t stripe, std::uint32_t steps) const;
+  bool copyOf(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, const std::byte* wanted,
               std::uint64_t* value) const;
   bool copy(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, std::uint64_t* key,
             std::uint64_t* value) const;
@@ -70,8 +70,9 @@ class View {
       to[i] = from[i].load(std::memory_order_acquire);
     }
   }
-  std::uint32_t bucketOf(std::uint64_t order) const {
-    return Format::bucketOf(order, segment_->state().buckets.load(std::memory_order_acquire));
+  std::uint32_t bucketOf(std::uint64_t hash) const {
+    const std::uint32_t buckets = segment_->state().buckets.load(std::memory_order_acquire);
+    return Format::bucketOf(hash, buckets, Format::maskOf(buckets));
   }
   const Format::Half& stripeOf(std::uint32_t bucket) const {
     return segment_->stripes()[bucket % Format::kStripes];
@@ -89,10 +90,10 @@ class View {
 };
 
 template <class Shape>
-bool View<Shape>::find(const std::uint64_t* key, std::uint64_t* value) const {
-  const std::uint64_t order = orderOf(shape_, key, seed_);
+bool View<Shape>::find(const std::byte* key, std::uint64_t* value) const {
+  const std::uint64_t hash = hashOf(shape_, key, seed_);
   for (;;) {  // each further attempt means that the writer has got on
-    const Search result = search(key, order, value);
+    const Search result = search(key, hash, value);
     if (result != Search::Disturbed) {
       return result == Search::Found;
     }
@@ -102,12 +103,12 @@ bool View<Shape>::find(const std::uint64_t* key, std::uint64_t* value) const {
 /// One way along the list. A record that was found is right by itself; that there is none is right only if no
 /// slot was taken out of this stretch meanwhile, as the way may have followed it.
 template <class Shape>
-typename View<Shape>::Search View<Shape>::search(const std::uint64_t* key, std::uint64_t order,
+typename View<Shape>::Search View<Shape>::search(const std::byte* key, std::uint64_t hash,
                                                  std::uint64_t* value) const {
   const std::uint64_t turn = published();
-  const std::uint32_t bucket = bucketOf(order);
+  const std::uint32_t bucket = bucketOf(hash);
   const std::uint32_t stripe = stripeOf(bucket).load(std::memory_order_acquire);
-  if (bucketOf(order) != bucket) {
+  if (bucketOf(hash) != bucket) {
     return Search::Disturbed;
   }
   const Format::Half* link = head(bucket);
@@ -118,13 +119,13 @@ typename View<Shape>::Search View<Shape>::search(const std::uint64_t* key, std::
     }
     if ((to & Format::kBucketBit) != 0) {
       const std::uint32_t next = to & ~Format::kBucketBit;
-      if (Format::orderOfBucket(next) > order) {
+      if (Format::before(hash, next)) {
         break;
       }
       link = head(next);
     } else {
       const Format::Slot* at = slot(to);
-      const int relation = compareTo(shape_, at, order, key, seed_);
+      const int relation = compareTo(shape_, at, hash, key, seed_);
       if (relation == 0 && copyOf(at, to, turn, key, value)) {
         return Search::Found;
       }
@@ -133,18 +134,18 @@ typename View<Shape>::Search View<Shape>::search(const std::uint64_t* key, std::
       }
       link = &at->next;
     }
-    if (steps % kStepsBetweenChecks == 0 && !onTheWay(order, bucket, stripe, steps)) {
+    if (steps % kStepsBetweenChecks == 0 && !onTheWay(hash, bucket, stripe, steps)) {
       return Search::Disturbed;
     }
   }
-  return undisturbed(order, bucket, stripe) ? Search::Absent : Search::Disturbed;
+  return undisturbed(hash, bucket, stripe) ? Search::Absent : Search::Disturbed;
 }
 
 /// Now and then on a long way: still undisturbed, and not in a circle.
 template <class Shape>
-bool View<Shape>::onTheWay(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe,
+bool View<Shape>::onTheWay(std::uint64_t hash, std::uint32_t bucket, std::uint32_t stripe,
                            std::uint32_t steps) const {
-  const bool same = undisturbed(order, bucket, stripe);
+  const bool same = undisturbed(hash, bucket, stripe);
   if (same && steps > room_ + segment_->description().buckets) {
     damaged("the links run in a circle");
   }
@@ -152,17 +153,17 @@ bool View<Shape>::onTheWay(std::uint64_t order, std::uint32_t bucket, std::uint3
 }
 
 template <class Shape>
-bool View<Shape>::undisturbed(std::uint64_t order, std::uint32_t bucket, std::uint32_t stripe) const {
-  return stripeOf(bucket).load(std::memory_order_acquire) == stripe && bucketOf(order) == bucket;
+bool View<Shape>::undisturbed(std::uint64_t hash, std::uint32_t bucket, std::uint32_t stripe) const {
+  return stripeOf(bucket).load(std::memory_order_acquire) == stripe && bucketOf(hash) == bucket;
 }
 
 /// As copy(), where the slot may have gone to another key since it was met: it must still be WANTED's.
 template <class Shape>
 bool View<Shape>::copyOf(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn,
-                         const std::uint64_t* wanted, std::uint64_t* value) const {
+                         const std::byte* wanted, std::uint64_t* value) const {
   KeyWords key;
   return copy(slot, number, turn, key.data(), value) &&
-         std::equal(wanted, wanted + shape_.keyWords(), key.data());
+         std::memcmp(wanted, key.data(), 8 * shape_.keyWords()) == 0;
 }
 
 /// Copies the record in SLOT as it is at one instant. False when it cannot be seen after turn TURN.
@@ -175,8 +176,9 @@ bool View<Shape>::copy(const Format::Slot* slot, std::uint32_t number, std::uint
       return false;
     }
     const Format::Word* words = Format::wordsOf(slot);
-    load(words, shape_.keyWords(), key);
-    load(words + shape_.keyWords(), shape_.valueWords(), value);
+    shape_.eachKeyWord([&](std::size_t i) { key[i] = words[i].load(std::memory_order_acquire); });
+    words += shape_.keyWords();
+    shape_.eachValueWord([&](std::size_t i) { value[i] = words[i].load(std::memory_order_acquire); });
     if ((seq % 2 == 0 || restoreOld(number, seq, value)) &&
         slot->seq.load(std::memory_order_relaxed) == seq) {
       return true;

@@ -46,23 +46,23 @@ class Writer {
   /// Adds the record of KEY, or replaces its value; an equal value changes nothing. Raises Full when the
   /// table has its limit of records, Error when the system has no memory left; the table stays as it is then.
   void is(const Key& key, const Value& value) {
-    table_.is(Words<Key>(key).data(), Words<Value>(value).data());
+    table_.is(BytesOf<Key>(key).data(), BytesOf<Value>(value).data());
   }
 
   /// Deletes the record of KEY. False when there is none.
-  bool del(const Key& key) { return table_.del(Words<Key>(key).data()); }
+  bool del(const Key& key) { return table_.del(BytesOf<Key>(key).data()); }
 
   /// The value of KEY, the present turn included.
   std::optional<Value> find(const Key& key) const {
-    const Format::Slot* slot = table_.find(Words<Key>(key).data());
+    const Format::Slot* slot = table_.find(BytesOf<Key>(key).data());
     return slot != nullptr ? std::optional<Value>(valueIn(slot)) : std::nullopt;
   }
-  bool contains(const Key& key) const { return table_.find(Words<Key>(key).data()) != nullptr; }
+  bool contains(const Key& key) const { return table_.find(BytesOf<Key>(key).data()) != nullptr; }
 
   /// The first record in walk order, and the first behind KEY, which need not be there; nothing at the end.
   std::optional<std::pair<Key, Value>> first() const { return recordIn(table_.first()); }
   std::optional<std::pair<Key, Value>> next(const Key& key) const {
-    return recordIn(table_.next(Words<Key>(key).data()));
+    return recordIn(table_.next(BytesOf<Key>(key).data()));
   }
 
   /// Number of records, the present turn included.
@@ -85,22 +85,14 @@ class Writer {
   friend class Reader<Key, Value>;
   using Shape = FixedShape<Words<Key>::kCount, Words<Value>::kCount>;
 
-  template <class T>
-  static T load(const Format::Word* from) {
-    Words<T> words;
-    for (std::size_t i = 0; i < Words<T>::kCount; ++i) {
-      words.data()[i] = from[i].load(std::memory_order_relaxed);
-    }
-    return words.value();
-  }
   static Value valueIn(const Format::Slot* slot) {
-    return load<Value>(Format::wordsOf(slot) + Shape::keyWords());
+    return Words<Value>::valueAt(Format::wordsOf(slot) + Shape::keyWords());
   }
   static std::optional<std::pair<Key, Value>> recordIn(const Format::Slot* slot) {
     if (slot == nullptr) {
       return std::nullopt;
     }
-    return std::pair<Key, Value>(load<Key>(Format::wordsOf(slot)), valueIn(slot));
+    return std::pair<Key, Value>(Words<Key>::valueAt(Format::wordsOf(slot)), valueIn(slot));
   }
 
   Table<Shape> table_;

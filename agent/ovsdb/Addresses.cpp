@@ -54,15 +54,21 @@ std::optional<Ipv4> parseIpv4(std::string_view text) {
 }
 
 std::string ipv4Text(Ipv4 address) {
-  char text[16];
-  char* at = text;
+  std::string text;
   for (int shift = 24; shift >= 0; shift -= 8) {
-    at = std::to_chars(at, text + sizeof text, address >> shift & 0xff).ptr;
+    const unsigned octet = address >> shift & 0xff;
+    if (octet >= 100) {
+      text += static_cast<char>('0' + octet / 100);
+    }
+    if (octet >= 10) {
+      text += static_cast<char>('0' + octet / 10 % 10);
+    }
+    text += static_cast<char>('0' + octet % 10);
     if (shift > 0) {
-      *at++ = '.';
+      text += '.';
     }
   }
-  return {text, at};
+  return text;
 }
 
 }  // namespace Agent::Ovsdb

@@ -51,7 +51,7 @@ struct Pointer {
 // How a value of type T becomes an argument of a record: the customisation point. A specialisation has one
 // static function `from(const T&)` that returns what is to be stored: bool, char, an integer, double,
 // Pointer, Mac, Ipv4, or std::string_view (cut at Format::maxTextBytes; it must live until the record is
-// written). It runs only while the log is on, and must not throw.
+// written). It runs only while the log is on, perhaps twice for a record, and must not throw.
 //
 //     template <>
 //     struct RingLog::Argument<Qnet::EthAddr> {

@@ -111,9 +111,13 @@ std::vector<std::byte> entryOf(const Site& site, const detail::Shape& shape) {
   return entry;
 }
 
+// An id that no other log of the process has, nor one that was made by another copy of this room: a program
+// and a library that it loads may each have one, and a site of the one record in a log of the other. Never 0
+// or 1, which are no ids (see Log::off).
 std::uint64_t nextId() {
-  static std::atomic<std::uint64_t> last{1};  // 0 and 1 are no ids: see Log::off
-  return ++last;
+  static std::atomic<std::uint64_t> last{0};
+  constexpr std::uint64_t top = std::uint64_t{1} << 63;
+  return top | detail::ticks().whole() << 8 | (++last & 0xff);
 }
 
 }  // namespace

@@ -142,7 +142,7 @@ class Log {
  private:
   friend class LogProbe;  // tests set a block's base through it, as a day does
 
-  static constexpr std::uint64_t off = 1;  // a site's first log_ is 0; ids begin with 2
+  static constexpr std::uint64_t off = 1;  // a site's first log_ is 0; no id is either
 
   // What the log knows of a site, found by its address: the rest tells whether it is still the same site, and
   // not another one in a library that was loaded where the first had been.

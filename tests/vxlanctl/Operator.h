@@ -82,9 +82,9 @@ class OperatorTest : public testing::Test {
   OperatorTest() {
     std::string name = (std::filesystem::temp_directory_path() / "vxlanctl-XXXXXX").string();
     folder = mkdtemp(name.data()) == nullptr ? "" : name;
-    options.path = folder + "/control.sock";
-    options.access.owner = geteuid();
-    options.interval = std::chrono::nanoseconds::zero();
+    serverOptions.path = folder + "/control.sock";
+    serverOptions.access.owner = geteuid();
+    serverOptions.interval = std::chrono::nanoseconds::zero();
     table = folder + "/hosts.table";
   }
   ~OperatorTest() override {
@@ -97,7 +97,7 @@ class OperatorTest : public testing::Test {
     if (pipe(order) != 0) {
       throw std::system_error(errno, std::generic_category(), "pipe");
     }
-    server.emplace(loop, agent, options);
+    server.emplace(loop, agent, serverOptions);
     loop.watch(order[0], EPOLLIN, [this](std::uint32_t) { loop.stop(); });
     thread = std::thread([this] {
       loop.run();
@@ -116,7 +116,7 @@ class OperatorTest : public testing::Test {
 
   // Returns the exit code; what was printed is in `out` and `err`.
   int run(std::vector<std::string> arguments, const std::string& input = "") {
-    arguments.insert(arguments.begin(), {"--socket", options.path, "--table", table});
+    arguments.insert(arguments.begin(), {"--socket", serverOptions.path, "--table", table});
     std::istringstream in(input);
     std::ostringstream outStream;
     std::ostringstream errStream;
@@ -135,7 +135,7 @@ class OperatorTest : public testing::Test {
   Agent::EventLoop loop;
 
  private:
-  Agent::Control::ServerOptions options;
+  Agent::Control::ServerOptions serverOptions;
   std::optional<Agent::Control::Server> server;
   std::thread thread;
   int order[2] = {-1, -1};

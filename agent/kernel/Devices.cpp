@@ -68,12 +68,55 @@ void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
       blind = true;
     }
   }
+  if (device != 0) beginTurn(domain);
   domain.device = device;
   ++domain.deviceLife;
   domain.blind = device != 0 && blind;
   if (domain.blind) state_.auditWanted = true;
   state_.walk(domain);
   state_.linksDirty = true;
+}
+
+void Devices::beginTurn(Domain& domain) {
+  const Link* previous = state_.links.at(domain.device);
+  if (previous == nullptr || !state_.links.ours(*previous) || previous->master != domain.bridge) return;
+  domain.turn = Turn{domain.device, state_.now + state_.options.renumberPause};
+  state_.turns.insert(domain.vlan);
+}
+
+void Devices::step(Domain& domain, Batch& out) {
+  Turn& turn = *domain.turn;
+  if (turn.turned && !turn.silenced && !domain.walk && domain.queuedRows == 0) {
+    turn.silenced = true;
+    for (const auto& [mac, flood] : domain.floods) {
+      out.add(linkKey(domain, turn.previous),
+              RowDel{{Table::device, turn.previous, 0, mac, {}, 0, false, false}});
+    }
+  }
+  if (state_.now < turn.next) return;
+  turn.next = state_.now + state_.options.renumberPause;
+  if (!turn.turned) {
+    turn.turned = domain.ready();
+    state_.walk(domain);
+  } else if (turn.silenced) {
+    domain.turn.reset();
+    state_.turns.erase(domain.vlan);
+    state_.linksDirty = true;
+  }
+}
+
+void Devices::turn(Batch& out) {
+  std::vector<Vlan> vlans(state_.turns.begin(), state_.turns.end());
+  for (Vlan vlan : vlans) step(*state_.find(vlan), out);
+}
+
+Time Devices::nextTurn() const {
+  Time next = Time::max();
+  for (Vlan vlan : state_.turns) {
+    const Turn& turn = *state_.find(vlan)->turn;
+    next = std::min(next, turn.turned && !turn.silenced ? state_.now : turn.next);
+  }
+  return next;
 }
 
 void Devices::bridgeIs(Domain& domain, IfIndex bridge) {
@@ -141,7 +184,13 @@ void Devices::linkDel(IfIndex index) {
     bridgeIs(domain, 0);
     state_.queue(domain);
   }
-  for (auto& [vlan, domain] : state_.domains) domain.enslaved.erase(index);
+  for (auto& [vlan, domain] : state_.domains) {
+    domain.enslaved.erase(index);
+    if (!domain.turn || domain.turn->previous != index) continue;
+    domain.turn.reset();
+    state_.turns.erase(vlan);
+    state_.walk(domain);
+  }
   state_.linksDirty = true;
   requeueUsers(link);
 }
@@ -363,6 +412,7 @@ bool Devices::mayGo(const Link& link) const {
   auto domain = vlan ? state_.domains.find(*vlan) : state_.domains.end();
   if (domain == state_.domains.end() || !domain->second.mapping) return true;
   const Domain& user = domain->second;
+  if (user.turn && user.turn->previous == link.index) return false;
   return user.ready() && user.device != link.index && !user.walk && user.queuedRows == 0;
 }
 
@@ -393,6 +443,7 @@ void Devices::sweep(Batch& out) {
 }
 
 void Devices::answered(const Request& request, const Key& key, int error, std::string_view text) {
+  if (std::holds_alternative<RowDel>(request)) return;  // Of a device that goes soon.
   Domain* domain = state_.find(key.vlan);
   const auto* del = std::get_if<LinkDel>(&request);
   if (del != nullptr && (error == 0 || error == ENODEV)) {

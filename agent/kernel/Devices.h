@@ -13,8 +13,9 @@ namespace Agent::Kernel {
 /// is, and what is amiss with it is told.
 ///
 /// When a VLAN changes its VNI, the new device is made beside the old one in the same bridge (both isolated,
-/// so that nothing loops between them), filled, then the bridge's rows are turned to it one by one, and only
-/// then the old one is deleted.
+/// so that nothing loops between them) and filled. After Options::renumberPause, by when other switches have
+/// made theirs, the flood rows are added to it and the bridge's rows are turned to it one by one; after
+/// another such pause the old one is deleted.
 class Devices {
  public:
   explicit Devices(State& state) : state_(state) {}
@@ -29,6 +30,10 @@ class Devices {
   void work(Domain& domain, Batch& out);
   /// Asks to delete the devices of ours that nothing wants.
   void sweep(Batch& out);
+  /// Goes on with the changes of VNIs that are under way.
+  void turn(Batch& out);
+  /// When `turn` is due next; Time::max() for never.
+  Time nextTurn() const;
   void answered(const Request& request, const Key& key, int error, std::string_view text);
   /// Begins to use the device; `blind`: it may have rows that are not known.
   void deviceIs(Domain& domain, IfIndex device, bool blind);
@@ -40,6 +45,8 @@ class Devices {
 
  private:
   void adopt(const Link& link);
+  void beginTurn(Domain& domain);
+  void step(Domain& domain, Batch& out);
   void requeueUsers(const Link& link);
   const Link* device(const Domain& domain) const;
   const Link* bridge(const Domain& domain, const Link* device) const;

@@ -185,6 +185,7 @@ const Batch& Engine::batch(Time now) {
   audit();
   std::size_t dumps = batch_.size();
   if (state_.adopting) return batch_;
+  devices_.turn(batch_);
   devices_.sweep(batch_);
   for (std::size_t n = state_.domainQueue.size(); n > 0 && !batch_.full(); --n) {
     Domain& domain = *state_.find(state_.domainQueue.front());
@@ -300,7 +301,7 @@ Time Engine::nextWakeup() const {
   Time next = Time::max();
   if (phase_ == Phase::idle)
     next = state_.auditWanted ? auditNotBefore_ : std::max(auditNext_, auditNotBefore_);
-  return std::min(next, state_.failures.next().value_or(Time::max()));
+  return std::min({next, devices_.nextTurn(), state_.failures.next().value_or(Time::max())});
 }
 
 }  // namespace Agent::Kernel

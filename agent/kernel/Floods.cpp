@@ -220,7 +220,7 @@ void Floods::work(Domain& domain, Mac mac, Batch& out) {
       eraseIfIdle(domain, mac, flood);
       return;
     }
-  } else if (!domain.ready()) {
+  } else if (!domain.ready() || domain.turning()) {
     return;
   }
   if (state_.failures.pausing(key, state_.now)) return;

@@ -24,6 +24,7 @@ Host& Hosts::host(Domain& domain, Mac mac) {
 void Hosts::freshen(const Domain& domain, Host& host) {
   if (host.deviceLife == domain.deviceLife) return;
   host.deviceLife = domain.deviceLife;
+  host.moved = false;
   there(host, {}, Mark::none);
   if (host.port != 0 && state_.links.at(host.port) == nullptr) {
     host.port = 0;
@@ -55,6 +56,7 @@ void Hosts::wish(Domain& domain, Mac mac, Host& host) {
   if (before != nullptr) state_.nexthops.release(before);
   host.adopted = false;
   if (before == group) return;
+  host.moved = before != nullptr;
   if (std::exchange(host.yields, false)) state_.failures.cleared(keyOf(domain, mac));
   state_.queue(domain, mac, host.queued);
 }
@@ -246,6 +248,9 @@ bool Hosts::workDeviceRow(Domain& domain, Mac mac, Host& host, Batch& out) {
 
 bool Hosts::workBridgeRow(Domain& domain, Mac mac, Host& host, Batch& out) {
   if (host.portMark == Mark::ours && host.port == domain.device) return false;
+  if (domain.turning() && host.portMark == Mark::ours && host.port == domain.turn->previous && !host.moved) {
+    return false;
+  }
   if (host.portMark == Mark::learned && std::exchange(host.yields, false)) {
     state_.failures.cleared(keyOf(domain, mac));
   }

@@ -30,6 +30,9 @@ struct Options {
   Time retryMost = std::chrono::seconds(30);
   /// How long a host that was seen at a local port stays there against the controller's word.
   Time yieldFor = std::chrono::seconds(10);
+  /// When a VLAN changes its VNI: how long packets go on leaving with the old one while the new one is ready
+  /// to receive, and then how long the old one is still received. Other switches change within that time.
+  Time renumberPause = std::chrono::seconds(1);
   /// Requests in one sendmsg, and the bytes that end it earlier.
   std::size_t batchRequests = 256;
   std::size_t batchBytes = std::size_t{64} << 10U;

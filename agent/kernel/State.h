@@ -64,6 +64,7 @@ struct Host {
   bool queued = false;
   bool adopted = false;  ///< From before this run, and not spoken of since.
   bool yields = false;   ///< Seen at a local port; left there for a while.
+  bool moved = false;    ///< The controller has said something new since the VLAN's device changed.
 };
 
 /// A group address in a VLAN: the default destination (all-zero) or a multicast address.
@@ -86,6 +87,15 @@ struct Flood {
   bool adopted = false;
 };
 
+/// A change of a VLAN's device, to that of its new VNI: until it is turned, the bridge's rows and the flood
+/// rows lead to the previous device; then to the new one, while the previous one still receives.
+struct Turn {
+  IfIndex previous = 0;
+  Time next{};  ///< The time of the next step.
+  bool turned = false;
+  bool silenced = false;  ///< The previous device has no flood rows any more.
+};
+
 /// A VLAN with its bridge, its VXLAN device and its addresses.
 struct Domain {
   explicit Domain(Vlan number) : vlan(number) {}
@@ -97,6 +107,7 @@ struct Domain {
   std::uint32_t deviceLife = 1;
   bool blind = false;  ///< The device has rows that no dump has told yet: nothing is programmed.
   bool queued = false;
+  std::optional<Turn> turn;
   std::optional<Mac> walk;  ///< Hosts from here on are yet to be looked at again.
   bool walking = false;     ///< In the list of domains with a walk.
   std::size_t queuedRows = 0;
@@ -106,6 +117,8 @@ struct Domain {
   std::set<IfIndex> enslaved;    ///< Ports that are in the bridge because we want it.
 
   bool ready() const { return mapping && device != 0 && bridge != 0 && !blind; }
+  /// Whether packets still leave by the device of the VNI that the VLAN had before.
+  bool turning() const { return turn && !turn->turned; }
 };
 
 struct Counters {
@@ -166,6 +179,7 @@ struct State {
   std::map<IfIndex, Vlan> bridgeOf;
   std::deque<Vlan> domainQueue;
   std::deque<Vlan> walks;
+  std::set<Vlan> turns;
   std::deque<Key> rowQueue;
   std::set<IfIndex> released;  ///< Devices of mappings that were withdrawn in this run.
   Counters counters;

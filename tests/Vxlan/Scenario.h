@@ -8,6 +8,7 @@
 #include <initializer_list>
 #include <limits>
 #include <set>
+#include <sstream>
 #include <string>
 #include <string_view>
 #include <utility>

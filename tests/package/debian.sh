@@ -40,5 +40,11 @@ holds libvxlan-controller-client-dev '^./usr/include/vxlan-controller-client/Kel
   '/libVxlanControllerClient\.so$' '/VxlanControllerClientConfig\.cmake$' '/vxlan-controller-client\.pc$'
 depends libvxlan-controller-client-dev "libvxlan-controller-client$major \(= $version\)"
 holds vxlan-agent '^./usr/bin/vxlan-agent$' '^./usr/bin/vxlanctl$' '^./usr/bin/ringlog$' '^./usr/bin/memtab$' \
-  '^./usr/share/man/man' '^./usr/lib/systemd/system/.*\.service$|^./lib/systemd/system/.*\.service$'
+  '^./usr/share/man/man8/vxlan-agent\.8$' '^./usr/lib/systemd/system/vxlan-agent\.service$' \
+  '^./usr/lib/sysusers\.d/vxlan-agent\.conf$' '^./etc/vxlan-agent/vxlan-agent\.conf$' '/completions/vxlanctl$'
 depends vxlan-agent "libvxlan-controller-client$major \(= $version\)"
+
+# The operator's configuration survives an upgrade, and the user that the service runs as is made.
+dpkg-deb -e "$(the_package vxlan-agent)" "$scratch/control"
+grep -qx /etc/vxlan-agent/vxlan-agent.conf "$scratch/control/conffiles" || { echo "no conffile"; exit 1; }
+grep -q systemd-sysusers "$scratch/control/postinst" || { echo "nothing makes the user"; exit 1; }

@@ -69,7 +69,7 @@ set(own_version "(= ${PROJECT_VERSION})")
 set(library_package "libvxlan-controller-client${PROJECT_VERSION_MAJOR}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME "${library_package}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
-set(CPACK_DEBIAN_LIBRARY_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION "Switch-side client of a VXLAN controller service.
 Turns what a VXLAN controller publishes into a switch's own forwarding inputs.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libvxlan-controller-client-dev)

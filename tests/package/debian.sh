@@ -48,3 +48,5 @@ depends vxlan-agent "libvxlan-controller-client$major \(= $version\)"
 dpkg-deb -e "$(the_package vxlan-agent)" "$scratch/control"
 grep -qx /etc/vxlan-agent/vxlan-agent.conf "$scratch/control/conffiles" || { echo "no conffile"; exit 1; }
 grep -q systemd-sysusers "$scratch/control/postinst" || { echo "nothing makes the user"; exit 1; }
+dpkg-deb -e "$(the_package "libvxlan-controller-client$major")" "$scratch/library"
+grep -q ldconfig "$scratch/library/postinst" || { echo "the loader is not told of the library"; exit 1; }

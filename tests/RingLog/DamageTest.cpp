@@ -213,6 +213,25 @@ TEST(Block, IsReadUpToATextThatRunsBeyondItsEnd) {
   EXPECT_EQ(trace.info().damagedBlocks, 1U);
 }
 
+TEST(Block, InThePlaceOfAnotherIsLeftOutAndCounted) {
+  Image image = sample();
+  const auto first = image.begin() + static_cast<std::ptrdiff_t>(ringsBegin);
+  std::copy_n(first, Format::blockBytes, first + Format::blockBytes);
+  EXPECT_EQ(RingLog::Trace::parse(image).info().damagedBlocks, 1U);
+}
+
+TEST(Site, WhoseTextsWouldReachBeyondItsEntryIsRefused) {
+  Image image = sample();
+  Format::SiteEntry entry{};
+  std::memcpy(&entry, image.data() + Format::headerBytes, sizeof entry);
+  entry.functionBytes = static_cast<std::uint16_t>(entry.bytes);
+  std::memcpy(image.data() + Format::headerBytes, &entry, sizeof entry);
+  const std::size_t summed = offsetof(Format::SiteEntry, bytes);
+  entry.checksum = Format::checksum(image.data() + Format::headerBytes + summed, entry.bytes - summed);
+  std::memcpy(image.data() + Format::headerBytes, &entry, sizeof entry);
+  EXPECT_EQ(refusalOf(image), "damaged: incomplete entry in the site table at byte 512");
+}
+
 // Random damage of all sorts, often with the checksums put right, so that it gets past them.
 TEST(Damage, OfAnySortNeverGetsThroughTheReader) {
   const Image good = sample();

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <new>
 
 namespace Agent::Ovsdb {
 
@@ -138,8 +139,10 @@ bool Adapter::readMore() {
     return true;
   } catch (const TransportError& error) {
     fail(error.what());
-    return false;
+  } catch (const std::bad_alloc&) {
+    fail("there is no memory for a message as large as this one");
   }
+  return false;
 }
 
 void Adapter::fail(const std::string& why) {

@@ -28,6 +28,13 @@ std::string quoted(char c) {
 
 }  // namespace
 
+std::string printable(std::string_view text, std::size_t most) {
+  std::string line{text.substr(0, most)};
+  std::replace_if(
+      line.begin(), line.end(), [](char c) { return c < 0x20 || c > 0x7e; }, '?');
+  return text.size() > most ? line + "..." : line;
+}
+
 void JsonReader::fail(std::string_view why) const {
   throw ProtocolError("at byte " + std::to_string(at_) + ": " + std::string{why});
 }

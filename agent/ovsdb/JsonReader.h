@@ -14,6 +14,10 @@ class ProtocolError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A text from outside as it can be shown in a line: at most `most` bytes of it, what is not printable ASCII
+// as question marks.
+std::string printable(std::string_view text, std::size_t most = 100);
+
 // Reads a JSON text (RFC 8259) from front to back without building a document, so that a message of many
 // megabytes can be taken row by row, with pauses. The text must outlive the reader. What is not JSON, or is
 // not of the kind asked for, raises ProtocolError with the offset.

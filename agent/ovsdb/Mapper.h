@@ -59,8 +59,8 @@ class Mapper final : public UpdateTaker {
   bool settling() const { return phase_ != Phase::idle; }
 
   // --- the agent's side
-  // The next patch, with at most `hosts` hosts and flood addresses (one VNI's floods may be more); nothing
-  // when there is none now.
+  // The next patch, with at most `hosts` hosts, flood addresses or VLANs (one VNI's floods may be more);
+  // nothing when there is none now.
   std::optional<nlohmann::json> next(std::size_t hosts);
   // Whether next() may have a patch.
   bool pending() const;
@@ -111,7 +111,7 @@ class Mapper final : public UpdateTaker {
                   nlohmann::json& addresses);
   std::optional<nlohmann::json> frontPatch();
   std::optional<nlohmann::json> withdrawalPatch(std::size_t hosts);
-  std::optional<nlohmann::json> vlanPatch();
+  std::optional<nlohmann::json> vlanPatch(std::size_t most);
   std::optional<nlohmann::json> fdbPatch(std::size_t hosts);
   std::optional<nlohmann::json> endPatch();
   void publish(Slot logicalSwitch, nlohmann::json& fdb, std::size_t& room);

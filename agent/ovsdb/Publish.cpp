@@ -32,7 +32,7 @@ std::optional<json> Mapper::next(std::size_t hosts) {
   if (std::optional<json> patch = withdrawalPatch(hosts)) {
     return patch;
   }
-  if (std::optional<json> patch = vlanPatch()) {
+  if (std::optional<json> patch = vlanPatch(hosts)) {
     return patch;
   }
   if (std::optional<json> patch = fdbPatch(hosts)) {
@@ -86,25 +86,42 @@ std::optional<json> Mapper::withdrawalPatch(std::size_t hosts) {
   return entries.empty() ? std::nullopt : std::optional{inController("fdb", std::move(entries))};
 }
 
-std::optional<json> Mapper::vlanPatch() {
-  if (!std::exchange(vlansDirty_, false)) {
+// The difference between the VLANs decided and those published. As one patch if it is small; else in several,
+// of which those that remove come first, so that no VNI has two VLANs in between.
+std::optional<json> Mapper::vlanPatch(std::size_t most) {
+  if (!vlansDirty_) {
     return std::nullopt;
   }
-  json map = json::object();
+  std::vector<std::uint16_t> gone;
+  std::vector<std::uint16_t> come;
+  for (const auto& [vlan, vni] : vlansPublished_) {
+    const auto decided = topology_.vlans().find(vlan);
+    if (decided == topology_.vlans().end() || decided->second.vni != vni) {
+      gone.push_back(vlan);
+    }
+  }
   for (const auto& [vlan, entry] : topology_.vlans()) {
     const auto published = vlansPublished_.find(vlan);
     if (published == vlansPublished_.end() || published->second != entry.vni) {
-      map[std::to_string(vlan)] = entry.vni;
-      vlansPublished_[vlan] = entry.vni;
+      come.push_back(vlan);
     }
   }
-  std::erase_if(vlansPublished_, [&](const auto& published) {
-    if (topology_.vlans().contains(published.first)) {
-      return false;
-    }
-    map[std::to_string(published.first)] = nullptr;
-    return true;
-  });
+  const std::size_t limit = std::max<std::size_t>(most, 1);
+  vlansDirty_ = gone.size() + come.size() > limit;
+  json map = json::object();
+  if (vlansDirty_) {
+    come.resize(gone.empty() ? std::min(come.size(), limit) : 0);
+    gone.resize(std::min(gone.size(), limit));
+  }
+  for (const std::uint16_t vlan : gone) {
+    map[std::to_string(vlan)] = nullptr;
+    vlansPublished_.erase(vlan);
+  }
+  for (const std::uint16_t vlan : come) {
+    const std::uint32_t vni = topology_.vlans().at(vlan).vni;
+    map[std::to_string(vlan)] = vni;
+    vlansPublished_[vlan] = vni;
+  }
   if (map.empty()) {
     return std::nullopt;
   }

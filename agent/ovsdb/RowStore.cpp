@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/loop/Fatal.h"
+#include "agent/ovsdb/JsonReader.h"
 
 namespace Agent::Ovsdb {
 
@@ -407,7 +408,8 @@ std::string RowStore::describe(const Ucast& row) const {
     case ProblemKind::duplicateMac:
       return mac + in + ": another row of this MAC came later";
     case ProblemKind::locatorUnusable:
-      return mac + in + ": the locator's address \"" + locators[row.locator].text + "\" cannot be used";
+      return mac + in + ": the locator's address \"" + printable(locators[row.locator].text) +
+             "\" cannot be used";
     case ProblemKind::referenceMissing:
       return mac + ": its logical switch or locator is not there";
     default:
@@ -422,7 +424,7 @@ std::vector<Problem> RowStore::problems(std::size_t most) const {
       return list;
     }
     list.push_back({ProblemKind::locatorNotIpv4, Table::physicalLocator, uuid,
-                    "the address \"" + locators[locators.find(uuid)].text +
+                    "the address \"" + printable(locators[locators.find(uuid)].text) +
                         "\" is not an IPv4 address at which a tunnel can end"});
   }
   for (const Uuid& uuid : badMcasts_) {
@@ -436,7 +438,7 @@ std::vector<Problem> RowStore::problems(std::size_t most) const {
                             : row.problem == ProblemKind::referenceMissing
                                 ? "\": its logical switch, locator set or one of its locators is not there"
                                 : "\": a locator of its set cannot be used";
-    list.push_back({row.problem, Table::mcastMacsRemote, uuid, "\"" + row.text + why});
+    list.push_back({row.problem, Table::mcastMacsRemote, uuid, "\"" + printable(row.text) + why});
   }
   for (const Uuid& uuid : badUcasts_) {
     if (list.size() >= most) {
@@ -444,9 +446,9 @@ std::vector<Problem> RowStore::problems(std::size_t most) const {
     }
     const Ucast& row = ucasts[ucasts.find(uuid)];
     const auto bad = badMacs_.find(uuid);
-    list.push_back(
-        {row.problem, Table::ucastMacsRemote, uuid,
-         bad == badMacs_.end() ? describe(row) : "\"" + bad->second + "\" is not the MAC of a host"});
+    list.push_back({row.problem, Table::ucastMacsRemote, uuid,
+                    bad == badMacs_.end() ? describe(row)
+                                          : "\"" + printable(bad->second) + "\" is not the MAC of a host"});
   }
   return list;
 }

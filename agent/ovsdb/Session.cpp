@@ -21,6 +21,9 @@ constexpr std::string_view probeId = "probe";
 // All but the rows is read in one piece: what is larger is not what it should be.
 constexpr std::size_t largestOther = std::size_t{1} << 20;
 
+// Of a server's error, bytes that are shown.
+constexpr std::size_t longestQuoted = 200;
+
 std::string_view trimmed(std::string_view text) {
   const std::size_t first = text.find_first_not_of(" \t\r\n");
   return first == std::string_view::npos ? std::string_view{}
@@ -40,11 +43,6 @@ json parseSmall(std::string_view text, std::string_view what) {
     throw ProtocolError(std::string{what} + " is not JSON");
   }
   return value;
-}
-
-std::string shortly(std::string_view text) {
-  constexpr std::size_t most = 200;
-  return text.size() <= most ? std::string{text} : std::string{text.substr(0, most)} + "...";
 }
 
 std::string seconds(double value) {
@@ -245,7 +243,8 @@ void Session::answer(const Envelope& message, double now) {
     answerServer(message, now);
   } else if (id == rowsId && state_ == SessionState::requesting) {
     if (!isNull(message.error)) {
-      drop("the server refused to be monitored by \"monitor_cond_since\": " + shortly(message.error) +
+      drop("the server refused to be monitored by \"monitor_cond_since\": " +
+               printable(message.error, longestQuoted) +
                (message.error.find("unknown method") != std::string_view::npos ? "; a newer server is needed"
                                                                                : ""),
            now);
@@ -253,13 +252,15 @@ void Session::answer(const Envelope& message, double now) {
     }
     beginWalk(message.result, true, now);
   } else {
-    throw ProtocolError("an answer came to a request that was not made: id " + shortly(message.id));
+    throw ProtocolError("an answer came to a request that was not made: id " + printable(message.id));
   }
 }
 
 void Session::answerSchema(const Envelope& message, double now) {
   if (!isNull(message.error)) {
-    drop("no schema of database \"" + std::string{databaseName} + "\": " + shortly(message.error), now);
+    drop("no schema of database \"" + std::string{databaseName} +
+             "\": " + printable(message.error, longestQuoted),
+         now);
     return;
   }
   if (const std::string objection = schemaObjection(parseSmall(message.result, "the schema"));
@@ -363,7 +364,7 @@ void Session::beginWalk(std::string_view array, bool answer, double now) {
     return;
   }
   if (monitor != rowsId || (!answer && state_ != SessionState::following)) {
-    throw ProtocolError("an update came for a monitor that was not asked for: " + shortly(monitor));
+    throw ProtocolError("an update came for a monitor that was not asked for: " + printable(monitor));
   }
   walk_.emplace(rows);
   walkTransaction_ = std::move(transaction);

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "agent/ovsdb/JsonReader.h"
+
 namespace Agent::Ovsdb {
 
 namespace {
@@ -66,7 +68,8 @@ void Topology::deriveTunnelIp(const RowStore::PhysicalSwitch& own, const Uuid& u
       addresses.insert(address);
     } else {
       object(ProblemKind::tunnelIpNotIpv4, Table::physicalSwitch, uuid,
-             "the tunnel address " + quoted(text) + " is not an IPv4 address at which a tunnel can end");
+             "the tunnel address " + quoted(printable(text)) +
+                 " is not an IPv4 address at which a tunnel can end");
     }
   }
   localVtep_ = addresses.empty() ? 0 : *addresses.begin();
@@ -131,7 +134,7 @@ void Topology::decideVnis(RowStore& rows, bool converging) {
     }
     if (!row.mode.empty() && row.mode != "source_node" && row.mode != "service_node") {
       object(ProblemKind::badReplicationMode, Table::logicalSwitch, rows.logicalSwitches.key(slot),
-             "replication mode " + quoted(row.mode) + " of " + quoted(row.name) +
+             "replication mode " + quoted(printable(row.mode)) + " of " + quoted(row.name) +
                  " is not known; service_node is assumed");
     }
     row.heldKey = decision.publishable || converging ? row.heldKey : 0;

@@ -161,10 +161,10 @@ UpdateWalk::UpdateWalk(std::string_view text) : reader_(text) {
 void UpdateWalk::fail(std::string_view why) const {
   std::string where = "table " + name_;
   if (!row_.empty()) {
-    where += ", row " + row_;
+    where += ", row " + printable(row_);
   }
   if (!column_.empty()) {
-    where += ", column " + column_;
+    where += ", column " + printable(column_);
   }
   throw ProtocolError(where + ": " + std::string{why});
 }

@@ -423,6 +423,31 @@ TEST_F(MapperTest, oneTunnelKeyOfSeveralTakenAwayIsNoLeave) {
   EXPECT_EQ(vlans(), json::object());
 }
 
+TEST_F(MapperTest, aLargeChangeOfTheVlansComesInPartsThatRemoveFirst) {
+  for (int vlan = 1; vlan < 7; ++vlan) {
+    const std::string name = "swap" + std::to_string(vlan);
+    database.logicalSwitch(name, 7000 + vlan);
+    database.bind("leaf1", "t9", vlan, name);
+  }
+  everythingComes();
+  patches.clear();
+  for (int vlan = 1; vlan < 7; ++vlan) {
+    database.key("swap" + std::to_string(vlan), 7000 + 7 - vlan);
+  }
+  changesCome();
+  EXPECT_EQ(vlans(),
+            json::parse(R"({"1": 7006, "2": 7005, "3": 7004, "4": 7003, "5": 7002, "6": 7001, "10": 5010})"));
+  bool set = false;
+  for (const json& patch : patches) {
+    const json map = patch.value("/vlanVniMap/Vxlan1"_json_pointer, json::object());
+    EXPECT_LE(map.size(), 2U);
+    for (const json& vni : map) {
+      EXPECT_FALSE(vni.is_null() && set) << "a removal after a setting";
+      set |= !vni.is_null();
+    }
+  }
+}
+
 // --- bad rows
 
 TEST_F(MapperTest, badRowsAreLeftOutCountedAndNamedAndTheRestGoesOn) {
@@ -449,6 +474,16 @@ TEST_F(MapperTest, badRowsAreLeftOutCountedAndNamedAndTheRestGoesOn) {
   EXPECT_EQ(problemText(ProblemKind::vlanOutOfRange), "port \"t0\", VLAN 4095: out of range 0 to 4094");
   EXPECT_EQ(problemText(ProblemKind::vniOutOfRange),
             "tunnel key 16777216 of \"big\" is out of range 1 to 16777215");
+}
+
+TEST_F(MapperTest, whatAControllerWroteIsShownInALine) {
+  database.host("ls10", "two\nlines \xc3\xa9" + std::string(500, 'x'), "10.0.0.2");
+  database.mode("ls10", "both");
+  everythingComes();
+  EXPECT_EQ(problemText(ProblemKind::badMac),
+            "\"two?lines ??" + std::string(88, 'x') + "...\" is not the MAC of a host");
+  EXPECT_EQ(problemText(ProblemKind::badReplicationMode),
+            "replication mode \"both\" of \"ls10\" is not known; service_node is assumed");
 }
 
 TEST_F(MapperTest, aProblemThatIsMendedIsForgotten) {

@@ -20,9 +20,8 @@ void ActivityLoop::begin() {
 }
 
 ActivityLoop::Block* ActivityLoop::newBlock() {
-  auto* block = new Block;
-  block->next = nullptr;
-  return block;
+  // The records are left as they are: each is written before it is read.
+  return new Block;
 }
 
 // Puts a block behind the full one at the tail.
@@ -40,16 +39,20 @@ void ActivityLoop::deliverOne() {
     delete std::exchange(spare_, done);
     headAt_ = 0;
   }
-  const Record record = head_->record[headAt_++];
+  // Copied one by one: a block copy of what was written field by field just now would wait for the writes.
+  const Record& record = head_->record()[headAt_++];
+  const auto reactor = Ptr<Reactor>::adopt(record.reactor);  // it outlives its own callback,
+  const Deliver deliver = record.deliver;
+  const QueuedKey key = record.key;
+  const std::uint32_t binding = record.binding;
   --pending_;
   if (pending_ == 0) {
     headAt_ = tailAt_ = 0;  // head_ and tail_ are the same block here
   }
-  const auto reactor = Ptr<Reactor>::adopt(record.reactor);  // it outlives its own callback,
-  if (reactor->listens(record.binding)) {
+  if (reactor->listens(binding)) {
     ++delivered_;
     const Ptr<StateMachine> owner(reactor->machine());  // and so does the machine that it belongs to
-    record.deliver(*reactor, record.key);
+    deliver(*reactor, key);
   }
 }
 

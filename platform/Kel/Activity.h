@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
+#include <new>
 #include <set>
 #include <type_traits>
 #include <utility>
@@ -79,7 +80,7 @@ class KEL_API ActivityLoop {
     if (tailAt_ == Block::records) [[unlikely]] {
       extend();
     }
-    tail_->record[tailAt_++] = {reactor.detach(), deliver, key, binding};
+    new (tail_->record() + tailAt_++) Record{reactor.detach(), deliver, key, binding};
     ++pending_;
   }
   // Calls one reactor at once, if it still listens under this binding, as a handler.
@@ -139,8 +140,9 @@ class KEL_API ActivityLoop {
   };
   struct Block {
     static constexpr std::size_t records = 127;
-    Block* next;
-    Record record[records];
+    Block* next = nullptr;
+    alignas(Record) std::byte storage[records * sizeof(Record)];
+    Record* record() noexcept { return std::launder(reinterpret_cast<Record*>(storage)); }
   };
   class Depth {
    public:

@@ -30,6 +30,24 @@ constexpr std::uint64_t mixHash(std::uint64_t hash) noexcept {
 // buckets. A bucket that fills up is doubled while it is small and split in two when it is not, so that no
 // insertion ever moves more than one bucket, however large the table: growth has no stall.
 class HashIndex {
+  static constexpr std::uint32_t smallest = 4;    // cells of a first bucket
+  static constexpr std::uint32_t largest = 2048;  // cells at which a full bucket is split: 16 KiB
+
+  struct Cell {
+    std::uint32_t hash;
+    std::uint32_t slot;
+  };
+  struct Bucket {
+    std::uint32_t mask;
+    std::uint32_t count;
+    std::uint32_t depth;
+
+    // Three quarters of the cells at most are taken: an unsuccessful search then meets eight on average.
+    bool full() const noexcept { return count >= mask - mask / 4; }
+    Cell* cells() noexcept { return reinterpret_cast<Cell*>(this + 1); }  // mask + 1 of them
+    const Cell* cells() const noexcept { return reinterpret_cast<const Cell*>(this + 1); }
+  };
+
  public:
   static constexpr std::uint32_t none = UINT32_MAX;
 
@@ -38,40 +56,60 @@ class HashIndex {
   HashIndex& operator=(const HashIndex&) = delete;
   ~HashIndex() { clear(); }
 
-  // The slot for which `equal(slot)` holds among those entered with this hash, or `none`.
+  // Where a hash leads: to the cell of what was found, or to the empty one where it would stand. Good until
+  // the index changes.
+  class Place {
+   public:
+    // The slot that was found, or `none`.
+    std::uint32_t slot() const noexcept { return slot_; }
+
+   private:
+    friend class HashIndex;
+    Bucket* bucket_ = nullptr;
+    std::uint32_t at_ = 0;
+    std::uint32_t slot_ = none;
+  };
+
+  // The slot for which `equal(slot)` holds among those entered with this hash.
   template <class Equal>
-  std::uint32_t find(std::uint32_t hash, const Equal& equal) const {
+  Place find(std::uint32_t hash, const Equal& equal) const {
+    Place place;
     if (directory_.empty()) {
-      return none;
+      return place;
     }
-    const Bucket& bucket = *directory_[prefix(hash)];
-    for (std::uint32_t at = hash & bucket.mask;; at = (at + 1) & bucket.mask) {
-      const Cell& cell = bucket.cells()[at];
-      if (cell.slot == none) {
-        return none;
-      }
-      if (cell.hash == hash && equal(cell.slot)) {
-        return cell.slot;
+    place.bucket_ = directory_[prefix(hash)];
+    const Cell* cells = place.bucket_->cells();
+    const std::uint32_t mask = place.bucket_->mask;
+    for (std::uint32_t at = hash & mask;; at = (at + 1) & mask) {
+      const Cell& cell = cells[at];
+      if (cell.slot == none || (cell.hash == hash && equal(cell.slot))) {
+        place.at_ = at;
+        place.slot_ = cell.slot;
+        return place;
       }
     }
   }
 
-  void insert(std::uint32_t hash, std::uint32_t slot) {
-    Bucket* bucket = directory_.empty() ? first() : directory_[prefix(hash)];
-    while (bucket->count >= bucket->mask - bucket->mask / 8) {
+  // Enters a slot under a hash, at the place where it was not found.
+  void insert(const Place& place, std::uint32_t hash, std::uint32_t slot) {
+    Bucket* bucket = place.bucket_;
+    if (bucket != nullptr && !bucket->full()) [[likely]] {
+      bucket->cells()[place.at_] = {hash, slot};
+      ++bucket->count;
+      return;
+    }
+    bucket = bucket == nullptr ? first() : bucket;
+    while (bucket->full()) {
       grow(hash);
       bucket = directory_[prefix(hash)];
     }
-    place(*bucket, {hash, slot});
+    enter(*bucket, {hash, slot});
   }
 
-  // Takes out what was entered with this hash and slot; it must be there.
-  void erase(std::uint32_t hash, std::uint32_t slot) {
-    Bucket& bucket = *directory_[prefix(hash)];
-    std::uint32_t hole = hash & bucket.mask;
-    while (bucket.cells()[hole].slot != slot) {
-      hole = (hole + 1) & bucket.mask;
-    }
+  // Takes out what was found at this place.
+  void erase(const Place& place) {
+    Bucket& bucket = *place.bucket_;
+    std::uint32_t hole = place.at_;
     // Backward shift: what was pushed past the hole moves into it, so that no tombstone is left.
     for (std::uint32_t at = (hole + 1) & bucket.mask; bucket.cells()[at].slot != none;
          at = (at + 1) & bucket.mask) {
@@ -96,23 +134,7 @@ class HashIndex {
   }
 
  private:
-  static constexpr std::uint32_t smallest = 4;    // cells of a first bucket
-  static constexpr std::uint32_t largest = 2048;  // cells at which a full bucket is split: 16 KiB
-
-  struct Cell {
-    std::uint32_t hash;
-    std::uint32_t slot;
-  };
-  struct Bucket {
-    std::uint32_t mask;
-    std::uint32_t count;
-    std::uint32_t depth;
-
-    Cell* cells() noexcept { return reinterpret_cast<Cell*>(this + 1); }  // mask + 1 of them
-    const Cell* cells() const noexcept { return reinterpret_cast<const Cell*>(this + 1); }
-  };
-
-  std::size_t prefix(std::uint32_t hash) const noexcept { return depth_ == 0 ? 0 : hash >> (32 - depth_); }
+  std::size_t prefix(std::uint32_t hash) const noexcept { return (std::uint64_t{hash} << depth_) >> 32; }
 
   static Bucket* newBucket(std::uint32_t cells, std::uint32_t depth) {
     auto* bucket = static_cast<Bucket*>(std::malloc(sizeof(Bucket) + cells * sizeof(Cell)));
@@ -131,7 +153,7 @@ class HashIndex {
     return directory_.front();
   }
 
-  static void place(Bucket& bucket, Cell cell) noexcept {
+  static void enter(Bucket& bucket, Cell cell) noexcept {
     std::uint32_t at = cell.hash & bucket.mask;
     while (bucket.cells()[at].slot != none) {
       at = (at + 1) & bucket.mask;
@@ -146,7 +168,7 @@ class HashIndex {
     if (full->mask + 1 < largest || full->depth >= 20) {
       Bucket* twice = newBucket((full->mask + 1) * 2, full->depth);
       move(*full, *twice, *twice, 0);
-      enter(hash, full->depth, twice);
+      lead(hash, full->depth, twice);
       std::free(full);
       return;
     }
@@ -163,21 +185,21 @@ class HashIndex {
     Bucket* high = newBucket(largest, depth);
     const std::uint32_t bit = std::uint32_t{1} << (32 - depth);
     move(*full, *low, *high, bit);
-    enter(hash & ~bit, depth, low);
-    enter(hash | bit, depth, high);
+    lead(hash & ~bit, depth, low);
+    lead(hash | bit, depth, high);
     std::free(full);
   }
 
   static void move(const Bucket& from, Bucket& low, Bucket& high, std::uint32_t bit) noexcept {
     for (std::uint32_t at = 0; at <= from.mask; ++at) {
       if (from.cells()[at].slot != none) {
-        place((from.cells()[at].hash & bit) != 0 ? high : low, from.cells()[at]);
+        enter((from.cells()[at].hash & bit) != 0 ? high : low, from.cells()[at]);
       }
     }
   }
 
   // Lets every directory entry whose top `depth` bits are those of the hash lead to the bucket.
-  void enter(std::uint32_t hash, std::uint32_t depth, Bucket* bucket) noexcept {
+  void lead(std::uint32_t hash, std::uint32_t depth, Bucket* bucket) noexcept {
     const std::size_t span = std::size_t{1} << (depth_ - depth);
     const std::size_t begin = prefix(hash) & ~(span - 1);
     std::fill_n(directory_.begin() + static_cast<std::ptrdiff_t>(begin), span, bucket);
@@ -237,24 +259,25 @@ class Table {
   bool empty() const noexcept { return size_ == 0; }
 
   V* find(const K& key) const {
-    const std::uint32_t slot = slotOf(key, hashOf(key));
+    const std::uint32_t slot = placeOf(key, hashOf(key)).slot();
     return slot == HashIndex::none ? nullptr : &pair(slot)->value;
   }
   bool contains(const K& key) const { return find(key) != nullptr; }
 
   // Where a walk that is resumed at this key begins; false when the key is not there.
-  Iterator at(const K& key) const { return {this, slotOf(key, hashOf(key))}; }
+  Iterator at(const K& key) const { return {this, placeOf(key, hashOf(key)).slot()}; }
   Iterator begin() const { return {this, liveFrom(0)}; }
   std::default_sentinel_t end() const { return {}; }
   Iterator atSlot(std::uint32_t slot) const { return {this, slot}; }
 
-  // The value under the key, made from the arguments if the key is new. The flag tells whether it is.
+  // The value under the key, made from the arguments if the key is new. The flag tells whether it is. Making
+  // the value must not change the table.
   template <class... Args>
   std::pair<Iterator, bool> emplace(const K& key, Args&&... args) {
     const std::uint32_t hash = hashOf(key);
-    const std::uint32_t present = slotOf(key, hash);
-    if (present != HashIndex::none) {
-      return {Iterator(this, present), false};
+    const HashIndex::Place place = placeOf(key, hash);
+    if (place.slot() != HashIndex::none) {
+      return {Iterator(this, place.slot()), false};
     }
     const std::uint32_t slot = freeSlot();
     Chunk& chunk = *chunks_[slot / chunkSlots];
@@ -264,19 +287,19 @@ class Table {
       spacious_.pop_back();
     }
     ++size_;
-    index_.insert(hash, slot);
+    index_.insert(place, hash, slot);
     return {Iterator(this, slot), true};
   }
 
   bool erase(const K& key) {
-    const std::uint32_t hash = hashOf(key);
-    const std::uint32_t slot = slotOf(key, hash);
+    const HashIndex::Place place = placeOf(key, hashOf(key));
+    const std::uint32_t slot = place.slot();
     if (slot == HashIndex::none) {
       return false;
     }
     // What the value's destructor sets off finds the table consistent: the value dies last.
     [[maybe_unused]] const V dying = std::move(pair(slot)->value);
-    index_.erase(hash, slot);
+    index_.erase(place);
     Chunk* chunk = chunks_[slot / chunkSlots];
     pair(slot)->~Pair();
     if (chunk->live == full) {
@@ -329,7 +352,7 @@ class Table {
   static Pair* pairIn(Chunk& chunk, std::uint32_t at) {
     return std::launder(reinterpret_cast<Pair*>(chunk.raw(at)));
   }
-  std::uint32_t slotOf(const K& key, std::uint32_t hash) const {
+  HashIndex::Place placeOf(const K& key, std::uint32_t hash) const {
     return index_.find(hash, [&](std::uint32_t slot) { return pair(slot)->key == key; });
   }
 

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <system_error>
+#include <utility>
 
 #include "agent/loop/Fatal.h"
 
@@ -164,19 +165,21 @@ void Server::watchFor(Session& session) {
   }
 }
 
+// The wait for a client begins with the first byte that it does not take at once.
 void Server::keepPatience(ClientId client, Session& session) {
-  if (session.connection.pending() > 0 && session.patience == EventLoop::TimerId::none) {
+  const bool waits = session.connection.pending() > 0;
+  const bool isTimed = session.patience != EventLoop::TimerId::none;
+  if (waits && !isTimed) {
     session.progress = loop_.now();
     session.patience = loop_.after(options_.patience, [this, client] { losePatience(client); });
+  } else if (!waits && isTimed) {
+    loop_.cancel(std::exchange(session.patience, EventLoop::TimerId::none));
   }
 }
 
 void Server::losePatience(ClientId client) {
   Session& session = *sessions_.at(client);
   session.patience = EventLoop::TimerId::none;
-  if (session.connection.pending() == 0) {
-    return;
-  }
   const std::chrono::nanoseconds waited = loop_.now() - session.progress;
   if (waited >= options_.patience) {
     ++stats_.dropped;

@@ -230,6 +230,22 @@ TEST_F(ServerTest, WhoTakesALittleNowAndThenIsKept) {
   EXPECT_THAT(logged, IsEmpty());
 }
 
+TEST_F(ServerTest, WhatWasTakenBeforeIsNotHeldAgainstALaterWait) {
+  service.document["output"] = std::string(std::size_t{1} << 20, 'x');
+  serve();
+  const auto client = connect();
+  ask(*client, {{"get", "/output"}});  // waited for, and taken
+  time += options.patience - 1ns;
+  client->send("{\"get\":\"/output\"}\n");
+  turns(2);
+  time += options.patience - 1ns;
+  turns(2);
+  EXPECT_EQ(server->clients(), 1U);
+  time += 1ns;
+  turns(2);
+  EXPECT_EQ(server->clients(), 0U);
+}
+
 TEST_F(ServerTest, TheFileGoesWithTheServer) {
   serve();
   const auto client = connect();

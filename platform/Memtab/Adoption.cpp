@@ -81,37 +81,39 @@ class Adoption {
   /// Follows the list from end to end: ascending, no slot twice, all heads in use on the way.
   void examineList() {
     std::vector<bool> met(used_);
-    heads_ = 1;
     std::uint64_t least = 0;
-    for (std::uint32_t to = load(segment_.heads()[0]); to != kEnd;) {
-      const Format::Half* link = nullptr;
-      std::uint64_t hash = 0;
-      if ((to & kBucketBit) != 0) {
-        const std::uint32_t bucket = to & ~kBucketBit;
-        if (bucket > index_.buckets() || bucket >= segment_.description().buckets) {
-          damaged("the list leads to bucket head " + std::to_string(bucket) + ", which is not in use");
-        }
-        heads_ += 1;
-        extraHead_ = extraHead_ || bucket == index_.buckets();
-        lastHead_ = lastHead_ || bucket + 1 == index_.buckets();
-        hash = bucket;
-        link = &segment_.heads()[bucket];
-      } else {
-        if (to >= used_ || met[to]) {
-          damaged("the list leads to slot " + std::to_string(to) +
-                  (to < used_ ? " twice" : ", which is not in use"));
-        }
-        met[to] = true;
-        hash = index_.hash(index_.slot(to));
-        link = &index_.slot(to)->next;
-      }
+    for (std::uint32_t to = (kBucketBit | 0U); to != kEnd;) {
+      const bool isHead = (to & kBucketBit) != 0;
+      const std::uint32_t number = isHead ? to & ~kBucketBit : to;
+      isHead ? examineHead(number) : examineLinkTo(number, met);
+      const std::uint64_t hash = isHead ? number : index_.hash(index_.slot(number));
       if (Format::before(hash, least)) {
-        damaged("the list is out of order at " + std::to_string(to));
+        damaged("the list is out of order at " + std::string(isHead ? "bucket head " : "slot ") +
+                std::to_string(number));
       }
       least = hash;
-      to = load(*link);
+      to = load(isHead ? segment_.heads()[number] : index_.slot(number)->next);
     }
     examineCounts(met);
+  }
+
+  void examineHead(std::uint32_t bucket) {
+    if (bucket > index_.buckets() || bucket >= segment_.description().buckets) {
+      damaged("the list leads to bucket head " + std::to_string(bucket) + ", which is not in use");
+    }
+    heads_ += 1;
+    extraHead_ = extraHead_ || bucket == index_.buckets();
+    lastHead_ = lastHead_ || bucket + 1 == index_.buckets();
+  }
+
+  void examineLinkTo(std::uint32_t number, std::vector<bool>& met) const {
+    if (number >= used_) {
+      damaged("the list leads to slot " + std::to_string(number) + ", which is not in use");
+    }
+    if (met[number]) {
+      damaged("the list leads to slot " + std::to_string(number) + " twice");
+    }
+    met[number] = true;
   }
 
   /// Only the last head may be in the list without being counted, or counted without being there.
@@ -173,7 +175,7 @@ class Adoption {
         continue;
       }
       Format::Slot* slot = index_.slot(to);
-      if (live(lifeOf(to))) {
+      if (live(Life(slot->life.load(std::memory_order_acquire)))) {
         slot->life.store(Life(Life::Born, 0, false).raw(), std::memory_order_release);
         link = &slot->next;
       } else {

@@ -31,7 +31,8 @@ inline constexpr std::uint32_t kBucketsPerRecord = 2;
 /// meanwhile.
 inline constexpr std::uint32_t kStripes = 1024;
 
-/// A link leads to a slot, or, with this bit, to the head of the next bucket in the order of the list.
+/// A link leads to a slot, or, with this bit, to the head of the next bucket in the order of the
+/// list.
 inline constexpr std::uint32_t kBucketBit = 0x8000'0000;
 inline constexpr std::uint32_t kEnd = 0xffff'ffff;
 static_assert(kMaxLimit * 2 * kBucketsPerRecord < kBucketBit,

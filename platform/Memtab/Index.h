@@ -38,6 +38,7 @@ class Index {
         heads_(segment.heads()),
         stripes_(segment.stripes()),
         slots_(segment.slots()),
+        counted_(&segment.state().buckets),
         seed_(segment.description().seed),
         room_(segment.description().buckets) {
     bucketsAre(segment.state().buckets.load(std::memory_order_acquire));
@@ -53,7 +54,7 @@ class Index {
     const std::uint64_t wanted = hash(key);
     Format::Half* link = &heads_[bucketOf(wanted)];
     for (;;) {
-      const std::uint32_t to = link->load(std::memory_order_relaxed);
+      const std::uint32_t to = load(link);
       if ((to & Format::kBucketBit) != 0) {
         return {link, Format::kEnd};
       }
@@ -90,15 +91,15 @@ class Index {
     bump(bucket);
   }
 
-  /// One step towards the right number of heads for RECORDS; the work of a step does not depend on the
-  /// table's size.
+  /// Keeps the number of heads right for RECORDS, a few heads at a time: the work of a call does not depend
+  /// on the size.
   void fit(std::size_t records) {
-    const std::uint64_t wanted = std::uint64_t{records} * Format::kBucketsPerRecord;
-    for (int step = 0; step < 2 && buckets_ < wanted && buckets_ < room_; ++step) {
-      split();
-    }
-    for (int step = 0; step < 4 && buckets_ > 2 * wanted + kLeastBuckets; ++step) {
-      merge();
+    const std::uint64_t wanted =
+        std::min<std::uint64_t>(std::uint64_t{records} * Format::kBucketsPerRecord, room_);
+    if (buckets_ + kHeadsAtOnce <= wanted || (buckets_ < wanted && buckets_ < kHeadsAtOnce)) {
+      grow(static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted - buckets_, kHeadsAtOnce)));
+    } else if (buckets_ > 2 * wanted + kLeastBuckets) {
+      shrink(kHeadsAtOnce);
     }
   }
 
@@ -111,31 +112,20 @@ class Index {
 
  private:
   static constexpr std::uint32_t kLeastBuckets = 64;
-  static constexpr std::uint32_t kHeadsAtOnce = 16384;
-  static constexpr std::uint32_t kAhead = 8;
+  static constexpr std::uint32_t kHeadsAtOnce = 8;  // as many as make half a cache line
+  static constexpr std::uint32_t kHeadsTaken = 16384;
 
   static std::uint32_t load(const Format::Half* link) { return link->load(std::memory_order_relaxed); }
 
   std::uint32_t bucketOf(std::uint64_t hash) const { return Format::bucketOf(hash, buckets_, mask_); }
-
-  /// The bit that bucket number NUMBER (not 0) has and the bucket it was split from has not.
-  static std::uint32_t leadingBit(std::uint32_t number) { return std::bit_floor(number); }
 
   void bump(std::uint32_t bucket) {
     Format::Half& stripe = stripes_[bucket % Format::kStripes];
     stripe.store(load(&stripe) + 1, std::memory_order_release);
   }
 
-  /// The splits come in the order of the heads, so the first slot of one to come can be on its way already.
-  void prefetchFrom(std::uint32_t head) const {
-    const std::uint32_t to = load(&heads_[head]);
-    if ((to & Format::kBucketBit) == 0) {
-      __builtin_prefetch(slot(to));
-    }
-  }
-
   bool takeHeads() {
-    const std::uint32_t more = std::min(kHeadsAtOnce, room_ - buckets_);
+    const std::uint32_t more = std::min(kHeadsTaken, room_ - buckets_);
     try {
       segment_->take(segment_->description().headsAt + sizeof(Format::Half) * std::uint64_t{buckets_},
                      sizeof(Format::Half) * std::uint64_t{more});
@@ -146,16 +136,24 @@ class Index {
     return true;
   }
 
-  /// Puts one more head in the list, in the middle of its parent's stretch.
-  void split() {
-    if (buckets_ == taken_ && !takeHeads()) [[unlikely]] {
+  void grow(std::uint32_t heads) {
+    if (buckets_ + heads > taken_ && !takeHeads()) [[unlikely]] {
       return;
     }
-    const std::uint32_t made = buckets_;
-    const std::uint32_t bit = made > mask_ ? made : mask_ / 2 + 1;
-    const std::uint32_t parent = made ^ bit;
-    prefetchFrom((parent + kAhead) & (bit - 1));
-    Format::Half* link = &heads_[parent];
+    std::uint32_t bit = std::bit_floor(buckets_);
+    const std::uint32_t end = buckets_ + heads;
+    for (std::uint32_t made = buckets_; made < end; ++made) {
+      bit = made == 2 * bit ? made : bit;
+      split(made, bit);
+      counted_->store(made + 1, std::memory_order_release);
+    }
+    bucketsAre(end);
+    prefetchParents();
+  }
+
+  /// Puts head MADE, with leading BIT, in the list, in the middle of its parent's stretch.
+  void split(std::uint32_t made, std::uint32_t bit) {
+    Format::Half* link = &heads_[made ^ bit];
     std::uint32_t to = load(link);
     while ((to & Format::kBucketBit) == 0) {
       Format::Slot* at = slot(to);
@@ -167,22 +165,37 @@ class Index {
     }
     heads_[made].store(to, std::memory_order_release);
     link->store(Format::kBucketBit | made, std::memory_order_release);
-    buckets_ = made + 1;
-    mask_ = 2 * bit - 1;
-    segment_->state().buckets.store(buckets_, std::memory_order_release);
+  }
+
+  /// It is known which heads will be split next, so that their first slots can be on their way already.
+  void prefetchParents() const {
+    const std::uint32_t first = buckets_ ^ std::bit_floor(buckets_);
+    const std::uint32_t end = std::min(first + kHeadsAtOnce, buckets_);
+    for (std::uint32_t parent = first; parent < end; ++parent) {
+      const std::uint32_t to = load(&heads_[parent]);
+      if ((to & Format::kBucketBit) == 0) {
+        __builtin_prefetch(slot(to));
+      }
+    }
+  }
+
+  void shrink(std::uint32_t heads) {
+    for (; heads > 0; --heads) {
+      merge();
+    }
   }
 
   /// Takes the last head out of the list.
   void merge() {
     const std::uint32_t last = buckets_ - 1;
-    Format::Half* link = &heads_[last ^ leadingBit(last)];
+    Format::Half* link = &heads_[last ^ std::bit_floor(last)];
     while (load(link) != (Format::kBucketBit | last)) {
       check((load(link) & Format::kBucketBit) == 0, "a bucket head to be taken out of the list is not in it");
       link = &slot(load(link))->next;
     }
     link->store(load(&heads_[last]), std::memory_order_release);
     bucketsAre(last);
-    segment_->state().buckets.store(last, std::memory_order_release);
+    counted_->store(last, std::memory_order_release);
     bump(last);
   }
 
@@ -191,6 +204,7 @@ class Index {
   Format::Half* heads_;
   Format::Half* stripes_;
   std::byte* slots_;
+  Format::Half* counted_;  // buckets_, for readers and the next writer
   std::uint64_t seed_;
   std::uint32_t room_;
   std::uint32_t taken_ = 0;

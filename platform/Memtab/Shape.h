@@ -9,40 +9,13 @@
 
 namespace Memtab {
 
-/// Sizes of a record that are known when the program is compiled: what Writer and Reader use. Loops over the
-/// words are unrolled, which halves their instructions.
+/// Sizes of a record that are known when the program is compiled: what Writer and Reader use. Loops over
+/// words ask to be unrolled ("#pragma GCC unroll"), which halves their instructions here.
 template <std::size_t KeyWords, std::size_t ValueWords>
-class FixedShape {
- public:
+struct FixedShape {
   static constexpr std::size_t keyWords() { return KeyWords; }
   static constexpr std::size_t valueWords() { return ValueWords; }
   static constexpr std::size_t slotBytes() { return sizeof(Format::Slot) + 8 * (KeyWords + ValueWords); }
-
-  template <class Do>
-  static void eachKeyWord(const Do& work) {
-    each<KeyWords>(work);
-  }
-  template <class Do>
-  static void eachValueWord(const Do& work) {
-    each<ValueWords>(work);
-  }
-
- private:
-  static constexpr std::size_t kMostUnrolled = 32;
-
-  template <std::size_t Count, class Do>
-  static void each(const Do& work) {
-    if constexpr (Count <= kMostUnrolled) {
-      [&]<std::size_t... I>(std::index_sequence<I...>) {
-        (work(I), ...);
-      }
-      (std::make_index_sequence<Count>());
-    } else {
-      for (std::size_t i = 0; i < Count; ++i) {
-        work(i);
-      }
-    }
-  }
 };
 
 /// Sizes of a record that a segment tells: what the adoption and generic tools use.
@@ -56,19 +29,6 @@ class FoundShape {
   std::size_t keyWords() const { return keyWords_; }
   std::size_t valueWords() const { return valueWords_; }
   std::size_t slotBytes() const { return sizeof(Format::Slot) + 8 * (keyWords_ + valueWords_); }
-
-  template <class Do>
-  void eachKeyWord(const Do& work) const {
-    for (std::size_t i = 0; i < keyWords_; ++i) {
-      work(i);
-    }
-  }
-  template <class Do>
-  void eachValueWord(const Do& work) const {
-    for (std::size_t i = 0; i < valueWords_; ++i) {
-      work(i);
-    }
-  }
 
  private:
   std::size_t keyWords_ = 0;
@@ -85,7 +45,9 @@ inline std::uint64_t wordAt(const std::byte* from, std::size_t number) {
 template <class Shape>
 std::uint64_t hashOf(const Shape& shape, const std::byte* key, std::uint64_t seed) {
   std::uint64_t hash = seed;
-  shape.eachKeyWord([&](std::size_t i) { hash = Format::mixed(hash ^ wordAt(key, i)); });
+  for (std::size_t i = 0; i < shape.keyWords(); ++i) {
+    hash = Format::mixed(hash ^ wordAt(key, i));
+  }
   return hash;
 }
 
@@ -95,9 +57,54 @@ template <class Shape>
 std::uint64_t hashIn(const Shape& shape, const Format::Slot* slot, std::uint64_t seed) {
   const Format::Word* words = Format::wordsOf(slot);
   std::uint64_t hash = seed;
-  shape.eachKeyWord(
-      [&](std::size_t i) { hash = Format::mixed(hash ^ words[i].load(std::memory_order_acquire)); });
+  for (std::size_t i = 0; i < shape.keyWords(); ++i) {
+    hash = Format::mixed(hash ^ words[i].load(std::memory_order_acquire));
+  }
   return hash;
+}
+
+/// Copies COUNT words so that a reader sees each of them whole. In line, for the sake of a COUNT that is a
+/// constant.
+[[gnu::always_inline]] inline void storeWords(Format::Word* to, const std::byte* from, std::size_t count) {
+#pragma GCC unroll 32
+  for (std::size_t i = 0; i < count; ++i) {
+    to[i].store(wordAt(from, i), std::memory_order_release);
+  }
+}
+[[gnu::always_inline]] inline void storeWords(Format::Word* to, const Format::Word* from, std::size_t count) {
+#pragma GCC unroll 32
+  for (std::size_t i = 0; i < count; ++i) {
+    to[i].store(from[i].load(std::memory_order_acquire), std::memory_order_release);
+  }
+}
+[[gnu::always_inline]] inline void loadWords(std::uint64_t* to, const Format::Word* from, std::size_t count) {
+#pragma GCC unroll 32
+  for (std::size_t i = 0; i < count; ++i) {
+    to[i] = from[i].load(std::memory_order_acquire);
+  }
+}
+
+/// The first of COUNT words that differs, COUNT when none does; and how many there are up to the last that
+/// differs.
+[[gnu::always_inline]] inline std::size_t firstDifference(const Format::Word* words, const std::byte* value,
+                                                          std::size_t count) {
+#pragma GCC unroll 32
+  for (std::size_t i = 0; i < count; ++i) {
+    if (words[i].load(std::memory_order_relaxed) != wordAt(value, i)) {
+      return i;
+    }
+  }
+  return count;
+}
+[[gnu::always_inline]] inline std::size_t endOfDifferences(const Format::Word* words, const std::byte* value,
+                                                           std::size_t count) {
+#pragma GCC unroll 32
+  for (std::size_t i = count; i > 0; --i) {
+    if (words[i - 1].load(std::memory_order_relaxed) != wordAt(value, i - 1)) {
+      return i;
+    }
+  }
+  return 0;
 }
 
 /// Slot NUMBER of the array at SLOTS.
@@ -117,11 +124,11 @@ int compareTo(const Shape& shape, const Format::Slot* slot, std::uint64_t hash, 
               std::uint64_t seed) {
   const Format::Word* words = Format::wordsOf(slot);
   int tie = 0;
-  shape.eachKeyWord([&](std::size_t i) {
+  for (std::size_t i = 0; i < shape.keyWords(); ++i) {
     const std::uint64_t word = words[i].load(std::memory_order_acquire);
     const std::uint64_t wanted = wordAt(key, i);
     tie = tie != 0 || word == wanted ? tie : word < wanted ? -1 : 1;
-  });
+  }
   if (tie == 0) [[likely]] {
     return 0;
   }

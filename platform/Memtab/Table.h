@@ -65,7 +65,9 @@ class Table {
   void insert(const typename Index<Shape>::Place& place, const std::byte* key, const std::byte* value);
   void revive(std::uint32_t number, const std::byte* key, const std::byte* value);
   void replace(std::uint32_t number, const std::byte* key, const std::byte* value);
-  void write(std::uint32_t number, const std::byte* value, std::size_t first, std::size_t end);
+  void writeWord(std::uint32_t number, const std::byte* value, std::size_t word);
+  template <bool All>
+  void write(std::uint32_t number, const std::byte* value, std::size_t first, std::size_t some);
   void fill(Format::Slot* slot, const std::byte* key, const std::byte* value);
   void note(const std::byte* key);
   void checkRoom() const;
@@ -160,82 +162,66 @@ void Table<Shape>::revive(std::uint32_t number, const std::byte* key, const std:
 template <class Shape>
 void Table<Shape>::replace(std::uint32_t number, const std::byte* key, const std::byte* value) {
   const Format::Word* words = Format::wordsOf(index_.slot(number)) + shape_.keyWords();
-  std::size_t first = 0;
-  std::size_t end = shape_.valueWords();
-  while (first < end && words[first].load(std::memory_order_relaxed) == wordAt(value, first)) {
-    ++first;
-  }
-  if (first == end) {
+  const std::size_t first = firstDifference(words, value, shape_.valueWords());
+  if (first == shape_.valueWords()) {
     return;
   }
-  while (words[end - 1].load(std::memory_order_relaxed) == wordAt(value, end - 1)) {
-    --end;
-  }
+  const std::size_t end = endOfDifferences(words, value, shape_.valueWords());
   note(key);
-  write(number, value, first, end);
+  if (end - first == 1) {
+    writeWord(number, value, first);
+  } else if (2 * (end - first) > shape_.valueWords()) {
+    write<true>(number, value, 0, end);  // most words: to write all, without counting, is less work
+  } else {
+    write<false>(number, value, first, end - first);
+  }
+}
+
+/// A single word is whole by itself; the number tells readers that the words around it may be of another
+/// time.
+template <class Shape>
+void Table<Shape>::writeWord(std::uint32_t number, const std::byte* value, std::size_t word) {
+  Format::Slot* slot = index_.slot(number);
+  slot->seq.store(slot->seq.load(std::memory_order_relaxed) + 2, std::memory_order_release);
+  Format::wordsOf(slot)[shape_.keyWords() + word].store(wordAt(value, word), std::memory_order_release);
 }
 
 template <class Shape>
-void Table<Shape>::write(std::uint32_t number, const std::byte* value, std::size_t first, std::size_t end) {
+template <bool All>
+void Table<Shape>::write(std::uint32_t number, const std::byte* value, std::size_t first, std::size_t some) {
+  const std::size_t count = All ? shape_.valueWords() : some;
   Format::Slot* slot = index_.slot(number);
-  Format::Word* words = Format::wordsOf(slot) + shape_.keyWords();
+  Format::Word* words = Format::wordsOf(slot) + shape_.keyWords() + first;
   const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
-  if (end - first == 1) {  // a single word is whole by itself
-    slot->seq.store(seq + 2, std::memory_order_release);
-    words[first].store(wordAt(value, first), std::memory_order_release);
-    return;
-  }
-  const bool most =
-      2 * (end - first) > shape_.valueWords();  // then all of them, without counting, is less work
-  first = most ? 0 : first;
-  end = most ? shape_.valueWords() : end;
 
   Format::Journal& journal = segment_.journal();
-  Format::Word* old = Format::wordsOf(&journal);
   const std::uint32_t journalSeq = journal.seq.load(std::memory_order_relaxed);
   journal.seq.store(journalSeq + 1, std::memory_order_release);
   journal.slot.store(number, std::memory_order_release);
   journal.slotSeq.store(seq + 1, std::memory_order_release);
-  journal.range.store(static_cast<std::uint32_t>(first << 16U | (end - first)), std::memory_order_release);
-  if (most) {
-    shape_.eachValueWord([&](std::size_t i) {
-      old[i].store(words[i].load(std::memory_order_relaxed), std::memory_order_release);
-    });
-  } else {
-    for (std::size_t i = first; i < end; ++i) {
-      old[i - first].store(words[i].load(std::memory_order_relaxed), std::memory_order_release);
-    }
-  }
+  journal.range.store(static_cast<std::uint32_t>(first << 16U | count), std::memory_order_release);
+  storeWords(Format::wordsOf(&journal), words, count);
   journal.seq.store(journalSeq + 2, std::memory_order_release);
 
   slot->seq.store(seq + 1, std::memory_order_release);
-  if (most) {
-    shape_.eachValueWord([&](std::size_t i) { words[i].store(wordAt(value, i), std::memory_order_release); });
-  } else {
-    for (std::size_t i = first; i < end; ++i) {
-      words[i].store(wordAt(value, i), std::memory_order_release);
-    }
-  }
+  storeWords(words, value + 8 * first, count);
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
 /// Gives a slot that is not linked to another key.
 template <class Shape>
 void Table<Shape>::fill(Format::Slot* slot, const std::byte* key, const std::byte* value) {
-  Format::Word* words = Format::wordsOf(slot);
   const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
   slot->seq.store(seq + 1, std::memory_order_release);
-  shape_.eachKeyWord([&](std::size_t i) { words[i].store(wordAt(key, i), std::memory_order_release); });
-  words += shape_.keyWords();
-  shape_.eachValueWord([&](std::size_t i) { words[i].store(wordAt(value, i), std::memory_order_release); });
+  storeWords(Format::wordsOf(slot), key, shape_.keyWords());
+  storeWords(Format::wordsOf(slot) + shape_.keyWords(), value, shape_.valueWords());
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
 /// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
 template <class Shape>
 void Table<Shape>::note(const std::byte* key) {
-  Format::Word* entry = ring_ + (changes_ & ringMask_) * shape_.keyWords();
-  shape_.eachKeyWord([&](std::size_t i) { entry[i].store(wordAt(key, i), std::memory_order_release); });
+  storeWords(ring_ + (changes_ & ringMask_) * shape_.keyWords(), key, shape_.keyWords());
   changes_ += 1;
   segment_.state().changes.store(changes_, std::memory_order_release);
 }
@@ -350,10 +336,12 @@ const Format::Slot* Table<Shape>::nextFrom(const Format::Half* link) const {
     }
     if ((to & Format::kBucketBit) != 0) {
       link = &segment_.heads()[to & ~Format::kBucketBit];
-    } else if (born(to)) {
-      return index_.slot(to);
     } else {
-      link = &index_.slot(to)->next;
+      const Format::Slot* slot = index_.slot(to);
+      if (Life(slot->life.load(std::memory_order_relaxed)).state() == Life::Born) {
+        return slot;
+      }
+      link = &slot->next;
     }
   }
 }

@@ -65,11 +65,6 @@ class View {
     }
     return &segment_->heads()[bucket];
   }
-  void load(const Format::Word* from, std::size_t words, std::uint64_t* to) const {
-    for (std::size_t i = 0; i < words; ++i) {
-      to[i] = from[i].load(std::memory_order_acquire);
-    }
-  }
   std::uint32_t bucketOf(std::uint64_t hash) const {
     const std::uint32_t buckets = segment_->state().buckets.load(std::memory_order_acquire);
     return Format::bucketOf(hash, buckets, Format::maskOf(buckets));
@@ -176,9 +171,8 @@ bool View<Shape>::copy(const Format::Slot* slot, std::uint32_t number, std::uint
       return false;
     }
     const Format::Word* words = Format::wordsOf(slot);
-    shape_.eachKeyWord([&](std::size_t i) { key[i] = words[i].load(std::memory_order_acquire); });
-    words += shape_.keyWords();
-    shape_.eachValueWord([&](std::size_t i) { value[i] = words[i].load(std::memory_order_acquire); });
+    loadWords(key, words, shape_.keyWords());
+    loadWords(value, words + shape_.keyWords(), shape_.valueWords());
     if ((seq % 2 == 0 || restoreOld(number, seq, value)) &&
         slot->seq.load(std::memory_order_relaxed) == seq) {
       return true;
@@ -201,7 +195,7 @@ bool View<Shape>::restoreOld(std::uint32_t number, std::uint32_t seq, std::uint6
       journal.slotSeq.load(std::memory_order_acquire) != seq || first + words > shape_.valueWords()) {
     return false;
   }
-  load(Format::wordsOf(&journal), words, value + first);
+  loadWords(value + first, Format::wordsOf(&journal), words);
   return journal.seq.load(std::memory_order_relaxed) == before;
 }
 
@@ -226,7 +220,7 @@ bool View<Shape>::changes(std::uint64_t from, std::uint64_t to, std::uint64_t* k
                           const Visit& visit) const {
   const std::uint64_t entries = segment_->description().ringEntries;
   for (std::uint64_t change = from; change < to; ++change) {
-    load(segment_->ring() + (change & (entries - 1)) * shape_.keyWords(), shape_.keyWords(), key);
+    loadWords(key, segment_->ring() + (change & (entries - 1)) * shape_.keyWords(), shape_.keyWords());
     // The entry that the writer is about to write is not to be trusted either: it is counted after it is
     // written.
     if (segment_->state().changes.load(std::memory_order_acquire) >= change + entries) {

@@ -1,5 +1,6 @@
 // What an operator asks for: the rows behind a MAC, and what was made of them.
 #include <algorithm>
+#include <ranges>
 
 #include "agent/ovsdb/Mapper.h"
 
@@ -111,10 +112,10 @@ json Mapper::explainFlood(Slot slot, Mac mac) const {
     return nullptr;
   }
   json out{{"replicationMode", row.mode.empty() ? "service_node" : row.mode}, {"rows", json::array()}};
-  for (auto uuid = flood->second.rows.rbegin(); uuid != flood->second.rows.rend(); ++uuid) {
-    const RowStore::Mcast& mcast = rows_.mcasts.at(*uuid);
+  for (const Uuid& uuid : std::ranges::reverse_view(flood->second.rows)) {
+    const RowStore::Mcast& mcast = rows_.mcasts.at(uuid);
     out["rows"].push_back(
-        {{"row", uuid->text()},
+        {{"row", uuid.text()},
          {"locatorSet", mcast.set.text()},
          {"decision",
           mcast.problem == ProblemKind::none ? std::string{"counts"} : std::string{nameOf(mcast.problem)}}});

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <compare>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -22,7 +21,10 @@ struct Uuid {
   std::string text() const;
 
   bool nil() const { return high == 0 && low == 0; }
-  friend auto operator<=>(const Uuid&, const Uuid&) = default;
+  friend bool operator==(const Uuid&, const Uuid&) = default;
+  friend bool operator<(const Uuid& one, const Uuid& other) {
+    return one.high != other.high ? one.high < other.high : one.low < other.low;
+  }
 };
 
 }  // namespace Agent::Ovsdb

@@ -36,7 +36,7 @@ class Process {
 
   // SIGKILL, and waits for the end.
   void kill();
-  bool running() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
   // Waits for the end; the exit code, or -1 after a signal.
   int wait();
 

@@ -8,8 +8,7 @@
 #include <functional>
 #include <memory>
 
-#include "LiveServer.h"
-#include "agent/ovsdb/Adapter.h"
+#include "Live.h"
 
 namespace Agent::Ovsdb::Testing {
 
@@ -17,91 +16,6 @@ namespace {
 
 using nlohmann::json;
 using testing::HasSubstr;
-
-// Whether a patch withdraws anything of the controller's tables.
-bool hasNull(const json& value) {
-  return value.is_null() || (value.is_object() && std::any_of(value.begin(), value.end(), hasNull));
-}
-bool withdraws(const json& patch) {
-  return hasNull(patch.value("/controller/fdb"_json_pointer, json::object()));
-}
-
-// The agent's side: a loop with an adapter whose patches make a document.
-class LiveTest : public testing::Test {
- protected:
-  void agentStarts(const std::string& remotes) {
-    Adapter::Options options;
-    options.session.remotes = Remote::parseList(remotes);
-    options.session.mostBackoff = 0.2;
-    options.mapper.topology.switchName = "leaf1";
-    options.mapper.convergence.quiet = 0.3;
-    options.tls = tls;
-    adapter = std::make_unique<Adapter>(
-        loop, options, [this] { takePatches(); }, [this](const std::string& line) { log.push_back(line); });
-  }
-
-  void takePatches() {
-    while (std::optional<json> patch = adapter->next(1000)) {
-      withdrawn |= withdraws(*patch);
-      document.merge_patch(*patch);
-    }
-  }
-
-  // Lets the loop turn until it is so; false after a minute.
-  bool becomes(const std::function<bool()>& so) {
-    const auto deadline = EventLoop::Clock::now() + std::chrono::minutes(1);
-    while (!so() && EventLoop::Clock::now() < deadline) {
-      loop.runOnce(std::chrono::milliseconds(20));
-    }
-    return so();
-  }
-  bool logs(const std::string& text) {
-    return becomes([&] {
-      return std::any_of(log.begin(), log.end(),
-                         [&](const std::string& line) { return line.find(text) != std::string::npos; });
-    });
-  }
-  std::size_t hosts(int vni) const {
-    const json::json_pointer place("/controller/fdb/" + std::to_string(vni) + "/macVtepTable");
-    return document.contains(place) ? document.at(place).size() : 0;
-  }
-  bool converging() const {
-    return document.value("/controller/state/ovsdb/convergenceInProgress"_json_pointer, false);
-  }
-
-  TemporaryFolder folder;
-  TlsOptions tls;
-  EventLoop loop;
-  std::unique_ptr<Adapter> adapter;
-  json document = json::object();
-  std::vector<std::string> log;
-  bool withdrawn = false;
-};
-
-// With database servers.
-class LiveServerTest : public LiveTest {
- protected:
-  void SetUp() override {
-    if (const std::string reason = reasonToSkip(); !reason.empty()) {
-      GTEST_SKIP() << reason;
-    }
-  }
-
-  void create(const std::string& name) {
-    run({programPath("ovsdb-tool"), "create", folder / (name + ".db"),
-         "/usr/share/openvswitch/vtep.ovsschema"},
-        folder / "tool.log");
-  }
-  Process serve(const std::string& name, const std::vector<std::string>& more = {}) {
-    std::vector<std::string> command{programPath("ovsdb-server"), "--no-chdir", "-vconsole:warn",
-                                     "--unixctl=" + folder / (name + ".ctl"),
-                                     "--remote=punix:" + folder / (name + ".sock")};
-    command.insert(command.end(), more.begin(), more.end());
-    command.push_back(folder / (name + ".db"));
-    return {command, folder / (name + ".log")};
-  }
-  std::string socket(const std::string& name) const { return folder / (name + ".sock"); }
-};
 
 // Something that listens at a unix socket and is no database server.
 class Impostor {
@@ -264,7 +178,7 @@ TEST_F(LiveServerTest, aDatabaseWithAnotherSchemaIsRefusedWithAClearMessage) {
   if (access(schema.c_str(), R_OK) != 0) {
     GTEST_SKIP() << "no second schema is installed";
   }
-  run({programPath("ovsdb-tool"), "create", folder / "other.db", schema}, folder / "tool.log");
+  create("other", schema);
   const Process server = serve("other");
   ASSERT_TRUE(becomes([&] { return access(socket("other").c_str(), F_OK) == 0; }));
   agentStarts("unix:" + socket("other"));

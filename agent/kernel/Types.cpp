@@ -48,9 +48,8 @@ std::optional<Mac> Mac::parse(std::string_view text) {
   return mac;
 }
 
-void failRequirement(const char* what, const std::source_location& where) {
-  (void)std::fprintf(stderr, "%s:%u: %s: the requirement \"%s\" does not hold\n", where.file_name(),
-                     where.line(), where.function_name(), what);
+void failRequirement(const char* what, const char* file, int line) {
+  (void)std::fprintf(stderr, "%s:%d: the requirement \"%s\" does not hold\n", file, line, what);
   std::abort();
 }
 

@@ -5,7 +5,6 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
-#include <source_location>
 #include <string>
 #include <string_view>
 
@@ -51,13 +50,13 @@ struct Mac {
 
 /// Ends the process with a message when what only this code itself can cause has come about. Works alike in
 /// every build type.
-inline void require(bool holds, const char* what,
-                    std::source_location where = std::source_location::current());
+inline void require(bool holds, const char* what, const char* file = __builtin_FILE(),
+                    int line = __builtin_LINE());
 
-[[noreturn]] void failRequirement(const char* what, const std::source_location& where);
+[[noreturn]] void failRequirement(const char* what, const char* file, int line);
 
-inline void require(bool holds, const char* what, std::source_location where) {
-  if (!holds) failRequirement(what, where);
+inline void require(bool holds, const char* what, const char* file, int line) {
+  if (!holds) failRequirement(what, file, line);
 }
 
 }  // namespace Agent::Kernel

@@ -102,6 +102,12 @@ class PacketTest : public ::testing::Test {
     underlay_ = std::make_unique<Namespace>();
     underlay_->run("ip link add wire type bridge && ip link set wire up mtu 1600");
     for (int number = 1; number <= 3; ++number) makeLeaf(number);
+    // A port forwards once the kernel has noticed, in its own time, that its device has a carrier.
+    for (int number = 1; number <= 3; ++number) {
+      awaitForwarding(*underlay_, "leaf" + std::to_string(number));
+      awaitForwarding(leaf(number).space, "t0");
+      awaitForwarding(leaf(number).space, "vx5010");
+    }
     // The first host knows the moving one, so that no address resolution comes in between.
     leaf(1).host.run(std::string("ip neigh add ") + kMovingIp + " lladdr " + kMoving +
                      " dev eth0 nud permanent");
@@ -141,6 +147,12 @@ class PacketTest : public ::testing::Test {
   std::vector<std::unique_ptr<Leaf>> leaves_;
 
  private:
+  static void awaitForwarding(const Namespace& space, const std::string& port) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (space.run("bridge link show dev " + port).find("state forwarding") == std::string::npos) {
+      ASSERT_LT(std::chrono::steady_clock::now(), end) << port << " does not forward";
+    }
+  }
   void makeLeaf(int number) {
     leaves_.push_back(std::make_unique<Leaf>(number));
     Leaf& leaf = *leaves_.back();

@@ -5,6 +5,6 @@ namespace Agent::Defaults {
 
 inline constexpr const char* socketPath = "/run/vxlan-agent/control.sock";
 inline constexpr const char* hostTable = "/vxlan-agent.hosts";  // in shared memory
-inline constexpr const char* traceFile = "/var/lib/vxlan-agent/vxlan-agent.trace";
+inline constexpr const char* traceFile = "/var/lib/vxlan-agent/UbeVxlanControllerSm.rl";
 
 }  // namespace Agent::Defaults

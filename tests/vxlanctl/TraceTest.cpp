@@ -49,6 +49,20 @@ TEST_F(TraceTest, FiltersByLevelTextAndNumber) {
   EXPECT_EQ(out, "");
 }
 
+TEST_F(TraceTest, IsThatOfTheAgentUnlessAFileIsNamed) {
+  agent.document = {{"agent", {{"trace", recorded()}}}};
+  startAgent();
+  EXPECT_EQ(run({"trace", "--grep", "convergence"}), 0) << err;
+  EXPECT_EQ(messages(), "6  convergence begins\n");
+}
+
+TEST_F(TraceTest, IsThatOfTheEnvironmentIfThatNamesOne) {
+  setenv("VXLANCTL_TRACE", (folder + "/none").c_str(), 1);
+  EXPECT_EQ(run({"trace"}), 2);
+  unsetenv("VXLANCTL_TRACE");
+  EXPECT_THAT(err, HasSubstr(folder + "/none"));
+}
+
 TEST_F(TraceTest, WhatIsNoTraceIsRefused) {
   EXPECT_EQ(run({"trace", "--file", folder + "/none"}), 2);
   EXPECT_THAT(err, HasSubstr("vxlanctl: " + folder + "/none"));

@@ -147,9 +147,10 @@ void addActions(CLI::App& app, Request& request) {
 
   CLI::App* trace =
       app.add_subcommand("trace", "Print the agent's flight recorder, also after it was killed");
-  trace->add_option("--file", request.file, "The recorder's file")
-      ->envname("VXLANCTL_TRACE")
-      ->default_val(Agent::Defaults::traceFile);
+  trace
+      ->add_option("--file", request.file,
+                   "The recorder's file; else the one that the agent says, or its usual one")
+      ->envname("VXLANCTL_TRACE");
   trace->add_option("--level", request.levels, "Only these levels: 8, or 0-3,8");
   trace->add_option("--grep", request.grep, "Only messages that contain this text");
   trace->add_option("--last", request.last, "Only the last so many of them");

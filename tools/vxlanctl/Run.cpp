@@ -12,6 +12,7 @@
 #include "Memtab/Error.h"
 #include "RingLog/Reader.h"
 #include "agent/control/Client.h"
+#include "agent/control/Defaults.h"
 #include "tools/vxlanctl/Completion.h"
 #include "tools/vxlanctl/Explain.h"
 #include "tools/vxlanctl/HostTable.h"
@@ -174,8 +175,27 @@ ExitCode flush(const Request& request, const Streams& streams) {
   return done;
 }
 
+// Where the agent says that it keeps its flight recorder; where it usually does if it is not there to be
+// asked.
+std::string traceFileOf(const Request& request) {
+  try {
+    Client client(request.socket);
+    const json file = partOf(client, "/agent/trace");
+    if (file.is_string() && !file.get_ref<const std::string&>().empty()) {
+      return file.get<std::string>();
+    }
+  } catch (const Unreachable&) {
+    return Agent::Defaults::traceFile;
+  }
+  return Agent::Defaults::traceFile;
+}
+
 ExitCode trace(const Request& request, const Streams& streams) {
-  return printTrace(request, streams.out) == 0 ? negative : done;
+  Request found = request;
+  if (found.file.empty()) {
+    found.file = traceFileOf(request);
+  }
+  return printTrace(found, streams.out) == 0 ? negative : done;
 }
 
 ExitCode carryOut(const CLI::App& app, Request& request, const Streams& streams) {

@@ -189,6 +189,19 @@ void VxlanControllerClientSm::handleVlanVniMapVti(Qnet::IntfId vti) {
   }
 }
 
+// The maps as a whole changed: trackers whose VTI has none go, then each VTI that has one gets its own.
+void VxlanControllerClientSm::handleVlanVniMapVti() {
+  VCC_TRACE(traceOrdinary);
+  for (const Qnet::IntfId& vti : vlanVniMapSm().keys()) {
+    if (!vlanVniMaps_ || !vlanVniMaps_->vlanVniMap(vti)) {
+      handleVlanVniMapVti(vti);
+    }
+  }
+  for (const Qnet::IntfId& vti : std::vector<Qnet::IntfId>(getVtiIterator())) {
+    handleVlanVniMapVti(vti);
+  }
+}
+
 void VxlanControllerClientSm::createVlanVniMapSm(Qnet::IntfId vti) {
   VCC_TRACE(traceOrdinary, " vti ", vti);
   const Kel::Ptr<const VlanVniMap> map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap(vti) : nullptr;
@@ -241,10 +254,12 @@ void VxlanControllerClientSm::rmxStateBaseDirDel() {
   rmxStateBaseDir_.del();
 }
 void VxlanControllerClientSm::vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps) {
+  vtis_.clear();  // other maps may come to lie where the old ones lay
+  vtisOf_ = nullptr;
   vlanVniMaps_.is(maps);
 }
 void VxlanControllerClientSm::vlanVniMapsDel() {
-  vlanVniMaps_.del();
+  vlanVniMapsIs(nullptr);
 }
 
 // The machines of the VNIs.

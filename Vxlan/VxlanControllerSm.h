@@ -984,8 +984,9 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   // One entry of the controller's state directory, or all: the echo of its convergence flag.
   void handleRmxStateBaseDir(Kel::Name name);
   void handleRmxStateBaseDir();
-  // A VTI's VLAN-VNI map came or went.
+  // A VTI's VLAN-VNI map came or went, or those of all VTIs did.
   void handleVlanVniMapVti(Qnet::IntfId vti);
+  void handleVlanVniMapVti();
 
   void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir);
   void rmxStateBaseDirDel();
@@ -1027,6 +1028,7 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
    public:
     using Reacts::Reacts;
     void onVlanVniMap(Qnet::IntfId vti) override { owner().handleVlanVniMapVti(vti); }
+    void onVlanVniMapkelImmediate() override { owner().handleVlanVniMapVti(); }
   };
 
   void deleteRemoteMacsOfMappedVlans();

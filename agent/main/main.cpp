@@ -2,22 +2,32 @@
 #include <CLI/CLI.hpp>
 #include <exception>
 #include <iostream>
+#include <string>
+#include <vector>
 
+#include "agent/daemon/RunOptions.h"
 #include "agent/replay/ReplayCommand.h"
 
 int main(int argc, char** argv) {
-  CLI::App app(
-      "A switch's VXLAN agent: takes what a VXLAN controller publishes, and turns it into forwarding state");
-  app.require_subcommand(1);
-  int exitCode = 0;
-  Agent::addReplayCommand(app, exitCode);
   try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? 0 : 2;
+    CLI::App app(
+        "A switch's VXLAN agent: takes what a VXLAN controller publishes, and turns it into forwarding "
+        "state");
+    app.require_subcommand(1);
+    app.set_config("--config", "", "Read options of run from this file");
+    int exitCode = 0;
+    Agent::addReplayCommand(app, exitCode);
+    Agent::RunOptions options;
+    const std::vector<std::string> arguments(argv + 1, argv + argc);
+    Agent::addRunCommand(app, options)->callback([&] { exitCode = Agent::runDaemon(options, arguments); });
+    try {
+      app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+      return app.exit(error) == 0 ? 0 : 2;
+    }
+    return exitCode;
   } catch (const std::exception& error) {
     std::cerr << "vxlan-agent: " << error.what() << '\n';
     return 2;
   }
-  return exitCode;
 }

@@ -1,0 +1,164 @@
+#include "agent/daemon/AgentService.h"
+
+#include "agent/state/JsonChecks.h"
+
+namespace Agent {
+namespace {
+
+using Control::RequestError;
+using nlohmann::json;
+
+// The name of the first member that a pointer leads to, and the rest of it.
+std::pair<std::string, std::string> split(const std::string& pointer) {
+  const std::size_t slash = pointer.find('/', 1);
+  return slash == std::string::npos ? std::pair(pointer.substr(1), std::string())
+                                    : std::pair(pointer.substr(1, slash - 1), pointer.substr(slash));
+}
+
+// The part of a document that a pointer leads to; null where it leads nowhere.
+json partOf(const json& document, const std::string& pointer) {
+  const json::json_pointer at(pointer);
+  return document.contains(at) ? document.at(at) : json();
+}
+
+}  // namespace
+
+AgentService::AgentService(World& world, const std::string& hostTable, Hooks hooks)
+    : world_(world), output_(world, hostTable), hooks_(std::move(hooks)) {}
+
+std::optional<Control::Refusal> AgentService::patch(const json& patch, std::string_view who) {
+  if (auto refusal = ownership_.check(patch, who)) {
+    return refusal;
+  }
+  try {
+    hooks_.carryOut(patch);
+  } catch (const Refused& refused) {
+    return Control::Refusal{refused.pointer(), refused.what()};
+  }
+  changed();
+  return std::nullopt;
+}
+
+json AgentService::get(const std::string& pointer) {
+  if (pointer.empty()) {
+    return {{"input", inputDocument(world_)}, {"output", output_.whole()}, {"agent", agentSection()}};
+  }
+  const auto [part, rest] = split(pointer);
+  json value;
+  if (part == "input") {
+    // Only the section that is asked for is printed.
+    const std::string section = rest.empty() ? "" : split(rest).first;
+    value = rest.empty() ? inputDocument(world_) : partOf({{section, inputSection(world_, section)}}, rest);
+  } else if (part == "output") {
+    value = output_.at(rest);
+  } else if (part == "agent") {
+    value = partOf({{"agent", agentSection()}}, pointer);
+  }
+  if (value.is_null()) {
+    throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");
+  }
+  return value;
+}
+
+json AgentService::call(const std::string& method, const json& params) {
+  if (method == "explain") {
+    return explain(params);
+  }
+  if (method == "problems") {
+    return hooks_.problems();
+  }
+  if (method == "flush") {
+    return flush();
+  }
+  throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + "\"");
+}
+
+json AgentService::agentSection() {
+  json section = hooks_.agentSection();
+  section["vnis"] = vnis();
+  if (database_ != nullptr) {
+    section["ovsdb"] = database_->status().json();
+  }
+  if (kernel_ != nullptr) {
+    const json status = kernel_->status();
+    section["kernel"] = status.value("kinds", json::object());
+    section["kernelStatus"] = status;
+  }
+  return section;
+}
+
+json AgentService::vnis() const {
+  json all = json::object();
+  for (auto&& entry : *world_.fdb) {
+    const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entry.value);
+    json& vni = all[entry.key.text()];
+    vni["state"] = status ? "instantiated" : "announced";
+    vni["hosts"] = status ? status->macVtepTable().size() : 0;
+    vni["floodLists"] = status ? status->macVtepFloodListTable().size() : 0;
+    vni["multiPaths"] = status ? status->macVtepMultiPathTable().size() : 0;
+  }
+  return all;
+}
+
+json AgentService::explain(const json& params) {
+  try {
+    const Place root;
+    objectAt(root, params);
+    const Place macPlace(root, "mac");
+    const auto mac = Qnet::EthAddr::parse(params.value("mac", std::string()));
+    if (!mac) {
+      macPlace.refuse("a MAC address such as 02:00:00:00:00:01 was expected");
+    }
+    std::vector<Bridging::VlanId> vlans = vlansKnowing(world_, *mac);
+    if (params.contains("vlan")) {
+      const Place at(root, "vlan");
+      const std::uint32_t vlan = integerAt(at, params.at("vlan"), Bridging::VlanId::max);
+      if (vlan == 0) {
+        at.refuse("VLAN out of range 1 to 4094");
+      }
+      vlans = {Bridging::VlanId(vlan)};
+    } else if (params.contains("vni")) {
+      const Vxlan::VniExt vni = vniAt(Place(root, "vni"), params.at("vni"));
+      vlans.clear();
+      for (auto&& map : world_.vlanVniMaps->vlanVniMap()) {
+        if (const Bridging::VlanIdOrNone vlan = map.value->vniToVlan(vni)) {
+          vlans.emplace_back(vlan);
+        }
+      }
+    }
+    if (vlans.empty()) {
+      throw RequestError(RequestError::Kind::notFound, "",
+                         "nothing is known of " + mac->text() + " in any VLAN of this switch");
+    }
+    return explainHost(world_, *mac, vlans.front(), database_, kernel_);
+  } catch (const Refused& refused) {
+    throw RequestError(RequestError::Kind::refused, refused.pointer(), refused.what());
+  } catch (const json::exception& error) {
+    throw RequestError(RequestError::Kind::refused, "", error.what());
+  }
+}
+
+// Removes all forwarding state, and then lets what the inputs still publish come back.
+json AgentService::flush() {
+  std::size_t floodSets = 0;
+  const std::size_t hosts = world_.hosts->hosts();
+  Kel::ActivityLoop::instance().asHandler([&] {
+    for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
+      floodSets += vlan.value->floodSets();
+    }
+    const bool live = static_cast<bool>(world_.client);
+    world_.clientDel();
+    for (auto host = world_.hosts->firstHost(); host; host = world_.hosts->nextHost(host->key)) {
+      world_.hosts->hostDel(host->key);
+    }
+    world_.floodSets->vlanFloodSetDelAll();
+    world_.hwStatus->bumStatus()->bumVtepListDelAll();
+    if (live) {
+      hooks_.rebuildClient();
+    }
+  });
+  changed();
+  return {{"hosts", hosts}, {"floodSets", floodSets}};
+}
+
+}  // namespace Agent

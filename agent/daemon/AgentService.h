@@ -1,0 +1,74 @@
+// What the agent offers at its control socket.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "agent/control/Ownership.h"
+#include "agent/control/Service.h"
+#include "agent/kernel/Adapter.h"
+#include "agent/ovsdb/Adapter.h"
+#include "agent/state/InputPatch.h"
+#include "agent/state/OutputDocument.h"
+#include "agent/state/World.h"
+
+namespace Agent {
+
+// The document {"input", "output", "agent"} over a world, patches on its inputs, and the named methods.
+// Adapters are shown where there are any.
+class AgentService final : public Control::Service {
+ public:
+  // How the daemon carries a patch out and what it knows beside the world.
+  struct Hooks {
+    std::function<void(const nlohmann::json& patch)> carryOut;  // raises Refused
+    std::function<nlohmann::json()> agentSection;               // what is the daemon's own in "agent"
+    std::function<nlohmann::json()> problems;                   // an array of kind, where, text
+    std::function<void()> rebuildClient;
+  };
+
+  AgentService(World& world, const std::string& hostTable, Hooks hooks);
+
+  // The adapters, null where there is none; they outlive the service or are taken back.
+  void databaseIs(const Ovsdb::Adapter* database) { database_ = database; }
+  void kernelIs(Kernel::Adapter* kernel) { kernel_ = kernel; }
+  Control::Ownership& ownership() { return ownership_; }
+
+  std::optional<Control::Refusal> patch(const nlohmann::json& patch, std::string_view who) override;
+  nlohmann::json get(const std::string& pointer) override;
+  nlohmann::json call(const std::string& method, const nlohmann::json& params) override;
+  bool callChanges(const std::string& method) const override { return method == "flush"; }
+  void onChange(std::function<void()> listener) override { listener_ = std::move(listener); }
+
+  // Tells the listener that the document may have changed.
+  void changed() const {
+    if (listener_) {
+      listener_();
+    }
+  }
+
+ private:
+  nlohmann::json agentSection();
+  nlohmann::json vnis() const;
+  nlohmann::json explain(const nlohmann::json& params);
+  nlohmann::json flush();
+
+  World& world_;
+  OutputDocument output_;
+  Hooks hooks_;
+  Control::Ownership ownership_;
+  const Ovsdb::Adapter* database_ = nullptr;
+  Kernel::Adapter* kernel_ = nullptr;
+  std::function<void()> listener_;
+};
+
+// Follows one MAC in one VLAN from the controller to the layer-2 RIB and, with a kernel adapter, to the
+// kernel: the answer to the method "explain", {mac, vlan, vni, steps, verdict, published}.
+nlohmann::json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId vlan,
+                           const Ovsdb::Adapter* database, Kernel::Adapter* kernel);
+// The VLANs in which something is known of the MAC, ascending.
+std::vector<Bridging::VlanId> vlansKnowing(const World& world, const Qnet::EthAddr& mac);
+
+}  // namespace Agent

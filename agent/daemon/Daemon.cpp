@@ -1,0 +1,451 @@
+#include "agent/daemon/Daemon.h"
+
+#include <grp.h>
+#include <sys/epoll.h>
+#include <systemd/sd-daemon.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <charconv>
+#include <csignal>
+#include <iostream>
+#include <limits>
+
+#include "Kel/Activity.h"
+#include "Kel/System.h"
+#include "Vxlan/framework/Trace.h"
+#include "agent/state/JsonChecks.h"
+
+namespace Agent {
+namespace {
+
+using nlohmann::json;
+
+constexpr std::size_t hostsPerPatch = 128;
+constexpr std::size_t mostProblems = 200;
+constexpr std::chrono::milliseconds kernelSlice{4};
+
+void log(const std::string& text) {
+  std::cerr << "vxlan-agent: " << text << '\n';
+}
+
+L2Rib::HostInput::Options hostTable(const RunOptions& options) {
+  L2Rib::HostInput::Options hosts;
+  hosts.name = options.table;
+  hosts.limit = options.tableLimit;
+  return hosts;
+}
+
+// "4000-4094"
+std::pair<std::uint16_t, std::uint16_t> vlanRange(const std::string& text) {
+  const std::size_t dash = text.find('-');
+  const auto first = Bridging::VlanId::parse(text.substr(0, dash));
+  const auto last = dash == std::string::npos ? first : Bridging::VlanId::parse(text.substr(dash + 1));
+  if (!first || !last || *last < *first) {
+    throw std::invalid_argument("--untagged-vlans: \"" + text +
+                                "\" is not a range of VLANs such as 4000-4094");
+  }
+  return {first->value(), last->value()};
+}
+
+// "10:eth1"
+KernelFollower::Ports portsOf(const std::vector<std::string>& texts) {
+  KernelFollower::Ports ports;
+  for (const std::string& text : texts) {
+    const std::size_t colon = text.find(':');
+    const auto vlan = Bridging::VlanId::parse(text.substr(0, colon));
+    if (!vlan || colon == std::string::npos || colon + 1 == text.size()) {
+      throw std::invalid_argument("--port: \"" + text + "\" is not VLAN:INTERFACE");
+    }
+    ports[vlan->value()].push_back(text.substr(colon + 1));
+  }
+  return ports;
+}
+
+std::optional<gid_t> groupOf(const std::string& name) {
+  if (name.empty()) {
+    return std::nullopt;
+  }
+  const group* found = ::getgrnam(name.c_str());
+  if (found == nullptr) {
+    throw std::invalid_argument("--socket-group: there is no group \"" + name + "\"");
+  }
+  return found->gr_gid;
+}
+
+}  // namespace
+
+class Daemon::Activity final : public EventLoop::Embedded {
+ public:
+  explicit Activity(Daemon& daemon) : daemon_(daemon) {}
+  bool turn() override {
+    daemon_.guarded("a turn", [] { Kel::ActivityLoop::instance().turn(); });
+    return !Kel::ActivityLoop::instance().idle();
+  }
+  double nextWakeup() override {
+    const Kel::ActivityLoop& loop = Kel::ActivityLoop::instance();
+    return loop.pending() != 0 ? 0 : loop.nextWakeup() - Kel::System::loopTime();
+  }
+
+ private:
+  Daemon& daemon_;
+};
+
+Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
+    : options_(options),
+      arguments_(std::move(arguments)),
+      world_(hostTable(options)),
+      adopted_(world_.hosts->hosts() != 0),
+      activity_(std::make_unique<Activity>(*this)),
+      recorder_(options.record, Kel::System::loopTime()),
+      started_(Kel::System::loopTime()) {
+  loop_.onSignal(SIGTERM, [this] { loop_.stop(); });
+  loop_.onSignal(SIGINT, [this] { loop_.stop(); });
+  loop_.onSignal(SIGHUP, [this] { readConfigurationAgain(); });
+  loop_.embed(*activity_);
+  openControl();
+  openKernel();
+  openDatabase();
+  if (!options_.metrics.empty()) {
+    metrics_ = std::make_unique<MetricsEndpoint>(options_.metrics);
+  }
+  if (adopted_ && database_ != nullptr) {
+    log("the host table has " + std::to_string(world_.hosts->hosts()) +
+        " hosts of an earlier run; they stay until the controller's state is in");
+  } else {
+    world_.clientIs();
+  }
+  loop_.addTurnHook([this] {
+    settleStart();
+    const std::uint64_t delivered = Kel::ActivityLoop::instance().delivered();
+    if (delivered != toldOf_) {
+      toldOf_ = delivered;
+      service_->changed();
+      if (kernel_ != nullptr) {
+        runKernel();
+      }
+    }
+  });
+  everySecond();
+}
+
+Daemon::~Daemon() {
+  database_ = nullptr;
+  server_ = nullptr;
+  follower_ = nullptr;
+  loop_.unembed(*activity_);
+  world_.clientDel();
+}
+
+void Daemon::run() {
+  ::sd_notify(0, "READY=1");
+  log("ready");
+  loop_.run();
+  ::sd_notify(0, "STOPPING=1");
+  log("ends; the forwarding state stays");
+}
+
+void Daemon::openControl() {
+  AgentService::Hooks hooks;
+  hooks.carryOut = [this](const json& patch) { carryOut(patch); };
+  hooks.agentSection = [this] { return agentSection(); };
+  hooks.problems = [this] { return problems(); };
+  hooks.rebuildClient = [this] { world_.clientIs(); };
+  service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));
+  Control::ServerOptions server;
+  server.path = options_.socket;
+  server.access.owner = ::geteuid();
+  server.access.group = groupOf(options_.socketGroup);
+  server.access.othersRead = options_.socketReadAll;
+  server.log = [](std::string_view text) { log(std::string(text)); };
+  server_ = std::make_unique<Control::Server>(loop_, *service_, std::move(server));
+}
+
+void Daemon::openKernel() {
+  if (!options_.kernel) {
+    return;
+  }
+  kernel_ = std::make_unique<Kernel::Adapter>(Kernel::Options{});
+  follower_ = std::make_unique<KernelFollower>(world_, *kernel_, portsOf(options_.ports));
+  service_->kernelIs(kernel_.get());
+  for (const int fd : kernel_->fds()) {
+    loop_.watch(fd, EPOLLIN, [this, fd](std::uint32_t) {
+      kernel_->onReadable(fd);
+      runKernel();
+    });
+  }
+  runKernel();
+}
+
+// Lets the kernel adapter work, in slices, until it has nothing to do at once.
+void Daemon::runKernel() {
+  if (kernelWork_ == EventLoop::WorkId::none) {
+    kernelWork_ = loop_.addWork([this] {
+      const bool more = kernel_->run(kernelSlice);
+      if (!more) {
+        kernelWork_ = EventLoop::WorkId::none;
+        armKernel();
+      }
+      return more;
+    });
+  }
+}
+
+void Daemon::armKernel() {
+  loop_.cancel(kernelTimer_);
+  const Kernel::Time next = kernel_->nextWakeup();
+  if (next != Kernel::Time::max()) {
+    kernelTimer_ = loop_.after(next - Kernel::Adapter::now(), [this] { runKernel(); });
+  }
+}
+
+void Daemon::openDatabase() {
+  if (options_.ovsdb.empty()) {
+    return;
+  }
+  if (options_.switchName.empty()) {
+    throw std::invalid_argument("--ovsdb needs --switch, the name of this switch in the database");
+  }
+  Ovsdb::Adapter::Options adapter;
+  for (const std::string& remote : options_.ovsdb) {
+    adapter.session.remotes.push_back(Ovsdb::Remote::parse(remote));
+  }
+  adapter.mapper.topology.switchName = options_.switchName;
+  std::tie(adapter.mapper.topology.untaggedFirst, adapter.mapper.topology.untaggedLast) =
+      vlanRange(options_.untaggedVlans);
+  adapter.mapper.vti = options_.vti;
+  adapter.mapper.convergence = {options_.convergeQuiet, options_.convergeMax};
+  adapter.tls = {options_.ovsdbKey, options_.ovsdbCert, options_.ovsdbCa};
+  database_ = std::make_unique<Ovsdb::Adapter>(
+      loop_, adapter,
+      [this] {
+        if (databaseWork_ == EventLoop::WorkId::none) {
+          databaseWork_ = loop_.addWork([this] { return takeFromDatabase(); });
+        }
+      },
+      [](const std::string& text) { log(text); });
+  for (const std::string& pointer : database_->ownedPointers()) {
+    service_->ownership().claim(pointer, "ovsdb");
+  }
+  service_->databaseIs(database_.get());
+}
+
+// One slice of what the database publishes. Returns whether more is left.
+bool Daemon::takeFromDatabase() {
+  while (loop_.budgetLeft()) {
+    if (!patch_ && !nextDatabasePatch()) {
+      databaseWork_ = EventLoop::WorkId::none;
+      return false;
+    }
+    guarded("a change of the database", [this] {
+      if (patch_ && !patch_->step()) {
+        patch_.reset();
+        recorder_.patch(patchText_, Kel::System::loopTime());
+      }
+    });
+  }
+  return true;
+}
+
+bool Daemon::nextDatabasePatch() {
+  std::optional<json> next = database_->next(hostsPerPatch);
+  if (!next) {
+    return false;
+  }
+  patchText_ = std::move(*next);
+  try {
+    patch_.emplace(world_, patchText_);
+  } catch (const Refused& refused) {
+    noteProblem("refused", refused.pointer(), refused.what());
+  }
+  return true;
+}
+
+// A patch of the database that is half done is finished before another one is checked.
+void Daemon::finishPatch() {
+  while (patch_) {
+    guarded("a change of the database", [this] {
+      if (!patch_->step()) {
+        patch_.reset();
+        recorder_.patch(patchText_, Kel::System::loopTime());
+      }
+    });
+  }
+}
+
+void Daemon::carryOut(const json& patch) {
+  finishPatch();
+  InputPatch checked(world_, patch);
+  while (checked.remaining() != 0) {
+    guarded("a patch", [&] { checked.carryOut(); });
+  }
+  recorder_.patch(patch, Kel::System::loopTime());
+}
+
+// An error out of a handler is told, and the agent goes on: queue and collections are consistent, the rest is
+// delivered.
+void Daemon::guarded(const char* what, const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    noteProblem("error", what, error.what());
+  }
+}
+
+void Daemon::noteProblem(const std::string& kind, const std::string& where, const std::string& text) {
+  const json problem = {{"kind", kind}, {"where", where}, {"text", text}};
+  if (std::find(problems_.begin(), problems_.end(), problem) != problems_.end()) {
+    return;
+  }
+  log(kind + " in " + where + ": " + text);
+  problems_.push_back(problem);
+  if (problems_.size() > mostProblems) {
+    problems_.pop_front();
+  }
+}
+
+// The controller's state is in and settled: the client is made if it waited for that, and the kernel adapter
+// may remove what is stale.
+void Daemon::settleStart() {
+  const bool following =
+      database_ == nullptr || database_->status().session == Ovsdb::SessionState::following;
+  const bool settled = following && !patch_ && databaseWork_ == EventLoop::WorkId::none &&
+                       (database_ == nullptr || !database_->mapper().convergence().inProgress());
+  if (!settled || (world_.client && (kernel_ == nullptr || kernelSettled_))) {
+    return;
+  }
+  if (!world_.client) {
+    guarded("the start of the client", [this] { world_.clientIs(); });
+  }
+  const bool cleaned = !world_.convergenceStatus->unicastDeferredDeletionInProgress() &&
+                       !world_.convergenceStatus->bumDeferredDeletionInProgress();
+  if (kernel_ != nullptr && !kernelSettled_ && cleaned) {
+    kernelSettled_ = true;
+    kernel_->settled();
+    runKernel();
+  }
+}
+
+void Daemon::everySecond() {
+  if (metrics_ != nullptr) {
+    metrics_->publish(metrics());
+  }
+  if (!recorder_.problem().empty()) {
+    noteProblem("recording", options_.record, recorder_.problem());
+  }
+  ::sd_notify(0, "WATCHDOG=1");
+  loop_.after(std::chrono::seconds(1), [this] { everySecond(); });
+}
+
+void Daemon::readConfigurationAgain() {
+  try {
+    const RunOptions fresh = readAgain(arguments_);
+    if (fresh == options_) {
+      log("the configuration is as it was");
+    } else {
+      log("the configuration has changed; it takes effect at the next start, which keeps the forwarding "
+          "state");
+    }
+  } catch (const CLI::Error& error) {
+    log("the configuration cannot be: " + std::string(error.what()) + "; the agent goes on with the old one");
+  }
+}
+
+json Daemon::agentSection() const {
+  const LoopStall& stall = loop_.stall();
+  json section = {
+      {"pid", ::getpid()},
+      {"uptime", Kel::System::loopTime() - started_},
+      {"table",
+       {{"name", options_.table}, {"hosts", world_.hosts->hosts()}, {"limit", world_.hosts->limit()}}},
+      {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
+      {"waitingForController", !world_.client},
+      {"loop",
+       {{"turns", stall.turns},
+        {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
+        {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
+  if (database_ != nullptr) {
+    const Ovsdb::AdapterStatus status = database_->status();
+    section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};
+  }
+  return section;
+}
+
+json Daemon::problems() const {
+  json all = json::array();
+  if (database_ != nullptr) {
+    for (const Ovsdb::Problem& problem : database_->problems(mostProblems)) {
+      all.push_back({{"kind", std::string(Ovsdb::nameOf(problem.kind))},
+                     {"where", problem.row.text()},
+                     {"text", problem.text}});
+    }
+    const std::string error = database_->status().lastError;
+    if (!error.empty() && database_->status().session != Ovsdb::SessionState::following) {
+      all.push_back({{"kind", "session"}, {"where", database_->status().remote}, {"text", error}});
+    }
+  }
+  if (kernel_ != nullptr) {
+    for (const json& problem : kernel_->problems()) {
+      all.push_back(
+          {{"kind", "kernel"}, {"where", problem.value("what", "")}, {"text", problem.value("why", "")}});
+    }
+  }
+  for (const json& problem : problems_) {
+    all.push_back(problem);
+  }
+  return all;
+}
+
+Metrics Daemon::metrics() const {
+  Metrics numbers;
+  if (world_.client && world_.client->hostTable()) {
+    numbers.hosts = world_.client->hostTable()->receivedEntrys();
+    numbers.hostsMarked = world_.client->hostTable()->markedForDelCount();
+  }
+  numbers.vnis = world_.fdb->entries();
+  for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
+    for (auto&& set : vlan.value->floodSet()) {
+      ++numbers.floodSets;
+      numbers.floodDestinations += set.value->destSets();
+    }
+  }
+  numbers.converging = world_.clientView->convergenceInProgress();
+  numbers.slices = Kel::ActivityLoop::instance().clocksFired();
+  numbers.notifications = Kel::ActivityLoop::instance().delivered();
+  numbers.loop = loop_.stall();
+  numbers.tableRecords = world_.hosts->hosts();
+  numbers.tableLimit = world_.hosts->limit();
+  if (database_ != nullptr) {
+    const Ovsdb::AdapterStatus status = database_->status();
+    numbers.sessions["ovsdb"] = {status.session == Ovsdb::SessionState::following, status.reconnects};
+    numbers.convergenceSeconds = status.convergingFor;
+    numbers.longestSliceSeconds = static_cast<double>(status.longestSlice.count()) * 1e-9;
+    for (const auto& [kind, count] : status.problems) {
+      numbers.problems[kind] = count;
+    }
+  }
+  for (const json& problem : problems_) {
+    ++numbers.problems[problem.at("kind").get<std::string>()];
+  }
+  numbers.controlClients = server_->clients();
+  numbers.controlRequests = server_->stats().requests;
+  numbers.controlRefused = server_->stats().refused;
+  numbers.controlCut = server_->stats().cut;
+  return numbers;
+}
+
+int runDaemon(const RunOptions& options, const std::vector<std::string>& arguments) {
+  if (!options.traceDir.empty()) {
+    Vxlan::vccRlDirectoryIs(options.traceDir);
+  }
+  try {
+    Daemon daemon(options, arguments);
+    daemon.run();
+    return 0;
+  } catch (const std::exception& error) {
+    log(error.what());
+    return 2;
+  }
+}
+
+}  // namespace Agent

@@ -1,0 +1,88 @@
+// The daemon: everything of `vxlan-agent run`, put together on one event loop.
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "agent/control/Server.h"
+#include "agent/daemon/AgentService.h"
+#include "agent/daemon/KernelFollower.h"
+#include "agent/daemon/Recorder.h"
+#include "agent/daemon/RunOptions.h"
+#include "agent/loop/EventLoop.h"
+#include "agent/metrics/Endpoint.h"
+#include "agent/state/World.h"
+
+namespace Agent {
+
+// One thread, one loop: the control socket, the controller database, the kernel, signals and timers around
+// the client's own activity loop. Patches come from the control socket, whole, and from the database adapter,
+// a few changes at a time, so that the loop answers while a hundred thousand rows are taken in.
+//
+// State stays when the daemon ends. Where the host table has hosts of an earlier run and a database is
+// configured, the client is made only when the controller's state is in and settled: until then everything
+// goes on forwarding as it was, and then what is stale goes within one turn.
+class Daemon {
+ public:
+  // Raises std::exception for what cannot be had: the host table, the socket, the recording.
+  Daemon(const RunOptions& options, std::vector<std::string> arguments);
+  ~Daemon();
+  Daemon(const Daemon&) = delete;
+  Daemon& operator=(const Daemon&) = delete;
+
+  // Runs until SIGTERM or SIGINT.
+  void run();
+
+ private:
+  // The client's activity loop as a guest of the event loop.
+  class Activity;
+
+  void openDatabase();
+  void openKernel();
+  void openControl();
+  void carryOut(const nlohmann::json& patch);
+  bool takeFromDatabase();
+  bool nextDatabasePatch();
+  void finishPatch();
+  void guarded(const char* what, const std::function<void()>& work);
+  void noteProblem(const std::string& kind, const std::string& where, const std::string& text);
+  void settleStart();
+  void runKernel();
+  void armKernel();
+  void everySecond();
+  void readConfigurationAgain();
+  nlohmann::json agentSection() const;
+  nlohmann::json problems() const;
+  Metrics metrics() const;
+
+  RunOptions options_;
+  std::vector<std::string> arguments_;
+  EventLoop loop_;
+  World world_;
+  bool adopted_;
+  std::unique_ptr<Activity> activity_;
+  Recorder recorder_;
+  std::unique_ptr<AgentService> service_;
+  std::unique_ptr<Control::Server> server_;
+  std::unique_ptr<Ovsdb::Adapter> database_;
+  std::unique_ptr<Kernel::Adapter> kernel_;
+  std::unique_ptr<KernelFollower> follower_;
+  std::unique_ptr<MetricsEndpoint> metrics_;
+
+  std::optional<InputPatch> patch_;  // of the database, being carried out
+  nlohmann::json patchText_;
+  EventLoop::WorkId databaseWork_ = EventLoop::WorkId::none;
+  EventLoop::WorkId kernelWork_ = EventLoop::WorkId::none;
+  EventLoop::TimerId kernelTimer_ = EventLoop::TimerId::none;
+  bool kernelSettled_ = false;
+  std::uint64_t toldOf_ = 0;  // notifications delivered when the listeners were told last
+  std::deque<nlohmann::json> problems_;
+  double started_;
+  bool readyTold_ = false;
+};
+
+}  // namespace Agent

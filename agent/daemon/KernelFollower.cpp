@@ -1,0 +1,278 @@
+#include "agent/daemon/KernelFollower.h"
+
+#include <algorithm>
+
+namespace Agent {
+namespace {
+
+Kernel::Mac kernelMac(const Qnet::EthAddr& mac) {
+  return {mac.value()};
+}
+Kernel::Ip4 kernelIp(Qnet::IpAddr address) {
+  return {address.value()};
+}
+
+// Drops the reactors of a collection whose keys are gone.
+template <class Reactors, class Gone>
+void dropIf(Reactors& reactors, const Gone& gone) {
+  for (auto at = reactors.begin(); at != reactors.end();) {
+    if (gone(at->first)) {
+      at->second->notifierIs(nullptr);
+      at = reactors.erase(at);
+    } else {
+      ++at;
+    }
+  }
+}
+
+}  // namespace
+
+class KernelFollower::HostReactor final : public Kel::Follows<L2Rib::HostInput> {
+ public:
+  explicit HostReactor(KernelFollower& follower) : follower_(follower) {}
+  void onHost(Bridging::MacVlanPair key) override { follower_.host(key); }
+
+ private:
+  KernelFollower& follower_;
+};
+
+class KernelFollower::FloodReactor final : public Kel::Follows<L2Rib::SourceDirEntry> {
+ public:
+  explicit FloodReactor(KernelFollower& follower) : follower_(follower) {}
+  void onVlanFloodSet(Bridging::VlanId vlan) override { follower_.vlanFloods(vlan); }
+  void onVlanFloodSetkelImmediate() override {
+    for (auto&& vlan : notifier()->vlanFloodSet()) {
+      follower_.vlanFloods(vlan.key);
+    }
+  }
+
+ private:
+  KernelFollower& follower_;
+};
+
+class KernelFollower::VlanFloodReactor final : public Kel::Follows<L2Rib::VlanFloodSet> {
+ public:
+  VlanFloodReactor(KernelFollower& follower, Bridging::VlanId vlan) : follower_(follower), vlan_(vlan) {}
+  void onFloodSet(Qnet::EthAddr mac) override { follower_.flood(vlan_, mac); }
+
+ private:
+  KernelFollower& follower_;
+  Bridging::VlanId vlan_;
+};
+
+class KernelFollower::SetReactor final : public Kel::Follows<L2Rib::FloodSet> {
+ public:
+  SetReactor(KernelFollower& follower, const Bridging::MacVlanPair& key) : follower_(follower), key_(key) {}
+  void onFloodSetType() override { follower_.tellFlood(key_.vlan, key_.mac); }
+  void onDestSet() override { follower_.tellFlood(key_.vlan, key_.mac); }
+
+ private:
+  KernelFollower& follower_;
+  Bridging::MacVlanPair key_;
+};
+
+class KernelFollower::MapsReactor final : public Kel::Follows<Vxlan::VlanVniMaps> {
+ public:
+  explicit MapsReactor(KernelFollower& follower) : follower_(follower) {}
+  void onVlanVniMap(Qnet::IntfId vti) override { follower_.map(vti); }
+  void onVlanVniMapkelImmediate() override {
+    for (auto&& map : notifier()->vlanVniMap()) {
+      follower_.map(map.key);
+    }
+  }
+
+ private:
+  KernelFollower& follower_;
+};
+
+class KernelFollower::MapReactor final : public Kel::Follows<Vxlan::VlanVniMap> {
+ public:
+  MapReactor(KernelFollower& follower, const Qnet::IntfId& vti) : follower_(follower), vti_(vti) {}
+  void onNotifyingVlan(Bridging::VlanId vlan) override { follower_.vni(vti_, vlan); }
+  void onNotifyingVlankelImmediate() override { follower_.vti(vti_); }
+
+ private:
+  KernelFollower& follower_;
+  Qnet::IntfId vti_;
+};
+
+class KernelFollower::StatusDirReactor final : public Kel::Follows<Vxlan::VtiStatusDir> {
+ public:
+  explicit StatusDirReactor(KernelFollower& follower) : follower_(follower) {}
+  void onVtiStatus(Qnet::IntfId vti) override { follower_.vti(vti); }
+  void onVtiStatuskelImmediate() override {
+    for (auto&& status : notifier()->vtiStatus()) {
+      follower_.vti(status.key);
+    }
+  }
+
+ private:
+  KernelFollower& follower_;
+};
+
+class KernelFollower::StatusReactor final : public Kel::Follows<Vxlan::VtiStatus> {
+ public:
+  StatusReactor(KernelFollower& follower, const Qnet::IntfId& vti) : follower_(follower), vti_(vti) {}
+  void onLocalVtepAddr() override { follower_.vti(vti_); }
+
+ private:
+  KernelFollower& follower_;
+  Qnet::IntfId vti_;
+};
+
+KernelFollower::KernelFollower(const World& world, Kernel::Adapter& kernel, Ports ports)
+    : world_(world), kernel_(kernel), ports_(std::move(ports)) {
+  statusDir_ = Kel::make<StatusDirReactor>(*this);
+  statusDir_->notifierIs(world.vtiStatusDir);
+  maps_ = Kel::make<MapsReactor>(*this);
+  maps_->notifierIs(world.vlanVniMaps);
+  for (auto host = world.hosts->firstHost(); host; host = world.hosts->nextHost(host->key)) {
+    this->host(host->key);
+  }
+  hosts_ = Kel::make<HostReactor>(*this);
+  hosts_->notifierIs(world.hosts);
+  floods_ = Kel::make<FloodReactor>(*this);
+  floods_->notifierIs(world.floodSets);
+}
+
+KernelFollower::~KernelFollower() {
+  const auto always = [](const auto&) { return true; };
+  hosts_->notifierIs(nullptr);
+  floods_->notifierIs(nullptr);
+  maps_->notifierIs(nullptr);
+  statusDir_->notifierIs(nullptr);
+  dropIf(vlanFloods_, always);
+  dropIf(sets_, always);
+  dropIf(vtiMaps_, always);
+  dropIf(statuses_, always);
+}
+
+void KernelFollower::host(const Bridging::MacVlanPair& key) {
+  const auto host = world_.hosts->host(key);
+  if (host) {
+    kernel_.hostIs(key.vlan.value(), kernelMac(key.mac),
+                   kernelIp(host->dest.vtepAddr(L2Rib::CiVtepIndex::First).v4()));
+  } else {
+    kernel_.hostDel(key.vlan.value(), kernelMac(key.mac));
+  }
+}
+
+void KernelFollower::vlanFloods(Bridging::VlanId vlan) {
+  const Kel::Ptr<L2Rib::VlanFloodSet> floods = world_.floodSets->vlanFloodSet(vlan);
+  if (floods) {
+    auto& reactor = vlanFloods_[vlan];
+    if (!reactor) {
+      reactor = Kel::make<VlanFloodReactor>(*this, vlan);
+    }
+    reactor->notifierIs(floods);
+  } else {
+    dropIf(vlanFloods_, [&](Bridging::VlanId gone) { return gone == vlan; });
+  }
+  // Those of before that are not in the set that is there now.
+  std::vector<Qnet::EthAddr> gone;
+  for (const auto& [key, reactor] : sets_) {
+    if (key.vlan == vlan && !(floods && floods->floodSet(key.mac))) {
+      gone.push_back(key.mac);
+    }
+  }
+  for (const Qnet::EthAddr& mac : gone) {
+    flood(vlan, mac);
+  }
+}
+
+void KernelFollower::flood(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
+  const Bridging::MacVlanPair key{mac, vlan};
+  const Kel::Ptr<L2Rib::VlanFloodSet> floods = world_.floodSets->vlanFloodSet(vlan);
+  const Kel::Ptr<L2Rib::FloodSet> set = floods ? floods->floodSet(mac) : nullptr;
+  if (set) {
+    auto& reactor = sets_[key];
+    if (!reactor) {
+      reactor = Kel::make<SetReactor>(*this, key);
+    }
+    reactor->notifierIs(set);
+  } else {
+    dropIf(sets_, [&](const Bridging::MacVlanPair& gone) { return gone == key; });
+  }
+  tellFlood(vlan, mac);
+}
+
+void KernelFollower::tellFlood(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
+  const Kel::Ptr<L2Rib::VlanFloodSet> floods = world_.floodSets->vlanFloodSet(vlan);
+  const Kel::Ptr<L2Rib::FloodSet> set = floods ? floods->floodSet(mac) : nullptr;
+  if (!set) {
+    kernel_.floodDel(vlan.value(), kernelMac(mac));
+    return;
+  }
+  std::vector<Kernel::Ip4> vteps;
+  for (auto&& dest : set->destSet()) {
+    vteps.push_back(kernelIp(dest.key.vxlan().vtepAddr().v4()));
+  }
+  std::sort(vteps.begin(), vteps.end());
+  const bool any = set->floodSetType() == L2Rib::FloodSetType::SendToAny;
+  kernel_.floodIs(vlan.value(), kernelMac(mac), any ? Kernel::FloodType::any : Kernel::FloodType::all,
+                  std::move(vteps));
+}
+
+void KernelFollower::map(const Qnet::IntfId& intf) {
+  const Kel::Ptr<Vxlan::VlanVniMap> map = world_.vlanVniMaps->vlanVniMap(intf);
+  if (map) {
+    auto& reactor = vtiMaps_[intf];
+    if (!reactor) {
+      reactor = Kel::make<MapReactor>(*this, intf);
+    }
+    reactor->notifierIs(map);
+  } else {
+    dropIf(vtiMaps_, [&](const Qnet::IntfId& gone) { return gone == intf; });
+  }
+  vti(intf);
+}
+
+// Everything of one VTI anew: its VLANs of before, and those that it maps now.
+void KernelFollower::vti(const Qnet::IntfId& intf) {
+  const Kel::Ptr<Vxlan::VtiStatus> status = world_.vtiStatusDir->vtiStatus(intf);
+  if (status) {
+    auto& reactor = statuses_[intf];
+    if (!reactor) {
+      reactor = Kel::make<StatusReactor>(*this, intf);
+    }
+    if (reactor->notifier() != status.get()) {
+      reactor->notifierIs(status);
+    }
+  } else {
+    dropIf(statuses_, [&](const Qnet::IntfId& gone) { return gone == intf; });
+  }
+  std::set<Bridging::VlanId> vlans;
+  for (const auto& [vlan, told] : vnis_) {
+    if (told.first == intf) {
+      vlans.insert(vlan);
+    }
+  }
+  if (const Kel::Ptr<Vxlan::VlanVniMap> map = world_.vlanVniMaps->vlanVniMap(intf)) {
+    for (auto&& mapping : map->vlanToVsp()) {
+      vlans.insert(mapping.key);
+    }
+  }
+  for (const Bridging::VlanId vlan : vlans) {
+    vni(intf, vlan);
+  }
+}
+
+void KernelFollower::vni(const Qnet::IntfId& intf, Bridging::VlanId vlan) {
+  const Kel::Ptr<Vxlan::VlanVniMap> map = world_.vlanVniMaps->vlanVniMap(intf);
+  const Vxlan::VniExtOrNone vni = map ? map->vlanToVsp(vlan).vni : Vxlan::VniExtOrNone();
+  const auto told = vnis_.find(vlan);
+  if (told != vnis_.end() && told->second.first == intf && (!vni || told->second.second != vni.value())) {
+    kernel_.vniDel(told->second.second);
+    vnis_.erase(told);
+  }
+  if (vni) {
+    const Kel::Ptr<Vxlan::VtiStatus> status = world_.vtiStatusDir->vtiStatus(intf);
+    const auto ports = ports_.find(vlan.value());
+    kernel_.vniIs(vni.value(), vlan.value(), intf.text(),
+                  kernelIp(status ? status->localVtepAddr() : Qnet::IpAddr()),
+                  ports == ports_.end() ? std::vector<std::string>() : ports->second);
+    vnis_.insert_or_assign(vlan, std::pair(intf, vni.value()));
+  }
+}
+
+}  // namespace Agent

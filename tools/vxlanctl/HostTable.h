@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -10,9 +11,10 @@ namespace Vxlanctl {
 // The members and columns of a host's row.
 Sheet hostSheet();
 
-// All hosts of the layer-2 RIB, read from the table in shared memory without asking the agent, which need not
-// run. Raises Memtab::Error when what is under that name cannot be read, and NoTable when nothing is.
-Sheet hostsInTable(const std::string& tableName);
+// The hosts of the layer-2 RIB that `filters` keep (by "vlan", "mac" and "vtepIp"; others are left to the
+// sheet), read from the table in shared memory without asking the agent, which need not run. Raises
+// Memtab::Error when what is under that name cannot be read, and NoTable when nothing is.
+Sheet hostsInTable(const std::string& tableName, const std::map<std::string, std::string>& filters);
 
 // There is no table in shared memory under the name asked for.
 class NoTable : public std::runtime_error {

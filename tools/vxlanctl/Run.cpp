@@ -73,7 +73,7 @@ Sheet sheetOf(Request& request) {
     if (request.vni) {
       request.filters["vlan"] = vlanOf(*request.vni, part);
     }
-    return request.received ? showReceivedHosts(part) : hostsInTable(request.table);
+    return request.received ? showReceivedHosts(part) : hostsInTable(request.table, request.filters);
   }
   if (request.what == "problems") {
     return showProblems(Client(request.socket).call("problems"));

@@ -85,6 +85,7 @@ struct LinkSet {
   std::optional<std::uint32_t> group;
 };
 
+/// Deletes a device, with the rows in it.
 struct LinkDel {
   IfIndex index = 0;
 };
@@ -94,6 +95,7 @@ struct NexthopSet {
   Nexthop nexthop;
 };
 
+/// Deletes a nexthop. The kernel deletes the rows that lead to a group with it, and does not report them.
 struct NexthopDel {
   NexthopId id = 0;
 };

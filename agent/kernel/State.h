@@ -27,6 +27,7 @@ struct Mapping {
 
 enum class FloodType : std::uint8_t { all = 1, any = 2 };
 
+/// Where packets to an address go that is behind several VTEPs.
 struct FloodSet {
   FloodType type = FloodType::all;
   std::vector<Ip4> vteps;  ///< Sorted, without duplicates, not empty.
@@ -121,6 +122,7 @@ struct Domain {
   bool turning() const { return turn && !turn->turned; }
 };
 
+/// What has been done and heard, from the start on.
 struct Counters {
   std::uint64_t requests = 0;
   std::uint64_t acknowledged = 0;

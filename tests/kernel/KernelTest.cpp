@@ -1,5 +1,7 @@
 #include <gmock/gmock.h>
 #include <linux/rtnetlink.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "Namespace.h"
 #include "agent/kernel/Adapter.h"
@@ -255,6 +257,20 @@ TEST_F(KernelTest, DoesWithoutNexthopGroups) {
   EXPECT_THAT(leaf_->rows({kHost, "self", "dst", "10.0.0.3"}), SizeIs(1));
   EXPECT_EQ(watch.deletions(mac(kHost)), 0);
   EXPECT_THAT(adapter_->problems().dump(), HasSubstr("nexthop groups are switched off"));
+}
+
+TEST_F(KernelTest, SaysWhichRightIsMissingAndGoesOnWhenItIsThere) {
+  run();
+  // The thread alone gives up the superuser's rights, and takes them back.
+  ASSERT_EQ(::syscall(SYS_setresuid, -1, 65534, -1), 0);
+  adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {});
+  run();
+  std::string problems = adapter_->problems().dump();
+  ASSERT_EQ(::syscall(SYS_setresuid, -1, 0, -1), 0);
+  EXPECT_THAT(problems, HasSubstr("the capability CAP_NET_ADMIN in this network namespace is needed"));
+  runUntilQuiet(seconds(10));
+  EXPECT_EQ(adapter_->problems().dump(), "[]");
+  EXPECT_THAT(leaf_->run("ip link show"), HasSubstr("vx5010"));
 }
 
 TEST_F(KernelTest, ChangesTheLocalAddressInPlace) {

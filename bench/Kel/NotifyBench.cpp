@@ -1,6 +1,7 @@
 // From a change to the callbacks it causes. The argument is how many reactors follow.
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <cstdint>
 #include <memory>
 #include <vector>

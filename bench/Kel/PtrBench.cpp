@@ -16,7 +16,7 @@ void ptrCopy(benchmark::State& state) {
   Kel::threadSafePointersIs(state.range(0) != 0);
   const Kel::Ptr<Object> pointer = Kel::make<Object>();
   for (auto _ : state) {
-    const Kel::Ptr<Object> copy = pointer;
+    const Kel::Ptr<Object> copy = pointer;  // NOLINT(performance-unnecessary-copy-initialization)
     benchmark::DoNotOptimize(copy.get());
     benchmark::ClobberMemory();
   }
@@ -24,10 +24,11 @@ void ptrCopy(benchmark::State& state) {
 }
 BENCHMARK(ptrCopy)->ArgName("atomic")->Arg(0)->Arg(1);
 
+// Not atomic either in a program without threads.
 void standardSharedPointerCopy(benchmark::State& state) {
   const auto pointer = std::make_shared<int>(1);
   for (auto _ : state) {
-    const std::shared_ptr<int> copy = pointer;
+    const std::shared_ptr<int> copy = pointer;  // NOLINT(performance-unnecessary-copy-initialization)
     benchmark::DoNotOptimize(copy.get());
     benchmark::ClobberMemory();
   }

@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <ctime>
 #include <map>
+#include <memory>
 #include <unordered_map>
 #include <vector>
 
@@ -167,7 +168,7 @@ void longest(benchmark::State& state) {
     for (std::uint32_t number = 0; number < count; ++number) {
       most[1] = std::max(most[1], timed([&] { container.erase(keyOf(scattered(number, count))); }));
     }
-    for (std::size_t bytes = 1'024; bytes <= 1'024 * 1'024; bytes *= 2) {
+    for (std::size_t bytes = 1'024; bytes <= 1'048'576; bytes *= 2) {
       void* memory = nullptr;
       most[2] = std::max(most[2], timed([&] { benchmark::DoNotOptimize(memory = std::malloc(bytes)); }));
       std::free(memory);
@@ -181,16 +182,22 @@ void longest(benchmark::State& state) {
   state.counters["alloc_ms"] = least[2] * 1e3;
 }
 
-#define VCC_BENCH_CONTAINERS(what)                                   \
-  BENCHMARK(what<Hashed>)->ArgName("large")->Arg(0)->Arg(1);         \
-  BENCHMARK(what<StandardHashed>)->ArgName("large")->Arg(0)->Arg(1); \
-  BENCHMARK(what<Ordered>)->ArgName("large")->Arg(0)->Arg(1);        \
-  BENCHMARK(what<StandardOrdered>)->ArgName("large")->Arg(0)->Arg(1)
-
-VCC_BENCH_CONTAINERS(insert);
-VCC_BENCH_CONTAINERS(lookup);
-VCC_BENCH_CONTAINERS(erase);
-VCC_BENCH_CONTAINERS(walk);
+BENCHMARK(insert<Hashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(insert<StandardHashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(insert<Ordered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(insert<StandardOrdered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(lookup<Hashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(lookup<StandardHashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(lookup<Ordered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(lookup<StandardOrdered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(erase<Hashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(erase<StandardHashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(erase<Ordered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(erase<StandardOrdered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(walk<Hashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(walk<StandardHashed>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(walk<Ordered>)->ArgName("large")->Arg(0)->Arg(1);
+BENCHMARK(walk<StandardOrdered>)->ArgName("large")->Arg(0)->Arg(1);
 
 BENCHMARK(longest<Hashed>)->ArgName("large")->Arg(1)->Iterations(3)->Unit(benchmark::kMillisecond);
 BENCHMARK(longest<StandardHashed>)->ArgName("large")->Arg(1)->Iterations(3)->Unit(benchmark::kMillisecond);

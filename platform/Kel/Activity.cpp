@@ -82,17 +82,31 @@ void ActivityLoop::endTurn() {
   if (!std::exchange(written_, false)) {
     return;
   }
-  for (std::size_t at = 0; at < turnEnd_.size(); ++at) {
-    turnEnd_[at].first(turnEnd_[at].second);
+  // A hook may add others, which could move the list.
+  for (std::size_t at = 0; at < turnEnd_.size(); ++at) {  // NOLINT(modernize-loop-convert)
+    const auto [hook, context] = turnEnd_[at];
+    if (hook != nullptr) {
+      hook(context);
+    }
   }
 }
 
 void ActivityLoop::atTurnEnd(Hook hook, void* context) {
-  turnEnd_.emplace_back(hook, context);
+  const auto free = std::find(turnEnd_.begin(), turnEnd_.end(), std::pair<Hook, void*>());
+  if (free != turnEnd_.end()) {
+    *free = {hook, context};
+  } else {
+    turnEnd_.emplace_back(hook, context);
+  }
 }
 
+// Leaves an empty entry, so that a hook may forget itself; the next one that is added takes it.
 void ActivityLoop::forgetTurnEnd(void* context) {
-  std::erase_if(turnEnd_, [&](const auto& entry) { return entry.second == context; });
+  for (auto& entry : turnEnd_) {
+    if (entry.second == context) {
+      entry = {nullptr, nullptr};
+    }
+  }
 }
 
 void ActivityLoop::arm(Clock& clock, double due) {

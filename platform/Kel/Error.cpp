@@ -17,9 +17,8 @@ void throwNameInUseException(const std::string& message) {
   throw NameInUseException(message);
 }
 
-void fatalAssertionFailed(const char* text, const std::source_location& where) {
-  std::fprintf(stderr, "%s:%u: %s: assertion failed: %s\n", where.file_name(), unsigned{where.line()},
-               where.function_name(), text);
+void fatalAssertionFailed(const char* text, const char* file, unsigned line, const char* function) {
+  std::fprintf(stderr, "%s:%u: %s: assertion failed: %s\n", file, line, function, text);
   std::fflush(stderr);
   std::abort();
 }

@@ -1,7 +1,6 @@
 // The framework's errors, and the fatal assertion.
 #pragma once
 
-#include <source_location>
 #include <stdexcept>
 #include <string>
 
@@ -28,13 +27,15 @@ class KEL_API NameInUseException : public std::runtime_error {
 [[noreturn]] KEL_API void throwNameInUseException(const std::string& message);
 
 // Prints the text and the place on standard error and aborts, in every build type.
-[[noreturn]] KEL_API void fatalAssertionFailed(const char* text, const std::source_location& where);
+[[noreturn]] KEL_API void fatalAssertionFailed(const char* text, const char* file, unsigned line,
+                                               const char* function);
 
-// An invariant of our own: when it does not hold, the program ends here, with its text.
-inline void fatalUnless(bool holds, const char* text,
-                        const std::source_location& where = std::source_location::current()) {
+// An invariant of our own: when it does not hold, the program ends here, with its text. The place is that of
+// the call.
+inline void fatalUnless(bool holds, const char* text, const char* file = __builtin_FILE(),
+                        unsigned line = __builtin_LINE(), const char* function = __builtin_FUNCTION()) {
   if (!holds) [[unlikely]] {
-    fatalAssertionFailed(text, where);
+    fatalAssertionFailed(text, file, line, function);
   }
 }
 

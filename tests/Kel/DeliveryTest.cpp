@@ -440,6 +440,24 @@ TEST_F(TurnEndTest, WhatIsWrittenOutsideAnyHandlerIsPublishedAtOnce) {
   EXPECT_THAT(take(), ElementsAre("published"));
 }
 
+TEST_F(TurnEndTest, WhoForgotTheEndIsNotCalledAnyMore) {
+  struct Once {
+    Heard& heard;
+    static void atEnd(void* self) {
+      static_cast<Once*>(self)->heard.emplace_back("once");
+      Kel::ActivityLoop::instance().forgetTurnEnd(self);
+    }
+  };
+  Once first{heard};
+  Once second{heard};
+  loop().atTurnEnd(&Once::atEnd, &first);
+  loop().atTurnEnd(&Once::atEnd, &second);
+  loop().turnHasWritten();
+  EXPECT_THAT(take(), ElementsAre("published", "once", "once"));
+  loop().turnHasWritten();
+  EXPECT_THAT(take(), ElementsAre("published"));
+}
+
 TEST_F(TurnEndTest, AfterAnErrorItIsPublishedWithTheRest) {
   const auto a = listener("A");
   const auto b = listener("B");

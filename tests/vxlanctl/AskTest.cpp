@@ -23,6 +23,7 @@ TEST_F(AskTest, ExplainFollowsAMacStepByStep) {
             "  3. own VTEP        no   10.0.0.2 is not of this switch\n"
             "  4. L2 RIB          -    published\n"
             "published: in the L2 RIB behind 10.0.0.2\n");
+  stopAgent();
   EXPECT_EQ(agent.called.at(0),
             json::parse(R"({"method":"explain","params":{"mac":"02:00:00:00:00:01","vlan":10}})"));
 }

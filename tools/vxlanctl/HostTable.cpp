@@ -1,7 +1,6 @@
 #include "tools/vxlanctl/HostTable.h"
 
 #include <algorithm>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
@@ -80,8 +79,10 @@ Sheet hostsInTable(const std::string& tableName, const std::map<std::string, std
     }
   });
   const auto place = [](const Record& record) { return std::pair(record.first.vlan, record.first.mac); };
-  std::ranges::sort(*records, std::less{}, place);
-  records->erase(std::ranges::unique(*records, std::equal_to{}, place).begin(), records->end());
+  const auto before = [&](const Record& a, const Record& b) { return place(a) < place(b); };
+  const auto same = [](const Record& a, const Record& b) { return a.first == b.first; };
+  std::sort(records->begin(), records->end(), before);
+  records->erase(std::unique(records->begin(), records->end(), same), records->end());
   Sheet sheet = hostSheet();
   sheet.rowsAre(records->size(), [records](std::size_t at) { return rowOf((*records)[at]); });
   return sheet;

@@ -217,9 +217,9 @@ std::string Story::wantedHost(Vlan vlan, Mac mac, const std::string& device) con
   auto set = wanted_.floods.find({vlan, mac});
   auto host = wanted_.hosts.find({vlan, mac});
   if (set != wanted_.floods.end()) {
-    for (Ip4 vtep : set->second.vteps) vteps += " " + vtep.text();
+    for (Ip4 vtep : set->second.vteps) vteps.append(" ").append(vtep.text());
   } else if (host != wanted_.hosts.end()) {
-    vteps = " " + host->second.text();
+    vteps.append(" ").append(host->second.text());
   }
   return "row " + device + " " + mac.text() + " via" + vteps;
 }
@@ -239,7 +239,7 @@ void Story::wantedRows(Vlan vlan, std::set<std::string>& lines) const {
     }
     std::string line =
         "row " + device + " " + key.second.text() + (set.type == FloodType::any ? " any" : " dst");
-    for (Ip4 vtep : set.vteps) line += " " + vtep.text();
+    for (Ip4 vtep : set.vteps) line.append(" ").append(vtep.text());
     lines.insert(line);
   }
   for (Mac mac : macs) {

@@ -354,7 +354,7 @@ std::string FakeKernel::leadsTo(const DeviceRow& row) const {
     for (NexthopId member : group->second.members) vteps.insert(nexthops_.at(member).gateway);
   }
   std::string out;
-  for (Ip4 vtep : vteps) out += (out.empty() ? "" : " ") + vtep.text();
+  for (Ip4 vtep : vteps) out.append(out.empty() ? "" : " ").append(vtep.text());
   return out;
 }
 

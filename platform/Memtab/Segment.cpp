@@ -156,8 +156,8 @@ bool Segment::openForWriter(const Options& options) {
 Segment Segment::forWriter(const Options& options, Shape shape) {
   Segment segment;
   segment.name_ = options.name;
+  const Format::Description description = describe(options, shape);
   if (options.name.empty()) {
-    const Format::Description description = describe(options, shape);
     segment.mapPrivate(description.totalBytes);
     segment.make(options, description);
     return segment;
@@ -165,7 +165,6 @@ Segment Segment::forWriter(const Options& options, Shape shape) {
   while (!segment.openForWriter(options)) {
   }
   if (beingMade(segment.fd_)) {
-    const Format::Description description = describe(options, shape);
     if (::ftruncate(segment.fd_, 0) != 0 ||
         ::ftruncate(segment.fd_, static_cast<off_t>(description.totalBytes)) != 0) {
       throw Error(options.name,

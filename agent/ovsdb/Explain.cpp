@@ -1,6 +1,5 @@
 // What an operator asks for: the rows behind a MAC, and what was made of them.
 #include <algorithm>
-#include <ranges>
 
 #include "agent/ovsdb/Mapper.h"
 
@@ -112,14 +111,14 @@ json Mapper::explainFlood(Slot slot, Mac mac) const {
     return nullptr;
   }
   json out{{"replicationMode", row.mode.empty() ? "service_node" : row.mode}, {"rows", json::array()}};
-  for (const Uuid& uuid : std::ranges::reverse_view(flood->second.rows)) {
+  std::for_each(flood->second.rows.rbegin(), flood->second.rows.rend(), [&](const Uuid& uuid) {
     const RowStore::Mcast& mcast = rows_.mcasts.at(uuid);
     out["rows"].push_back(
         {{"row", uuid.text()},
          {"locatorSet", mcast.set.text()},
          {"decision",
           mcast.problem == ProblemKind::none ? std::string{"counts"} : std::string{nameOf(mcast.problem)}}});
-  }
+  });
   json addresses = json::array();
   if (flood->second.publishedIn == row.generation) {
     for (const Ipv4 address : flood->second.published) {

@@ -12,9 +12,9 @@ namespace Agent::Ovsdb {
 
 namespace {
 
-constexpr std::size_t smallest = 256 * 1024;
+constexpr std::size_t smallest = std::size_t{256} * 1024;
 // An empty buffer beyond this is given back to the system.
-constexpr std::size_t keptWhenEmpty = 1024 * 1024;
+constexpr std::size_t keptWhenEmpty = std::size_t{1024} * 1024;
 
 }  // namespace
 

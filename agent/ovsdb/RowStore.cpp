@@ -1,7 +1,6 @@
 #include "agent/ovsdb/RowStore.h"
 
 #include <algorithm>
-#include <ranges>
 
 #include "agent/loop/Fatal.h"
 #include "agent/ovsdb/JsonReader.h"
@@ -350,14 +349,14 @@ std::optional<std::vector<Ipv4>> RowStore::resolveFlood(Slot logicalSwitch, Mac 
   }
   std::optional<std::vector<Ipv4>> decided;
   const std::vector<Uuid>& rows = flood->second.rows;
-  for (const Uuid& uuid : std::ranges::reverse_view(rows)) {
-    Mcast& row = mcasts[uuid];
+  for (auto uuid = rows.rbegin(); uuid != rows.rend(); ++uuid) {
+    Mcast& row = mcasts[*uuid];
     if (decided) {
-      problemIs(uuid, row, ProblemKind::duplicateMac);
+      problemIs(*uuid, row, ProblemKind::duplicateMac);
       continue;
     }
     std::vector<Ipv4> addresses;
-    problemIs(uuid, row, objectionTo(row, addresses));
+    problemIs(*uuid, row, objectionTo(row, addresses));
     if (!addresses.empty()) {
       decided = std::move(addresses);
     }

@@ -397,10 +397,10 @@ void Session::tick(double now) {
   if (!connectionUp() || walk_) {
     return;
   }
-  if (!probed_ && now >= lastReceived_ + options_.probe) {
+  if (!probed_ && now >= lastReceived_ + probe()) {
     request(probeId, "echo", json::array());
     probed_ = now;
-  } else if (probed_ && now >= *probed_ + options_.probe) {
+  } else if (probed_ && now >= *probed_ + probe()) {
     drop("no answer for " + seconds(now - lastReceived_), now);
   }
 }
@@ -409,7 +409,7 @@ double Session::nextWakeup() const {
   if (!connectionUp()) {
     return due_;
   }
-  return walk_ ? std::numeric_limits<double>::infinity() : probed_.value_or(lastReceived_) + options_.probe;
+  return walk_ ? std::numeric_limits<double>::infinity() : probed_.value_or(lastReceived_) + probe();
 }
 
 }  // namespace Agent::Ovsdb

@@ -35,6 +35,8 @@ class UpdateTaker : public RowTaker {
 struct SessionOptions {
   std::vector<Remote> remotes;  // at least one
   double probe = 5.0;           // silence after which the peer is asked, and again until it is given up
+  double snapshotProbe = 60.0;  // the same while all rows are asked for: a server that puts hundreds of
+                                // thousands of them together says nothing else meanwhile
   double connectTimeout = 5.0;  // for the transport to come up
   double firstBackoff = 0.1;    // pause after the first failure; doubles with each one
   double mostBackoff = 8.0;
@@ -132,6 +134,9 @@ class Session {
   void beginWalk(std::string_view array, bool answer, double now);
   void endWalk(double now);
   double pause() const;
+  double probe() const {
+    return state_ == SessionState::requesting ? options_.snapshotProbe : options_.probe;
+  }
 
   SessionOptions options_;
   UpdateTaker& taker_;

@@ -44,9 +44,9 @@ class LiveTest : public testing::Test {
     }
   }
 
-  // Lets the loop turn until it is so; false after a minute.
+  // Lets the loop turn until it is so; false after two minutes.
   bool becomes(const std::function<bool()>& so) {
-    const auto deadline = EventLoop::Clock::now() + std::chrono::minutes(1);
+    const auto deadline = EventLoop::Clock::now() + std::chrono::minutes(2);
     while (!so() && EventLoop::Clock::now() < deadline) {
       loop.runOnce(std::chrono::milliseconds(20));
     }

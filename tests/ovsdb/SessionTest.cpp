@@ -225,6 +225,23 @@ TEST_F(SessionTest, anAnswerToTheProbeKeepsTheSession) {
   EXPECT_EQ(session.state(), SessionState::following);
 }
 
+TEST_F(SessionTest, aServerThatPutsAllRowsTogetherMayTakeItsTime) {
+  connects();
+  answers("schema", goodSchema());
+  serverSays(true);
+  goesOut();
+  ASSERT_EQ(session.state(), SessionState::requesting);
+  now += 59;
+  session.tick(now);
+  EXPECT_TRUE(goesOut().empty());
+  EXPECT_EQ(session.nextWakeup(), now + 1);
+  now += 1;
+  session.tick(now);
+  EXPECT_EQ(goesOut().size(), 1U);
+  answers("rows", json::array({false, transaction, oneRow()}));
+  EXPECT_EQ(session.nextWakeup(), now + 5);
+}
+
 // --- what can be wrong with a server
 
 TEST_F(SessionTest, aWrongSchemaIsNamedAndTheNextRemoteTried) {

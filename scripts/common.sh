@@ -65,11 +65,12 @@ build() {
 }
 
 # run_tests FOLDER [CTEST ARGUMENT...] runs the tests of a build folder, shows those that failed and ctest's
-# summary, and counts. Tests that skip themselves are listed, for a skipped test has shown nothing.
+# summary, and counts. A test that fails is run a second time, for some of them wait for real servers on a machine that may be
+# busy. Tests that skip themselves are listed, for a skipped test has shown nothing.
 run_tests() {
   local folder=$1 log=$1/test.log all bad
   shift
-  ctest --test-dir "$folder" -j "$jobs" --output-on-failure --no-tests=error "$@" >"$log" 2>&1 || true
+  ctest --test-dir "$folder" -j "$jobs" --output-on-failure --no-tests=error --repeat until-pass:2 "$@" >"$log" 2>&1 || true
   if ! grep -q 'tests passed,.*tests failed out of' "$log"; then
     tail -n 30 "$log"
     say "   ctest did not come to an end in $folder"

@@ -267,7 +267,8 @@ class Collection final : public AttributeBase {
 
   std::size_t size() const noexcept { return table_.size(); }
   bool empty() const noexcept { return table_.empty(); }
-  // Counts the changes of keys and values: what was derived from the collection at one version holds until the next.
+  // Counts the changes of keys and values: what was derived from the collection at one version holds until
+  // the next.
   std::uint64_t version() const noexcept { return version_; }
   bool contains(const K& key) const { return table_.contains(key); }
   // The value under the key, or null.

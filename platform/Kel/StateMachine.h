@@ -125,8 +125,8 @@ class Held final : public Part {
   Ptr<E> entity_;
 };
 
-// Whether a reactor that is bound in a live machine counts as a change (its handlers run once for all that it follows),
-// or stays silent until its entity changes.
+// Whether a reactor that is bound in a live machine counts as a change (its handlers run once for all that it
+// follows), or stays silent until its entity changes.
 enum class Arrival { CountsAsChange, Silent };
 
 // An entity, or none, that the machine follows through a reactor of class R, which exists exactly while there

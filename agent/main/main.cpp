@@ -19,13 +19,15 @@ int main(int argc, char** argv) {
     Agent::addReplayCommand(app, exitCode);
     Agent::RunOptions options;
     const std::vector<std::string> arguments(argv + 1, argv + argc);
-    Agent::addRunCommand(app, options)->callback([&] { exitCode = Agent::runDaemon(options, arguments); });
+    const CLI::App* run = Agent::addRunCommand(app, options);
     try {
       app.parse(argc, argv);
     } catch (const CLI::ParseError& error) {
       return app.exit(error) == 0 ? 0 : 2;
     }
-    return exitCode;
+    // Not as a callback of the command line, which a configuration file with the section [run] would call
+    // twice.
+    return run->parsed() ? Agent::runDaemon(options, arguments) : exitCode;
   } catch (const std::exception& error) {
     std::cerr << "vxlan-agent: " << error.what() << '\n';
     return 2;

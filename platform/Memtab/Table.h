@@ -84,6 +84,8 @@ class Table {
   Format::Word* ring_;
   std::uint64_t ringMask_;
   std::size_t size_ = 0;
+  std::size_t linked_ =
+      0;  // records, and slots that wait in the queue: what the ways along the list depend on
   std::uint64_t turn_ = 1;              // the turn that is being written, one more than published
   std::uint64_t changes_ = 0;           // as in State
   std::uint64_t publishedChanges_ = 0;  // as in State
@@ -106,7 +108,7 @@ Table<Shape>::Table(const Options& options, Segment::Shape bytes, Shape shape)
   Format::State& state = segment_.state();
   if (segment_.adopted()) {
     const Adopted adopted = adopt(segment_);
-    size_ = adopted.records;
+    size_ = linked_ = adopted.records;
     freeSlots_ = adopted.freeSlots;
     index_.bucketsAre(state.buckets.load(std::memory_order_relaxed));
     changes_ = state.changes.load(std::memory_order_relaxed);
@@ -144,7 +146,8 @@ void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::
   lifeIs(number, Life(Life::Born, turn_, false));
   index_.link(place, number);
   size_ += 1;
-  index_.fit(size_);
+  linked_ += 1;
+  index_.fit(linked_);
 }
 
 /// A key that left and comes back before its slot was swept. Within one turn it never left for a reader.
@@ -241,7 +244,6 @@ bool Table<Shape>::del(const std::byte* key) {
     queue_.push(place.slot);
   }
   size_ -= 1;
-  index_.fit(size_);
   return true;
 }
 
@@ -275,6 +277,8 @@ bool Table<Shape>::sweepOne() {
     lifeIs(number, Life(Life::Born, life.turn(), false));
   } else if (life.turn() < turn_) {
     index_.unlink(number);
+    linked_ -= 1;
+    index_.fit(linked_);
     lifeIs(number, Life(Life::Free, 0, false));
     index_.slot(number)->next.store(freeSlots_, std::memory_order_release);
     freeSlots_ = number;

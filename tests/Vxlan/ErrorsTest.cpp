@@ -159,9 +159,9 @@ TEST_F(ErrorsDeathTest, TheBaseMayNotReportDeletions) {
       handles.vtiStatusDir, handles.controllerStatusBaseDir, handles.rmxStateClientView,
       handles.vxlanHwStatusDir, handles.mlagStatus, handles.mlagVxlanStatus);
   EXPECT_DEATH(base->setUnicastDeferredDeletionInProgress(true),
-               "VxlanControllerMacAddrSmBase::setUnicastDeferredDeletionInProgress.*assertion failed: false");
+               "VxlanControllerMacAddrSmBase.*setUnicastDeferredDeletionInProgress.*assertion failed: false");
   EXPECT_DEATH(base->setBumDeferredDeletionInProgress(false),
-               "VxlanControllerMacAddrSmBase::setBumDeferredDeletionInProgress.*assertion failed: false");
+               "VxlanControllerMacAddrSmBase.*setBumDeferredDeletionInProgress.*assertion failed: false");
   base->handleInitialized();
   EXPECT_DEATH(base->handleConvergenceInProgress(), "assertion failed: false");
 }

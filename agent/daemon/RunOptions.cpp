@@ -44,6 +44,7 @@ CLI::App* addRunCommand(CLI::App& app, RunOptions& options) {
 RunOptions readAgain(const std::vector<std::string>& arguments) {
   CLI::App app;
   app.set_config("--config");
+  app.allow_config_extras(false);
   RunOptions options;
   addRunCommand(app, options);
   std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());

@@ -15,6 +15,7 @@ int main(int argc, char** argv) {
         "state");
     app.require_subcommand(1);
     app.set_config("--config", "", "Read options of run from this file");
+    app.allow_config_extras(false);
     int exitCode = 0;
     Agent::addReplayCommand(app, exitCode);
     Agent::RunOptions options;

@@ -1,0 +1,167 @@
+// Flood sets and the MLAG pair, where a journal cannot reach: the counts that the job relies on, statuses
+// that come late or are replaced, and the refusals of the mirror.
+#include "Scenario.h"
+
+namespace {
+
+using namespace scenario;
+
+class BumJobDeathTest : public Scenario {
+ protected:
+  void SetUp() override {
+    GTEST_FLAG_SET(death_test_style, "fast");
+    givenVti("Vxlan1");
+    mapVlan("Vxlan1", 10, 10010);
+    givenVni(10010);
+    handles.vxlanHwStatusDir->bumStatusIs(Kel::make<Vxlan::BumStatus>());
+    handles.vxlanHwStatusDir->bumStatus()->bumReplicationModeIs(Vxlan::BumReplicationMode::Controller);
+    start();
+    turnsUntilIdle();
+  }
+  Ptr<L2Rib::FloodSet> floodSet(std::uint64_t macNumber) {
+    return handles.rmxSde->vlanFloodSetIs(vlan(10))->floodSetIs(mac(macNumber));
+  }
+  static L2Rib::Dest dest(std::string_view text) { return L2Rib::Dest::ofVtep(ip(text)); }
+};
+
+// A flood set of a list that somebody else has made smaller.
+TEST_F(BumJobDeathTest, FewerDestinationsThanTheFloodListAreFatal) {
+  publishFloodList(10010, 1, {"10.0.0.2", "10.0.0.3"});
+  floodSet(1)->destSetDel(dest("10.0.0.2"));
+  EXPECT_DEATH(client->processBumDeferredDeletes(),
+               "fsIter->destSets\\(\\) >= vniFdbStatus->macVtepFloodListTable\\( macAddr \\) "
+               "->vtepIpFloodLists\\(\\)");
+}
+
+// A flood set of a list in which somebody else has put other destinations.
+TEST_F(BumJobDeathTest, OtherDestinationsThanTheFloodListAreFatal) {
+  publishFloodList(10010, 1, {"10.0.0.2"});
+  floodSet(1)->destSetDel(dest("10.0.0.2"));
+  floodSet(1)->destSetIs(dest("10.0.0.8"), true);
+  floodSet(1)->destSetIs(dest("10.0.0.9"), true);
+  EXPECT_DEATH(client->processBumDeferredDeletes(),
+               "fsIter->destSets\\(\\) == vniFdbStatus->macVtepFloodListTable\\( macAddr \\) "
+               "->vtepIpFloodLists\\(\\)");
+}
+
+TEST_F(BumJobDeathTest, FewerDestinationsThanTheMultiPathEntryAreFatal) {
+  publishMultiPath(10010, 1, {"10.0.0.2", "10.0.0.3"});
+  floodSet(1)->destSetDel(dest("10.0.0.2"));
+  EXPECT_DEATH(
+      client->processBumDeferredDeletes(),
+      "fsIter->destSets\\(\\) >= vniFdbStatus->macVtepMultiPathTable\\( macAddr \\).vtepIpLists\\(\\)");
+}
+
+TEST_F(BumJobDeathTest, OtherDestinationsThanTheMultiPathEntryAreFatal) {
+  publishMultiPath(10010, 1, {"10.0.0.2"});
+  floodSet(1)->destSetDel(dest("10.0.0.2"));
+  floodSet(1)->destSetIs(dest("10.0.0.8"), true);
+  floodSet(1)->destSetIs(dest("10.0.0.9"), true);
+  EXPECT_DEATH(
+      client->processBumDeferredDeletes(),
+      "fsIter->destSets\\(\\) == vniFdbStatus->macVtepMultiPathTable\\( macAddr \\) .vtepIpLists\\(\\)");
+}
+
+class MlagTest : public Scenario {
+ protected:
+  void SetUp() override {
+    givenVti("Vxlan1");
+    mapVlan("Vxlan1", 10, 10010);
+    handles.mlagStatus->mlagStateIs(Mlag::MlagState::Active);
+  }
+  static Ptr<Vxlan::BumStatus> status() {
+    auto fresh = Kel::make<Vxlan::BumStatus>();
+    fresh->bumReplicationModeIs(Vxlan::BumReplicationMode::Controller);
+    return fresh;
+  }
+  static Ptr<Vxlan::BumVtepList> list(Texts vteps) {
+    auto fresh = Kel::make<Vxlan::BumVtepList>();
+    for (const std::string_view vtep : vteps) {
+      fresh->remoteVtepAddrIs(ip(vtep), true);
+    }
+    return fresh;
+  }
+  // The addresses of the switch's own list for (MAC 1, VLAN 10).
+  std::vector<std::string> mirrored() {
+    std::vector<std::string> texts;
+    const auto own = handles.vxlanHwStatusDir->bumStatus();
+    if (const auto found = own ? own->bumVtepList(key(1, 10)) : nullptr) {
+      for (auto&& address : found->remoteVtepAddr()) {
+        texts.push_back(address.key.text());
+      }
+    }
+    return texts;
+  }
+};
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+// Neither switch has reported when the client starts; each status is picked up when it comes.
+TEST_F(MlagTest, LateStatusesArePickedUp) {
+  start();
+  ASSERT_TRUE(client->rmxMlagBumStatusSm());
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 10), list({"10.0.0.2"}));
+  handles.mlagVxlanStatus->bumStatusIs(peer);
+  EXPECT_THAT(mirrored(), IsEmpty());
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  EXPECT_THAT(mirrored(), ElementsAre("10.0.0.2"));
+}
+
+// Another status of the peer: what followed the old one goes, and what the new one does not have is swept.
+TEST_F(MlagTest, AnotherStatusOfThePeerReplacesTheFirst) {
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  const auto first = status();
+  first->bumVtepListIs(key(1, 10), list({"10.0.0.2", "10.0.0.3"}));
+  handles.mlagVxlanStatus->bumStatusIs(first);
+  start();
+  ASSERT_THAT(mirrored(), ElementsAre("10.0.0.2", "10.0.0.3"));
+  const auto second = status();
+  second->bumVtepListIs(key(1, 10), list({"10.0.0.3", "10.0.0.4"}));
+  handles.mlagVxlanStatus->bumStatusIs(second);
+  EXPECT_THAT(mirrored(), ElementsAre("10.0.0.3", "10.0.0.4"));
+  first->bumVtepList(key(1, 10))->remoteVtepAddrIs(ip("10.0.0.9"), true);
+  EXPECT_THAT(mirrored(), ElementsAre("10.0.0.3", "10.0.0.4"));
+  handles.mlagVxlanStatus->bumStatusIs(nullptr);
+  EXPECT_EQ(client->rmxMlagBumStatusSm()->bumVtepListSm().size(), 0U);
+}
+
+// A list that the peer replaces under its key without removing it is refused, and so is another owner.
+TEST_F(MlagTest, AListReplacedInPlaceIsRefused) {
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 10), list({"10.0.0.2"}));
+  handles.mlagVxlanStatus->bumStatusIs(peer);
+  start();
+  EXPECT_THAT(
+      refusal([&] { peer->bumVtepListIs(key(1, 10), list({"10.0.0.3"})); }),
+      testing::StartsWith("Reinstantiating the pointer interface where constructor parameter attribute "
+                          "_bumVtepList has a different value of "));
+  const auto other = Vxlan::rmxMlagBumStatusSmBaseFactory(handles.mlagVxlanStatus, handles.vxlanHwStatusDir);
+  const auto machine = client->rmxMlagBumStatusSm();
+  EXPECT_THAT(
+      refusal([&] {
+        machine->bumVtepListSmIs(key(1, 10), machine->bumVtepListSm(key(1, 10))->bumVtepList(), other.get());
+      }),
+      testing::StartsWith("Reinstantiating the pointer interface where constructor parameter attribute "
+                          "_rmxMlagBumStatusSm has a different value of "));
+}
+
+// The whole of the peer's addresses changes while the pair is out of mode 3: the local list is made and
+// pruned, nothing is added.
+TEST_F(MlagTest, AWholeChangePassesByTheGateAndAddsNothing) {
+  const auto own = status();
+  own->bumVtepListIs(key(1, 10))->remoteVtepAddrIs(ip("10.0.0.7"), true);
+  own->bumReplicationModeIs(Vxlan::BumReplicationMode::None);
+  handles.vxlanHwStatusDir->bumStatusIs(own);
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 10), list({"10.0.0.2"}));
+  handles.mlagVxlanStatus->bumStatusIs(peer);
+  start();
+  own->bumVtepListIs(key(1, 10))->remoteVtepAddrIs(ip("10.0.0.8"), true);
+  peer->bumVtepList(key(1, 10))->remoteVtepAddrDelAll();
+  EXPECT_THAT(mirrored(), IsEmpty());
+}
+
+}  // namespace

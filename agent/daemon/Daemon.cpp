@@ -237,14 +237,19 @@ bool Daemon::takeFromDatabase() {
       databaseWork_ = EventLoop::WorkId::none;
       return false;
     }
-    guarded("a change of the database", [this] {
-      if (patch_ && !patch_->step()) {
-        patch_.reset();
-        recorder_.patch(patchText_, Kel::System::loopTime());
-      }
-    });
+    stepPatch();
   }
   return true;
+}
+
+// Carries out the next change of the database's patch, if there is one; when none is left it is recorded.
+void Daemon::stepPatch() {
+  guarded("a change of the database", [this] {
+    if (patch_ && !patch_->step()) {
+      patch_.reset();
+      recorder_.patch(patchText_, Kel::System::loopTime());
+    }
+  });
 }
 
 bool Daemon::nextDatabasePatch() {
@@ -264,12 +269,7 @@ bool Daemon::nextDatabasePatch() {
 // A patch of the database that is half done is finished before another one is checked.
 void Daemon::finishPatch() {
   while (patch_) {
-    guarded("a change of the database", [this] {
-      if (!patch_->step()) {
-        patch_.reset();
-        recorder_.patch(patchText_, Kel::System::loopTime());
-      }
-    });
+    stepPatch();
   }
 }
 

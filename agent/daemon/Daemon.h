@@ -47,6 +47,7 @@ class Daemon {
   void carryOut(const nlohmann::json& patch);
   bool takeFromDatabase();
   bool nextDatabasePatch();
+  void stepPatch();
   void finishPatch();
   void guarded(const char* what, const std::function<void()>& work);
   void noteProblem(const std::string& kind, const std::string& where, const std::string& text);

@@ -175,7 +175,7 @@ Kel::Ptr<BumVtepListSm> RmxMlagBumStatusSmBase::bumVtepListSmIs(const MacVlanPai
 // The peer's BUM status came, went or was replaced: what followed the old one goes first.
 void RmxMlagBumStatusSmBase::rebindRemote() {
   bumVtepListSmDelAll();
-  remoteBumStatus_.is(mlagVxlanStatus_->bumStatus());
+  remoteBumStatus_.is(mlagVxlanStatus_ ? mlagVxlanStatus_->bumStatus() : nullptr);
   handleBumReplicationMode();
   handleBumVtepList();
   if (initialized()) {
@@ -185,11 +185,35 @@ void RmxMlagBumStatusSmBase::rebindRemote() {
 
 // The hardware's BUM status came, went or was replaced: it may hold lists from before.
 void RmxMlagBumStatusSmBase::rebindLocal() {
-  localBumStatus_.is(vxlanHwStatusDir_->bumStatus());
+  localBumStatus_.is(vxlanHwStatusDir_ ? vxlanHwStatusDir_->bumStatus() : nullptr);
   handleBumReplicationMode();
   if (initialized()) {
     sweepMappedVlans();
   }
+}
+
+// In a live machine binding counts as a change of the BUM status; binding to none is made to.
+
+void RmxMlagBumStatusSmBase::mlagVxlanStatusIs(const Kel::Ptr<const Mlag::VxlanStatus>& status) {
+  mlagVxlanStatus_.is(status);
+  if (!status) {
+    rebindRemote();
+  }
+}
+
+void RmxMlagBumStatusSmBase::mlagVxlanStatusDel() {
+  mlagVxlanStatusIs(nullptr);
+}
+
+void RmxMlagBumStatusSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir) {
+  vxlanHwStatusDir_.is(dir);
+  if (!dir) {
+    rebindLocal();
+  }
+}
+
+void RmxMlagBumStatusSmBase::vxlanHwStatusDirDel() {
+  vxlanHwStatusDirIs(nullptr);
 }
 
 Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(
@@ -217,6 +241,17 @@ Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSm::RmxMlagBumStatusSmIs(
 RmxMlagBumStatusSm::~RmxMlagBumStatusSm() {
   kelDoZombieReactors(true);
   bumVtepListSmDelAll();
+}
+
+void RmxMlagBumStatusSm::vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps) {
+  vlanVniMaps_.is(maps);
+  if (!maps) {
+    vtiVlanVniMap_.delAll();
+  }
+}
+
+void RmxMlagBumStatusSm::vlanVniMapsDel() {
+  vlanVniMapsIs(nullptr);
 }
 
 std::vector<Qnet::IntfId> RmxMlagBumStatusSm::getVtiIterator() const {

@@ -37,7 +37,7 @@ void RmxStateSm::handleInitialized() {
 
 void RmxStateSm::handleConvergenceInProgress() {
   VCC_TRACE(traceOrdinary, " init ", initialized());
-  if (!initialized()) {
+  if (!initialized() || !rmxState_) {
     return;
   }
   const bool converging = rmxState_->convergenceInProgress();
@@ -135,6 +135,19 @@ void RmxStateSmWrapper::rmxStateSmIs(
 
 void RmxStateSmWrapper::rmxStateSmDel() {
   rmxStateSm_.del();
+}
+
+void RmxStateSmWrapper::vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir) {
+  if (dir) {
+    vtiStatusDir_.is(dir);
+  } else {
+    vtiStatusDirDel();
+  }
+}
+
+void RmxStateSmWrapper::vtiStatusDirDel() {
+  vtiStatusDir_.del();
+  vtiStatus_.delAll();
 }
 
 Kel::Ptr<RmxStateSmWrapper> rmxStateSmWrapperFactory(

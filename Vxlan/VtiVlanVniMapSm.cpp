@@ -72,11 +72,11 @@ VtiVlanVniMapSm::~VtiVlanVniMapSm() {
 
 VniExtOrNone VtiVlanVniMapSm::vniForVlan(Bridging::VlanId vlan) const {
   // An entry that equals the empty pair is as good as none.
-  return vlanVniMap()->vlanToVsp(vlan).vni;
+  return vlanVniMap() ? vlanVniMap()->vlanToVsp(vlan).vni : VniExtOrNone();
 }
 
 Bridging::VlanIdOrNone VtiVlanVniMapSm::vlanForVni(VniExt vni) const {
-  return vlanVniMap()->vniToVlan(vni);
+  return vlanVniMap() ? vlanVniMap()->vniToVlan(vni) : Bridging::VlanIdOrNone();
 }
 
 void VtiVlanVniMapSm::handleInitialized() {
@@ -85,9 +85,10 @@ void VtiVlanVniMapSm::handleInitialized() {
     return;  // the owner makes its trackers when it is
   }
   initializedIs(true);
-  const Kel::Ptr<const VlanVniMap> map = vlanVniMap();
-  for (auto&& mapping : map->vlanToVsp()) {
-    handleVlanVniMapUpdate(mapping.key);
+  if (const Kel::Ptr<const VlanVniMap> map = vlanVniMap()) {
+    for (auto&& mapping : map->vlanToVsp()) {
+      handleVlanVniMapUpdate(mapping.key);
+    }
   }
 }
 

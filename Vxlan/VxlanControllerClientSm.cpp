@@ -50,8 +50,9 @@ VxlanControllerClientSm::~VxlanControllerClientSm() {
   receivedHostTableToL2RibHostInputSm_.del();
   rmxMlagBumStatusSmShadow_.del();
   rmxMlagBumStatusSmDel();
-  vlanVniMapSmShadow_.delAll();
-  vccPerVniFdbStatusSmShadow_.delAll();
+  vlanVniMapSmDelAll();
+  vlanVniMapSmShadowDelAll();
+  vccPerVniFdbStatusSmShadowDelAll();
   rmxPerVniFdbStatusSmDelAll();
   rmxStateSm_.del();
 }

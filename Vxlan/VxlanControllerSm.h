@@ -82,6 +82,9 @@ class VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
   void handleVlanVniMapUpdate(Bridging::VlanId vlan);
 
   const Kel::Ptr<const VlanVniMap>& vlanVniMap() const { return vlanVniMap_.get(); }
+  // Follows another map from now on, or none.
+  void vlanVniMapIs(const Kel::Ptr<const VlanVniMap>& map) { vlanVniMap_.is(map); }
+  void vlanVniMapDel() { vlanVniMap_.del(); }
   std::array<const void*, 2> parameters() const { return {&owner(), vlanVniMap().get()}; }
 
  private:
@@ -373,6 +376,10 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
   void handleReceivedHostEntry(Bridging::MacVlanPair key);
   void handleReceivedHostEntry();
 
+  // Follows another table from now on, which is exported in place of the old one; or none, which leaves the
+  // hosts as they are.
+  void receivedHostTableIs(const Kel::Ptr<const ReceivedHostTable>& table) { receivedHostTable_.is(table); }
+  void receivedHostTableDel() { receivedHostTable_.del(); }
   bool initialized() const { return initialized_; }
   std::array<const void*, 2> parameters() const {
     return {receivedHostTable_.get().get(), l2RibRmxInput_.get().get()};
@@ -411,6 +418,9 @@ class RmxStateSm final : public Kel::StateMachine {
   void cleanup();
 
   const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState() const { return rmxState_.get(); }
+  // Follows another state from now on and echoes its flag; or none, which leaves the view as it is.
+  void rmxStateIs(const Kel::Ptr<const VxlanController::RmxStateV2>& state) { rmxState_.is(state); }
+  void rmxStateDel() { rmxState_.del(); }
   bool initialized() const { return initialized_; }
   std::array<const void*, 2> parameters() const {
     return {rmxState_.get().get(), rmxStateClientView_.get().get()};
@@ -457,6 +467,10 @@ class KEL_API RmxStateSmWrapper final : public Kel::StateMachine {
   void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
                     const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
   void rmxStateSmDel();
+  void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
+  void vtiStatusDirDel();
+  void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) { rmxStateBaseDir_.is(dir); }
+  void rmxStateBaseDirDel() { rmxStateBaseDir_.del(); }
 
  private:
   class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, RmxStateSmWrapper> {
@@ -525,6 +539,9 @@ class BumVtepListSm final : public Kel::StateMachine {
 
   const MacVlanPair& macVlanPair() const { return macVlanPair_; }
   const Kel::Ptr<const BumVtepList>& bumVtepList() const { return bumVtepList_.get(); }
+  // Follows another list of the peer from now on, or none.
+  void bumVtepListIs(const Kel::Ptr<const BumVtepList>& list) { bumVtepList_.is(list); }
+  void bumVtepListDel() { bumVtepList_.del(); }
   bool vlanVniMapExists() const { return vlanVniMapExists_; }
   void vlanVniMapExistsIs(bool exists) { vlanVniMapExists_ = exists; }
   const Kel::Ptr<BumVtepList>& localBumVtepList() const { return localBumVtepList_.get(); }
@@ -590,6 +607,10 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
                                           RmxMlagBumStatusSmBase* owner);
   void bumVtepListSmDel(const MacVlanPair& key) { bumVtepListSm_.del(key); }
   void bumVtepListSmDelAll() { bumVtepListSm_.delAll(); }
+  void mlagVxlanStatusIs(const Kel::Ptr<const Mlag::VxlanStatus>& status);
+  void mlagVxlanStatusDel();
+  void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
+  void vxlanHwStatusDirDel();
 
  protected:
   const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
@@ -655,6 +676,8 @@ class RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
   std::vector<Bridging::VlanId> getVlanIterator(const Qnet::IntfId& vti) const override;
   VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const override;
 
+  void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
+  void vlanVniMapsDel();
   std::array<const void*, 3> parameters() const {
     return {mlagVxlanStatus().get(), vxlanHwStatusDir().get(), vlanVniMaps_.get().get()};
   }
@@ -811,6 +834,7 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   // Enters a tracker under its VTI; null raises the range error.
   void vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSmBase>& sm);
   void vlanVniMapSmDel(const Qnet::IntfId& vti) { vlanVniMapSm_.del(vti); }
+  void vlanVniMapSmDelAll() { vlanVniMapSm_.delAll(); }
   const Kel::Ptr<RmxMlagBumStatusSmBase>& rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_.get(); }
   void rmxMlagBumStatusSmIs(const Kel::Ptr<RmxMlagBumStatusSmBase>& sm) { rmxMlagBumStatusSm_.is(sm); }
   void rmxMlagBumStatusSmDel() { rmxMlagBumStatusSm_.del(); }
@@ -1006,6 +1030,7 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(const Qnet::IntfId& vti, VxlanControllerMacAddrSmBase* owner,
                                                  const Kel::Ptr<const VlanVniMap>& map);
   void vlanVniMapSmShadowDel(const Qnet::IntfId& vti) { vlanVniMapSmShadow_.del(vti); }
+  void vlanVniMapSmShadowDelAll() { vlanVniMapSmShadow_.delAll(); }
   Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadowIs(
       VniExt vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status,
       const Kel::Ptr<const VtiStatusDir>& dir, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,

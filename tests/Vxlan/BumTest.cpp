@@ -164,4 +164,98 @@ TEST_F(MlagTest, AWholeChangePassesByTheGateAndAddsNothing) {
   EXPECT_THAT(mirrored(), IsEmpty());
 }
 
+// Bound to another status of the pair, the machine mirrors the lists in it; bound to none there is no peer.
+TEST_F(MlagTest, AnotherStatusOfThePairIsFollowed) {
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  start();
+  const auto machine = client->rmxMlagBumStatusSm();
+  const auto other = Kel::make<Mlag::VxlanStatus>();
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 10), list({"10.0.0.2"}));
+  other->bumStatusIs(peer);
+  machine->mlagVxlanStatusIs(other);
+  EXPECT_THAT(mirrored(), ElementsAre("10.0.0.2"));
+  EXPECT_EQ(handles.mlagVxlanStatus->reactors(), 0U);
+  machine->mlagVxlanStatusDel();
+  EXPECT_FALSE(machine->remoteBumStatus());
+  EXPECT_EQ(machine->bumVtepListSm().size(), 0U);
+  EXPECT_EQ(other->reactors(), 0U);
+  EXPECT_EQ(peer->reactors(), 0U);
+}
+
+// Bound to another hardware status, it writes there; bound to none, the pair is not in the controller's mode.
+TEST_F(MlagTest, AnotherHardwareStatusIsWrittenTo) {
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 10), list({"10.0.0.2"}));
+  handles.mlagVxlanStatus->bumStatusIs(peer);
+  start();
+  const auto machine = client->rmxMlagBumStatusSm();
+  const auto other = Kel::make<Vxlan::VxlanHwStatusDir>();
+  const auto own = status();
+  other->bumStatusIs(own);
+  machine->vxlanHwStatusDirIs(other);
+  ASSERT_TRUE(own->bumVtepList(key(1, 10)));
+  EXPECT_TRUE(own->bumVtepList(key(1, 10))->remoteVtepAddr(ip("10.0.0.2")));
+  EXPECT_EQ(machine->bumRepMode(), Vxlan::BumReplicationMode::Controller);
+  machine->vxlanHwStatusDirDel();
+  EXPECT_FALSE(machine->localBumStatus());
+  EXPECT_EQ(machine->bumRepMode(), Vxlan::BumReplicationMode::None);
+  EXPECT_EQ(other->reactors(), 0U);
+  EXPECT_EQ(own->reactors(), 0U);
+}
+
+// Bound to other maps, it mirrors what these map; bound to none, it knows no VTI.
+TEST_F(MlagTest, OtherMapsAreFollowed) {
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 20), list({"10.0.0.2"}));
+  handles.mlagVxlanStatus->bumStatusIs(peer);
+  start();
+  EXPECT_EQ(bumLists(), "");
+  const auto machine = client->rmxMlagBumStatusSmShadowIs(handles.mlagVxlanStatus, handles.vxlanHwStatusDir,
+                                                          handles.vlanVniMaps);
+  const auto others = Kel::make<Vxlan::VlanVniMaps>();
+  const auto other = Kel::make<Vxlan::VlanVniMap>();
+  other->mappingIs(vlan(20), vni(10020));
+  others->vlanVniMapIs(vti("Vxlan1"), other);
+  machine->vlanVniMapsIs(others);
+  EXPECT_EQ(bumLists(), "02:00:00:00:00:01:20 10.0.0.2\n");
+  machine->vlanVniMapsDel();
+  EXPECT_TRUE(machine->getVtiIterator().empty());
+  EXPECT_EQ(others->reactors(), 0U);
+  EXPECT_EQ(other->reactors(), 0U);
+}
+
+// All maps that go at once are let go at once.
+TEST_F(MlagTest, AllMapsThatGoAtOnceAreLetGoAtOnce) {
+  start();
+  const auto gone = map("Vxlan1");
+  EXPECT_EQ(gone->reactors(), 2U) << "of the tracker and of the MLAG machine";
+  Kel::ActivityLoop::instance().asHandler([&] {
+    handles.vlanVniMaps->vlanVniMapDelAll();
+    EXPECT_EQ(gone->reactors(), 0U);
+  });
+}
+
+// The machine of a list that is bound to another one mirrors that, its type too; bound to none it adds
+// nothing any more.
+TEST_F(MlagTest, AnotherListOfThePeerIsMirrored) {
+  handles.vxlanHwStatusDir->bumStatusIs(status());
+  const auto peer = status();
+  peer->bumVtepListIs(key(1, 10), list({"10.0.0.2"}));
+  handles.mlagVxlanStatus->bumStatusIs(peer);
+  start();
+  const auto member = client->rmxMlagBumStatusSm()->bumVtepListSm(key(1, 10));
+  const auto other = list({"10.0.0.5"});
+  other->bumVtepIpListTypeIs(static_cast<Vxlan::BumVtepIpListType>(2));
+  member->bumVtepListIs(other);
+  EXPECT_EQ(bumLists(), "02:00:00:00:00:01:10 10.0.0.5 type 2\n");
+  EXPECT_EQ(peer->bumVtepList(key(1, 10))->reactors(), 0U);
+  member->bumVtepListDel();
+  EXPECT_EQ(other->reactors(), 0U);
+  member->handleListType();
+  EXPECT_EQ(bumLists(), "02:00:00:00:00:01:10 10.0.0.5 type 2\n");
+}
+
 }  // namespace

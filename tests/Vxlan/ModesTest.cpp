@@ -87,6 +87,19 @@ TEST_F(ModesTest, AllVtisThatGoAtOnceAreNotHeardAnyMore) {
   EXPECT_TRUE(client->vxlanControllerClientMode());
 }
 
+// They are let go at once, by the client and by the machines of the VNIs, not in their turn.
+TEST_F(ModesTest, AllVtisThatGoAtOnceAreLetGoAtOnce) {
+  givenVti("Vxlan1");
+  givenTwoHosts();
+  start();
+  const auto gone = vtiStatus("Vxlan1");
+  EXPECT_EQ(gone->reactors(), 2U);
+  Kel::ActivityLoop::instance().asHandler([&] {
+    handles.vtiStatusDir->vtiStatusDelAll();
+    EXPECT_EQ(gone->reactors(), 0U);
+  });
+}
+
 // A VTI status that takes the place of another is followed in its place, and what it says counts at once.
 TEST_F(ModesTest, AVtiStatusIsFollowedInThePlaceOfTheOldOne) {
   givenVti("Vxlan1");

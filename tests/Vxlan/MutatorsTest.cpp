@@ -152,6 +152,86 @@ TEST_F(MutatorsTest, FloodingIsTheControllersOnlyInItsMode) {
   EXPECT_TRUE(machine()->checkBumStatus());
 }
 
+// An exporter that is bound to another table exports that one in the place of the old; bound to none it
+// leaves the hosts where they are.
+TEST_F(MutatorsTest, AnExporterExportsAnotherTableInThePlaceOfTheOld) {
+  const auto tableOf = [](std::uint64_t number) {
+    const auto table = Kel::make<Vxlan::ReceivedHostTable>(Name("hostTable"));
+    Vxlan::ReceivedEntry entry;
+    entry.key = key(number, 10);
+    entry.intf = vti("Vxlan1");
+    table->receivedEntryIs(entry);
+    return table;
+  };
+  const auto first = tableOf(1);
+  const auto second = tableOf(2);
+  const auto input = Kel::make<L2Rib::HostInput>(L2Rib::HostInput::Options{});
+  const auto exporter = Vxlan::receivedHostTableToL2RibHostInputSmFactory(first, input);
+  EXPECT_TRUE(input->hasHost(key(1, 10)));
+  exporter->receivedHostTableIs(second);
+  EXPECT_FALSE(input->hasHost(key(1, 10)));
+  EXPECT_TRUE(input->hasHost(key(2, 10)));
+  EXPECT_EQ(first->reactors(), 0U);
+  exporter->receivedHostTableDel();
+  EXPECT_EQ(second->reactors(), 0U);
+  exporter->handleReceivedHostEntry(key(2, 10));
+  exporter->handleReceivedHostEntry();
+  EXPECT_TRUE(input->hasHost(key(2, 10)));
+}
+
+// Another state of the controller is echoed at once; without one the view stays as it is, until the machine
+// goes.
+TEST_F(MutatorsTest, AnotherStateOfTheControllerIsEchoedAtOnce) {
+  controllerConverges(false);
+  const auto echo = client->rmxStateSm();
+  const auto other = Kel::make<VxlanController::RmxStateV2>();
+  other->convergenceInProgressIs(true);
+  echo->rmxStateIs(other);
+  EXPECT_TRUE(handles.rmxStateClientView->convergenceInProgress());
+  controllerConverges(true);
+  controllerConverges(false);
+  EXPECT_TRUE(handles.rmxStateClientView->convergenceInProgress()) << "the old one is not followed";
+  echo->rmxStateDel();
+  EXPECT_EQ(other->reactors(), 0U);
+  echo->handleConvergenceInProgress();
+  EXPECT_TRUE(handles.rmxStateClientView->convergenceInProgress());
+  stop();
+  EXPECT_TRUE(handles.rmxStateClientView->convergenceInProgress()) << "the test still holds the machine";
+}
+
+// A tracker that is bound to another map translates through it and hears its signals; bound to none it finds
+// nothing.
+TEST_F(MutatorsTest, ATrackerFollowsAnotherMap) {
+  const auto tracker = client->vlanVniMapSmShadowIs(vti("Vxlan1"), client.get(), map("Vxlan1"));
+  const auto other = Kel::make<Vxlan::VlanVniMap>();
+  other->mappingIs(vlan(20), vni(10020));
+  tracker->vlanVniMapIs(other);
+  EXPECT_EQ(map("Vxlan1")->reactors(), 0U);
+  EXPECT_EQ(tracker->vniForVlan(vlan(20)).value(), 10020U);
+  EXPECT_FALSE(tracker->vniForVlan(vlan(10)));
+  traceFromNow();
+  other->notifyingVlanIs(vlan(20));
+  EXPECT_EQ(tracedLines("Create rmxPerVniFdbStatusSm for 10020"), 1U);
+  tracker->vlanVniMapDel();
+  EXPECT_EQ(other->reactors(), 0U);
+  EXPECT_FALSE(tracker->vniForVlan(vlan(20)));
+  EXPECT_FALSE(tracker->vlanForVni(vni(10020)));
+  tracker->handleInitialized();
+  EXPECT_EQ(received(), host);
+}
+
+// The trackers can be dropped all at once.
+TEST_F(MutatorsTest, AllTrackersCanBeDroppedAtOnce) {
+  givenMap("Vxlan2");
+  EXPECT_EQ(trackers(), "Vxlan1 Vxlan2 ");
+  const auto tracker = client->vlanVniMapSm(vti("Vxlan2"));
+  client->vlanVniMapSmDelAll();
+  EXPECT_EQ(trackers(), "");
+  client->vlanVniMapSmShadowDelAll();
+  EXPECT_TRUE(tracker->zombie());
+  EXPECT_EQ(tracker->references(), 1U);
+}
+
 // A client that is replaced within one turn, as an agent does it, ends as the old one was, also while the
 // controller converges: nobody sees the window closed, and nothing is scheduled.
 TEST_F(MutatorsTest, AClientReplacedWithinOneTurnEndsAsTheOldOneWas) {

@@ -219,6 +219,60 @@ TEST_F(LifecycleTest, AZombieTreeHearsNothing) {
   EXPECT_EQ(state(), before);
 }
 
+// A machine whose entity goes is marked as being deleted, and nobody but this test holds it any more.
+TEST_F(LifecycleTest, AMachineWhoseEntityGoesIsMarkedAndDropped) {
+  peerLists(1, 10, {"10.0.0.2"});
+  const auto expectGone = [](const auto& machine) {
+    EXPECT_TRUE(machine->zombie()) << machine->fwkType().name;
+    EXPECT_EQ(machine->references(), 1U) << machine->fwkType().name;
+  };
+  const auto perVni = client->rmxPerVniFdbStatusSm(vni(10010));
+  const auto floodList = perVni->macVtepFloodListTableSm(mac(2));
+  const auto tracker = client->vlanVniMapSm(vti("Vxlan1"));
+  const auto echo = client->rmxStateSm();
+  const auto mlag = client->rmxMlagBumStatusSm();
+  const auto bumList = mlag->bumVtepListSm(key(1, 10));
+  EXPECT_FALSE(perVni->zombie() || floodList->zombie() || tracker->zombie() || echo->zombie() ||
+               mlag->zombie() || bumList->zombie());
+  withdrawFloodList(10010, 2);
+  expectGone(floodList);
+  handles.mlagVxlanStatus->bumStatus()->bumVtepListDel(key(1, 10));
+  expectGone(bumList);
+  mlagIs(Mlag::MlagState::Disabled);
+  expectGone(mlag);
+  withdrawVni(10010);
+  expectGone(perVni);
+  controllerStateGoes();
+  expectGone(echo);
+  mapGoes("Vxlan1");
+  expectGone(tracker);
+}
+
+// Each class that runs makes machines of its own that are live, with the children's pointers to their owners.
+TEST_F(LifecycleTest, EveryClassMakesLiveMachines) {
+  const auto expectLive = [](const auto& machine, std::string_view type) {
+    EXPECT_EQ(machine->fwkType().name, type);
+    EXPECT_TRUE(machine->hasNotificationActive()) << type;
+    EXPECT_EQ(machine->references(), 1U) << type;
+  };
+  const Ptr<const VxlanController::VniFdbStatusV2> status = vniStatus(10010);
+  const auto perVni = Vxlan::VccPerVniFdbStatusSm::VccPerVniFdbStatusSmIs(
+      vni(10010), status, handles.vtiStatusDir, handles.vxlanHwStatusDir, client.get(), handles.rmxSde);
+  expectLive(perVni, "Vxlan::VccPerVniFdbStatusSm");
+  expectLive(Vxlan::VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSmIs(
+                 mac(2), status->macVtepFloodListTable(mac(2)), perVni.get(), handles.rmxSde),
+             "Vxlan::VccMacVtepFloodListTableSm");
+  expectLive(Vxlan::VtiVlanVniMapSm::VtiVlanVniMapSmIs(vti("Vxlan1"), client.get(), map("Vxlan1")),
+             "Vxlan::VtiVlanVniMapSm");
+  expectLive(Vxlan::RmxStateSm::RmxStateSmIs(client->rmxStateSm()->rmxState(), handles.rmxStateClientView),
+             "Vxlan::RmxStateSm");
+  const auto mlag = Vxlan::RmxMlagBumStatusSm::RmxMlagBumStatusSmIs(
+      handles.mlagVxlanStatus, handles.vxlanHwStatusDir, handles.vlanVniMaps);
+  expectLive(mlag, "Vxlan::RmxMlagBumStatusSm");
+  expectLive(Vxlan::BumVtepListSm::BumVtepListSmIs(key(1, 10), Kel::make<Vxlan::BumVtepList>(), mlag.get()),
+             "Vxlan::BumVtepListSm");
+}
+
 // Destroyed, the client leaves what it wrote where it is, and follows nothing any more.
 TEST_F(LifecycleTest, DestroyedItFollowsNothing) {
   const std::string flooded = floods();

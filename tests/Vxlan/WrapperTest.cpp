@@ -86,6 +86,58 @@ TEST_F(WrapperTest, AnEntityOfAnotherTypeIsIgnored) {
   EXPECT_FALSE(wrapper->rmxStateSm());
 }
 
+// All VTIs that go at once are let go at once.
+TEST_F(WrapperTest, AllVtisThatGoAtOnceAreLetGoAtOnce) {
+  givenVti("Vxlan1");
+  givenVti("Vxlan2");
+  startWrapper();
+  const auto gone = vtiStatus("Vxlan2");
+  Kel::ActivityLoop::instance().asHandler([&] {
+    handles.vtiStatusDir->vtiStatusDelAll();
+    EXPECT_EQ(gone->reactors(), 0U);
+  });
+}
+
+// Another directory of VTIs decides the mode in the place of the old one; without one there is no client
+// mode.
+TEST_F(WrapperTest, AnotherDirectoryOfVtisIsFollowed) {
+  givenVti("Vxlan1", {.client = false});
+  controllerConverges(true);
+  startWrapper();
+  const auto other = Kel::make<Vxlan::VtiStatusDir>();
+  const auto status = Kel::make<Vxlan::VtiStatus>(vti("Vxlan1"));
+  status->controllerClientModeIs(true);
+  other->vtiStatusIs(status);
+  wrapper->vtiStatusDirIs(other);
+  EXPECT_TRUE(viewConverges());
+  EXPECT_EQ(vtiStatus("Vxlan1")->reactors(), 0U);
+  wrapper->vtiStatusDirDel();
+  EXPECT_EQ(other->reactors(), 0U);
+  EXPECT_EQ(status->reactors(), 0U);
+  EXPECT_FALSE(wrapper->vxlanControllerClientMode());
+  wrapper->handleRmxStateBaseDir();
+  EXPECT_FALSE(viewConverges());
+  wrapper->vtiStatusDirIs(nullptr);
+  EXPECT_FALSE(wrapper->vxlanControllerClientMode());
+}
+
+// Another directory of the controller's state is followed as if its entries had just come.
+TEST_F(WrapperTest, AnotherDirectoryOfStatesIsFollowed) {
+  givenVti("Vxlan1");
+  startWrapper();
+  const auto other = Kel::make<Kel::Dir>();
+  const auto state = Kel::make<VxlanController::RmxStateV2>();
+  state->convergenceInProgressIs(true);
+  other->entityPtrIs(Name("controller"), state);
+  wrapper->rmxStateBaseDirIs(other);
+  EXPECT_TRUE(viewConverges());
+  EXPECT_EQ(handles.rmxStateBaseDir->reactors(), 0U);
+  wrapper->rmxStateBaseDirDel();
+  EXPECT_EQ(other->reactors(), 0U);
+  other->entryDel(Name("controller"));
+  EXPECT_TRUE(viewConverges()) << "nobody hears of it";
+}
+
 // Destroyed, it leaves no open window behind, and nothing follows it any more.
 TEST_F(WrapperTest, DestroyedItClosesTheWindow) {
   givenVti("Vxlan1");

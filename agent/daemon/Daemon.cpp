@@ -103,6 +103,7 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
   loop_.onSignal(SIGINT, [this] { loop_.stop(); });
   loop_.onSignal(SIGHUP, [this] { readConfigurationAgain(); });
   loop_.embed(*activity_);
+  tellOfRecording();
   openControl();
   openKernel();
   openDatabase();
@@ -247,7 +248,7 @@ void Daemon::stepPatch() {
   guarded("a change of the database", [this] {
     if (patch_ && !patch_->step()) {
       patch_.reset();
-      recorder_.patch(patchText_, Kel::System::loopTime());
+      record(patchText_);
     }
   });
 }
@@ -279,7 +280,18 @@ void Daemon::carryOut(const json& patch) {
   while (checked.remaining() != 0) {
     guarded("a patch", [&] { checked.carryOut(); });
   }
+  record(patch);
+}
+
+void Daemon::record(const json& patch) {
   recorder_.patch(patch, Kel::System::loopTime());
+  tellOfRecording();
+}
+
+void Daemon::tellOfRecording() {
+  if (!recorder_.problem().empty()) {
+    noteProblem("recording", options_.record, recorder_.problem());
+  }
 }
 
 // An error out of a handler is told, and the agent goes on: queue and collections are consistent, the rest is
@@ -329,9 +341,6 @@ void Daemon::settleStart() {
 void Daemon::everySecond() {
   if (metrics_ != nullptr) {
     metrics_->publish(metrics());
-  }
-  if (!recorder_.problem().empty()) {
-    noteProblem("recording", options_.record, recorder_.problem());
   }
   ::sd_notify(0, "WATCHDOG=1");
   loop_.after(std::chrono::seconds(1), [this] { everySecond(); });

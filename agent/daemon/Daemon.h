@@ -45,6 +45,8 @@ class Daemon {
   void openKernel();
   void openControl();
   void carryOut(const nlohmann::json& patch);
+  void record(const nlohmann::json& patch);
+  void tellOfRecording();
   bool takeFromDatabase();
   bool nextDatabasePatch();
   void stepPatch();

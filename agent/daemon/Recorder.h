@@ -1,6 +1,8 @@
 // The recording of inputs: a journal that `vxlan-agent replay` runs.
 #pragma once
 
+#include <sys/types.h>
+
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -8,11 +10,11 @@ namespace Agent {
 
 // Writes every change of the inputs as a line of a journal, with the time that passed since the one before.
 // Each line is written whole and at once, so that a kill -9 loses nothing. When the disk is full, or the file
-// cannot be written any more, the recording ends, with one message; the agent goes on.
+// cannot be written any more, the recording ends behind the last whole line, and problem() says why.
 class Recorder {
  public:
-  // An empty path records nothing. Raises std::system_error when the file cannot be made. An existing file is
-  // replaced.
+  // An empty path records nothing. Raises std::system_error when the file cannot be made. What an earlier run
+  // recorded there is kept as PATH.1, in place of what that was.
   Recorder(const std::string& path, double now);
   ~Recorder();
   Recorder(const Recorder&) = delete;
@@ -26,9 +28,9 @@ class Recorder {
  private:
   void write(const std::string& text);
 
-  std::string path_;
   int file_ = -1;
   double last_;
+  off_t whole_ = 0;  // bytes, of whole lines
   std::string problem_;
 };
 

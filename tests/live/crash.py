@@ -1,0 +1,73 @@
+"""The agent is killed at any moment under load, and started again, over and over."""
+
+import random
+
+from database import Published, Server, mac, published
+from rig import Agent, Reader, check, until
+
+VLANS = (10, 20)
+MACS = [mac(0x1000 + number) for number in range(120)]
+PLACES = 3    # VTEPs at which a host may be
+KILLS = 60
+
+
+def vtep(vlan, address, place):
+    """Tells where a host belongs: a record put together from two hosts shows."""
+    return f"10.{vlan}.{int(address[-2:], 16)}.{place + 1}"
+
+
+def whole(host):
+    return host["vtep0"] in {vtep(host["vlan"], host["mac"], place) for place in range(PLACES)} and host["intf"] == "Vxlan1"
+
+
+class Load:
+    """A controller that adds, moves and deletes hosts, in no order."""
+
+    def __init__(self, session, dice):
+        self.controller = Published(session, VLANS)
+        self.dice = dice
+        self.there = {}  # (VLAN, MAC) to the place
+        for vlan in VLANS:
+            self.publish(vlan, MACS)
+
+    def publish(self, vlan, addresses):
+        chosen = {address: self.dice.randrange(PLACES) for address in addresses}
+        self.controller.hosts(vlan, {address: vtep(vlan, address, place) for address, place in chosen.items()})
+        self.there.update(((vlan, address), place) for address, place in chosen.items())
+
+    def work(self, steps):
+        for _ in range(steps):
+            vlan = self.dice.choice(VLANS)
+            some = self.dice.sample(MACS, self.dice.randrange(1, 20))
+            for address in some:
+                if self.there.pop((vlan, address), None) is not None:
+                    self.controller.withdraw(vlan, address)
+            self.publish(vlan, [address for address in some if self.dice.random() < 0.8])
+
+
+def scenario_the_agent_is_killed_at_any_moment(rig, seed=1):
+    dice = random.Random(seed)
+    database = Server(rig).start()
+    load = Load(database.session(), dice)
+    agent = Agent(rig).follows(database.remote, quiet=0.05).start()
+    reader = Reader(rig, whole)
+    for _ in range(KILLS):
+        # The kill finds it in its start, while it waits for the controller's state, or while it takes in changes.
+        moment = dice.choice(["start", "wait", "work", "work"])
+        if moment != "start":
+            until("the agent answers", agent.answers)
+        if moment == "work":
+            until("the agent follows", agent.following)
+        load.work(dice.randrange(1, 12))
+        agent.kill()
+        load.work(dice.randrange(4))
+        agent.begin()
+    until("the agent answers", agent.answers)
+    load.work(10)
+    after = published(database.session())
+    check(after == {key: vtep(*key, place) for key, place in load.there.items()}, "the database has what was written")
+    until("the table is what the database publishes", lambda: reader.vteps() == after)
+    until("the agent follows", agent.following)
+    check(reader.vteps() == after, "and stays so")
+    check(not reader.torn, lambda: f"{len(reader.torn)} hosts that nobody wrote: {reader.torn[:3]}")
+    check(reader.changes > len(MACS) * KILLS, lambda: f"the reader was there: {reader.changes} changes")

@@ -70,6 +70,18 @@ TEST(AddressesTest, WhatIsPrintedIsReadBack) {
   EXPECT_LT(IpAddr(0x7fffffff), IpAddr(0x80000000));
 }
 
+// Addresses are equal and hashed by their value.
+TEST(AddressesTest, IpsAreEqualAndHashedByTheirValue) {
+  EXPECT_EQ(IpAddr(0x0a000001), IpAddr(0x0a000001));
+  EXPECT_NE(IpAddr(0x0a000001), IpAddr(0x0a000101));
+  std::unordered_set<std::size_t> hashes;
+  for (std::uint32_t value = 0x0a000000; value < 0x0a001000; ++value) {
+    hashes.insert(std::hash<IpAddr>{}(IpAddr(value)));
+  }
+  EXPECT_EQ(hashes.size(), 4096U);
+  EXPECT_EQ(std::hash<IpAddr>{}(IpAddr(0x0a000001)), std::hash<IpAddr>{}(IpAddr(0x0a000001)));
+}
+
 // The generic address holds an IPv4 address, or nothing; nothing is not the address 0.0.0.0.
 TEST(AddressesTest, TheGenericAddressHoldsAnIpOrNothing) {
   const IpGenAddr generic(IpAddr(0x0a0102ff));
@@ -92,6 +104,8 @@ TEST(AddressesTest, InterfaceNamesAreOrderedByTheirText) {
   EXPECT_TRUE(IntfId().empty());
   EXPECT_FALSE(IntfId("Vxlan1").empty());
   EXPECT_EQ(std::hash<IntfId>{}(IntfId("Vxlan1")), std::hash<IntfId>{}(IntfId("Vxlan1")));
+  EXPECT_NE(IntfId("Vxlan1"), IntfId("Vxlan2"));
+  EXPECT_NE(std::hash<IntfId>{}(IntfId("Vxlan1")), std::hash<IntfId>{}(IntfId("Vxlan2")));
   EXPECT_EQ(text(IntfId("Vxlan1")), "Vxlan1");
 }
 

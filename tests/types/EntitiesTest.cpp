@@ -199,7 +199,23 @@ TEST(ReceivedHostTableTest, AnAbsentEntryReadsAsTheDefault) {
   EXPECT_EQ(absent, Vxlan::ReceivedEntry());
   EXPECT_TRUE(absent.intf.empty());
   EXPECT_EQ(static_cast<unsigned>(absent.hostAttr), 16U);
+  EXPECT_EQ(absent.key, Bridging::MacVlanPair());
+  EXPECT_EQ(absent.vtepIp, Qnet::IpAddr());
+  EXPECT_EQ(absent.moveCount, 0U);
+  EXPECT_EQ(absent.lastUpdateTime, 0);
   EXPECT_FALSE(absent.markedForDel);
+}
+
+// Its enumerations are one byte wide; any value of the controller's attribute is kept.
+TEST(ReceivedHostTableTest, TheEnumerationsOfAnEntryAreOneByteWide) {
+  static_assert(sizeof(Vxlan::EntryType) == 1 && sizeof(VxlanController::HostAttr) == 1);
+  EXPECT_EQ(static_cast<unsigned>(Vxlan::EntryType::Controller), 10U);
+  Vxlan::ReceivedEntry entry;
+  entry.key = {mac(1), VlanId(10U)};
+  entry.hostAttr = static_cast<VxlanController::HostAttr>(255);
+  const auto table = Kel::make<Vxlan::ReceivedHostTable>(Kel::Name("hostTable"));
+  table->receivedEntryIs(entry);
+  EXPECT_EQ(static_cast<unsigned>(table->receivedEntry(entry.key).hostAttr), 255U);
 }
 
 class MarkedCountTest : public testing::Test {

@@ -112,6 +112,26 @@ TEST(NumbersTest, AVniIsHashedByItsBitsReversed) {
   EXPECT_EQ(std::hash<VniExt>{}(VniExt(0x12345678U)), 0x1e6a2c48U);
 }
 
+// VLANs and VNIs are as wide as their numbers, and ordered by them; VLANs are hashed by them too.
+TEST(NumbersTest, VlansAndVnisAreOrderedByTheirNumbers) {
+  static_assert(sizeof(VlanId) == 2 && sizeof(VlanIdOrNone) == 2 && sizeof(VniExt) == 4);
+  EXPECT_LT(VlanId(9U), VlanId(10U));
+  EXPECT_LT(VlanIdOrNone(), VlanIdOrNone(1U));
+  EXPECT_LT(VniExt(9U), VniExt(10U));
+  std::unordered_set<VlanId> vlans;
+  std::unordered_set<VlanIdOrNone> vlansOrNone{VlanIdOrNone()};
+  std::set<std::size_t> hashes;
+  for (std::uint32_t number = 1; number <= 4094; ++number) {
+    vlans.insert(VlanId(number));
+    vlansOrNone.insert(VlanIdOrNone(number));
+    hashes.insert(std::hash<VlanId>{}(VlanId(number)));
+  }
+  EXPECT_EQ(vlans.size(), 4094U);
+  EXPECT_TRUE(vlans.contains(VlanId(4094U)));
+  EXPECT_EQ(vlansOrNone.size(), 4095U);
+  EXPECT_EQ(hashes.size(), 4094U);
+}
+
 // What a VLAN is mapped to: the default is the empty pair, which is no VNI.
 TEST(NumbersTest, TheEmptyPairIsNoVni) {
   const Vxlan::VniSourcePair empty;
@@ -119,6 +139,10 @@ TEST(NumbersTest, TheEmptyPairIsNoVni) {
   const Vxlan::VniSourcePair pair{VniExtOrNone(10010U), Vxlan::VniSource::Configuration};
   EXPECT_NE(pair, empty);
   EXPECT_NE(pair, (Vxlan::VniSourcePair{VniExtOrNone(10010U), Vxlan::VniSource::None}));
+  EXPECT_EQ(pair, (Vxlan::VniSourcePair{VniExtOrNone(10010U), Vxlan::VniSource::Configuration}));
+  const std::unordered_set<Vxlan::VniSourcePair> pairs{
+      empty, pair, pair, {VniExtOrNone(10010U), Vxlan::VniSource::None}, {VniExtOrNone(10020U)}};
+  EXPECT_EQ(pairs.size(), 4U);
   EXPECT_EQ(text(pair), "10010");
 }
 

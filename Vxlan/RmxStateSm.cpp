@@ -41,7 +41,9 @@ void RmxStateSm::handleConvergenceInProgress() {
     return;
   }
   const bool converging = rmxState_->convergenceInProgress();
-  VCC_TRACE(traceOrdinary, "handleConvergenceInProgress", " echo convergence state ", converging);
+  VCC_LINE(traceOrdinary, "handleConvergenceInProgress", " init ", initialized(), " convergence state ",
+           converging);
+  VCC_RECORD(traceOrdinary, "handleConvergenceInProgress", " echo convergence state ", converging);
   if (rmxStateClientView_) {
     rmxStateClientView_->convergenceInProgressIs(converging);
   }

@@ -30,7 +30,7 @@ void VtiVlanVniMapSmBase::handleInitialized() {
   VCC_TRACE(traceOrdinary, " Init ? ", initialized());
 }
 
-void VtiVlanVniMapSmBase::rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, const Qnet::IntfId& vti) {
+void VtiVlanVniMapSmBase::rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, Qnet::IntfId vti) {
   VCC_TRACE(traceOrdinary, "vlan: ", vlan, " vti: ", vti);
   if (!owner().vxlanControllerClientMode()) {
     VCC_TRACE(traceOrdinary, "Returning: controllerMode = ", owner().vxlanControllerClientMode());

@@ -218,7 +218,7 @@ void VxlanControllerClientSm::deleteVlanVniMapSm(Qnet::IntfId vti) {
 }
 
 Kel::Ptr<VtiVlanVniMapSm> VxlanControllerClientSm::vlanVniMapSmShadowIs(
-    const Qnet::IntfId& vti, VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<const VlanVniMap>& map) {
+    Qnet::IntfId vti, VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<const VlanVniMap>& map) {
   return vlanVniMapSmShadow_.shadowIs(vti, owner, map);
 }
 
@@ -238,12 +238,12 @@ const std::vector<Qnet::IntfId>& VxlanControllerClientSm::getVtiIterator() const
   return vtis_;
 }
 
-Bridging::VlanIdOrNone VxlanControllerClientSm::vlanForVni(const Qnet::IntfId& vti, VniExt vni) const {
+Bridging::VlanIdOrNone VxlanControllerClientSm::vlanForVni(Qnet::IntfId vti, VniExt vni) const {
   const Kel::Ptr<VlanVniMap>* map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap().find(vti) : nullptr;
   return map == nullptr ? Bridging::VlanIdOrNone() : (*map)->vniToVlan(vni);
 }
 
-VniExtOrNone VxlanControllerClientSm::vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const {
+VniExtOrNone VxlanControllerClientSm::vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const {
   const Kel::Ptr<VlanVniMap>* map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap().find(vti) : nullptr;
   return map == nullptr ? VniExtOrNone() : (*map)->vlanToVsp(vlan).vni;
 }

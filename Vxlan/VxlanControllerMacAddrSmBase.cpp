@@ -124,11 +124,11 @@ const std::vector<Qnet::IntfId>& VxlanControllerMacAddrSmBase::getVtiIterator() 
   VCC_TRACE(traceOrdinary);
   return none;
 }
-Bridging::VlanIdOrNone VxlanControllerMacAddrSmBase::vlanForVni(const Qnet::IntfId& vti, VniExt vni) const {
+Bridging::VlanIdOrNone VxlanControllerMacAddrSmBase::vlanForVni(Qnet::IntfId vti, VniExt vni) const {
   VCC_TRACE(traceOrdinary, " vti ", vti, " vni ", vni);
   return {};
 }
-VniExtOrNone VxlanControllerMacAddrSmBase::vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const {
+VniExtOrNone VxlanControllerMacAddrSmBase::vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const {
   VCC_TRACE(traceOrdinary, " vti ", vti, " vlan ", vlan);
   return {};
 }
@@ -413,7 +413,8 @@ void VxlanControllerMacAddrSmBase::processUnicastDeferredDeletes() {
     ++at;
   }
   finishUnicastDeferredDeletes();
-  VCC_TRACE(traceOrdinary, " unicast mac deferred delete complete.");
+  VCC_RECORD(traceOrdinary, " unicast mac deferred del complete");
+  VCC_LINE(traceOrdinary, " unicast mac deferred delete complete.");
 }
 
 void VxlanControllerMacAddrSmBase::finishUnicastDeferredDeletes() {
@@ -421,8 +422,7 @@ void VxlanControllerMacAddrSmBase::finishUnicastDeferredDeletes() {
   setUnicastDeferredDeletionInProgress(false);
 }
 
-bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp,
-                                                const Qnet::IntfId& vti) const {
+bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, Qnet::IntfId vti) const {
   VCC_TRACE(traceOrdinary, " vni ", vni, " vtepIp ", vtepIp, " vti ", vti);
   const Kel::Ptr<const VtiStatus> status = vtiStatusDir_ ? vtiStatusDir_->vtiStatus(vti) : nullptr;
   if (!status) {

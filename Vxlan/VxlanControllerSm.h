@@ -44,7 +44,7 @@ class VtiVlanVniMapSmBase : public Kel::StateMachine {
 
   // What follows when the update of a VLAN's entry is complete: machines of VNIs that lost their VLAN go, the
   // machine of the VLAN's VNI is created or refreshed. Nothing unless the switch is a controller client.
-  void rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, const Qnet::IntfId& vti);
+  void rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, Qnet::IntfId vti);
 
   const Qnet::IntfId& vtiIntfId() const { return vtiIntfId_; }
   bool initialized() const { return initialized_; }
@@ -769,8 +769,8 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   virtual Kel::Ptr<ReceivedHostTable> getHostTable() const;
   // The VTIs that have a VLAN-VNI map, in the order of their names. The list holds until the maps change.
   virtual const std::vector<Qnet::IntfId>& getVtiIterator() const;
-  virtual Bridging::VlanIdOrNone vlanForVni(const Qnet::IntfId& vti, VniExt vni) const;
-  virtual VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const;
+  virtual Bridging::VlanIdOrNone vlanForVni(Qnet::IntfId vti, VniExt vni) const;
+  virtual VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const;
   virtual void setBumDeferredDeletionInProgress(bool inProgress);
   virtual void setUnicastDeferredDeletionInProgress(bool inProgress);
   virtual void handleInitialized();
@@ -800,7 +800,7 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   // One run of the paced deletion: works for maxProcessTime at most.
   void processUnicastDeferredDeletes();
   // Whether a VTEP address is the switch's own: the VTI's, its virtual gateway's, or one of the MLAG pair's.
-  bool isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, const Qnet::IntfId& vti) const;
+  bool isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, Qnet::IntfId vti) const;
 
   // Removes, or marks, all remote hosts of a VLAN.
   void deleteRemoteMacFromController(Bridging::VlanId vlan, bool deferDel);
@@ -999,8 +999,8 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   void deleteVlanVniMapSm(Qnet::IntfId vti) override;
   Kel::Ptr<ReceivedHostTable> getHostTable() const override;
   const std::vector<Qnet::IntfId>& getVtiIterator() const override;
-  Bridging::VlanIdOrNone vlanForVni(const Qnet::IntfId& vti, VniExt vni) const override;
-  VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const override;
+  Bridging::VlanIdOrNone vlanForVni(Qnet::IntfId vti, VniExt vni) const override;
+  VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const override;
   void setBumDeferredDeletionInProgress(bool inProgress) override;
   void setUnicastDeferredDeletionInProgress(bool inProgress) override;
   void handleInitialized() override;
@@ -1027,7 +1027,7 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   Kel::Ptr<ReceivedHostTable> hostTableIs(const Kel::Name& name);
   Bridging::VlanId bumDeferredDeleteBookmark() const { return bumDeferredDeleteBookmark_; }
 
-  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(const Qnet::IntfId& vti, VxlanControllerMacAddrSmBase* owner,
+  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(Qnet::IntfId vti, VxlanControllerMacAddrSmBase* owner,
                                                  const Kel::Ptr<const VlanVniMap>& map);
   void vlanVniMapSmShadowDel(const Qnet::IntfId& vti) { vlanVniMapSmShadow_.del(vti); }
   void vlanVniMapSmShadowDelAll() { vlanVniMapSmShadow_.delAll(); }

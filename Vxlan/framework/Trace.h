@@ -53,13 +53,24 @@ void traceInto(Kel::TraceHelper& line, const Piece& piece) {
 }  // namespace detail
 }  // namespace Vxlan
 
-// Traces at this place: VCC_TRACE(traceOrdinary, " vlanId ", vlan). Literals are stored once for the place;
-// the rest is recorded in binary.
-#define VCC_TRACE(level, ...)                                                                              \
+// Traces at this place: VCC_TRACE(traceOrdinary, " vlanId ", vlan), in the ring and, where that is enabled,
+// as a line that begins with the signature of the operation and a blank. Literals are stored once for the
+// place; the rest is recorded in binary.
+#define VCC_TRACE(level, ...)                     \
+  do {                                            \
+    VCC_RECORD(level __VA_OPT__(, ) __VA_ARGS__); \
+    VCC_LINE(level __VA_OPT__(, ) __VA_ARGS__);   \
+  } while (false)
+
+// The two halves, for the few places where record and line read differently.
+#define VCC_RECORD(level, ...)                                          \
+  do {                                                                  \
+    if (::Vxlan::vccRlHandle != nullptr) [[likely]] {                   \
+      RINGLOG(*::Vxlan::vccRlHandle, level __VA_OPT__(, ) __VA_ARGS__); \
+    }                                                                   \
+  } while (false)
+#define VCC_LINE(level, ...)                                                                               \
   do {                                                                                                     \
-    if (::Vxlan::vccRlHandle != nullptr) [[likely]] {                                                      \
-      RINGLOG(*::Vxlan::vccRlHandle, level __VA_OPT__(, ) __VA_ARGS__);                                    \
-    }                                                                                                      \
     if (auto vccLine = Kel::TraceHelper::createIfEnabled(::Vxlan::vccTraceFacility, level)) [[unlikely]] { \
       vccLine << __PRETTY_FUNCTION__ << ' ';                                                               \
       [&vccLine](const auto&... pieces) {                                                                  \

@@ -66,7 +66,12 @@ TEST_F(ConvergenceTest, EachEchoLeavesOneRecordInTheRing) {
   givenVti("Vxlan1");
   start();
   const std::size_t before = echoes().size();
+  traceFromNow();
   controllerConverges(true);
+  EXPECT_EQ(tracedLines("void Vxlan::RmxStateSm::handleConvergenceInProgress() handleConvergenceInProgress "
+                        "init 1 convergence state 1"),
+            1U)
+      << "the line is the handler's, the record says what it did";
   controllerConverges(false);
   controllerConverges(true);
   const std::vector<std::string> all = echoes();
@@ -237,7 +242,7 @@ TEST_F(ConvergenceTest, RepeatedEvaluationKeepsTheMachine) {
   client->updateControllerClientMode();
   client->handleRmxStateBaseDir();
   EXPECT_EQ(client->rmxStateSm(), machine);
-  EXPECT_EQ(tracedLines(" echo convergence state "), 0U);
+  EXPECT_EQ(tracedLines("RmxStateSm::handleConvergenceInProgress"), 0U);
 }
 
 // Two notifications of "false" in a row schedule everything twice: there is no memory of the edge.

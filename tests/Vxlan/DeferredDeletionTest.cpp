@@ -3,7 +3,9 @@
 #include <functional>
 
 #include "Kel/Clock.h"
+#include "RingLog/Reader.h"
 #include "Scenario.h"
+#include "Vxlan/framework/Trace.h"
 
 namespace {
 
@@ -354,6 +356,44 @@ TEST_F(DeferredDeletionTest, BindingAnotherClockRunsTheJobOnce) {
   fresh->timeMinIs(time.peek());
   turnsUntilIdle();
   EXPECT_EQ(tracedLines("processUnicastDeferredDeletes") - tracedLines(" no markedForDel entries"), 1U);
+}
+
+// Binding the clock that is bound already is none.
+TEST_F(DeferredDeletionTest, BindingTheSameClockRunsNothing) {
+  givenAllMarked(2);
+  handles.rmxStateClientView->convergenceInProgressIs(false);
+  client->unicastDeferredDeleteClockIs(client->unicastDeferredDeleteClock());
+  EXPECT_EQ(hosts(), 2U);
+}
+
+// While the controller converges a run says nothing either when nothing is marked: that is for its end.
+TEST_F(DeferredDeletionTest, ARunWhileConvergingSaysNothingAlsoIfNothingIsMarked) {
+  givenMarked(2, {});
+  handles.rmxConvergenceStatus->unicastDeferredDeletionInProgressIs(true);
+  traceFromNow();
+  client->processUnicastDeferredDeletes();
+  EXPECT_TRUE(inProgress());
+  EXPECT_EQ(tracedLines(" called but nothing to do - nexo rebooted again?"), 1U);
+  EXPECT_EQ(tracedLines(" no markedForDel entries"), 0U);
+}
+
+// The end of the job is recorded in the ring as it always was, and traced as a sentence.
+TEST_F(DeferredDeletionTest, TheEndOfTheJobIsRecordedAndTraced) {
+  givenAllMarked(1);
+  controllerConverges(false);
+  traceFromNow();
+  turn();
+  EXPECT_EQ(tracedLines("void Vxlan::VxlanControllerMacAddrSmBase::processUnicastDeferredDeletes()  unicast "
+                        "mac deferred delete complete."),
+            1U);
+  const RingLog::Trace trace = RingLog::Trace::parse(Vxlan::vccRlHandle->image());
+  std::string last;
+  for (const RingLog::Record& record : trace.records()) {
+    if (record.message().find("unicast mac deferred") != std::string::npos) {
+      last = record.message();
+    }
+  }
+  EXPECT_EQ(last, " unicast mac deferred del complete");
 }
 
 // Ten thousand marked hosts go in slices, each as long as its budget, and each slice leaves a table that is

@@ -184,6 +184,14 @@ TEST_F(ErrorsDeathTest, AMarkedEntryMustBeCounted) {
   EXPECT_DEATH(client->deleteReceivedTableEntry(key(1, 10)), "assertion failed: markedForDelCount\\(\\)");
 }
 
+// An entry that was marked and is removed past the client means that the job looks for it in vain.
+TEST_F(ErrorsDeathTest, AMarkedEntryMayNotBeRemovedPastTheClient) {
+  publish(10010, 1);
+  client->deferDeleteReceivedTableEntry(key(1, 10));
+  client->hostTable()->receivedEntryDel(key(1, 10));
+  EXPECT_DEATH(client->processUnicastDeferredDeletes(), "assertion failed: iter");
+}
+
 // A flood list machine of the base class may not act, nor may a per-VNI machine of the base class.
 TEST_F(ErrorsDeathTest, TheBasesOfTheFloodMachinesMayNotAct) {
   class PlainVni final : public Vxlan::RmxPerVniFdbStatusSmBase {

@@ -175,7 +175,7 @@ TEST_F(WrapperTest, EqualArgumentsKeepTheMachine) {
   traceFromNow();
   wrapper->rmxStateSmIs(machine->rmxState(), handles.rmxStateClientView);
   EXPECT_EQ(wrapper->rmxStateSm(), machine);
-  EXPECT_EQ(tracedLines(" echo convergence state "), 0U);
+  EXPECT_EQ(tracedLines("RmxStateSm::handleConvergenceInProgress"), 0U);
 }
 
 // Null inputs are survived: there is nothing to echo, or nothing to echo into.

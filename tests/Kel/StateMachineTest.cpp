@@ -156,7 +156,10 @@ TEST_F(StateMachineTest, ReconcilingMakesWhatIsMissingAndDropsWhatIsStale) {
   fresh->parts.del(Name("x"));
   const MonitorSm::KelPart* y = fresh->parts(Name("y"));
   take();
+  bool staleWasThere = false;
+  journal.when("monitor load of x", [&] { staleWasThere = fresh->parts(Name("stale")) != nullptr; });
   fresh->handleParts();
+  EXPECT_TRUE(staleWasThere);  // what is missing is made before what is stale goes
   EXPECT_EQ(fresh->parts.size(), 2U);
   EXPECT_NE(fresh->parts(Name("x")), nullptr);
   EXPECT_EQ(fresh->parts(Name("stale")), nullptr);

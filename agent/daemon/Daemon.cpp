@@ -23,7 +23,10 @@ using nlohmann::json;
 
 constexpr std::size_t hostsPerPatch = 128;
 constexpr std::size_t mostProblems = 200;
+constexpr std::size_t adoptedPerSlice = 256;
 constexpr std::chrono::milliseconds kernelSlice{4};
+// Of the client's paced deletions. What a slice deletes is exported when it ends, which takes as long again.
+constexpr double clientSlice = 0.004;
 
 void log(const std::string& text) {
   std::cerr << "vxlan-agent: " << text << '\n';
@@ -95,7 +98,6 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
     : options_(options),
       arguments_(std::move(arguments)),
       world_(hostTable(options)),
-      adopted_(world_.hosts->hosts() != 0),
       activity_(std::make_unique<Activity>(*this)),
       recorder_(options.record, Kel::System::loopTime()),
       started_(Kel::System::loopTime()) {
@@ -110,12 +112,14 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
   if (!options_.metrics.empty()) {
     metrics_ = std::make_unique<MetricsEndpoint>(options_.metrics);
   }
-  if (adopted_ && database_ != nullptr) {
+  if (world_.hosts->hosts() != 0 && database_ != nullptr) {
     log("the host table has " + std::to_string(world_.hosts->hosts()) +
         " hosts of an earlier run; they stay until the controller's state is in");
+    adoption_ = std::make_unique<Adoption>(world_);
   } else {
     world_.clientIs();
   }
+  world_.client->maxProcessTimeIs(clientSlice);
   loop_.addTurnHook([this] {
     settleStart();
     const std::uint64_t delivered = Kel::ActivityLoop::instance().delivered();
@@ -151,7 +155,10 @@ void Daemon::openControl() {
   hooks.carryOut = [this](const json& patch) { carryOut(patch); };
   hooks.agentSection = [this] { return agentSection(); };
   hooks.problems = [this] { return problems(); };
-  hooks.rebuildClient = [this] { world_.clientIs(); };
+  hooks.rebuildClient = [this] {
+    world_.clientIs();
+    world_.client->maxProcessTimeIs(clientSlice);
+  };
   service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));
   Control::ServerOptions server;
   server.path = options_.socket;
@@ -316,26 +323,47 @@ void Daemon::noteProblem(const std::string& kind, const std::string& where, cons
   }
 }
 
-// The controller's state is in and settled: the client is made if it waited for that, and the kernel adapter
-// may remove what is stale.
+// When the controller's state is in and settled, what is stale goes: of the hosts of an earlier run, and then
+// in the kernel.
 void Daemon::settleStart() {
+  if (adoption_ == nullptr && (kernel_ == nullptr || kernelSettled_)) {
+    return;
+  }
   const bool following =
       database_ == nullptr || database_->status().session == Ovsdb::SessionState::following;
   const bool settled = following && !patch_ && databaseWork_ == EventLoop::WorkId::none &&
                        (database_ == nullptr || !database_->mapper().convergence().inProgress());
-  if (!settled || (world_.client && (kernel_ == nullptr || kernelSettled_))) {
+  if (!settled) {
     return;
   }
-  if (!world_.client) {
-    guarded("the start of the client", [this] { world_.clientIs(); });
+  if (adoption_ != nullptr) {
+    cleanAdopted();
+    return;
   }
   const bool cleaned = !world_.convergenceStatus->unicastDeferredDeletionInProgress() &&
                        !world_.convergenceStatus->bumDeferredDeletionInProgress();
-  if (kernel_ != nullptr && !kernelSettled_ && cleaned) {
+  if (cleaned) {
     kernelSettled_ = true;
     kernel_->settled();
     runKernel();
   }
+}
+
+void Daemon::cleanAdopted() {
+  if (adoptionWork_ != EventLoop::WorkId::none) {
+    return;
+  }
+  adoptionWork_ = loop_.addWork([this] {
+    bool more = true;
+    while (more && loop_.budgetLeft()) {
+      guarded("the end of the adoption", [&] { more = adoption_->clean(adoptedPerSlice); });
+    }
+    if (!more) {
+      adoptionWork_ = EventLoop::WorkId::none;
+      adoption_ = nullptr;
+    }
+    return more;
+  });
 }
 
 void Daemon::everySecond() {
@@ -368,7 +396,7 @@ json Daemon::agentSection() const {
       {"table",
        {{"name", options_.table}, {"hosts", world_.hosts->hosts()}, {"limit", world_.hosts->limit()}}},
       {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
-      {"waitingForController", !world_.client},
+      {"waitingForController", adoption_ != nullptr},
       {"loop",
        {{"turns", stall.turns},
         {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "agent/control/Server.h"
+#include "agent/daemon/Adoption.h"
 #include "agent/daemon/AgentService.h"
 #include "agent/daemon/KernelFollower.h"
 #include "agent/daemon/Recorder.h"
@@ -24,8 +25,8 @@ namespace Agent {
 // a few changes at a time, so that the loop answers while a hundred thousand rows are taken in.
 //
 // State stays when the daemon ends. Where the host table has hosts of an earlier run and a database is
-// configured, the client is made only when the controller's state is in and settled: until then everything
-// goes on forwarding as it was, and then what is stale goes within one turn.
+// configured, they are adopted: until the controller's state is in and settled they go on forwarding, and
+// then what is stale goes, some at a time.
 class Daemon {
  public:
   // Raises std::exception for what cannot be had: the host table, the socket, the recording.
@@ -54,6 +55,7 @@ class Daemon {
   void guarded(const char* what, const std::function<void()>& work);
   void noteProblem(const std::string& kind, const std::string& where, const std::string& text);
   void settleStart();
+  void cleanAdopted();
   void runKernel();
   void armKernel();
   void everySecond();
@@ -66,7 +68,7 @@ class Daemon {
   std::vector<std::string> arguments_;
   EventLoop loop_;
   World world_;
-  bool adopted_;
+  std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
   std::unique_ptr<Activity> activity_;
   Recorder recorder_;
   std::unique_ptr<AgentService> service_;
@@ -79,6 +81,7 @@ class Daemon {
   std::optional<InputPatch> patch_;  // of the database, being carried out
   nlohmann::json patchText_;
   EventLoop::WorkId databaseWork_ = EventLoop::WorkId::none;
+  EventLoop::WorkId adoptionWork_ = EventLoop::WorkId::none;
   EventLoop::WorkId kernelWork_ = EventLoop::WorkId::none;
   EventLoop::TimerId kernelTimer_ = EventLoop::TimerId::none;
   bool kernelSettled_ = false;

@@ -1,8 +1,8 @@
-"""The agent is killed at any moment under load, and started again, over and over."""
+"""The agent is killed, and started again over the table that it left."""
 
 import random
 
-from database import Published, Server, mac, published
+from database import Published, Server, behind, mac, published
 from rig import Agent, Reader, check, until
 
 VLANS = (10, 20)
@@ -71,3 +71,39 @@ def scenario_the_agent_is_killed_at_any_moment(rig, seed=1):
     check(reader.vteps() == after, "and stays so")
     check(not reader.torn, lambda: f"{len(reader.torn)} hosts that nobody wrote: {reader.torn[:3]}")
     check(reader.changes > len(MACS) * KILLS, lambda: f"the reader was there: {reader.changes} changes")
+
+
+def scenario_hosts_of_an_earlier_run_stay_until_the_state_is_in(rig):
+    """What is published meanwhile is there at once; what is published no more goes in the end."""
+    database = Server(rig).start()
+    controller = Published(database.session())
+    controller.hosts(10, behind(MACS, ["10.0.0.2"]))
+    first = Agent(rig).follows(database.remote).start()
+    until("the first agent follows", first.following)
+    reader = Reader(rig)
+    until("the reader sees them all", lambda: len(reader.vteps()) == len(MACS))
+    first.kill()
+    for address in MACS[:20]:
+        controller.withdraw(10, address)
+    for address in MACS[20:40]:
+        controller.withdraw(10, address)
+    controller.hosts(10, behind(MACS[20:40], ["10.0.0.3"]))
+    database.kill()
+
+    second = Agent(rig, name="second").follows(database.remote, quiet=1000).start()
+    check(database.remote in second.problems(), "the second agent has no database")
+    check(len(reader.vteps()) == len(MACS) and not reader.gone, "all hosts are there")
+    database.start()
+    controller.session = database.session()
+    controller.hosts(10, {mac(1): "10.0.0.4"})
+    reader.sees(10, mac(1))
+    moved = {(10, address): "10.0.0.3" for address in MACS[20:40]}
+    until("moved hosts are where they are now", lambda: moved.items() <= reader.vteps().items())
+    check(second.get("/agent/waitingForController") is True, "it is not quiet yet")
+    check(not reader.gone, "no host has gone")
+    second.kill()
+
+    third = Agent(rig, name="third").follows(database.remote).start()
+    until("the third agent follows", third.following)
+    until("the table is what the database publishes", lambda: reader.vteps() == published(database.session()))
+    check(reader.gone == {(10, address) for address in MACS[:20]}, "what was withdrawn has gone, and nothing else")

@@ -198,8 +198,10 @@ TEST_F(ModesTest, TheMlagMachineNeedsBothTheClientModeAndTheActivePair) {
     EXPECT_TRUE(client->rmxMlagBumStatusSm()) << other;
   }
   const auto same = client->rmxMlagBumStatusSm();
+  traceFromNow();
   vtiStatus("Vxlan1")->datapathLearningIs(true);
   EXPECT_EQ(client->rmxMlagBumStatusSm(), same) << "evaluated again, it is the same machine";
+  EXPECT_EQ(tracedLines("RmxMlagBumStatusSmBase::handleInitialized()"), 1U) << "initialized anew";
   vtiStatus("Vxlan1")->controllerClientModeIs(false);
   EXPECT_FALSE(client->rmxMlagBumStatusSm());
 }
@@ -253,9 +255,11 @@ TEST_F(ModesTest, TheHooksOfVtisOnlyTrace) {
                         "Vxlan1"),
             1U);
   client->handleActivatedVti(vti("Vxlan1"));
+  EXPECT_EQ(tracedLines("virtual void Vxlan::VxlanControllerMacAddrSmBase::handleActivatedVti(Qnet::IntfId)  "
+                        "Init? 1"),
+            1U);
   client->handleActivatedVti();
-  EXPECT_EQ(tracedLines("handleActivatedVti"), 2U);
-  EXPECT_EQ(tracedLines(" Init? "), 1U);
+  EXPECT_EQ(tracedLines("virtual void Vxlan::VxlanControllerMacAddrSmBase::handleActivatedVti()"), 1U);
   EXPECT_EQ(state(), "client off, learning on\n");
 }
 
@@ -385,12 +389,22 @@ TEST_F(ModesTest, TheBaseAloneOnlyTraces) {
   EXPECT_TRUE(base->datapathLearningMode());
   handles.rmxStateClientView->convergenceInProgressIs(true);
   traceFromNow();
+  base->handleMlagState();
+  EXPECT_EQ(tracedLines("handleMlagState"), 0U) << "not initialized, it does nothing";
+  bumReplicationMode(Vxlan::BumReplicationMode::Controller);
+  handles.vxlanHwStatusDir->bumStatus()->bumVtepListIs(key(1, 10));
   base->processBumDeferredDeletes();
+  EXPECT_EQ(
+      tracedLines("processBumDeferredDeletes()  init: 0 convergence in progress: 1 bum vtep list count: 1 "
+                  "bum replication mode: 3"),
+      1U);
   EXPECT_EQ(tracedLines(" called but nothing to do - nexo rebooted again?"), 1U);
+  EXPECT_EQ(bumLists(), "02:00:00:00:00:01:10\n") << "nothing is deleted";
   handles.rmxStateClientView->convergenceInProgressIs(false);
   turnsUntilIdle();
   base->handleInitialized();
   EXPECT_TRUE(base->initialized());
+  traceFromNow();
   vtiStatus("Vxlan1")->controllerClientModeIs(false);
   base->createRmxPerVniFdbStatusSm(vni(10010), vniStatus(10010));
   base->deleteRmxPerVniFdbStatusSm(vni(10010));
@@ -404,6 +418,16 @@ TEST_F(ModesTest, TheBaseAloneOnlyTraces) {
   base->updateControllerClientMode();
   base->processUnicastDeferredDeletes();
   mlagIs(Mlag::MlagState::Active);
+  const std::string cls = "virtual void Vxlan::VxlanControllerMacAddrSmBase::";
+  for (const char* operation :
+       {"handleControllerClientMode()", "createVlanVniMapSm(Qnet::IntfId)",
+        "deleteVlanVniMapSm(Qnet::IntfId)", "createRmxMlagBumStatusSm()", "deleteRmxMlagBumStatusSm()",
+        "deleteBumVtepListTable()", "deleteBumVtepListTable(Bridging::VlanId)  vlanId 10",
+        "handleBumReplicationMode()", "updateControllerClientMode()",
+        "deleteRmxPerVniFdbStatusSm(Vxlan::VniExt) deleteRmxPerVniFdbStatusSm 10010",
+        " createRmxPerVniFdbStatusSm 10010"}) {
+    EXPECT_GE(tracedLines((operation[0] == ' ' ? "" : cls) + operation), 1U) << operation;
+  }
   EXPECT_EQ(base->rmxPerVniFdbStatusSm().size(), 0U);
   EXPECT_EQ(base->vlanVniMapSm().size(), 0U);
   EXPECT_FALSE(base->rmxMlagBumStatusSm());

@@ -150,9 +150,12 @@ TEST_F(PerVniTest, TwoVtisMakeTheMachineOnceAndRefreshItOnce) {
   mapVlan("Vxlan2", 20, 10010);
   start();
   traceFromNow();
+  givenVni(10010);
+  EXPECT_EQ(tracedLines("createRmxPerVniFdbStatusSm 10010"), 1U);
+  EXPECT_EQ(tracedLines("RmxPerVniFdbStatusSmBase::handleRmxHostTable()"), 2U)
+      << "once as it is made, once as it is refreshed";
   publish(10010, 1);
   EXPECT_EQ(machines(), "10010 ");
-  EXPECT_EQ(tracedLines("createRmxPerVniFdbStatusSm 10010"), 1U);
   EXPECT_EQ(received(),
             "02:00:00:00:00:01:10 Vxlan1 10.0.0.9 moves 1\n"
             "02:00:00:00:00:01:20 Vxlan2 10.0.0.9 moves 1\n");
@@ -185,6 +188,23 @@ TEST_F(PerVniTest, AnEntityReplacedWhileConvergingMarksWhatIsNotPublishedAgain) 
   EXPECT_EQ(received(),
             "02:00:00:00:00:01:10 Vxlan1 10.0.0.9 moves 1 marked\n"
             "02:00:00:00:00:02:10 Vxlan1 10.0.0.9 moves 1\n");
+}
+
+// A scan of the whole directory takes its entries one by one; those that have gone are not found by it.
+TEST_F(PerVniTest, AScanOfTheDirectoryTakesItsEntriesOneByOne) {
+  givenVni(10010);
+  announceVni(10020);
+  start();
+  traceFromNow();
+  client->handleControllerVniBaseDir();
+  EXPECT_EQ(tracedLines("virtual void Vxlan::VxlanControllerMacAddrSmBase::handleControllerVniBaseDir() "),
+            1U);
+  EXPECT_EQ(tracedLines("handleControllerVniBaseDir(Kel::Name)  name 10010"), 1U);
+  EXPECT_EQ(tracedLines("handleControllerVniBaseDir(Kel::Name)  name 10020"), 1U);
+  client->hasNotificationActiveIs(false);
+  withdrawVni(10010);
+  client->handleControllerVniBaseDir();
+  EXPECT_EQ(machines(), "10010 ");
 }
 
 // A scan of a VNI that has a machine re-evaluates that machine and does not look at the directory.

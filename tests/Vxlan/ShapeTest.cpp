@@ -124,6 +124,26 @@ TEST(ShapeTest, TheOperationsOfTheOtherBasesStandInTheirOrder) {
   EXPECT_EQ(flood, consecutive(slotOf(&Flood::fwkType) + 3, flood.size()));
 }
 
+// What generic tools see of a top machine: its attributes, the base's before the client's.
+TEST(ShapeTest, TheAttributesOfTheTopMachineStandInTheirOrder) {
+  const auto mlagStatus = Kel::make<Mlag::Status>();
+  const auto client = Vxlan::vxlanControllerClientSmFactory(
+      nullptr, nullptr, nullptr, nullptr, mlagStatus, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr);
+  std::vector<std::string> names;
+  client->eachPart([&](const Kel::Part& part) { names.emplace_back(part.name()); });
+  EXPECT_THAT(
+      names,
+      testing::ElementsAre(
+          "vtiStatusDir", "controllerStatusBaseDir", "rmxStateClientView", "rmxPerVniFdbStatusSm",
+          "vxlanHwStatusDir", "mlagStatus", "mlagVxlanStatus", "rmxMlagBumStatusSm", "maxProcessTime",
+          "unicastDeferredDeleteBookmark", "unicastDeferredDeleteClock", "bumDeferredDeleteBookmarkValid",
+          "bumDeferredDeleteClock", "vlanVniMapSm", "vtiStatus", "vxlanControllerClientMode",
+          "datapathLearningMode", "initialized", "kel_BumStatusIn", "rmxStateBaseDir", "vlanVniMaps",
+          "rmxSde", "l2RibRmxInput", "rmxConvergenceStatus", "rmxStateSm", "vlanVniMapSmShadow",
+          "vccPerVniFdbStatusSmShadow", "hostTable", "receivedHostTableToL2RibHostInputSm",
+          "bumDeferredDeleteBookmark", "rmxMlagBumStatusSmShadow"));
+}
+
 // The library registers its fourteen machines, each derived one with its base.
 TEST(ShapeTest, FourteenTypesAreRegistered) {
   std::string all;

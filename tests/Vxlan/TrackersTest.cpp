@@ -107,7 +107,7 @@ TEST_F(TrackersTest, WithTheClientModeOffALossStillDeletesHosts) {
   traceFromNow();
   unmapVlan("Vxlan1", 10);
   EXPECT_EQ(received(), "02:00:00:00:00:01:20 Vxlan1 0.0.0.0 moves 0\n");
-  EXPECT_EQ(tracedLines("Returning: controllerMode = "), 1U);
+  EXPECT_EQ(tracedLines("Returning: controllerMode = 0"), 1U);
 }
 
 // A VNI that moves to another VLAN takes its hosts along: they go with the old VLAN and come with the new
@@ -207,6 +207,28 @@ TEST_F(TrackersTest, TheBaseOfATrackerFindsNothing) {
   EXPECT_FALSE(plain->initialized());
   EXPECT_FALSE(plain->vniForVlan(vlan(10)));
   EXPECT_FALSE(plain->vlanForVni(vni(10010)));
+}
+
+// A tracker is inert until its owner is initialized: it neither looks at its map nor hears it.
+TEST_F(TrackersTest, ATrackerIsInertUntilItsOwnerIsInitialized) {
+  mapVlan("Vxlan1", 10, 10010);
+  const auto owner = Vxlan::vxlanControllerMacAddrSmBaseFactory(
+      handles.vtiStatusDir, handles.controllerStatusBaseDir, handles.rmxStateClientView,
+      handles.vxlanHwStatusDir, handles.mlagStatus, handles.mlagVxlanStatus);
+  traceFromNow();
+  const auto tracker = Vxlan::VtiVlanVniMapSm::VtiVlanVniMapSmIs(vti("Vxlan1"), owner.get(), map("Vxlan1"));
+  EXPECT_FALSE(tracker->initialized());
+  EXPECT_EQ(tracedLines("virtual void Vxlan::VtiVlanVniMapSm::handleInitialized()  Init ? 0"), 1U);
+  mapVlan("Vxlan1", 20, 10020);
+  EXPECT_EQ(tracedLines("handleVlanVniMapUpdate vlanId 20"), 1U);
+  EXPECT_EQ(tracedLines("rmxProcessVniVlanMapUpdateComplete"), 0U);
+  owner->handleInitialized();
+  tracker->handleInitialized();
+  EXPECT_TRUE(tracker->initialized());
+  EXPECT_EQ(tracedLines("rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId, Qnet::IntfId) vlan: "), 2U)
+      << "both VLANs of its map";
+  mapVlan("Vxlan1", 30, 10030);
+  EXPECT_EQ(tracedLines("rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId, Qnet::IntfId) vlan: 30"), 1U);
 }
 
 // The VTIs are walked in the order of their names, and the list follows the maps.

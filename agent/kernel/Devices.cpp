@@ -68,13 +68,28 @@ void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
       blind = true;
     }
   }
+  leaveDevice(domain);
   if (device != 0) beginTurn(domain);
   domain.device = device;
+  state_.links.used(device);
   ++domain.deviceLife;
   domain.blind = device != 0 && blind;
   if (domain.blind) state_.auditWanted = true;
   state_.walk(domain);
   state_.linksDirty = true;
+}
+
+// Its flood rows stay there for now, and bear no mark.
+void Devices::leaveDevice(Domain& domain) {
+  if (state_.links.at(domain.device) == nullptr) return;
+  auto& left = domain.left[domain.device];
+  left.clear();
+  for (const auto& [mac, flood] : domain.floods) {
+    if (flood.deviceLife != domain.deviceLife) continue;
+    for (const auto& [dst, destination] : flood.there) {
+      if (destination.mark == Mark::ours) left.emplace(mac, dst);
+    }
+  }
 }
 
 void Devices::beginTurn(Domain& domain) {
@@ -186,6 +201,7 @@ void Devices::linkDel(IfIndex index) {
   }
   for (auto& [vlan, domain] : state_.domains) {
     domain.enslaved.erase(index);
+    domain.left.erase(index);
     if (!domain.turn || domain.turn->previous != index) continue;
     domain.turn.reset();
     state_.turns.erase(vlan);

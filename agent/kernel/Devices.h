@@ -45,6 +45,7 @@ class Devices {
 
  private:
   void adopt(const Link& link);
+  void leaveDevice(Domain& domain);
   void beginTurn(Domain& domain);
   void step(Domain& domain, Batch& out);
   void requeueUsers(const Link& link);

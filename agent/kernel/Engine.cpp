@@ -30,6 +30,7 @@ void Engine::vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<s
   if (before != vnis_.end() && before->second != vlan) vniDel(vni);
   vnis_[vni] = vlan;
   devices_.is(vlan, {vni, std::move(vti), local, std::move(ports)});
+  hosts_.localIs(state_.domain(vlan));
 }
 
 void Engine::vniDel(Vni vni) {

@@ -39,6 +39,7 @@ void Engine::audit() {
       askDump(Dump::What::nexthops);
       break;
     case Phase::rows:
+      if (asked_) break;
       blind_.clear();
       for (auto& [vlan, domain] : state_.domains) {
         if (domain.blind) blind_.emplace_back(vlan, domain.device);

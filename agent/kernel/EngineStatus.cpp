@@ -47,7 +47,8 @@ std::vector<Tally> Engine::tallies() const {
       hosts.differing += hosts_.differs(domain, host) ? 1U : 0U;
     }
     for (const auto& [mac, flood] : domain.floods) {
-      floods.wanted += domain.mapping && flood.wanted ? 1U : 0U;
+      bool wanted = domain.mapping && flood.wanted && !domain.remote(flood.wanted->vteps).empty();
+      floods.wanted += wanted ? 1U : 0U;
       bool there = flood.nexthopMark == Mark::ours ||
                    std::any_of(flood.there.begin(), flood.there.end(),
                                [](const auto& entry) { return entry.second.mark == Mark::ours; });
@@ -98,7 +99,7 @@ void Engine::explainFlood(const Domain& domain, const Flood& flood, Explanation&
   out.wanted = flood.wanted.has_value();
   if (flood.wanted) {
     out.wantedKind = flood.wanted->type == FloodType::any ? "any" : "all";
-    out.wantedVteps = flood.wanted->vteps;
+    out.wantedVteps = domain.remote(flood.wanted->vteps);
   }
   Mark mark = flood.nexthopMark;
   for (const auto& [dst, destination] : flood.there) {

@@ -31,7 +31,7 @@ void Floods::freshen(const Domain& domain, Flood& flood) {
   flood.deviceLife = domain.deviceLife;
   flood.there.clear();
   nexthopIs(flood, 0, Mark::none);
-  syncHeld(flood);
+  syncHeld(domain, flood);
 }
 
 void Floods::nexthopIs(Flood& flood, NexthopId id, Mark mark) {
@@ -42,21 +42,25 @@ void Floods::nexthopIs(Flood& flood, NexthopId id, Mark mark) {
   if (before != 0) state_.nexthops.used(before, false);
 }
 
-// Whether the rows are one for each VTEP: of type all, or what type any comes down to without nexthop groups.
-bool Floods::plainAll(const Flood& flood) const {
-  return flood.wanted && (flood.wanted->type == FloodType::all || !state_.nexthops.supported());
+// Whether there is to be one row, to a group, of a set of type any.
+bool Floods::leadsToAny(const Domain& domain, const Flood& flood) const {
+  return domain.mapping && flood.wanted && flood.wanted->type == FloodType::any &&
+         state_.nexthops.supported() && !domain.remote(flood.wanted->vteps).empty();
 }
 
-std::vector<Ip4> Floods::wantedAddresses(const Flood& flood) const {
-  if (!plainAll(flood)) return {};
-  if (flood.wanted->type == FloodType::any) return {flood.wanted->vteps.front()};
-  return flood.wanted->vteps;
+// The VTEPs that have a row each: those of a set of type all, or what type any comes down to without nexthop
+// groups.
+std::vector<Ip4> Floods::wantedAddresses(const Domain& domain, const Flood& flood) const {
+  if (!domain.mapping || !flood.wanted || leadsToAny(domain, flood)) return {};
+  std::vector<Ip4> vteps = domain.remote(flood.wanted->vteps);
+  if (flood.wanted->type == FloodType::any && vteps.size() > 1) vteps.resize(1);
+  return vteps;
 }
 
-void Floods::syncHeld(Flood& flood) {
+void Floods::syncHeld(const Domain& domain, Flood& flood) {
   std::set<Ip4> hold;
   if (state_.nexthops.supported()) {
-    for (Ip4 vtep : wantedAddresses(flood)) hold.insert(vtep);
+    for (Ip4 vtep : wantedAddresses(domain, flood)) hold.insert(vtep);
     for (const auto& [dst, destination] : flood.there) {
       if (destination.mark == Mark::ours) hold.insert(dst);
     }
@@ -79,7 +83,7 @@ void Floods::is(Domain& domain, Mac mac, FloodSet set) {
     auto there = flood.there.find(vtep);
     if (there != flood.there.end()) there->second.adopted = false;
   }
-  syncHeld(flood);
+  syncHeld(domain, flood);
   state_.failures.cleared(keyOf(domain, mac));
   state_.queue(domain, mac, flood.queued);
 }
@@ -90,12 +94,14 @@ void Floods::del(Domain& domain, Mac mac) {
   at->second.wanted.reset();
   at->second.adopted = false;
   for (auto& [dst, destination] : at->second.there) destination.adopted = false;
-  syncHeld(at->second);
+  syncHeld(domain, at->second);
   state_.queue(domain, mac, at->second.queued);
 }
 
-bool Floods::oursAtStart(const Domain& domain, Ip4 dst) const {
+bool Floods::oursFromBefore(const Domain& domain, Mac mac, Ip4 dst) const {
   if (!state_.adopting && !domain.blind) return false;
+  auto left = domain.left.find(domain.device);
+  if (left != domain.left.end() && left->second.contains({mac, dst})) return true;
   if (state_.nexthops.knows(dst)) return true;
   const Link* device = state_.links.at(domain.device);
   return !state_.nexthops.supported() && device != nullptr && state_.links.ours(*device);
@@ -114,13 +120,13 @@ void Floods::rowIs(Domain& domain, const Row& row, bool dumped) {
     flood.gone.erase(row.dst);
     auto [at, added] = flood.there.try_emplace(row.dst);
     if (added) {
-      bool ours = oursAtStart(domain, row.dst);
-      std::vector<Ip4> wanted = wantedAddresses(flood);
+      bool ours = oursFromBefore(domain, row.mac, row.dst);
+      std::vector<Ip4> wanted = wantedAddresses(domain, flood);
       at->second.mark = ours ? Mark::ours : Mark::foreign;
       at->second.adopted = ours && !std::binary_search(wanted.begin(), wanted.end(), row.dst);
     }
     at->second.seen = state_.dump;
-    syncHeld(flood);
+    syncHeld(domain, flood);
   }
   changed(domain, row.mac, flood, false);
 }
@@ -135,7 +141,7 @@ void Floods::rowDel(Domain& domain, const Row& row) {
     if (flood.nexthop == row.nexthop) nexthopIs(flood, 0, Mark::none);
   } else {
     forget(flood, row.dst);
-    syncHeld(flood);
+    syncHeld(domain, flood);
   }
   state_.failures.cleared(keyOf(domain, row.mac));
   changed(domain, row.mac, flood, true);
@@ -148,7 +154,7 @@ void Floods::dumped(Domain& domain, Mac mac) {
   std::erase_if(flood.there, [this](const auto& entry) { return entry.second.seen != state_.dump; });
   flood.seen = state_.dump;
   flood.gone.clear();
-  syncHeld(flood);
+  syncHeld(domain, flood);
   if (differs(domain, flood)) {
     if (flood.wanted && !state_.adopting && !flood.queued) ++state_.counters.repairs;
     state_.queue(domain, mac, flood.queued);
@@ -167,18 +173,17 @@ void Floods::changed(Domain& domain, Mac mac, Flood& flood, bool byOthers) {
 }
 
 bool Floods::differs(const Domain& domain, const Flood& flood) const {
-  bool mapped = domain.mapping.has_value();
-  if (flood.deviceLife != domain.deviceLife) return mapped && flood.wanted;
-  std::vector<Ip4> wanted = mapped ? wantedAddresses(flood) : std::vector<Ip4>{};
+  if (flood.deviceLife != domain.deviceLife) return domain.mapping && flood.wanted;
+  std::vector<Ip4> wanted = wantedAddresses(domain, flood);
   for (Ip4 vtep : wanted) {
     if (!flood.there.contains(vtep)) return true;
   }
   for (const auto& [dst, destination] : flood.there) {
     if (destination.mark == Mark::ours && !std::binary_search(wanted.begin(), wanted.end(), dst)) return true;
   }
-  if (!mapped || !flood.wanted || plainAll(flood)) return flood.nexthopMark == Mark::ours;
+  if (!leadsToAny(domain, flood)) return flood.nexthopMark == Mark::ours;
   if (flood.group == nullptr || flood.nexthop == 0 || flood.nexthop != flood.group->id) return true;
-  return flood.group->members != flood.wanted->vteps;
+  return flood.group->members != domain.remote(flood.wanted->vteps);
 }
 
 void Floods::eraseIfIdle(Domain& domain, Mac mac, Flood& flood) {
@@ -196,7 +201,7 @@ void Floods::forget(Flood& flood, Ip4 dst) {
 }
 
 void Floods::removeDestinations(Domain& domain, Mac mac, const Flood& flood, Batch& out) {
-  std::vector<Ip4> wanted = domain.mapping ? wantedAddresses(flood) : std::vector<Ip4>{};
+  std::vector<Ip4> wanted = wantedAddresses(domain, flood);
   for (const auto& [dst, destination] : flood.there) {
     bool stays = destination.mark != Mark::ours || (destination.adopted && !state_.settled);
     if (stays || std::binary_search(wanted.begin(), wanted.end(), dst)) continue;
@@ -210,8 +215,9 @@ void Floods::work(Domain& domain, Mac mac, Batch& out) {
   Flood& flood = at->second;
   if (std::exchange(flood.queued, false)) --domain.queuedRows;
   freshen(domain, flood);
+  syncHeld(domain, flood);  // The switch's own address may have changed.
   Key key = keyOf(domain, mac);
-  bool any = domain.mapping && flood.wanted && !plainAll(flood);
+  const bool any = leadsToAny(domain, flood);
   if (!any && flood.group != nullptr) state_.nexthops.release(std::exchange(flood.group, nullptr));
   if (!domain.mapping) {
     const Link* device = state_.links.at(domain.device);
@@ -235,7 +241,7 @@ void Floods::work(Domain& domain, Mac mac, Batch& out) {
 
 void Floods::workAll(Domain& domain, Mac mac, Flood& flood, Batch& out) {
   Key key = keyOf(domain, mac);
-  std::vector<Ip4> wanted = domain.mapping ? wantedAddresses(flood) : std::vector<Ip4>{};
+  std::vector<Ip4> wanted = wantedAddresses(domain, flood);
   if (flood.nexthop != 0) {
     if (flood.nexthopMark == Mark::foreign) {
       if (!wanted.empty()) {
@@ -261,9 +267,9 @@ void Floods::workAny(Domain& domain, Mac mac, Flood& flood, Batch& out) {
     return;
   }
   if (flood.group == nullptr) {
-    flood.group = state_.nexthops.holdOwn(flood.wanted->vteps, flood.nexthop);
+    flood.group = state_.nexthops.holdOwn(domain.remote(flood.wanted->vteps), flood.nexthop);
   } else {
-    state_.nexthops.membersAre(*flood.group, flood.wanted->vteps);
+    state_.nexthops.membersAre(*flood.group, domain.remote(flood.wanted->vteps));
   }
   if (flood.nexthop != 0 && flood.nexthop == flood.group->id) return;
   if (!state_.nexthops.ready(*flood.group)) {
@@ -312,7 +318,7 @@ void Floods::answered(const Request& request, const Key& key, int error, std::st
     flood.gone.erase(row.dst);
     flood.there[row.dst] = {Mark::ours, state_.dump, false};
   }
-  syncHeld(flood);
+  syncHeld(*domain, flood);
   if (!differs(*domain, flood)) {
     state_.failures.cleared(key);
     eraseIfIdle(*domain, mac, flood);

@@ -11,6 +11,9 @@ namespace Agent::Kernel {
 /// set of type any is a nexthop group of its own, whose members are replaced in place. The kernel does not
 /// replace such a row, so that a change of type deletes and adds, in one batch.
 ///
+/// The switch's own address is left out of a set: the kernel would give what is sent there back to the
+/// bridge, and the sender would hear itself.
+///
 /// A destination in the kernel has no place for a mark: it is ours if we added it in this run, or if it was
 /// there at the start and we keep a nexthop object for its VTEP.
 class Floods {
@@ -32,11 +35,11 @@ class Floods {
  private:
   Flood& flood(Domain& domain, Mac mac);
   void freshen(const Domain& domain, Flood& flood);
-  void syncHeld(Flood& flood);
+  void syncHeld(const Domain& domain, Flood& flood);
   void nexthopIs(Flood& flood, NexthopId id, Mark mark);
-  bool oursAtStart(const Domain& domain, Ip4 dst) const;
-  bool plainAll(const Flood& flood) const;
-  std::vector<Ip4> wantedAddresses(const Flood& flood) const;
+  bool oursFromBefore(const Domain& domain, Mac mac, Ip4 dst) const;
+  bool leadsToAny(const Domain& domain, const Flood& flood) const;
+  std::vector<Ip4> wantedAddresses(const Domain& domain, const Flood& flood) const;
   void changed(Domain& domain, Mac mac, Flood& flood, bool byOthers);
   void workAll(Domain& domain, Mac mac, Flood& flood, Batch& out);
   void workAny(Domain& domain, Mac mac, Flood& flood, Batch& out);

@@ -46,9 +46,10 @@ void Hosts::there(Host& host, Target target, Mark mark) {
 void Hosts::wish(Domain& domain, Mac mac, Host& host) {
   auto set = domain.sets.find(mac);
   bool useSet = set != domain.sets.end() && (set->second.type == FloodType::any || !host.vtep);
+  std::vector<Ip4> members = useSet ? domain.remote(set->second.vteps) : std::vector<Ip4>{};
   Nexthops::Group* group = nullptr;
-  if (useSet) {
-    group = state_.nexthops.hold(set->second.vteps);
+  if (!members.empty()) {
+    group = state_.nexthops.hold(members);
   } else if (host.vtep) {
     group = state_.nexthops.hold({host.vtep});
   }
@@ -81,6 +82,10 @@ void Hosts::setIs(Domain& domain, Mac mac, FloodSet set) {
 
 void Hosts::setDel(Domain& domain, Mac mac) {
   if (domain.sets.erase(mac) != 0) wish(domain, mac, host(domain, mac));
+}
+
+void Hosts::localIs(Domain& domain) {
+  for (const auto& [mac, set] : domain.sets) wish(domain, mac, host(domain, mac));
 }
 
 Target Hosts::wantedTarget(const Host& host) const {

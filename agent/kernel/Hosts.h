@@ -21,6 +21,8 @@ class Hosts {
   void del(Domain& domain, Mac mac);
   void setIs(Domain& domain, Mac mac, FloodSet set);
   void setDel(Domain& domain, Mac mac);
+  /// The switch's own address has changed, which is left out of sets.
+  void localIs(Domain& domain);
 
   /// The kernel reports a row; `dumped`: as part of a dump, thus maybe older than what is known.
   void rowIs(Domain& domain, const Row& row, bool dumped);

@@ -23,8 +23,10 @@ class Links {
   void made(const std::string& name);
   /// Whether a device of this name was made and has not been described yet.
   bool expected(const std::string& name) const { return expected_.contains(name); }
-  /// Whether we have made it in this run, so that nobody's rows are in it.
+  /// Whether we have made it in this run and not used it yet, so that nobody's rows are in it.
   bool fresh(IfIndex index) const { return fresh_.contains(index); }
+  /// It is used from now on: rows are in it that whoever uses it next does not know of.
+  void used(IfIndex index) { fresh_.erase(index); }
   /// What was expected at `dumpBegins` and not described by `dumpEnds` has gone again.
   void dumpBegins() { overdue_ = expected_; }
   void dumpEnds();

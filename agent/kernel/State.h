@@ -115,9 +115,16 @@ struct Domain {
   std::map<Mac, Host> hosts;
   std::map<Mac, Flood> floods;
   std::map<Mac, FloodSet> sets;  ///< Flood sets of unicast addresses.
-  std::set<IfIndex> enslaved;    ///< Ports that are in the bridge because we want it.
+  /// The flood rows of ours in devices that it had before, by device.
+  std::map<IfIndex, std::set<std::pair<Mac, Ip4>>> left;
+  std::set<IfIndex> enslaved;  ///< Ports that are in the bridge because we want it.
 
   bool ready() const { return mapping && device != 0 && bridge != 0 && !blind; }
+  /// These VTEPs without the switch's own address: what leaves for it comes back into the bridge.
+  std::vector<Ip4> remote(std::vector<Ip4> vteps) const {
+    if (mapping) std::erase(vteps, mapping->local);
+    return vteps;
+  }
   /// Whether packets still leave by the device of the VNI that the VLAN had before.
   bool turning() const { return turn && !turn->turned; }
 };

@@ -25,6 +25,7 @@ Mac mac(const char* text) {
 const Mac kAll{};
 const Mac kHost = mac("02:00:00:00:00:01");
 const Mac kOther = mac("02:00:00:00:00:02");
+const Ip4 kLocal = ip("10.0.0.1");
 const Ip4 kA = ip("10.0.0.2");
 const Ip4 kB = ip("10.0.0.3");
 const Ip4 kC = ip("10.0.0.4");
@@ -41,7 +42,7 @@ class EngineTest : public ::testing::Test {
     run();
   }
   Engine& engine() { return *engine_; }
-  void mapVlan10(Vni vni = 5010) { engine().vniIs(vni, 10, "Vxlan1", ip("10.0.0.1"), ports_); }
+  void mapVlan10(Vni vni = 5010, Ip4 local = kLocal) { engine().vniIs(vni, 10, "Vxlan1", local, ports_); }
   IfIndex index(const std::string& name) const { return kernel_.link(name)->index; }
   Row deviceRow(Mac mac, Ip4 dst) const {
     return {Table::device, index("vx5010"), 0, mac, dst, 0, false, false};
@@ -162,6 +163,60 @@ TEST_F(EngineTest, FloodsAMulticastAddressToItsOwnVteps) {
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 01:00:5e:00:00:05 dst 10.0.0.2 10.0.0.4\n"));
   EXPECT_THAT(kernel_.text(), Not(HasSubstr("row vxb10 01:00:5e:00:00:05")));
+}
+
+TEST_F(EngineTest, LeavesItsOwnAddressOutOfEveryKindOfSet) {
+  mapVlan10();
+  engine().floodIs(10, kAll, FloodType::all, {kLocal, kA});
+  engine().floodIs(10, mac("01:00:5e:00:00:05"), FloodType::any, {kLocal, kA, kB});
+  engine().floodIs(10, kHost, FloodType::any, {kLocal, kB});
+  run();
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 00:00:00:00:00:00 dst 10.0.0.2\n"));
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 01:00:5e:00:00:05 any 10.0.0.2 10.0.0.3\n"));
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.3\n"));
+}
+
+TEST_F(EngineTest, ASetOfItsOwnAddressAloneIsNone) {
+  givenHostAt(kA);
+  std::string before = kernel_.text();
+  for (FloodType type : {FloodType::all, FloodType::any}) {
+    engine().floodIs(10, kAll, type, {kLocal});
+    engine().floodIs(10, kHost, type, {kLocal});
+    run();
+    EXPECT_EQ(kernel_.text(), before);
+    EXPECT_EQ(problems(), "");
+  }
+  for (const Tally& tally : engine().tallies()) EXPECT_EQ(tally.wanted, tally.there) << tally.kind;
+}
+
+TEST_F(EngineTest, FollowsAChangeOfItsOwnAddressInEveryKindOfSet) {
+  mapVlan10();
+  engine().floodIs(10, kAll, FloodType::all, {kLocal, kA});
+  engine().floodIs(10, mac("01:00:5e:00:00:05"), FloodType::any, {kLocal, kA});
+  engine().floodIs(10, kHost, FloodType::any, {kLocal, kA});
+  run();
+  mapVlan10(5010, kA);
+  run();
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 00:00:00:00:00:00 dst 10.0.0.1\n"));
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 01:00:5e:00:00:05 any 10.0.0.1\n"));
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.1\n"));
+}
+
+TEST_F(EngineTest, KnowsItsFloodRowsInADeviceThatItComesBackTo) {
+  mapVlan10(5010);
+  engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+  engine().settled();
+  run();
+  mapVlan10(5020);
+  run();
+  engine().floodIs(10, kAll, FloodType::all, {kA});
+  pass(milliseconds(500));
+  mapVlan10(5010);
+  for (int n = 0; n < 5; ++n) pass(seconds(1));
+  EXPECT_EQ(kernel_.text(),
+            "link vx5010 in vxb10\n"
+            "link vxb10\n"
+            "row vx5010 00:00:00:00:00:00 dst 10.0.0.2\n");
 }
 
 TEST_F(EngineTest, PutsBackARowThatSomebodyDeleted) {

@@ -509,12 +509,11 @@ class RmxMlagBumStatusSmBase;
 // Copies one BUM VTEP list of the MLAG peer, its addresses and its type, into this switch's hardware BUM
 // status.
 //
-//   state     | meaning                                              | entered by
-//   ----------+------------------------------------------------------+--------------------------------------------
-//   idle      | no local list bound                                  | construction with the gate closed or
-//   no VNI mirroring | list bound, VLAN mapped: address changes are copied  | handleInit, gate open and a VNI
-//   found frozen    | list bound: only type changes are copied             | gate closed, or the VLAN lost
-//   its mapping
+//   state     | meaning                                     | entered by
+//   ----------+---------------------------------------------+------------------------------------------
+//   idle      | no local list bound                         | construction, gate closed or no VNI found
+//   mirroring | list bound, address changes are copied      | handleInit, gate open and a VNI found
+//   frozen    | list bound, only type changes are copied    | gate closed, or the VLAN lost its mapping
 class BumVtepListSm final : public Kel::StateMachine {
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_bumVtepList", "_rmxMlagBumStatusSm"};

@@ -74,6 +74,7 @@ class KEL_API FloodSet final : public Kel::Entity {
   bool hasDest(const Dest& dest) const { return destSet_.contains(dest); }
   void destSetIs(const Dest& dest, bool value) { destSet_.is(dest, value); }
   void destSetDel(const Dest& dest) { destSet_.del(dest); }
+  void destSetDelAll() { destSet_.delAll(); }
 
   const char* typeName() const override { return "L2Rib::FloodSet"; }
   void attributes(Kel::Attributes& list) const override;
@@ -99,6 +100,7 @@ class KEL_API VlanFloodSet final : public Kel::Entity {
   // The flood set of the MAC, made if there is none.
   Kel::Ptr<FloodSet> floodSetIs(const Qnet::EthAddr& mac);
   void floodSetDel(const Qnet::EthAddr& mac) { floodSet_.del(mac); }
+  void floodSetDelAll() { floodSet_.delAll(); }
 
   const char* typeName() const override { return "L2Rib::VlanFloodSet"; }
   void attributes(Kel::Attributes& list) const override { list("floodSet", floodSet_); }

@@ -22,8 +22,7 @@ class KEL_API HostInput final : public Kel::Entity {
   };
 
   struct Options {
-    std::string
-        name;  // of the shared-memory table: "/name", a path, or empty for memory of this process alone
+    std::string name;                          // "/name", a path, or empty: memory of this process alone
     std::size_t limit = std::size_t{1} << 22;  // the most hosts it may hold
     unsigned mode = 0644;                      // who may read it
   };

@@ -37,9 +37,12 @@ class KEL_API VxlanStatus final : public Kel::Entity {
   };
   using Addresses = Kel::Collection<Kel::OrderedTable, Kel::Name, Qnet::IpAddr, &Reactor::onVtepAddr>;
 
+  // The address of a type; 0.0.0.0 if there is none.
+  Qnet::IpAddr vtepAddr(const Kel::Name& type) const { return vtepAddr_.get(type); }
   const Addresses& vtepAddr() const { return vtepAddr_; }
   void vtepAddrIs(const Kel::Name& type, Qnet::IpAddr address) { vtepAddr_.is(type, address); }
   void vtepAddrDel(const Kel::Name& type) { vtepAddr_.del(type); }
+  void vtepAddrDelAll() { vtepAddr_.delAll(); }
   // The peer's BUM status; none until the peer reports one.
   const Kel::Ptr<Vxlan::BumStatus>& bumStatus() const { return bumStatus_; }
   void bumStatusIs(Kel::Ptr<Vxlan::BumStatus> status) { bumStatus_ = std::move(status); }

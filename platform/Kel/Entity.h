@@ -32,8 +32,9 @@ class Attributes;
 //       bool controllerClientMode() const { return controllerClientMode_; }
 //       void controllerClientModeIs(bool mode) { controllerClientMode_ = mode; }
 //       const char* typeName() const override { return "Vxlan::VtiStatus"; }
-//       void attributes(Kel::Attributes& list) const override { list("controllerClientMode",
-//       controllerClientMode_); }
+//       void attributes(Kel::Attributes& list) const override {
+//         list("controllerClientMode", controllerClientMode_);
+//       }
 //
 //      private:
 //       Kel::Attribute<bool, &Reactor::onControllerClientMode> controllerClientMode_{*this, false};

@@ -285,8 +285,15 @@ TEST(CallbacksTest, TheMlagPair) {
   EXPECT_FALSE(status->bumStatus());
   const auto listener = on<Listener>(status);
   status->vtepAddrIs(Kel::Name("shared"), ip);
+  EXPECT_EQ(status->vtepAddr(Kel::Name("shared")), ip);
   status->vtepAddrDel(Kel::Name("shared"));
+  EXPECT_EQ(status->vtepAddr(Kel::Name("shared")), Qnet::IpAddr());
   EXPECT_THAT(listener->take(), ElementsAre("vtepAddr shared", "vtepAddr shared"));
+  status->vtepAddrIs(Kel::Name("shared"), ip);
+  status->vtepAddrIs(Kel::Name("peer"), ip);
+  listener->take();
+  status->vtepAddrDelAll();
+  EXPECT_THAT(listener->take(), ElementsAre("vtepAddr peer", "vtepAddr shared"));
   status->bumStatusIs(Kel::make<Vxlan::BumStatus>());
   EXPECT_THAT(listener->take(), ElementsAre("bumStatus"));
 }
@@ -320,8 +327,14 @@ TEST(CallbacksTest, TheFloodSets) {
   EXPECT_TRUE(set->hasDest(dest));
   set->destSetDel(dest);
   EXPECT_THAT(listener->take(), ElementsAre("destSet", "destSet"));
+  set->destSetIs(dest, true);
+  set->destSetDelAll();
+  EXPECT_EQ(set->destSets(), 0U);
   vlanSet->floodSetDel(mac);
   EXPECT_THAT(vlanListener->take(), ElementsAre("02:00:00:00:00:01", "02:00:00:00:00:01"));
+  vlanSet->floodSetIs(mac);
+  vlanSet->floodSetDelAll();
+  EXPECT_EQ(vlanSet->floodSets(), 0U);
   entry->vlanFloodSetDel(vlan);
   entry->vlanFloodSetIs(vlan);
   EXPECT_THAT(entryListener->take(), ElementsAre("10", "10", "10"));

@@ -10,7 +10,7 @@ void ReceivedHostTable::receivedEntryDelAll() {
 }
 
 void ReceivedHostTable::markedForDelCountInc(std::uint32_t _markedForDelCount) {
-  Kel::fatalUnless(markedForDelCount() + _markedForDelCount <= receivedEntrys(),
+  Kel::fatalUnless(std::uint64_t{markedForDelCount()} + _markedForDelCount <= receivedEntrys(),
                    "markedForDelCount() + _markedForDelCount <= receivedEntrys()");
   markedForDelCountIs(markedForDelCount() + _markedForDelCount);
 }

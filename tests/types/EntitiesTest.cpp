@@ -251,6 +251,14 @@ TEST_F(MarkedCountDeathTest, ItNeverExceedsTheEntries) {
                "assertion failed: markedForDelCount\\(\\) \\+ _markedForDelCount <= receivedEntrys\\(\\)");
 }
 
+// Not even when so many are counted at once that 32 bits would wrap around.
+TEST_F(MarkedCountDeathTest, ItNeverWrapsAround) {
+  enter(1);
+  table->markedForDelCountInc(1);
+  EXPECT_DEATH(table->markedForDelCountInc(UINT32_MAX),
+               "assertion failed: markedForDelCount\\(\\) \\+ _markedForDelCount <= receivedEntrys\\(\\)");
+}
+
 // Nor does it fall below zero.
 TEST_F(MarkedCountDeathTest, ItNeverFallsBelowZero) {
   EXPECT_DEATH(table->markedForDelCountDec(1), "assertion failed: markedForDelCount\\(\\)");

@@ -73,9 +73,6 @@ void VxlanControllerClientSm::handleInitialized() {
   handleControllerClientMode();
   for (const Qnet::IntfId& vti : std::vector<Qnet::IntfId>(getVtiIterator())) {
     createVlanVniMapSm(vti);
-    if (const Kel::Ptr<VtiVlanVniMapSmBase> tracker = vlanVniMapSm(vti); tracker && !tracker->initialized()) {
-      tracker->handleInitialized();
-    }
   }
 }
 

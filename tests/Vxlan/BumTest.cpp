@@ -107,6 +107,15 @@ TEST_F(BumJobTest, ARunThatIsOutOfTimeLeavesABookmark) {
             "30 02:00:00:00:00:01 all 10.0.0.9\n");
 }
 
+// A budget that is just spent is spent.
+TEST_F(BumJobTest, ARunWhoseBudgetIsJustSpentEnds) {
+  givenThreeStaleVlans();
+  client->maxProcessTimeIs(2);
+  controllerConverges(false);
+  client->processBumDeferredDeletes();
+  EXPECT_EQ(client->bumDeferredDeleteBookmark(), vlan(20));
+}
+
 // A new convergence keeps the bookmark and says nothing.
 TEST_F(BumJobTest, ANewConvergenceKeepsTheBookmark) {
   givenThreeStaleVlans();

@@ -154,6 +154,18 @@ TEST_F(DeferredDeletionTest, ASliceEndsWithItsBudgetAndNotesWhereToGoOn) {
   EXPECT_FALSE(inProgress());
 }
 
+// The next slice is due at the time at which this one found its budget spent.
+TEST_F(DeferredDeletionTest, TheNextSliceIsDueWhenTheBudgetWasFoundSpent) {
+  givenAllMarked(8);
+  client->maxProcessTimeIs(1);
+  controllerConverges(false);
+  const double begin = time.peek();
+  time.tickPerReadIs(0.4);
+  client->processUnicastDeferredDeletes();
+  EXPECT_EQ(hosts(), 6U);
+  EXPECT_DOUBLE_EQ(client->unicastDeferredDeleteClock()->timeMin(), begin + 1.2);
+}
+
 // Unmarked entries take their share of the budget too: it is time that counts, not deletions.
 TEST_F(DeferredDeletionTest, UnmarkedEntriesTakeTimeToo) {
   givenMarked(8, {});

@@ -66,9 +66,12 @@ TEST_F(ModesTest, ARemovedVtiIsNoticedAtTheNextChange) {
   givenVti("Vxlan2", {.client = false});
   givenTwoHosts();
   start();
+  const auto gone = vtiStatus("Vxlan1");
   vtiGoes("Vxlan1");
   EXPECT_TRUE(client->vxlanControllerClientMode());
   EXPECT_EQ(received(), twoHosts);
+  gone->controllerClientModeIs(false);
+  EXPECT_TRUE(client->vxlanControllerClientMode()) << "it is not heard any more";
   vtiStatus("Vxlan2")->datapathLearningIs(true);
   EXPECT_TRUE(client->vxlanControllerClientMode());
   EXPECT_TRUE(client->datapathLearningMode());
@@ -239,6 +242,39 @@ TEST_F(ModesTest, InitializingAgainChangesNothing) {
   client->handleInitialized();
   turnsUntilIdle();
   EXPECT_EQ(state(), before);
+}
+
+// Initializing parks both clocks, whatever they were armed for.
+TEST_F(ModesTest, InitializingParksBothClocks) {
+  start();
+  EXPECT_EQ(client->unicastDeferredDeleteClock()->timeMin(), time.peek());
+  EXPECT_EQ(client->bumDeferredDeleteClock()->timeMin(), time.peek());
+  client->handleInitialized();
+  EXPECT_EQ(client->unicastDeferredDeleteClock()->timeMin(), never);
+  EXPECT_EQ(client->bumDeferredDeleteClock()->timeMin(), never);
+}
+
+// The steps of the first evaluation, in their order: the controller's VNIs, its state, the modes.
+TEST_F(ModesTest, TheFirstEvaluationGoesStepByStep) {
+  traceFromNow();
+  start();
+  std::vector<std::string> steps;
+  for (const std::string& line : lines) {
+    for (const char* step :
+         {"VxlanControllerClientSm::handleInitialized()", "handleControllerVniBaseDir()",
+          "handleRmxStateBaseDir()", "handleDatapathLearningMode()", "handleControllerClientMode()",
+          "updateControllerClientMode()", "handleMlagState()"}) {
+      if (line.find(step) != std::string::npos) {
+        steps.emplace_back(step);
+      }
+    }
+  }
+  EXPECT_THAT(steps, testing::ElementsAre("VxlanControllerClientSm::handleInitialized()",
+                                          "handleControllerVniBaseDir()", "handleRmxStateBaseDir()",
+                                          "handleDatapathLearningMode()", "updateControllerClientMode()",
+                                          "handleRmxStateBaseDir()", "handleMlagState()",
+                                          "handleControllerClientMode()", "updateControllerClientMode()",
+                                          "handleRmxStateBaseDir()", "handleMlagState()"));
 }
 
 // The hooks for derived machines trace and do nothing.

@@ -121,6 +121,26 @@ TEST_F(PerVniTest, LeavingTheClientModeIsNeverDeferred) {
   EXPECT_EQ(client->hostTable()->markedForDelCount(), 0U);
 }
 
+// Nor is it if somebody else has set the view's flag.
+TEST_F(PerVniTest, LeavingTheClientModeIsNotDeferredByTheViewAlone) {
+  publish(10010, 1);
+  start();
+  handles.rmxStateClientView->convergenceInProgressIs(true);
+  vtiStatus("Vxlan1")->controllerClientModeIs(false);
+  EXPECT_EQ(received(), "");
+}
+
+// A cleanup that is not to be deferred deletes at once, also while the controller converges.
+TEST_F(PerVniTest, ACleanupIsDeferredOnlyIfItMayBe) {
+  publish(10010, 1);
+  controllerConverges(true);
+  start();
+  client->cleanupRmxPerVniFdbStatusSm(vni(10010), true);
+  EXPECT_EQ(received(), "02:00:00:00:00:01:10 Vxlan1 10.0.0.9 moves 1 marked\n");
+  client->cleanupRmxPerVniFdbStatusSm(vni(10010), false);
+  EXPECT_EQ(received(), "");
+}
+
 // The cleanup of a VNI stops at the first VTI that does not map it, even if a later one does.
 TEST_F(PerVniTest, TheCleanupStopsAtTheFirstVtiWithoutTheVni) {
   givenVti("Vxlan0");

@@ -112,16 +112,20 @@ void Listener::bindSocket(const Access& access) {
     device_ = status.st_dev;
     inode_ = status.st_ino;
   }
-  const char* failed = nullptr;
-  if (access.group && chown(path_.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
-    failed = "cannot give the file to the configured group";
-  } else if (chmod(path_.c_str(), mode) != 0) {
-    failed = "chmod";
-  }
-  if (failed != nullptr) {
-    const int error = errno;
+  try {
+    accessIs(access);
+  } catch (const std::runtime_error&) {
     unlink(path_.c_str());
-    raise(path_, failed, error);
+    throw;
+  }
+}
+
+void Listener::accessIs(const Access& access) const {
+  if (access.group && chown(path_.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
+    raise(path_, "cannot give the file to the configured group", errno);
+  }
+  if (chmod(path_.c_str(), access.socketMode()) != 0) {
+    raise(path_, "chmod", errno);
   }
 }
 

@@ -29,6 +29,8 @@ class Listener {
   // The next connection that waits, non-blocking; an empty one with errno set when there is none or the
   // system has no descriptor left.
   UniqueFd accept() const;
+  // Lets others in. Raises std::runtime_error when the file cannot be changed.
+  void accessIs(const Access& access) const;
 
  private:
   void bindSocket(const Access& access);

@@ -46,6 +46,11 @@ Server::~Server() {
   }
 }
 
+void Server::accessIs(const Access& access) {
+  listener_.accessIs(access);
+  options_.access = access;
+}
+
 void Server::acceptClients() {
   for (int i = 0; i < acceptedAtOnce; ++i) {
     UniqueFd socket = listener_.accept();

@@ -65,6 +65,10 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
+  // Who may do what from now on; those who are connected keep what they have. Raises std::runtime_error when
+  // the socket file cannot be changed.
+  void accessIs(const Access& access);
+
   std::size_t clients() const { return sessions_.size(); }
   const ServerStats& stats() const { return stats_; }
 

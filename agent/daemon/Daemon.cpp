@@ -22,7 +22,6 @@ namespace {
 using nlohmann::json;
 
 constexpr std::size_t hostsPerPatch = 128;
-constexpr std::size_t mostProblems = 200;
 constexpr std::size_t adoptedPerSlice = 256;
 constexpr std::chrono::milliseconds kernelSlice{4};
 // Of the client's paced deletions. What a slice deletes is exported when it ends, which takes as long again.
@@ -74,6 +73,30 @@ std::optional<gid_t> groupOf(const std::string& name) {
     throw std::invalid_argument("--socket-group: there is no group \"" + name + "\"");
   }
   return found->gr_gid;
+}
+
+Control::Access accessOf(const RunOptions& options) {
+  Control::Access access;
+  access.owner = ::geteuid();
+  access.group = groupOf(options.socketGroup);
+  access.othersRead = options.socketReadAll;
+  return access;
+}
+
+std::vector<Ovsdb::Remote> remotesOf(const RunOptions& options) {
+  std::vector<Ovsdb::Remote> remotes;
+  for (const std::string& remote : options.ovsdb) {
+    remotes.push_back(Ovsdb::Remote::parse(remote));
+  }
+  return remotes;
+}
+
+std::string joined(const std::vector<std::string>& names) {
+  std::string text;
+  for (const std::string& name : names) {
+    text += (text.empty() ? "" : ", ") + name;
+  }
+  return text;
 }
 
 }  // namespace
@@ -162,9 +185,7 @@ void Daemon::openControl() {
   service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));
   Control::ServerOptions server;
   server.path = options_.socket;
-  server.access.owner = ::geteuid();
-  server.access.group = groupOf(options_.socketGroup);
-  server.access.othersRead = options_.socketReadAll;
+  server.access = accessOf(options_);
   server.log = [](std::string_view text) { log(std::string(text)); };
   server_ = std::make_unique<Control::Server>(loop_, *service_, std::move(server));
 }
@@ -215,9 +236,7 @@ void Daemon::openDatabase() {
     throw std::invalid_argument("--ovsdb needs --switch, the name of this switch in the database");
   }
   Ovsdb::Adapter::Options adapter;
-  for (const std::string& remote : options_.ovsdb) {
-    adapter.session.remotes.push_back(Ovsdb::Remote::parse(remote));
-  }
+  adapter.session.remotes = remotesOf(options_);
   adapter.mapper.topology.switchName = options_.switchName;
   std::tie(adapter.mapper.topology.untaggedFirst, adapter.mapper.topology.untaggedLast) =
       vlanRange(options_.untaggedVlans);
@@ -377,98 +396,44 @@ void Daemon::everySecond() {
 void Daemon::readConfigurationAgain() {
   try {
     const RunOptions fresh = readAgain(arguments_);
-    if (fresh == options_) {
+    const std::vector<std::string> now = differences(options_, fresh, Changeable::atRunTime);
+    const std::vector<std::string> later = differences(options_, fresh, Changeable::atTheNextStart);
+    if (now.empty() && later.empty()) {
       log("the configuration is as it was");
-    } else {
-      log("the configuration has changed; it takes effect at the next start, which keeps the forwarding "
-          "state");
+      return;
     }
-  } catch (const CLI::Error& error) {
+    takeUp(fresh);
+    if (!now.empty()) {
+      log("the configuration has changed, in effect now: " + joined(now));
+    }
+    if (!later.empty()) {
+      log("the configuration has changed, in effect at the next start, which keeps the forwarding state: " +
+          joined(later));
+    }
+  } catch (const std::exception& error) {
     log("the configuration cannot be: " + std::string(error.what()) + "; the agent goes on with the old one");
   }
 }
 
-json Daemon::agentSection() const {
-  const LoopStall& stall = loop_.stall();
-  json section = {
-      {"pid", ::getpid()},
-      {"uptime", Kel::System::loopTime() - started_},
-      {"table",
-       {{"name", options_.table}, {"hosts", world_.hosts->hosts()}, {"limit", world_.hosts->limit()}}},
-      {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
-      {"waitingForController", adoption_ != nullptr},
-      {"loop",
-       {{"turns", stall.turns},
-        {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
-        {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
+// Takes up what can change while the agent runs; all of it is checked before.
+void Daemon::takeUp(const RunOptions& fresh) {
+  if (fresh.ovsdb.empty() != options_.ovsdb.empty()) {
+    throw std::invalid_argument("--ovsdb: following a database begins and ends with the agent");
+  }
+  const std::vector<Ovsdb::Remote> remotes = remotesOf(fresh);
+  const Control::Access access = accessOf(fresh);
+  server_->accessIs(access);
   if (database_ != nullptr) {
-    const Ovsdb::AdapterStatus status = database_->status();
-    section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};
-  }
-  return section;
-}
-
-json Daemon::problems() const {
-  json all = json::array();
-  if (database_ != nullptr) {
-    for (const Ovsdb::Problem& problem : database_->problems(mostProblems)) {
-      all.push_back({{"kind", std::string(Ovsdb::nameOf(problem.kind))},
-                     {"where", problem.row.text()},
-                     {"text", problem.text}});
+    if (fresh.ovsdb != options_.ovsdb) {
+      database_->remotesAre(remotes);
     }
-    const std::string error = database_->status().lastError;
-    if (!error.empty() && database_->status().session != Ovsdb::SessionState::following) {
-      all.push_back({{"kind", "session"}, {"where", database_->status().remote}, {"text", error}});
-    }
+    database_->convergenceOptionsAre({fresh.convergeQuiet, fresh.convergeMax});
   }
-  if (kernel_ != nullptr) {
-    for (const json& problem : kernel_->problems()) {
-      all.push_back(
-          {{"kind", "kernel"}, {"where", problem.value("what", "")}, {"text", problem.value("why", "")}});
-    }
-  }
-  for (const json& problem : problems_) {
-    all.push_back(problem);
-  }
-  return all;
-}
-
-Metrics Daemon::metrics() const {
-  Metrics numbers;
-  if (world_.client && world_.client->hostTable()) {
-    numbers.hosts = world_.client->hostTable()->receivedEntrys();
-    numbers.hostsMarked = world_.client->hostTable()->markedForDelCount();
-  }
-  numbers.vnis = world_.fdb->entries();
-  for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
-    for (auto&& set : vlan.value->floodSet()) {
-      ++numbers.floodSets;
-      numbers.floodDestinations += set.value->destSets();
-    }
-  }
-  numbers.converging = world_.clientView->convergenceInProgress();
-  numbers.slices = Kel::ActivityLoop::instance().clocksFired();
-  numbers.notifications = Kel::ActivityLoop::instance().delivered();
-  numbers.loop = loop_.stall();
-  numbers.tableRecords = world_.hosts->hosts();
-  numbers.tableLimit = world_.hosts->limit();
-  if (database_ != nullptr) {
-    const Ovsdb::AdapterStatus status = database_->status();
-    numbers.sessions["ovsdb"] = {status.session == Ovsdb::SessionState::following, status.reconnects};
-    numbers.convergenceSeconds = status.convergingFor;
-    numbers.longestSliceSeconds = static_cast<double>(status.longestSlice.count()) * 1e-9;
-    for (const auto& [kind, count] : status.problems) {
-      numbers.problems[kind] = count;
-    }
-  }
-  for (const json& problem : problems_) {
-    ++numbers.problems[problem.at("kind").get<std::string>()];
-  }
-  numbers.controlClients = server_->clients();
-  numbers.controlRequests = server_->stats().requests;
-  numbers.controlRefused = server_->stats().refused;
-  numbers.controlCut = server_->stats().cut;
-  return numbers;
+  options_.ovsdb = fresh.ovsdb;
+  options_.convergeQuiet = fresh.convergeQuiet;
+  options_.convergeMax = fresh.convergeMax;
+  options_.socketGroup = fresh.socketGroup;
+  options_.socketReadAll = fresh.socketReadAll;
 }
 
 int runDaemon(const RunOptions& options, const std::vector<std::string>& arguments) {

@@ -60,9 +60,12 @@ class Daemon {
   void armKernel();
   void everySecond();
   void readConfigurationAgain();
+  void takeUp(const RunOptions& fresh);
   nlohmann::json agentSection() const;
   nlohmann::json problems() const;
   Metrics metrics() const;
+
+  static constexpr std::size_t mostProblems = 200;  // that are remembered, or told of an adapter's
 
   RunOptions options_;
   std::vector<std::string> arguments_;

@@ -41,6 +41,53 @@ CLI::App* addRunCommand(CLI::App& app, RunOptions& options) {
   return run;
 }
 
+namespace {
+
+template <auto Member>
+bool same(const RunOptions& one, const RunOptions& other) {
+  return one.*Member == other.*Member;
+}
+
+struct Option {
+  const char* name;
+  bool (*same)(const RunOptions&, const RunOptions&);
+  Changeable changeable;
+};
+
+constexpr Option all[] = {
+    {"ovsdb", same<&RunOptions::ovsdb>, Changeable::atRunTime},
+    {"converge-quiet", same<&RunOptions::convergeQuiet>, Changeable::atRunTime},
+    {"converge-max", same<&RunOptions::convergeMax>, Changeable::atRunTime},
+    {"socket-group", same<&RunOptions::socketGroup>, Changeable::atRunTime},
+    {"socket-read-all", same<&RunOptions::socketReadAll>, Changeable::atRunTime},
+    {"switch", same<&RunOptions::switchName>, Changeable::atTheNextStart},
+    {"vti", same<&RunOptions::vti>, Changeable::atTheNextStart},
+    {"untagged-vlans", same<&RunOptions::untaggedVlans>, Changeable::atTheNextStart},
+    {"ovsdb-key", same<&RunOptions::ovsdbKey>, Changeable::atTheNextStart},
+    {"ovsdb-cert", same<&RunOptions::ovsdbCert>, Changeable::atTheNextStart},
+    {"ovsdb-ca", same<&RunOptions::ovsdbCa>, Changeable::atTheNextStart},
+    {"kernel", same<&RunOptions::kernel>, Changeable::atTheNextStart},
+    {"port", same<&RunOptions::ports>, Changeable::atTheNextStart},
+    {"table", same<&RunOptions::table>, Changeable::atTheNextStart},
+    {"table-limit", same<&RunOptions::tableLimit>, Changeable::atTheNextStart},
+    {"metrics", same<&RunOptions::metrics>, Changeable::atTheNextStart},
+    {"socket", same<&RunOptions::socket>, Changeable::atTheNextStart},
+    {"trace-dir", same<&RunOptions::traceDir>, Changeable::atTheNextStart},
+    {"record", same<&RunOptions::record>, Changeable::atTheNextStart},
+};
+
+}  // namespace
+
+std::vector<std::string> differences(const RunOptions& one, const RunOptions& other, Changeable which) {
+  std::vector<std::string> names;
+  for (const Option& option : all) {
+    if (option.changeable == which && !option.same(one, other)) {
+      names.emplace_back(option.name);
+    }
+  }
+  return names;
+}
+
 RunOptions readAgain(const std::vector<std::string>& arguments) {
   CLI::App app;
   app.set_config("--config");

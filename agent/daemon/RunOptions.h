@@ -31,9 +31,12 @@ struct RunOptions {
   bool socketReadAll = false;
   std::string traceDir;
   std::string record;
-
-  bool operator==(const RunOptions&) const = default;
 };
+
+// The names of the options in which two readings differ: those that can change while the agent runs, or those
+// that cannot.
+enum class Changeable { atRunTime, atTheNextStart };
+std::vector<std::string> differences(const RunOptions& one, const RunOptions& other, Changeable which);
 
 // Adds the subcommand `run` to the program's command line; it fills `options`.
 CLI::App* addRunCommand(CLI::App& app, RunOptions& options);

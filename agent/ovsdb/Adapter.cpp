@@ -265,6 +265,16 @@ void Adapter::arm() {
                   [this] { timer(); });
 }
 
+void Adapter::remotesAre(std::vector<Remote> remotes) {
+  session_.remotesAre(std::move(remotes), now());
+  turn();
+}
+
+void Adapter::convergenceOptionsAre(Convergence::Options options) {
+  mapper_.convergenceOptionsAre(options);
+  turn();
+}
+
 // --- what it tells
 
 AdapterStatus Adapter::status() const {

@@ -66,6 +66,10 @@ class Adapter {
   // JSON Pointers to the members of the input document that are the adapter's alone.
   std::vector<std::string> ownedPointers() const;
 
+  // Other remotes, at least one; and other times of a convergence.
+  void remotesAre(std::vector<Remote> remotes);
+  void convergenceOptionsAre(Convergence::Options options);
+
   AdapterStatus status() const;
   std::vector<Problem> problems(std::size_t most) const { return mapper_.problems(most); }
   nlohmann::json explain(Mac mac, std::optional<std::uint32_t> vni, std::optional<std::uint16_t> vlan) const {

@@ -16,6 +16,13 @@ std::string_view nameOf(Convergence::Cause cause) {
   return "";
 }
 
+void Convergence::optionsAre(Options options) {
+  options_ = options;
+  if (latest_ < std::numeric_limits<double>::infinity()) {
+    latest_ = since_ + options_.most;
+  }
+}
+
 void Convergence::await() {
   inProgress_ = true;
   cause_ = Cause::session;

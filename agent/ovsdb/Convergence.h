@@ -25,6 +25,8 @@ class Convergence {
   };
 
   explicit Convergence(Options options) : options_(options) {}
+  // Other options, also for the convergence that is in progress.
+  void optionsAre(Options options);
 
   // Begins before anything is known; the time that it may last counts from the first begin().
   void await();

@@ -72,6 +72,7 @@ class Mapper final : public UpdateTaker {
   const RowStore& rows() const { return rows_; }
   const Topology& topology() const { return topology_; }
   const Convergence& convergence() const { return convergence_; }
+  void convergenceOptionsAre(Convergence::Options options) { convergence_.optionsAre(options); }
   std::size_t duplicates() const;
   // Hosts that are published now.
   std::size_t publishedHosts() const { return publishedHosts_; }

@@ -389,6 +389,20 @@ void Session::endWalk(double now) {
   taker_.endUpdate(now);
 }
 
+void Session::remotesAre(std::vector<Remote> remotes, double now) {
+  require(!remotes.empty(), "a session has at least one remote");
+  const auto same = std::find(remotes.begin(), remotes.end(), remote());
+  const std::ptrdiff_t place = same == remotes.end() ? 0 : same - remotes.begin();
+  if (same == remotes.end()) {
+    failed("is configured no more", now);
+    dropped_ = true;
+    failures_ = 0;
+    due_ = now;
+  }
+  options_.remotes = std::move(remotes);
+  remote_ = static_cast<std::size_t>(place);
+}
+
 void Session::tick(double now) {
   if (state_ == SessionState::connecting && now >= due_) {
     drop("no connection after " + seconds(options_.connectTimeout), now);

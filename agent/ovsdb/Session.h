@@ -98,6 +98,10 @@ class Session {
   // When tick() has something to do; plus infinity if never.
   double nextWakeup() const;
 
+  // Other remotes, at least one. A session with one that is no longer among them ends, and the next begins at
+  // once.
+  void remotesAre(std::vector<Remote> remotes, double now);
+
   // --- what it tells
   SessionState state() const { return state_; }
   // The remote in use, or tried last.

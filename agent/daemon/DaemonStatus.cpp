@@ -1,0 +1,99 @@
+// What the daemon tells of itself.
+#include <unistd.h>
+
+#include "Kel/Activity.h"
+#include "Kel/System.h"
+#include "Vxlan/framework/Trace.h"
+#include "agent/daemon/Daemon.h"
+
+namespace Agent {
+namespace {
+
+using nlohmann::json;
+
+}  // namespace
+
+json Daemon::agentSection() const {
+  const LoopStall& stall = loop_.stall();
+  json section = {
+      {"pid", ::getpid()},
+      {"uptime", Kel::System::loopTime() - started_},
+      {"table",
+       {{"name", options_.table}, {"hosts", world_.hosts->hosts()}, {"limit", world_.hosts->limit()}}},
+      {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
+      {"waitingForController", adoption_ != nullptr},
+      {"loop",
+       {{"turns", stall.turns},
+        {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
+        {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
+  if (database_ != nullptr) {
+    const Ovsdb::AdapterStatus status = database_->status();
+    section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};
+  }
+  return section;
+}
+
+json Daemon::problems() const {
+  json all = json::array();
+  if (database_ != nullptr) {
+    for (const Ovsdb::Problem& problem : database_->problems(mostProblems)) {
+      all.push_back({{"kind", std::string(Ovsdb::nameOf(problem.kind))},
+                     {"where", problem.row.text()},
+                     {"text", problem.text}});
+    }
+    const std::string error = database_->status().lastError;
+    if (!error.empty() && database_->status().session != Ovsdb::SessionState::following) {
+      all.push_back({{"kind", "session"}, {"where", database_->status().remote}, {"text", error}});
+    }
+  }
+  if (kernel_ != nullptr) {
+    for (const json& problem : kernel_->problems()) {
+      all.push_back(
+          {{"kind", "kernel"}, {"where", problem.value("what", "")}, {"text", problem.value("why", "")}});
+    }
+  }
+  for (const json& problem : problems_) {
+    all.push_back(problem);
+  }
+  return all;
+}
+
+Metrics Daemon::metrics() const {
+  Metrics numbers;
+  if (world_.client && world_.client->hostTable()) {
+    numbers.hosts = world_.client->hostTable()->receivedEntrys();
+    numbers.hostsMarked = world_.client->hostTable()->markedForDelCount();
+  }
+  numbers.vnis = world_.fdb->entries();
+  for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
+    for (auto&& set : vlan.value->floodSet()) {
+      ++numbers.floodSets;
+      numbers.floodDestinations += set.value->destSets();
+    }
+  }
+  numbers.converging = world_.clientView->convergenceInProgress();
+  numbers.slices = Kel::ActivityLoop::instance().clocksFired();
+  numbers.notifications = Kel::ActivityLoop::instance().delivered();
+  numbers.loop = loop_.stall();
+  numbers.tableRecords = world_.hosts->hosts();
+  numbers.tableLimit = world_.hosts->limit();
+  if (database_ != nullptr) {
+    const Ovsdb::AdapterStatus status = database_->status();
+    numbers.sessions["ovsdb"] = {status.session == Ovsdb::SessionState::following, status.reconnects};
+    numbers.convergenceSeconds = status.convergingFor;
+    numbers.longestSliceSeconds = static_cast<double>(status.longestSlice.count()) * 1e-9;
+    for (const auto& [kind, count] : status.problems) {
+      numbers.problems[kind] = count;
+    }
+  }
+  for (const json& problem : problems_) {
+    ++numbers.problems[problem.at("kind").get<std::string>()];
+  }
+  numbers.controlClients = server_->clients();
+  numbers.controlRequests = server_->stats().requests;
+  numbers.controlRefused = server_->stats().refused;
+  numbers.controlCut = server_->stats().cut;
+  return numbers;
+}
+
+}  // namespace Agent

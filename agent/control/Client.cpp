@@ -10,6 +10,7 @@
 #include <system_error>
 
 #include "agent/control/Request.h"
+#include "agent/json/Text.h"
 
 namespace Agent::Control {
 
@@ -92,8 +93,8 @@ json Client::receive(std::optional<milliseconds> patience) {
   const std::string line = in_.substr(0, newline);
   in_.erase(0, newline + 1);
   try {
-    return json::parse(line);
-  } catch (const json::parse_error&) {
+    return parseJson(line);
+  } catch (const BadJson&) {
     throw Unreachable("what answers at " + path_ + " is no agent");
   }
 }

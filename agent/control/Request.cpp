@@ -1,8 +1,9 @@
 #include "agent/control/Request.h"
 
-#include <algorithm>
 #include <array>
 #include <optional>
+
+#include "agent/json/Text.h"
 
 namespace Agent::Control {
 
@@ -16,41 +17,15 @@ constexpr std::array<std::pair<std::string_view, Request::Verb>, 4> verbs{
      {"subscribe", Request::Verb::subscribe},
      {"call", Request::Verb::call}}};
 
-// How deep arrays and objects stand inside one another, found without building them.
-int depthOf(std::string_view line) {
-  int depth = 0;
-  int deepest = 0;
-  bool inString = false;
-  for (std::size_t i = 0; i < line.size(); ++i) {
-    const char c = line[i];
-    if (inString) {
-      if (c == '\\') {
-        ++i;
-      }
-      inString = c != '"';
-    } else if (c == '"') {
-      inString = true;
-    } else if (c == '{' || c == '[') {
-      deepest = std::max(deepest, ++depth);
-    } else if (c == '}' || c == ']') {
-      --depth;
-    }
-  }
-  return deepest;
-}
-
 json parseObject(std::string_view line) {
-  if (depthOf(line) > Request::deepest) {
-    throw BadRequest(nullptr, "nested deeper than " + std::to_string(Request::deepest) + " levels");
-  }
   try {
-    json request = json::parse(line);
+    json request = parseJson(line);
     if (!request.is_object()) {
       throw BadRequest(nullptr, "a request is a JSON object");
     }
     return request;
-  } catch (const json::parse_error& error) {
-    throw BadRequest(nullptr, "not JSON at byte " + std::to_string(error.byte));
+  } catch (const BadJson& error) {
+    throw BadRequest(nullptr, error.what());
   }
 }
 

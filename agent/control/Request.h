@@ -13,9 +13,6 @@ namespace Agent::Control {
 struct Request {
   enum class Verb { patch, get, subscribe, call };
 
-  // Arrays and objects inside one another; more would let a line exhaust the stack of whoever walks it.
-  static constexpr int deepest = 64;
-
   nlohmann::json id{};  // null: none given
   Verb verb = Verb::get;
   std::string target{};      // a well-formed JSON Pointer of get and subscribe, the method of call

@@ -1,5 +1,6 @@
 #include "agent/daemon/AgentService.h"
 
+#include "agent/json/Text.h"
 #include "agent/state/JsonChecks.h"
 
 namespace Agent {
@@ -13,12 +14,6 @@ std::pair<std::string, std::string> split(const std::string& pointer) {
   const std::size_t slash = pointer.find('/', 1);
   return slash == std::string::npos ? std::pair(pointer.substr(1), std::string())
                                     : std::pair(pointer.substr(1, slash - 1), pointer.substr(slash));
-}
-
-// The part of a document that a pointer leads to; null where it leads nowhere.
-json partOf(const json& document, const std::string& pointer) {
-  const json::json_pointer at(pointer);
-  return document.contains(at) ? document.at(at) : json();
 }
 
 }  // namespace
@@ -48,11 +43,11 @@ json AgentService::get(const std::string& pointer) {
   if (part == "input") {
     // Only the section that is asked for is printed.
     const std::string section = rest.empty() ? "" : split(rest).first;
-    value = rest.empty() ? inputDocument(world_) : partOf({{section, inputSection(world_, section)}}, rest);
+    value = rest.empty() ? inputDocument(world_) : partAt({{section, inputSection(world_, section)}}, rest);
   } else if (part == "output") {
     value = output_.at(rest);
   } else if (part == "agent") {
-    value = partOf({{"agent", agentSection()}}, pointer);
+    value = partAt({{"agent", agentSection()}}, pointer);
   }
   if (value.is_null()) {
     throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");

@@ -38,6 +38,10 @@ TEST_F(DriveTest, APatchThatIsNoneDoesNotReachTheAgent) {
   EXPECT_EQ(run({"patch", folder}), 2);
   EXPECT_EQ(run({"patch", "-"}, "{\n \"a\": 1,\n}\n"), 2);
   EXPECT_EQ(err, "vxlanctl: -:3: not JSON\n");
+  EXPECT_EQ(run({"patch", "-"}, R"({"mlag":{"mlagState":1e999}})"), 2);
+  EXPECT_EQ(err, "vxlanctl: -: a number is out of range\n");
+  EXPECT_EQ(run({"patch", "-"}, std::string(100000, '[') + std::string(100000, ']')), 2);
+  EXPECT_EQ(err, "vxlanctl: -: nested deeper than 64 levels\n");
 }
 
 TEST_F(DriveTest, FlushSaysWhatItRemoved) {

@@ -13,6 +13,7 @@
 #include "RingLog/Reader.h"
 #include "agent/control/Client.h"
 #include "agent/control/Defaults.h"
+#include "agent/json/Text.h"
 #include "tools/vxlanctl/Completion.h"
 #include "tools/vxlanctl/Explain.h"
 #include "tools/vxlanctl/HostTable.h"
@@ -154,9 +155,12 @@ ExitCode patch(const Request& request, const Streams& streams) {
   const std::string text = readAll(request.file, streams.in);
   json patch;
   try {
-    patch = json::parse(text);
-  } catch (const json::parse_error& error) {
-    const auto before = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.byte, text.size()));
+    patch = Agent::parseJson(text);
+  } catch (const Agent::BadJson& error) {
+    if (error.byte() == 0) {
+      throw std::invalid_argument(fmt::format("{}: {}", request.file, error.what()));
+    }
+    const auto before = text.begin() + static_cast<std::ptrdiff_t>(std::min(error.byte(), text.size()));
     const auto line = std::count(text.begin(), before, '\n') + 1;
     throw std::invalid_argument(fmt::format("{}:{}: not JSON", request.file, line));
   }

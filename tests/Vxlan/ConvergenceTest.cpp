@@ -115,6 +115,29 @@ TEST_F(ConvergenceTest, TheEndSchedulesBothJobsForTheNextTurn) {
   EXPECT_EQ(clocks(), "parked, parked");
 }
 
+// Both are due at one and the same time, the one at which the convergence ended; the unicast job comes first.
+TEST_F(ConvergenceTest, TheJobsAreDueTogetherAndRunInOrder) {
+  givenVti("Vxlan1");
+  controllerConverges(true);
+  start();
+  time.tickPerReadIs(0.5);
+  const double ended = time.peek();
+  traceFromNow();
+  controllerConverges(false);
+  EXPECT_EQ(client->unicastDeferredDeleteClock()->timeMin(), ended);
+  EXPECT_EQ(client->bumDeferredDeleteClock()->timeMin(), ended);
+  turn();
+  std::vector<std::string> jobsRun;
+  for (const std::string& line : lines) {
+    if (line.find("processUnicastDeferredDeletes()  init") != std::string::npos) {
+      jobsRun.emplace_back("unicast");
+    } else if (line.find("processBumDeferredDeletes()  init") != std::string::npos) {
+      jobsRun.emplace_back("bum");
+    }
+  }
+  EXPECT_THAT(jobsRun, testing::ElementsAre("unicast", "bum"));
+}
+
 // A client that is built while nobody converges runs both jobs once on the next turn.
 TEST_F(ConvergenceTest, BuiltWhileNobodyConvergesBothJobsRunOnce) {
   start();

@@ -50,6 +50,24 @@ TEST_F(TraceTest, AWithdrawnHost) {
        "deleteReceivedTableEntry(const Bridging::MacVlanPair&)  deleting 02:00:00:00:00:01 vlan 10"});
 }
 
+// The controller's state, its echo, and what the echo sets off.
+TEST_F(TraceTest, AConvergence) {
+  controllerConverges(true);
+  expectTraced(
+      {"RmxStateSm::handleConvergenceInProgress()  init 1",
+       "RmxStateSm::handleConvergenceInProgress() handleConvergenceInProgress init 1 convergence state 1",
+       "VxlanControllerMacAddrSmBase::handleConvergenceInProgress()  init 1"});
+  controllerStateGoes();
+  expectTraced(
+      {"VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name)  init 1",
+       "VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name)  entry subdir deleted for controller",
+       "RmxStateSm::cleanup()  convergence window 1"});
+  controllerConverges(true);
+  expectTraced({"VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name)  entry subdir added "});
+  client->handleRmxStateBaseDir();
+  expectTraced({"VxlanControllerClientSm::handleRmxStateBaseDir()  init 1"});
+}
+
 TEST_F(TraceTest, AHostThatIsMarkedAndComesBack) {
   publish(10010, 1);
   controllerConverges(true);

@@ -78,6 +78,23 @@ TEST_F(WrapperTest, TheMachineComesAndGoesWithItsEntity) {
   EXPECT_FALSE(viewConverges());
 }
 
+// What it does is in the trace.
+TEST_F(WrapperTest, ItTracesItsEvaluation) {
+  givenVti("Vxlan1");
+  controllerConverges(true);
+  traceFromNow();
+  startWrapper();
+  for (const char* text :
+       {"RmxStateSmWrapper::handleInitialized() ", "RmxStateSmWrapper::handleRmxStateBaseDir()  init 1",
+        "RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name)  init 1",
+        "RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name)  entry subdir added "}) {
+    EXPECT_EQ(tracedLines(text), 1U) << text;
+  }
+  controllerStateGoes();
+  EXPECT_EQ(tracedLines("(Kel::Name)  entry subdir deleted for "), 1U);
+  EXPECT_EQ(tracedLines("RmxStateSm::cleanup()  convergence window 1"), 1U);
+}
+
 // An entity of another type is ignored.
 TEST_F(WrapperTest, AnEntityOfAnotherTypeIsIgnored) {
   givenVti("Vxlan1");

@@ -2,12 +2,13 @@
 
 #include <unistd.h>
 
-#include <limits>
+#include <algorithm>
 
 #include "Kel/Activity.h"
 #include "Kel/Error.h"
 #include "Memtab/Error.h"
 #include "Memtab/Segment.h"
+#include "agent/json/Text.h"
 #include "agent/replay/Expectation.h"
 #include "agent/state/InputPatch.h"
 #include "agent/state/JsonChecks.h"
@@ -26,8 +27,22 @@ class LineError : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
+// A message as one line, whatever the names in it are made of.
+std::string oneLine(const std::string& message) {
+  std::string line;
+  for (const char character : message) {
+    if (const auto code = static_cast<unsigned char>(character); code < 0x20 || code == 0x7f) {
+      constexpr const char* digits = "0123456789abcdef";
+      line += {'\\', 'u', '0', '0', digits[code >> 4], digits[code & 0xf]};
+    } else {
+      line += character;
+    }
+  }
+  return line;
+}
+
 std::string message(const Refused& refused) {
-  return refused.pointer() + ": " + refused.what();
+  return oneLine(refused.pointer()) + ": " + refused.what();
 }
 
 double secondsAt(const Place& place, const json& value) {
@@ -105,18 +120,22 @@ ReplayResult Replay::run(std::istream& journal) {
   return result_;
 }
 
+void Replay::complain(const std::string& what) {
+  streams_.errors << name_ << ':' << lineNumber_ << ": " << oneLine(what) << '\n';
+}
+
 // Carries one line out; a line that fails is reported and returns false.
 bool Replay::runLine(const std::string& text) {
   const auto report = [&](const std::string& what) {
-    streams_.errors << name_ << ':' << lineNumber_ << ": " << what << '\n';
+    complain(what);
     return false;
   };
   try {
-    const json line = json::parse(text);
+    const json line = parseJson(text);
     carryOut(read(line));
     return true;
-  } catch (const json::parse_error& error) {
-    return report("not JSON: " + std::string(error.what()));
+  } catch (const BadJson& error) {
+    return report(error.what());
   } catch (const Refused& refused) {
     return report("line: " + message(refused));
   } catch (const LineError& error) {
@@ -171,7 +190,7 @@ void Replay::carryOut(const Line& line) {
   if (line.advance) {
     advance(*line.advance);
   }
-  settle(line);
+  runTurns(line.turns.value_or(mostTurns));
   if (line.expect != nullptr) {
     expect(*line.expect);
   }
@@ -197,28 +216,19 @@ void Replay::patch(const json& patch) {
 
 // Moves the time on to each clock in turn and fires it when it is due.
 void Replay::advance(double seconds) {
+  runTurns(mostTurns);  // what is due already may read the time, and so move it: that comes on top
   const double target = time_.peek() + seconds;
-  for (;;) {
-    runUntilIdle();
-    const double next = Kel::ActivityLoop::instance().nextWakeup();
-    if (next > target) {
-      break;
-    }
+  const Kel::ActivityLoop& loop = Kel::ActivityLoop::instance();
+  for (double next = loop.nextWakeup(); next <= target; next = loop.nextWakeup()) {
     time_.timeIs(next);
+    runTurns(mostTurns);
   }
   time_.timeIs(target);
 }
 
-void Replay::settle(const Line& line) {
-  if (line.turns) {
-    Kel::ActivityLoop::instance().runUntilIdle(*line.turns);
-  } else {
-    runUntilIdle();
-  }
-}
-
-void Replay::runUntilIdle() {
-  if (!Kel::ActivityLoop::instance().runUntilIdle(mostTurns)) {
+// Turns until the loop is idle, this many at most; none needs more than the most.
+void Replay::runTurns(std::uint64_t turns) {
+  if (!Kel::ActivityLoop::instance().runUntilIdle(std::min(turns, mostTurns)) && turns >= mostTurns) {
     throw LineError("the activity loop is not idle after 10,000,000 turns");
   }
 }
@@ -227,8 +237,7 @@ void Replay::expect(const json& expected) {
   const std::size_t differences =
       compare(expected, output_->shapedLike(expected),
               [&](const std::string& pointer, const std::string& want, const std::string& have) {
-                streams_.errors << name_ << ':' << lineNumber_ << ": expect: " << pointer << ": want " << want
-                                << ", have " << have << '\n';
+                complain("expect: " + pointer + ": want " + want + ", have " + have);
               });
   ++(differences == 0 ? result_.passed : result_.failed);
 }

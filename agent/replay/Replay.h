@@ -59,13 +59,14 @@ class Replay {
     const nlohmann::json* dump = nullptr;
   };
 
+  // Reports what is wrong with the line that is being carried out.
+  void complain(const std::string& what);
   bool runLine(const std::string& text);
   static Line read(const nlohmann::json& line);
   void carryOut(const Line& line);
   void patch(const nlohmann::json& patch);
   void advance(double seconds);
-  void settle(const Line& line);
-  void runUntilIdle();
+  void runTurns(std::uint64_t turns);
   void expect(const nlohmann::json& expected);
   void dump(const nlohmann::json& what);
   void showProgress();

@@ -3,7 +3,9 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iomanip>
 #include <iostream>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -19,8 +21,9 @@ struct Options {
 };
 
 void sumUp(const ReplayResult& total) {
-  std::cerr << "lines " << total.lines << ", patches " << total.patches << ", expectations passed "
-            << total.passed << ", failed " << total.failed << ", virtual seconds " << total.seconds << '\n';
+  std::cerr << std::setprecision(std::numeric_limits<double>::digits10) << "lines " << total.lines
+            << ", patches " << total.patches << ", expectations passed " << total.passed << ", failed "
+            << total.failed << ", virtual seconds " << total.seconds << '\n';
 }
 
 void add(ReplayResult& total, const ReplayResult& one) {

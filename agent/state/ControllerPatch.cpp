@@ -73,6 +73,16 @@ std::vector<Qnet::EthAddr> sortedKeys(const Collection& collection) {
   return keys;
 }
 
+// A host that equals the default counts as absent. Were it entered, each look at it would withdraw the MAC
+// once more, and a MAC that waits for its deletion cannot be withdrawn twice.
+void hostIs(VniFdbStatusV2& status, const MacVtepV2& host) {
+  if (host == MacVtepV2()) {
+    status.macVtepTableDel(host.macAddr);
+  } else {
+    status.macVtepTableIs(host);
+  }
+}
+
 void planHosts(const Place& place, const nlohmann::json& patch, const Kel::Ptr<VniFdbStatusV2>& status,
                Changes& changes) {
   if (patch.is_null()) {
@@ -88,7 +98,7 @@ void planHosts(const Place& place, const nlohmann::json& patch, const Kel::Ptr<V
     } else {
       const MacVtepV2 host =
           readHost(Place(place, member.first), *member.second, mac, status->macVtepTable().find(mac));
-      settings.emplace_back([status, host] { status->macVtepTableIs(host); });
+      settings.emplace_back([status, host] { hostIs(*status, host); });
     }
   }
   std::move(settings.begin(), settings.end(), std::back_inserter(changes));

@@ -1,5 +1,7 @@
 #include "agent/state/JsonChecks.h"
 
+#include <cmath>
+
 namespace Agent {
 
 std::string Place::pointer() const {
@@ -33,16 +35,28 @@ bool boolAt(const Place& place, const nlohmann::json& value) {
   return value.get<bool>();
 }
 
-std::uint32_t integerAt(const Place& place, const nlohmann::json& value, std::uint32_t max) {
-  if (!value.is_number_integer()) {
-    place.refuse(std::string("an integer was expected, not ") +
-                 (value.is_number_float() ? "a number with a fraction" : value.type_name()));
+namespace {
+
+// An integer in a range; `what` is what a message calls it, and `wanted` how it asks for one.
+std::uint32_t integerIn(const Place& place, const nlohmann::json& value, std::uint32_t min, std::uint32_t max,
+                        const char* what, const char* wanted) {
+  // What 64 bits do not hold, and what is written with an exponent, has been read as a fraction.
+  const bool huge = value.is_number_float() && std::abs(value.get<double>()) >= 0x1p63;
+  if (!value.is_number_integer() && !huge) {
+    place.refuse(std::string(wanted) + " was expected, not " +
+                 (value.is_number_float() ? value.dump() : value.type_name()));
   }
-  const bool negative = !value.is_number_unsigned() && value.get<std::int64_t>() < 0;
-  if (negative || value.get<std::uint64_t>() > max) {
-    place.refuse("integer out of range 0 to " + std::to_string(max));
+  const bool negative = !value.is_number_unsigned() && !huge && value.get<std::int64_t>() < 0;
+  if (huge || negative || value.get<std::uint64_t>() < min || value.get<std::uint64_t>() > max) {
+    place.refuse(std::string(what) + " out of range " + std::to_string(min) + " to " + std::to_string(max));
   }
   return value.get<std::uint32_t>();
+}
+
+}  // namespace
+
+std::uint32_t integerAt(const Place& place, const nlohmann::json& value, std::uint32_t max) {
+  return integerIn(place, value, 0, max, "integer", "an integer");
 }
 
 Qnet::IpAddr ipAt(const Place& place, const nlohmann::json& value) {
@@ -62,6 +76,11 @@ Qnet::IntfId intfKey(const Place& place) {
   }
   if (place.name().size() > Qnet::IntfId::maxLength) {
     place.refuse("interface name longer than " + std::to_string(Qnet::IntfId::maxLength) + " characters");
+  }
+  // The table in shared memory holds names that end with a zero byte.
+  if (std::any_of(place.name().begin(), place.name().end(),
+                  [](unsigned char c) { return c < 0x20 || c == 0x7f; })) {
+    place.refuse("interface name with a control character");
   }
   return Qnet::IntfId(place.name());
 }
@@ -88,15 +107,7 @@ Vxlan::VniExt vniKey(const Place& place) {
 }
 
 Vxlan::VniExt vniAt(const Place& place, const nlohmann::json& value) {
-  if (!value.is_number_integer()) {
-    place.refuse(std::string("a VNI as an integer was expected, not ") +
-                 (value.is_number_float() ? "a number with a fraction" : value.type_name()));
-  }
-  const bool negative = !value.is_number_unsigned() && value.get<std::int64_t>() < 0;
-  if (negative || value.get<std::uint64_t>() < 1 || value.get<std::uint64_t>() > lastVni) {
-    place.refuse("VNI out of range 1 to 16777215");
-  }
-  return Vxlan::VniExt(value.get<std::uint32_t>());
+  return Vxlan::VniExt(integerIn(place, value, 1, lastVni, "VNI", "a VNI as an integer"));
 }
 
 Qnet::EthAddr macKey(const Place& place) {

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "agent/json/Text.h"
+
 namespace Agent {
 namespace {
 
@@ -117,7 +119,17 @@ void OutputDocument::eachHost(const EachHost& call) {
   }
 }
 
-json OutputDocument::host(const Bridging::MacVlanPair& key) {
+Kel::Ptr<Vxlan::ReceivedHostTable> OutputDocument::receivedTable() const {
+  return world_.client ? world_.client->hostTable() : nullptr;
+}
+
+// One host as the layer-2 RIB or the received host table has it; null if it does not.
+json OutputDocument::hostOf(const Bridging::MacVlanPair& key, bool l2Rib) {
+  if (!l2Rib) {
+    const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable();
+    const Vxlan::ReceivedEntry* entry = table ? table->receivedEntry().find(key) : nullptr;
+    return entry != nullptr ? printed(*entry) : json();
+  }
   if (reader_) {
     const auto value = reader_->find(key);
     return value ? printed(*value) : json();
@@ -136,8 +148,8 @@ json OutputDocument::l2RibHosts() {
 
 json OutputDocument::receivedHosts() {
   json vlans = json::object();
-  if (world_.client && world_.client->hostTable()) {
-    for (auto&& entry : world_.client->hostTable()->receivedEntry()) {
+  if (const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable()) {
+    for (auto&& entry : table->receivedEntry()) {
       vlans[std::to_string(entry.key.vlan.value())][entry.key.mac.text()] = printed(entry.value);
     }
   }
@@ -152,7 +164,8 @@ json OutputDocument::section(const std::string& name) {
     return receivedHosts();
   }
   if (name == "markedForDelCount") {
-    return world_.client && world_.client->hostTable() ? world_.client->hostTable()->markedForDelCount() : 0;
+    const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable();
+    return table ? table->markedForDelCount() : 0;
   }
   if (name == "l2Rib") {
     return {{"hosts", l2RibHosts()}, {"floodSets", floodSets(world_)}};
@@ -178,53 +191,62 @@ json OutputDocument::whole() {
 }
 
 json OutputDocument::at(const std::string& text) {
-  const json::json_pointer pointer(text);
-  if (pointer.empty()) {
+  if (text.empty()) {
     return whole();
   }
   const std::size_t slash = text.find('/', 1);
   const std::string name = text.substr(1, slash == std::string::npos ? slash : slash - 1);
-  const json part = {{name, section(name)}};
-  return part.contains(pointer) ? part.at(pointer) : json();
+  return partAt({{name, section(name)}}, text);
 }
 
-// Whether the layer-2 RIB has a host in the VLAN: a look at every host.
-bool OutputDocument::hasHostIn(Bridging::VlanId vlan) {
-  bool found = false;
-  eachHost([&](const L2Rib::Host& host) { found = found || host.key.vlan == vlan; });
-  return found;
+// Calls back with each host of one VLAN. For the layer-2 RIB that takes a look at every host.
+void OutputDocument::eachHostIn(Bridging::VlanId vlan, bool l2Rib, const EachKey& call) {
+  if (l2Rib) {
+    eachHost([&](const L2Rib::Host& host) {
+      if (host.key.vlan == vlan) {
+        call(host.key);
+      }
+    });
+  } else if (const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable()) {
+    table->eachOfVlan(vlan, call);
+  }
+}
+
+// One VLAN with all its hosts; nothing if it has none.
+json OutputDocument::wholeVlan(Bridging::VlanId vlan, bool l2Rib) {
+  json hosts;
+  eachHostIn(vlan, l2Rib,
+             [&](const Bridging::MacVlanPair& key) { hosts[key.mac.text()] = hostOf(key, l2Rib); });
+  return hosts;
 }
 
 // One VLAN with the hosts that are asked for by name; nothing if the VLAN has no host at all.
 json OutputDocument::vlanLike(Bridging::VlanId vlan, const json& expected, bool l2Rib) {
-  const Kel::Ptr<Vxlan::ReceivedHostTable> table = world_.client ? world_.client->hostTable() : nullptr;
   json hosts = json::object();
-  for (auto host = expected.begin(); expected.is_object() && host != expected.end(); ++host) {
+  for (auto host = expected.begin(); host != expected.end(); ++host) {
     const auto mac = Qnet::EthAddr::parse(host.key());
-    if (!mac) {
-      continue;
-    }
-    const Bridging::MacVlanPair key{*mac, vlan};
-    const Vxlan::ReceivedEntry* entry = !l2Rib && table ? table->receivedEntry().find(key) : nullptr;
-    json value = l2Rib ? this->host(key) : entry != nullptr ? printed(*entry) : json();
+    json value = mac ? hostOf({*mac, vlan}, l2Rib) : json();
     if (!value.is_null()) {
       hosts[host.key()] = std::move(value);
     }
   }
   bool there = !hosts.empty();
-  if (!there && l2Rib) {
-    there = hasHostIn(vlan);
-  } else if (!there && table) {
-    table->eachOfVlan(vlan, [&](const Bridging::MacVlanPair&) { there = true; });
+  if (!there) {
+    eachHostIn(vlan, l2Rib, [&](const Bridging::MacVlanPair&) { there = true; });
   }
   return there ? hosts : json();
 }
 
 json OutputDocument::hostsLike(const json& expected, bool l2Rib) {
+  if (!expected.is_object()) {
+    return l2Rib ? l2RibHosts() : receivedHosts();
+  }
   json vlans = json::object();
-  for (auto vlan = expected.begin(); expected.is_object() && vlan != expected.end(); ++vlan) {
+  for (auto vlan = expected.begin(); vlan != expected.end(); ++vlan) {
     const auto number = Bridging::VlanId::parse(vlan.key());
-    json hosts = number ? vlanLike(*number, *vlan, l2Rib) : json();
+    json hosts = !number             ? json()
+                 : vlan->is_object() ? vlanLike(*number, *vlan, l2Rib)
+                                     : wholeVlan(*number, l2Rib);
     if (!hosts.is_null()) {
       vlans[vlan.key()] = std::move(hosts);
     }

@@ -30,10 +30,13 @@ class OutputDocument {
  private:
   using EachHost = std::function<void(const L2Rib::Host&)>;
   void eachHost(const EachHost& call);
-  nlohmann::json host(const Bridging::MacVlanPair& key);
+  using EachKey = std::function<void(const Bridging::MacVlanPair&)>;
+  void eachHostIn(Bridging::VlanId vlan, bool l2Rib, const EachKey& call);
+  nlohmann::json hostOf(const Bridging::MacVlanPair& key, bool l2Rib);
+  Kel::Ptr<Vxlan::ReceivedHostTable> receivedTable() const;
   nlohmann::json l2RibHosts();
   nlohmann::json receivedHosts();
-  bool hasHostIn(Bridging::VlanId vlan);
+  nlohmann::json wholeVlan(Bridging::VlanId vlan, bool l2Rib);
   nlohmann::json vlanLike(Bridging::VlanId vlan, const nlohmann::json& expected, bool l2Rib);
   nlohmann::json hostsLike(const nlohmann::json& expected, bool l2Rib);
 

@@ -42,7 +42,8 @@ bool MacVtepFloodListTableSmBase::mayWrite() const {
 // Past the gating there is nothing that the base may do.
 void MacVtepFloodListTableSmBase::actInBase() const {
   if (mayWrite()) {
-    owner().eachFloodVlan([](Bridging::VlanId) { Kel::fatalUnless(false, "false"); });
+    const std::vector<Qnet::IntfId>& vtis = owner().vtis();
+    Kel::fatalUnless(vtis.empty() || !owner().floodVlan(vtis.front()), "false");
   }
 }
 
@@ -109,25 +110,31 @@ void VccMacVtepFloodListTableSm::handleInitialized() {
   if (!mayWrite() || !rmxSde_ || !macVtepFloodListTable()) {
     return;
   }
+  for (const Qnet::IntfId& vti : owner().vtis()) {
+    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti);
+    if (!vlan) {
+      return;
+    }
+    writeList(*vlan);
+  }
+  initializedIs(true);
+}
+
+// Brings the flood set of one VLAN in line with the whole list.
+void VccMacVtepFloodListTableSm::writeList(Bridging::VlanId vlan) {
   const VxlanController::MacVtepFloodListV2& list = *macVtepFloodListTable();
-  const bool whole = owner().eachFloodVlan([&](Bridging::VlanId vlan) {
-    const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(vlan);
-    VCC_TRACE(traceOrdinary, "listType: sendToAll", " vtepAddr len ", list.vtepIpFloodList().size());
-    if (!owner().converging()) {
-      for (auto&& dest : set->destSet()) {
-        if (!list.vtepIpFloodList(dest.key.vxlan().vtepAddr().v4())) {
-          set->destSetDel(L2Rib::Dest(dest.key));
-        }
+  const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(vlan);
+  VCC_TRACE(traceOrdinary, "listType: sendToAll", " vtepAddr len ", list.vtepIpFloodList().size());
+  if (!owner().converging()) {
+    for (auto&& dest : set->destSet()) {
+      if (!list.vtepIpFloodList(dest.key.vxlan().vtepAddr().v4())) {
+        set->destSetDel(L2Rib::Dest(dest.key));
       }
     }
-    // Whatever its value: an address whose value is false goes above and comes back here, until its own
-    // change.
-    for (auto&& vtep : list.vtepIpFloodList()) {
-      set->destSetIs(L2Rib::Dest::ofVtep(vtep.key), true);
-    }
-  });
-  if (whole) {
-    initializedIs(true);
+  }
+  // Whatever its value: an address whose value is false goes above and comes back here, until its own change.
+  for (auto&& vtep : list.vtepIpFloodList()) {
+    set->destSetIs(L2Rib::Dest::ofVtep(vtep.key), true);
   }
 }
 
@@ -136,8 +143,12 @@ void VccMacVtepFloodListTableSm::handleVtepIpFloodList(Qnet::IpAddr ip) {
     return;
   }
   const L2Rib::Dest dest = L2Rib::Dest::ofVtep(ip);
-  owner().eachFloodVlan([&](Bridging::VlanId vlan) {
-    const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(vlan);
+  for (const Qnet::IntfId& vti : owner().vtis()) {
+    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti);
+    if (!vlan) {
+      return;
+    }
+    const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(*vlan);
     if (macVtepFloodListTable()->vtepIpFloodList(ip)) {
       VCC_TRACE(traceOrdinary, " adding ", ip, " to remoteVtepAddr");
       set->destSetIs(dest, true);
@@ -145,29 +156,31 @@ void VccMacVtepFloodListTableSm::handleVtepIpFloodList(Qnet::IpAddr ip) {
       VCC_TRACE(traceOrdinary, " removing ", ip, " from flood set");
       set->destSetDel(dest);
     }
-  });
+  }
 }
 
 void VccMacVtepFloodListTableSm::cleanup() {
   if (!mayWrite() || !rmxSde_) {
     return;
   }
-  const bool whole = owner().eachFloodVlan([&](Bridging::VlanId vlan) {
-    const Kel::Ptr<L2Rib::VlanFloodSet> vlanSet = rmxSde_->vlanFloodSet(vlan);
-    if (!vlanSet) {
+  for (const Qnet::IntfId& vti : owner().vtis()) {
+    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti);
+    if (!vlan) {
       return;
     }
+    const Kel::Ptr<L2Rib::VlanFloodSet> vlanSet = rmxSde_->vlanFloodSet(*vlan);
+    if (!vlanSet) {
+      continue;
+    }
     if (vlanSet->floodSet(macAddr())) {
-      VCC_TRACE(traceOrdinary, " deleting ", macAddr(), " from vlan ", vlan);
+      VCC_TRACE(traceOrdinary, " deleting ", macAddr(), " from vlan ", *vlan);
       vlanSet->floodSetDel(macAddr());
     }
     if (vlanSet->floodSets() == 0) {
-      rmxSde_->vlanFloodSetDel(vlan);
+      rmxSde_->vlanFloodSetDel(*vlan);
     }
-  });
-  if (whole) {
-    initializedIs(false);
   }
+  initializedIs(false);
 }
 
 }  // namespace Vxlan

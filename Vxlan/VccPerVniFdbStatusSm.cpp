@@ -1,4 +1,7 @@
 // The flood lists and multipath entries of one VNI.
+#include <algorithm>
+#include <string_view>
+
 #include "Vxlan/VxlanControllerSm.h"
 #include "Vxlan/framework/Trace.h"
 
@@ -32,7 +35,7 @@ Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSm::VccPerVniFdbStatusSmIs(
 VccPerVniFdbStatusSm::~VccPerVniFdbStatusSm() {
   StateMachine::kelDoZombieReactors(true);
   // The flood list machines point back to this one; they go first, without cleaning up.
-  vccMacVtepFloodListTableSm_.delAll();
+  vccMacVtepFloodListTableSmDelAll();
   macVtepFloodListTableSmDelAll();
 }
 
@@ -45,13 +48,17 @@ void VccPerVniFdbStatusSm::handleMacVtepMultiPathTable(Qnet::EthAddr mac) {
   if (!checkBumStatus() || !rmxSde_) {
     return;
   }
-  eachFloodVlan([&](Bridging::VlanId vlan) {
-    if (rmxVniFdbStatusV2()->hasMultiPath(mac)) {
-      writeMultiPath(vlan, rmxVniFdbStatusV2()->macVtepMultiPathTable(mac));
-    } else {
-      removeMultiPath(vlan, mac);
+  for (const Qnet::IntfId& vti : vtis()) {
+    const std::optional<Bridging::VlanId> vlan = floodVlan(vti);
+    if (!vlan) {
+      return;
     }
-  });
+    if (rmxVniFdbStatusV2()->hasMultiPath(mac)) {
+      writeMultiPath(*vlan, rmxVniFdbStatusV2()->macVtepMultiPathTable(mac));
+    } else {
+      removeMultiPath(*vlan, mac);
+    }
+  }
 }
 
 void VccPerVniFdbStatusSm::writeMultiPath(Bridging::VlanId vlan,
@@ -91,28 +98,37 @@ void VccPerVniFdbStatusSm::removeMultiPath(Bridging::VlanId vlan, const Qnet::Et
 
 void VccPerVniFdbStatusSm::createMacVtepFloodListTableSm(Qnet::EthAddr mac) {
   VCC_TRACE(traceOrdinary, " mac ", mac);
-  const Kel::Ptr<const VxlanController::MacVtepFloodListV2> list =
-      rmxVniFdbStatusV2()->macVtepFloodListTable(mac);
-  if (const Kel::Ptr<VccMacVtepFloodListTableSm> present = vccMacVtepFloodListTableSm_(mac)) {
-    if (present->macVtepFloodListTable() == list) {
-      present->handleInitialized();
-      return;
-    }
-    // Another list under the same MAC: a new machine takes the place of the old one, whose flood set it takes
-    // over.
-    VCC_TRACE(traceRebuilt, "Reinstantiating the pointer interface where constructor parameter attribute ",
-              "_macVtepFloodListTable", " has a different value of ", static_cast<const void*>(list.get()),
-              " than the current value of ",
-              static_cast<const void*>(present->macVtepFloodListTable().get()));
-    vccMacVtepFloodListTableSm_.del(mac);
+  const Kel::Ptr<VccMacVtepFloodListTableSm> present = vccMacVtepFloodListTableSm(mac);
+  const Kel::Ptr<VccMacVtepFloodListTableSm> machine =
+      vccMacVtepFloodListTableSmIs(mac, rmxVniFdbStatusV2()->macVtepFloodListTable(mac), this, rmxSde_.get());
+  macVtepFloodListTableSmIs(machine);
+  if (machine == present) {
+    machine->handleInitialized();  // a VLAN may have come to the VNI since the list was evaluated
   }
-  RmxPerVniFdbStatusSmBase* const self = this;
-  macVtepFloodListTableSmIs(vccMacVtepFloodListTableSm_.shadowIs(mac, list, self, rmxSde_.get()));
+}
+
+Kel::Ptr<VccMacVtepFloodListTableSm> VccPerVniFdbStatusSm::vccMacVtepFloodListTableSmIs(
+    const Qnet::EthAddr& mac, const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list,
+    RmxPerVniFdbStatusSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde) {
+  if (const Kel::Ptr<VccMacVtepFloodListTableSm> present = vccMacVtepFloodListTableSm(mac)) {
+    const std::array wanted{Kel::rawValue(list), Kel::rawValue(owner), Kel::rawValue(sde)};
+    const std::array current = present->parameters();
+    const auto differs = std::mismatch(wanted.begin(), wanted.end(), current.begin());
+    if (differs.first == wanted.end()) {
+      return present;
+    }
+    const auto at = static_cast<std::size_t>(differs.first - wanted.begin());
+    VCC_TRACE(traceRebuilt, "Reinstantiating the pointer interface where constructor parameter attribute ",
+              std::string_view(VccMacVtepFloodListTableSm::parameterNames[at]), " has a different value of ",
+              wanted[at], " than the current value of ", current[at]);
+    vccMacVtepFloodListTableSmDel(mac);
+  }
+  return vccMacVtepFloodListTableSm_.shadowIs(mac, list, owner, sde);
 }
 
 void VccPerVniFdbStatusSm::deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) {
   VCC_TRACE(traceOrdinary, " mac ", mac);
-  vccMacVtepFloodListTableSm_.del(mac);
+  vccMacVtepFloodListTableSmDel(mac);
   macVtepFloodListTableSmDel(mac);
 }
 

@@ -171,10 +171,12 @@ class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
   const Kel::TypeNode& fwkType() const override { return type; }
   ~VccMacVtepFloodListTableSm() override;
 
+  void hasNotificationActiveIs(bool active) override { StateMachine::hasNotificationActiveIs(active); }
   using MacVtepFloodListTableSmBase::handleVtepIpFloodList;
   void handleVtepIpFloodList(Qnet::IpAddr ip) override;
   void cleanup() override;
   void handleInitialized() override;
+  void kelDoZombieReactors(bool zombie) override { StateMachine::kelDoZombieReactors(zombie); }
 
   std::array<const void*, 3> parameters() const {
     return {macVtepFloodListTable().get(), &owner(), rmxSde_.get().get()};
@@ -182,6 +184,7 @@ class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
 
  private:
   Kel::Ptr<L2Rib::FloodSet> floodSetOfAll(Bridging::VlanId vlan);
+  void writeList(Bridging::VlanId vlan);
 
   Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
 };
@@ -249,19 +252,11 @@ class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   void macVtepFloodListTableSmDel(const Qnet::EthAddr& mac) { macVtepFloodListTableSm_.del(mac); }
   void macVtepFloodListTableSmDelAll() { macVtepFloodListTableSm_.delAll(); }
 
-  // Calls back with the VLAN of each VTI in turn and returns true, or stops at the first VTI that does not
-  // map the VNI and returns false: flood state is not written past it.
-  template <class Call>
-  bool eachFloodVlan(const Call& call) const {
-    for (const Qnet::IntfId& vti : vtis()) {
-      const std::optional<Bridging::VlanId> vlan = floodVlan(vti);
-      if (!vlan) {
-        return false;
-      }
-      call(*vlan);
-    }
-    return true;
-  }
+  // The VTIs, in the order in which they are evaluated.
+  const std::vector<Qnet::IntfId>& vtis() const;
+  // The VLAN of this VTI in which flood state is written, or none if it does not map the VNI. None ends the
+  // operation that asks: flood state is not written past such a VTI.
+  std::optional<Bridging::VlanId> floodVlan(const Qnet::IntfId& vti) const;
   // Whether the controller is converging, as the client view has it.
   bool converging() const;
 
@@ -296,8 +291,6 @@ class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
     void onDgwVtepAddr() override { owner().handleDgwVtepAddr(); }
   };
 
-  const std::vector<Qnet::IntfId>& vtis() const;
-  std::optional<Bridging::VlanId> floodVlan(const Qnet::IntfId& vti) const;
   void removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key, Qnet::IpAddr vtepIp);
   void addRemote(ReceivedHostTable& table, const Bridging::MacVlanPair& key, const Qnet::IntfId& vti,
                  const VxlanController::MacVtepV2& host);
@@ -341,6 +334,18 @@ class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   void createMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
   void deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
   void kelDoZombieReactors(bool zombie) override { StateMachine::kelDoZombieReactors(zombie); }
+
+  // The flood list machine of a MAC, or none. Each is also entered in macVtepFloodListTableSm.
+  Kel::Ptr<VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSm(const Qnet::EthAddr& mac) const {
+    return vccMacVtepFloodListTableSm_(mac);
+  }
+  // The machine that is there if it was made with these, else a new one in its place, which takes over the
+  // flood sets of the old one.
+  Kel::Ptr<VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSmIs(
+      const Qnet::EthAddr& mac, const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list,
+      RmxPerVniFdbStatusSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde);
+  void vccMacVtepFloodListTableSmDel(const Qnet::EthAddr& mac) { vccMacVtepFloodListTableSm_.del(mac); }
+  void vccMacVtepFloodListTableSmDelAll() { vccMacVtepFloodListTableSm_.delAll(); }
 
   std::array<const void*, 5> parameters() const {
     return {rmxVniFdbStatusV2().get(), vtiStatusDir().get(), vxlanHwStatusDir().get(), &owner(),

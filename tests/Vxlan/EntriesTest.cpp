@@ -100,7 +100,9 @@ TEST_F(EntriesTest, OfTwoVtisOnlyTheOneThatMapsTheVniGetsAnEntry) {
   givenVti("Vxlan2");
   givenMap("Vxlan2");
   start();
+  traceFromNow();
   publish(10010, 1);
+  EXPECT_EQ(tracedLines("Returning as no valid vlan-vni map found"), 2U);
   EXPECT_EQ(received(), "02:00:00:00:00:01:10 Vxlan1 10.0.0.9 moves 1\n");
   withdraw(10010, 1);
   EXPECT_EQ(received(), "");
@@ -263,6 +265,49 @@ TEST_F(EntriesTest, AMarkedHostThatIsPublishedAgainIsUnmarked) {
             "02:00:00:00:00:02:10 Vxlan1 10.0.0.9 moves 1 marked\n");
   EXPECT_EQ(marked(), 1U);
   EXPECT_EQ(tracedLines("Re-add, entry was marked for delete"), 1U);
+}
+
+// An entry is written before its mark is counted, whichever way the mark goes; one that goes is uncounted
+// first.
+TEST_F(EntriesTest, AnEntryIsWrittenBeforeItsMarkIsCounted) {
+  struct Changes final : Kel::Follows<Vxlan::ReceivedHostTable> {
+    void onReceivedEntry(Bridging::MacVlanPair) override { heard.emplace_back("entry"); }
+    void onMarkedForDelCount() override { heard.emplace_back("count"); }
+    std::vector<std::string> heard;
+  };
+  publish(10010, 1);
+  controllerConverges(true);
+  start();
+  const auto changes = Kel::make<Changes>();
+  changes->notifierIs(client->hostTable());
+  changes->heard.clear();
+  withdraw(10010, 1);
+  EXPECT_THAT(changes->heard, testing::ElementsAre("entry", "count")) << "marked";
+  changes->heard.clear();
+  publish(10010, 1);
+  EXPECT_THAT(changes->heard, testing::ElementsAre("entry", "count")) << "published again";
+  withdraw(10010, 1);
+  changes->heard.clear();
+  client->deleteReceivedTableEntry(key(1, 10));
+  EXPECT_THAT(changes->heard, testing::ElementsAre("count", "entry")) << "deleted";
+  changes->notifierIs(nullptr);
+}
+
+// A withdrawal is passed on although the table has no such entry: at once, or to be marked.
+TEST_F(EntriesTest, AWithdrawalIsPassedOnAlsoWithoutAnEntry) {
+  start();
+  publish(10010, 1, {.vtep = "10.0.0.1"});
+  publish(10010, 2, {.vtep = "10.0.0.1"});
+  controllerConverges(true);
+  traceFromNow();
+  withdraw(10010, 1);
+  EXPECT_EQ(tracedLines("deferDeleteReceivedTableEntry(const Bridging::MacVlanPair&)"), 1U);
+  EXPECT_EQ(tracedLines(" deleting "), 0U);
+  controllerConverges(false);
+  turnsUntilIdle();
+  traceFromNow();
+  withdraw(10010, 2);
+  EXPECT_EQ(tracedLines("deleteReceivedTableEntry(const Bridging::MacVlanPair&)  deleting"), 1U);
 }
 
 // Deleting a key that is not there, withdrawing a host that was never added: nothing happens.

@@ -139,6 +139,25 @@ TEST_F(ExporterTest, AnEntryEqualToTheDefaultIsAbsent) {
   EXPECT_EQ(exported(), "");
 }
 
+// A host that equals the default is empty and is no host to the first pass.
+TEST_F(ExporterTest, AnEmptyHostIsPassedOver) {
+  handles.l2RibRmxInput->hostIs(L2Rib::Host());
+  handles.l2RibRmxInput->hostIs(leftOver(1));
+  startExporter();
+  EXPECT_TRUE(handles.l2RibRmxInput->hasHost(Bridging::MacVlanPair()));
+  EXPECT_EQ(handles.l2RibRmxInput->hosts(), 1U);
+}
+
+// A table that is emptied is reconciled at once, before the handler that emptied it ends.
+TEST_F(ExporterTest, ATableThatIsEmptiedIsReconciledAtOnce) {
+  startExporter();
+  table->receivedEntryIs(entry(1));
+  Kel::ActivityLoop::instance().asHandler([&] {
+    table->receivedEntryDelAll();
+    EXPECT_EQ(exported(), "");
+  });
+}
+
 // Deleting a key that is in neither table is harmless; asking for one again writes an equal host.
 TEST_F(ExporterTest, DeletingTheUnknownAndWritingTheEqualAreHarmless) {
   startExporter();

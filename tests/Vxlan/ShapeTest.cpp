@@ -2,6 +2,7 @@
 // tree is switched off, printed and taken down.
 #include <cstring>
 #include <functional>
+#include <type_traits>
 
 #include "Kel/TypeRegistry.h"
 #include "Scenario.h"
@@ -144,6 +145,38 @@ TEST(ShapeTest, TheAttributesOfTheTopMachineStandInTheirOrder) {
           "bumDeferredDeleteBookmark", "rmxMlagBumStatusSmShadow"));
 }
 
+// And for the base of the MLAG mirror.
+TEST(ShapeTest, TheOperationsOfTheMlagMirrorStandInTheirOrder) {
+  using Sm = Vxlan::RmxMlagBumStatusSmBase;
+  const std::vector<std::size_t> slots{slotOf(&Sm::getVtiIterator), slotOf(&Sm::getVlanIterator),
+                                       slotOf(&Sm::vniForVlan)};
+  EXPECT_EQ(slots, consecutive(slotOf(&Sm::fwkType) + 3, slots.size()));
+}
+
+// Whether a class has the member itself, rather than from its base.
+template <class Class, class Result, class Declarer, class... Parameters>
+constexpr bool overrides(Result (Declarer::*)(Parameters...)) {
+  return std::is_same_v<Class, Declarer>;
+}
+
+// The derived machines of a VNI override what they are agreed to.
+TEST(ShapeTest, TheDerivedMachinesOverrideTheirOperations) {
+  using Vcc = Vxlan::VccPerVniFdbStatusSm;
+  static_assert(overrides<Vcc>(&Vcc::hasNotificationActiveIs));
+  static_assert(overrides<Vcc>(with<Qnet::EthAddr>(&Vcc::handleMacVtepMultiPathTable)));
+  static_assert(overrides<Vcc>(&Vcc::createMacVtepFloodListTableSm));
+  static_assert(overrides<Vcc>(&Vcc::deleteMacVtepFloodListTableSm));
+  static_assert(overrides<Vcc>(&Vcc::kelDoZombieReactors));
+  static_assert(!overrides<Vcc>(&Vcc::rmxVniFdbStatusV2Is));
+  using Flood = Vxlan::VccMacVtepFloodListTableSm;
+  static_assert(overrides<Flood>(&Flood::hasNotificationActiveIs));
+  static_assert(overrides<Flood>(with<Qnet::IpAddr>(&Flood::handleVtepIpFloodList)));
+  static_assert(overrides<Flood>(&Flood::cleanup));
+  static_assert(overrides<Flood>(&Flood::handleInitialized));
+  static_assert(overrides<Flood>(&Flood::kelDoZombieReactors));
+  static_assert(!overrides<Flood>(&Flood::macVtepFloodListTableIs));
+}
+
 // The library registers its fourteen machines, each derived one with its base.
 TEST(ShapeTest, FourteenTypesAreRegistered) {
   std::string all;
@@ -193,6 +226,31 @@ TEST_F(LifecycleTest, EveryMachineKnowsItsType) {
   EXPECT_STREQ(client->vlanVniMapSm(vti("Vxlan1"))->fwkType().name, "Vxlan::VtiVlanVniMapSm");
   EXPECT_STREQ(client->rmxStateSm()->fwkType().name, "Vxlan::RmxStateSm");
   EXPECT_STREQ(client->rmxMlagBumStatusSm()->fwkType().name, "Vxlan::RmxMlagBumStatusSm");
+}
+
+// What a machine consists of, in the order of its declaration; pointers to owners are no attributes.
+TEST_F(LifecycleTest, TheAttributesStandInTheirOrder) {
+  const auto attributes = [](const Kel::StateMachine& machine) {
+    std::string names;
+    machine.eachPart([&](const Kel::Part& part) { names += std::string(part.name()) + ' '; });
+    return names;
+  };
+  const auto perVni = client->rmxPerVniFdbStatusSm(vni(10010));
+  EXPECT_EQ(
+      attributes(*perVni),
+      "vni rmxVniFdbStatusV2 vtiStatusDir vxlanHwStatusDir vtiStatus macVtepFloodListTableSm initialized "
+      "rmxSde vccMacVtepFloodListTableSm ");
+  EXPECT_EQ(attributes(*perVni->macVtepFloodListTableSm(mac(2))),
+            "macAddr macVtepFloodListTable initialized rmxSde ");
+  const auto mirror = client->rmxMlagBumStatusSm();
+  EXPECT_EQ(attributes(*mirror),
+            "mlagVxlanStatus vxlanHwStatusDir remoteBumStatus localBumStatus bumRepMode bumVtepListSm "
+            "initialized vlanVniMaps vtiVlanVniMap ");
+  peerLists(1, 10, {"10.0.0.9"});
+  EXPECT_EQ(attributes(*mirror->bumVtepListSm(key(1, 10))),
+            "macVlanPair bumVtepList vlanVniMapExists localBumVtepList initialized ");
+  const auto exporter = Vxlan::receivedHostTableToL2RibHostInputSmFactory(nullptr, nullptr);
+  EXPECT_EQ(attributes(*exporter), "receivedHostTable l2RibRmxInput initialized ");
 }
 
 // The tree is printed with the attributes of every machine once, although some machines are held twice.

@@ -41,6 +41,12 @@ TEST_F(TraceTest, APublishedHost) {
                 "handleReceivedHostEntry(Bridging::MacVlanPair)  key 02:00:00:00:00:01 vlan 10"});
 }
 
+TEST_F(TraceTest, AnotherGatewayAddress) {
+  vtiStatus("Vxlan1")->dgwVtepAddrIs(ip("10.0.1.2"));
+  expectTraced({"void Vxlan::RmxPerVniFdbStatusSmBase::handleDgwVtepAddr() vni: 10010",
+                "void Vxlan::RmxPerVniFdbStatusSmBase::handleRmxHostTable()  datapathLearningMode 0"});
+}
+
 TEST_F(TraceTest, AWithdrawnHost) {
   publish(10010, 1);
   traceFromNow();
@@ -217,6 +223,8 @@ TEST_F(TraceTest, TheOrdinaryLevelIsEight) {
 TEST_F(TraceTest, AClientThatIsBuilt) {
   restart();
   expectTraced({"handleInitialized()  Init? 0",
+                "ReceivedHostTableToL2RibHostInputSm::handleInitialized()  Init? 0",
+                "RmxPerVniFdbStatusSmBase::handleInitialized()  init? 0",
                 " deleting L2Rib input entries that are not in received host table",
                 " updating L2Rib input based on existing entries in received host table",
                 "virtual void Vxlan::VtiVlanVniMapSm::handleInitialized()  Init ? 0"});

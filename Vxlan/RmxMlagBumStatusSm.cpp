@@ -39,11 +39,11 @@ std::vector<Qnet::IntfId> RmxMlagBumStatusSmBase::getVtiIterator() const {
   return {};
 }
 
-std::vector<Bridging::VlanId> RmxMlagBumStatusSmBase::getVlanIterator(const Qnet::IntfId&) const {
+std::vector<Bridging::VlanId> RmxMlagBumStatusSmBase::getVlanIterator(Qnet::IntfId) const {
   return {};
 }
 
-VniExtOrNone RmxMlagBumStatusSmBase::vniForVlan(const Qnet::IntfId&, Bridging::VlanId) const {
+VniExtOrNone RmxMlagBumStatusSmBase::vniForVlan(Qnet::IntfId, Bridging::VlanId) const {
   return {};
 }
 
@@ -144,7 +144,7 @@ void RmxMlagBumStatusSmBase::sweepMappedVlans() {
   }
 }
 
-void RmxMlagBumStatusSmBase::handleVlanVniMapUpdate(const Qnet::IntfId& vti, Bridging::VlanId vlan) {
+void RmxMlagBumStatusSmBase::handleVlanVniMapUpdate(Qnet::IntfId vti, Bridging::VlanId vlan) {
   VCC_TRACE(traceOrdinary, "handleVlanVniMapUpdate", " vlan ", vlan);
   for (auto&& member : bumVtepListSm_) {
     if (member.key.vlan != vlan) {
@@ -159,7 +159,7 @@ void RmxMlagBumStatusSmBase::handleVlanVniMapUpdate(const Qnet::IntfId& vti, Bri
   }
 }
 
-void RmxMlagBumStatusSmBase::handleVtiUpdate(const Qnet::IntfId& vti) {
+void RmxMlagBumStatusSmBase::handleVtiUpdate(Qnet::IntfId vti) {
   VCC_TRACE(traceOrdinary, "handleVtiUpdate", " vti ", vti);
   for (const Bridging::VlanId vlan : getVlanIterator(vti)) {
     handleVlanVniMapUpdate(vti, vlan);
@@ -264,7 +264,7 @@ std::vector<Qnet::IntfId> RmxMlagBumStatusSm::getVtiIterator() const {
   return vtis;
 }
 
-std::vector<Bridging::VlanId> RmxMlagBumStatusSm::getVlanIterator(const Qnet::IntfId& vti) const {
+std::vector<Bridging::VlanId> RmxMlagBumStatusSm::getVlanIterator(Qnet::IntfId vti) const {
   std::vector<Bridging::VlanId> vlans;
   if (const Kel::Ptr<const VlanVniMap> map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap(vti) : nullptr) {
     for (auto&& mapping : map->vlanToVsp()) {
@@ -274,7 +274,7 @@ std::vector<Bridging::VlanId> RmxMlagBumStatusSm::getVlanIterator(const Qnet::In
   return vlans;
 }
 
-VniExtOrNone RmxMlagBumStatusSm::vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const {
+VniExtOrNone RmxMlagBumStatusSm::vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const {
   const Kel::Ptr<const VlanVniMap> map = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap(vti) : nullptr;
   return map ? map->vlanToVsp(vlan).vni : VniExtOrNone();
 }

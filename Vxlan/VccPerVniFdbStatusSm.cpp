@@ -1,7 +1,4 @@
 // The flood lists and multipath entries of one VNI.
-#include <algorithm>
-#include <string_view>
-
 #include "Vxlan/VxlanControllerSm.h"
 #include "Vxlan/framework/Trace.h"
 
@@ -110,17 +107,12 @@ void VccPerVniFdbStatusSm::createMacVtepFloodListTableSm(Qnet::EthAddr mac) {
 Kel::Ptr<VccMacVtepFloodListTableSm> VccPerVniFdbStatusSm::vccMacVtepFloodListTableSmIs(
     const Qnet::EthAddr& mac, const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list,
     RmxPerVniFdbStatusSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde) {
-  if (const Kel::Ptr<VccMacVtepFloodListTableSm> present = vccMacVtepFloodListTableSm(mac)) {
-    const std::array wanted{Kel::rawValue(list), Kel::rawValue(owner), Kel::rawValue(sde)};
-    const std::array current = present->parameters();
-    const auto differs = std::mismatch(wanted.begin(), wanted.end(), current.begin());
-    if (differs.first == wanted.end()) {
-      return present;
-    }
-    const auto at = static_cast<std::size_t>(differs.first - wanted.begin());
+  const Kel::Ptr<VccMacVtepFloodListTableSm> present = vccMacVtepFloodListTableSm(mac);
+  if (present && present->macVtepFloodListTable() != list) {
     VCC_TRACE(traceRebuilt, "Reinstantiating the pointer interface where constructor parameter attribute ",
-              std::string_view(VccMacVtepFloodListTableSm::parameterNames[at]), " has a different value of ",
-              wanted[at], " than the current value of ", current[at]);
+              "_macVtepFloodListTable", " has a different value of ", static_cast<const void*>(list.get()),
+              " than the current value of ",
+              static_cast<const void*>(present->macVtepFloodListTable().get()));
     vccMacVtepFloodListTableSmDel(mac);
   }
   return vccMacVtepFloodListTableSm_.shadowIs(mac, list, owner, sde);

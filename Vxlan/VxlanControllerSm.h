@@ -339,8 +339,8 @@ class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   Kel::Ptr<VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSm(const Qnet::EthAddr& mac) const {
     return vccMacVtepFloodListTableSm_(mac);
   }
-  // The machine that is there if it was made with these, else a new one in its place, which takes over the
-  // flood sets of the old one.
+  // The machine that is there if it follows this list, else a new one in its place, which takes over the
+  // flood sets of the old one. Another owner or source entry raises the name-in-use error.
   Kel::Ptr<VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSmIs(
       const Qnet::EthAddr& mac, const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list,
       RmxPerVniFdbStatusSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde);
@@ -585,8 +585,8 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
   ~RmxMlagBumStatusSmBase() override;
 
   virtual std::vector<Qnet::IntfId> getVtiIterator() const;
-  virtual std::vector<Bridging::VlanId> getVlanIterator(const Qnet::IntfId& vti) const;
-  virtual VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const;
+  virtual std::vector<Bridging::VlanId> getVlanIterator(Qnet::IntfId vti) const;
+  virtual VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const;
 
   void handleInitialized();
   void handleBumVtepList(MacVlanPair key);
@@ -594,8 +594,8 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
   void handleBumReplicationMode();
   // Makes the local lists of one VLAN a subset of the peer's: removes what this switch holds from before.
   void markAndSweep(Bridging::VlanId vlan);
-  void handleVlanVniMapUpdate(const Qnet::IntfId& vti, Bridging::VlanId vlan);
-  void handleVtiUpdate(const Qnet::IntfId& vti);
+  void handleVlanVniMapUpdate(Qnet::IntfId vti, Bridging::VlanId vlan);
+  void handleVtiUpdate(Qnet::IntfId vti);
 
   const Kel::Ptr<const BumStatus>& remoteBumStatus() const { return remoteBumStatus_.get(); }
   const Kel::Ptr<BumStatus>& localBumStatus() const { return localBumStatus_.get(); }
@@ -677,8 +677,8 @@ class RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
   ~RmxMlagBumStatusSm() override;
 
   std::vector<Qnet::IntfId> getVtiIterator() const override;
-  std::vector<Bridging::VlanId> getVlanIterator(const Qnet::IntfId& vti) const override;
-  VniExtOrNone vniForVlan(const Qnet::IntfId& vti, Bridging::VlanId vlan) const override;
+  std::vector<Bridging::VlanId> getVlanIterator(Qnet::IntfId vti) const override;
+  VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const override;
 
   void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
   void vlanVniMapsDel();

@@ -1,5 +1,5 @@
-// Flood sets and the MLAG pair, where a journal cannot reach: the counts that the job relies on, statuses
-// that come late or are replaced, and the refusals of the mirror.
+// The paced deletion of flood sets and the replication mode, where a journal cannot reach: bookmark and
+// clock, and the counts that the job relies on.
 #include "Scenario.h"
 
 namespace {

@@ -143,6 +143,10 @@ TEST_F(FloodTest, AListThatIsEvaluatedAnewKeepsItsMachine) {
   EXPECT_EQ(listMachine(1), before);
   EXPECT_EQ(machine()->vccMacVtepFloodListTableSmIs(mac(1), list(1), machine().get(), handles.rmxSde),
             before);
+  EXPECT_THAT(
+      refusal([&] { machine()->vccMacVtepFloodListTableSmIs(mac(1), list(1), machine().get(), nullptr); }),
+      testing::StartsWith("Reinstantiating the pointer interface where constructor parameter attribute "
+                          "_rmxSde has a different value of 0 than the current value of "));
   EXPECT_EQ(floods(), "10 02:00:00:00:00:01 all 10.0.0.2\n");
 }
 

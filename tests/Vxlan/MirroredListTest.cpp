@@ -154,7 +154,11 @@ TEST_F(MirroredListTest, TheTraceOfAMirroredList) {
   peerLists(1, 10, {"10.0.0.2", "10.0.0.3"});
   expectTraced({"handleRemoteVtepAddr  bumRepMode 0 vlanVniMapExists 0"});
   unmapVlan("Vxlan1", 10);
-  expectTraced({"handleVlanVniMapUpdate vlan 10"});
+  expectTraced(
+      {"RmxMlagBumStatusSmBase::handleVlanVniMapUpdate(Qnet::IntfId, Bridging::VlanId) "
+       "handleVlanVniMapUpdate vlan 10"});
+  map("Vxlan1")->notifyingVlanIs();
+  expectTraced({"RmxMlagBumStatusSmBase::handleVtiUpdate(Qnet::IntfId) handleVtiUpdate"});
   peer()->bumVtepListDel(key(1, 10));
   expectTraced({"Deleting local bumVtepList"});
 }

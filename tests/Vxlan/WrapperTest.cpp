@@ -78,6 +78,20 @@ TEST_F(WrapperTest, TheMachineComesAndGoesWithItsEntity) {
   EXPECT_FALSE(viewConverges());
 }
 
+// Directories that are emptied as a whole are followed, too.
+TEST_F(WrapperTest, EmptiedDirectoriesAreFollowed) {
+  givenVti("Vxlan1");
+  controllerConverges(true);
+  startWrapper();
+  handles.rmxStateBaseDir->entryDelAll();
+  EXPECT_FALSE(wrapper->rmxStateSm());
+  EXPECT_FALSE(viewConverges());
+  const auto status = vtiStatus("Vxlan1");
+  const std::size_t followed = status->reactors();
+  handles.vtiStatusDir->vtiStatusDelAll();
+  EXPECT_EQ(status->reactors(), followed - 1);
+}
+
 // What it does is in the trace.
 TEST_F(WrapperTest, ItTracesItsEvaluation) {
   givenVti("Vxlan1");

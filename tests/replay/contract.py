@@ -357,6 +357,37 @@ class Documents(unittest.TestCase):
         self.assertEqual(code, 0)
         self.assertEqual(dumps[0], dumps[1])
 
+    def test_what_is_listed_ascends(self):
+        vteps = {address: True for address in ("10.0.0.9", "10.0.0.10", "9.0.0.1")} | {"10.0.0.3": False}
+        patch = {"vtiStatus": {"b": {"controllerClientMode": True}}, "vlanVniMap": {"b": {"10": 5010, "9": 900}, "a2": {}, "a10": {}},
+                 "mlag": {"mlagState": 4, "bumStatus": {"bumReplicationMode": 3, "bumVtepList": {"10": {
+                     "02:00:00:00:00:0A": {"bumVtepIpListType": 2, "remoteVtepAddr": vteps}}}}},
+                 "hardware": {"bumStatus": {"bumReplicationMode": 3}},
+                 "controller": {"fdb": {"5010": {"macVtepFloodListTable": {"02:00:00:00:00:0B": vteps}}, "900": {}}}}
+        _, (client, hardware, mirrored), _ = replay({"patch": patch}, {"dump": "/client"}, {"dump": "/hardware"},
+                                                    {"dump": "/hardware/bumVtepList/10/02:00:00:00:00:0a"})
+        self.assertEqual(client["trackers"], ["a10", "a2", "b"], "interfaces by text")
+        self.assertEqual(hardware["bumVtepList"].keys(), {"10"})
+        self.assertEqual(mirrored, {"bumVtepIpListType": 2, "remoteVtepAddr": ["9.0.0.1", "10.0.0.9", "10.0.0.10"]},
+                         "addresses by value, and those that are true")
+        one = {**patch, "vlanVniMap": {"b": {"10": 5010, "9": 900}}}
+        _, (vnis, floods), _ = replay({"patch": one}, {"dump": "/client/perVni"}, {"dump": "/l2Rib/floodSets"})
+        self.assertEqual(vnis, [900, 5010])
+        self.assertEqual(floods, {"10": {"02:00:00:00:00:0b": {"floodSetType": 1, "dests": ["9.0.0.1", "10.0.0.9", "10.0.0.10"]}}},
+                         "a VLAN without a flood set is left out")
+
+    def test_a_host_has_all_its_members(self):
+        base = {"patch": {**CLIENT, **fdb("5010", macVtepTable={"02:00:00:00:00:0A": host("10.0.0.2", moveCount=4294967295,
+                                                                                          hostAttr=255)})}}
+        expected = {"intf": "Vxlan1", "entryType": 10, "vtepIp": "10.0.0.2", "moveCount": 4294967295, "hostAttr": 255,
+                    "lastUpdateTime": 1.5}
+        _, dumps, _ = replay({"advance": 1.5}, base, {"dump": "/l2Rib/hosts"}, {"dump": "/receivedHosts"})
+        self.assertEqual(dumps, [{"10": {"02:00:00:00:00:0a": expected}},
+                                 {"10": {"02:00:00:00:00:0a": {**expected, "markedForDel": False}}}])
+        moved = {"patch": fdb("5010", macVtepTable={"02:00:00:00:00:0a": {"moveCount": None, "hostAttr": None}})}
+        self.assertEqual(replay(base, moved, {"expect": {"receivedHosts": {"10": {"02:00:00:00:00:0a": {
+            "vtepIp": "10.0.0.2", "moveCount": 0, "hostAttr": 16}}}}})[0], 0, "null is the default")
+
     def test_a_host_that_equals_the_default_counts_as_absent(self):
         zero = lambda **members: fdb("5010", macVtepTable={"00:00:00:00:00:00": members})
         base = {"patch": {**CLIENT, **zero(vtepIp="10.0.0.2")}}

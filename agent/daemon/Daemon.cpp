@@ -13,6 +13,7 @@
 
 #include "Kel/Activity.h"
 #include "Kel/System.h"
+#include "Memtab/Error.h"
 #include "Vxlan/framework/Trace.h"
 #include "agent/state/JsonChecks.h"
 
@@ -325,6 +326,9 @@ void Daemon::tellOfRecording() {
 void Daemon::guarded(const char* what, const std::function<void()>& work) {
   try {
     work();
+  } catch (const Memtab::Full& full) {
+    tableWasFull_ = true;
+    noteProblem("table-full", options_.table, full.what());
   } catch (const std::exception& error) {
     noteProblem("error", what, error.what());
   }
@@ -385,7 +389,23 @@ void Daemon::cleanAdopted() {
   });
 }
 
+// When all hosts fit into the table that was full, those that were left out of it are written.
+void Daemon::writeLeftOut() {
+  const Kel::Ptr<const Vxlan::ReceivedHostTable> received =
+      world_.client ? world_.client->hostTable() : nullptr;
+  if (!tableWasFull_ || adoption_ != nullptr || !received ||
+      received->receivedEntrys() > world_.hosts->limit()) {
+    return;
+  }
+  tableWasFull_ = false;
+  std::erase_if(problems_, [](const json& problem) { return problem.at("kind") == "table-full"; });
+  // An exporter that is made reconciles what is there, in one piece; the client's own follows the changes.
+  guarded("hosts that were left out",
+          [&] { Vxlan::receivedHostTableToL2RibHostInputSmFactory(received, world_.hosts); });
+}
+
 void Daemon::everySecond() {
+  writeLeftOut();
   if (metrics_ != nullptr) {
     metrics_->publish(metrics());
   }

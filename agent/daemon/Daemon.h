@@ -56,6 +56,7 @@ class Daemon {
   void noteProblem(const std::string& kind, const std::string& where, const std::string& text);
   void settleStart();
   void cleanAdopted();
+  void writeLeftOut();
   void runKernel();
   void armKernel();
   void everySecond();
@@ -88,7 +89,8 @@ class Daemon {
   EventLoop::WorkId kernelWork_ = EventLoop::WorkId::none;
   EventLoop::TimerId kernelTimer_ = EventLoop::TimerId::none;
   bool kernelSettled_ = false;
-  std::uint64_t toldOf_ = 0;  // notifications delivered when the listeners were told last
+  bool tableWasFull_ = false;  // so that hosts were left out of it
+  std::uint64_t toldOf_ = 0;   // notifications delivered when the listeners were told last
   std::deque<nlohmann::json> problems_;
   double started_;
   bool readyTold_ = false;

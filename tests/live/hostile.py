@@ -6,7 +6,7 @@ import os
 import socket
 import subprocess
 
-from database import SCHEMA, Published, Server, free_ports, mac, tools
+from database import SCHEMA, Published, Server, behind, free_ports, mac, tools
 from rig import Agent, Lines, check, until
 
 OTHER_NAME = {"name": "pets", "version": "1.0.0", "tables": {"Cat": {"columns": {"name": {"type": "string"}}}}}
@@ -128,6 +128,21 @@ def scenario_a_control_client_that_never_reads(rig):
     check(agent.get("/input/controller/fdb/7000/macVtepTable/" + mac(0))["vtepIp"] == "10.0.1.19", "and right")
     check(_memory(agent) < before + 200_000, lambda: f"memory is bounded: {before} kB, then {_memory(agent)} kB")
     deaf.close()
+
+
+def scenario_a_table_that_is_full(rig):
+    """What does not fit is left out, which is said, and is there when there is room for all."""
+    database = Server(rig).start()
+    controller = Published(database.session())
+    agent = Agent(rig, "--table-limit", "100").follows(database.remote).start()
+    controller.hosts(10, behind([mac(number) for number in range(150)], ["10.0.0.2"]))
+    goes_on(agent, "table-full", rig.table, "limit of 100 records")
+    check(agent.get("/agent/table/hosts") == 100, "the table has what fits")
+    for number in range(0, 150, 2):
+        controller.withdraw(10, mac(number))
+    until("the rest is in the table",
+          lambda: set(agent.get("/output/l2Rib/hosts/10")) == {mac(number) for number in range(1, 150, 2)})
+    until("nothing is wrong any more", lambda: "table-full" not in agent.problems())
 
 
 def scenario_a_recording_at_dev_full(rig):

@@ -83,8 +83,11 @@ void VxlanControllerMacAddrSmBase::handleControllerClientMode() {
 void VxlanControllerMacAddrSmBase::handleDatapathLearningMode() {
   VCC_TRACE(traceOrdinary);
 }
+// The hook takes a pointer to keep; this version has no use for it.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 void VxlanControllerMacAddrSmBase::createRmxPerVniFdbStatusSm(
     VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> /*status*/) {
+  // NOLINTEND(performance-unnecessary-value-param)
   VCC_TRACE(traceOrdinary, "createRmxPerVniFdbStatusSm ", vni);
 }
 void VxlanControllerMacAddrSmBase::deleteRmxPerVniFdbStatusSm(VniExt vni) {

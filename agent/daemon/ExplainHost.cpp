@@ -89,7 +89,7 @@ VxlanController::MacVtepV2 tellController(Story& story, const World& world, cons
 
 void tellClient(Story& story, const World& world) {
   if (!world.client) {
-    story.end("client", "the client waits for the controller's state");
+    story.end("client", "flushed: the switch is out of service until the agent is started again");
   } else if (!world.client->vxlanControllerClientMode()) {
     story.end("client", "no VTI is in controller client mode");
   } else if (world.client->datapathLearningMode()) {

@@ -163,7 +163,7 @@ TEST_F(ShowTest, ConvergenceSaysWhatWaits) {
             "BUM deletions deferred      no\n"
             "hosts marked for deletion   12\n"
             "reason                      session lost\n"
-            "for seconds               1.500\n");
+            "for seconds                 1.500\n");
 }
 
 TEST_F(ShowTest, MachinesAreThoseThatAreThere) {

@@ -328,14 +328,14 @@ void VxlanControllerMacAddrSmBase::deleteRemoteMacFromController(Bridging::VlanI
   if (!table) {
     return;
   }
-  table->eachOfVlan(vlan, [&](const Bridging::MacVlanPair& key) {
+  for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
     VCC_TRACE(traceOrdinary, " Deleting: Mac: ", key.mac, " Vlan: ", key.vlan, " deferDel ", deferDel);
     if (deferDel) {
       deferDeleteReceivedTableEntry(key);
     } else {
       deleteReceivedTableEntry(key);
     }
-  });
+  }
 }
 
 void VxlanControllerMacAddrSmBase::deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key) {

@@ -18,6 +18,12 @@ Key linkKey(const Domain& domain, IfIndex index) {
   return {Key::Kind::link, domain.vlan, static_cast<std::uint64_t>(index)};
 }
 
+std::string lackingKind(LinkKind kind, std::string_view text) {
+  bool bridge = kind == LinkKind::bridge;
+  return std::string("the kernel has no ") + (bridge ? "bridges" : "VXLAN devices") + " (" +
+         std::string(text) + "): its module " + (bridge ? "bridge" : "vxlan") + " is needed";
+}
+
 }  // namespace
 
 void Devices::fail(const Key& key, std::string why) {
@@ -79,7 +85,7 @@ void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
   state_.linksDirty = true;
 }
 
-// Its flood rows stay there for now, and bear no mark.
+// Its flood rows stay until it goes, and bear no mark.
 void Devices::leaveDevice(Domain& domain) {
   if (state_.links.at(domain.device) == nullptr) return;
   auto& left = domain.left[domain.device];
@@ -467,11 +473,13 @@ void Devices::answered(const Request& request, const Key& key, int error, std::s
     linkDel(del->index);
     return;
   }
+  const auto* add = std::get_if<LinkAdd>(&request);
   if (error != 0) {
-    state_.failures.failed(key, state_.now, std::string(text));
+    bool lacking = add != nullptr && error == EOPNOTSUPP;
+    state_.failures.failed(key, state_.now, lacking ? lackingKind(add->kind, text) : std::string(text));
     return;
   }
-  if (const auto* add = std::get_if<LinkAdd>(&request)) {
+  if (add != nullptr) {
     state_.links.made(add->name);
   } else if (const auto* set = std::get_if<LinkSet>(&request)) {
     state_.links.applied(*set);

@@ -208,9 +208,7 @@ void OutputDocument::eachHostIn(Bridging::VlanId vlan, bool l2Rib, const EachKey
       }
     });
   } else if (const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable()) {
-    for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
-      call(key);
-    }
+    table->eachOfVlan(vlan, call);
   }
 }
 

@@ -1,0 +1,75 @@
+// What the tests of the engine stand on: an engine, a model of the kernel below it, and a clock.
+#pragma once
+
+#include <gmock/gmock.h>
+
+#include <cerrno>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FakeKernel.h"
+#include "agent/kernel/Engine.h"
+
+namespace Agent::Kernel::Test {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::MatchesRegex;
+using ::testing::Not;
+
+inline Ip4 ip(const char* text) {
+  return Ip4::parse(text).value();
+}
+inline Mac mac(const char* text) {
+  return Mac::parse(text).value();
+}
+
+inline const Mac kAll{};
+inline const Mac kHost = mac("02:00:00:00:00:01");
+inline const Mac kOther = mac("02:00:00:00:00:02");
+inline const Ip4 kLocal = ip("10.0.0.1");
+inline const Ip4 kA = ip("10.0.0.2");
+inline const Ip4 kB = ip("10.0.0.3");
+inline const Ip4 kC = ip("10.0.0.4");
+
+class EngineTest : public ::testing::Test {
+ protected:
+  void restart() {
+    engine_.emplace(Options{});
+    kernel_.reconnect();
+  }
+  void run() { kernel_.run(engine(), now_); }
+  void pass(Time span) {
+    now_ += span;
+    run();
+  }
+  Engine& engine() { return *engine_; }
+  void mapVlan10(Vni vni = 5010, Ip4 local = kLocal) { engine().vniIs(vni, 10, "Vxlan1", local, ports_); }
+  IfIndex index(const std::string& name) const { return kernel_.link(name)->index; }
+  Row deviceRow(Mac mac, Ip4 dst) const {
+    return {Table::device, index("vx5010"), 0, mac, dst, 0, false, false};
+  }
+  std::string problems() const {
+    std::string out;
+    for (const Problem& problem : engine_->problems(100).first)
+      out += problem.what + ": " + problem.why + "\n";
+    return out;
+  }
+  void givenHostAt(Ip4 vtep) {
+    mapVlan10();
+    engine().hostIs(10, kHost, vtep);
+    engine().settled();
+    run();
+    kernel_.forgetGaps();
+  }
+
+  FakeKernel kernel_;
+  std::optional<Engine> engine_{Options{}};
+  std::vector<std::string> ports_;
+  Time now_{seconds(1000)};
+};
+
+}  // namespace Agent::Kernel::Test

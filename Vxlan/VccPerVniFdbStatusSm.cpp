@@ -37,7 +37,7 @@ VccPerVniFdbStatusSm::~VccPerVniFdbStatusSm() {
 }
 
 void VccPerVniFdbStatusSm::hasNotificationActiveIs(bool active) {
-  RmxPerVniFdbStatusSmBase::hasNotificationActiveIs(active);
+  StateMachine::hasNotificationActiveIs(active);
 }
 
 void VccPerVniFdbStatusSm::handleMacVtepMultiPathTable(Qnet::EthAddr mac) {

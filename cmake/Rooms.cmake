@@ -102,7 +102,7 @@ function(vcc_add_folders)
     foreach(list IN LISTS lists)
       get_filename_component(folder "${list}" DIRECTORY)
       get_filename_component(name "${folder}" NAME)
-      if(NOT VCC_AGENT AND (name MATCHES "^(agent|examples|demo|journals|live)$" OR EXISTS "${CMAKE_SOURCE_DIR}/agent/${name}/CMakeLists.txt"
+      if(NOT VCC_AGENT AND (name MATCHES "^(agent|examples|demo|journals|lab|live)$" OR EXISTS "${CMAKE_SOURCE_DIR}/agent/${name}/CMakeLists.txt"
                             OR EXISTS "${CMAKE_SOURCE_DIR}/tools/${name}/CMakeLists.txt"))
         continue()
       endif()

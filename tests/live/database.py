@@ -167,16 +167,26 @@ class Chain:
         self.ctl("ovn-nbctl", self.north, "ls-add blue -- lsp-add blue bv -- lsp-set-type bv vtep -- lsp-set-options bv"
                                           " vtep-physical-switch=leaf1 vtep-logical-switch=ls10"
                                           " -- lsp-set-addresses bv unknown")
-        self.ctl("ovn-sbctl", self.south, "chassis-add hv4 vxlan 10.0.0.4")
+        self.hypervisor("hv4", "10.0.0.4")
 
     def ctl(self, tool, server, words, *more):
         self.rig.run([self.programs[tool], "--timeout=50", "--db=" + server.remote, *words.split(), *more],
                      env=self.environment)
 
-    def port(self, name, mac):
-        """A port of "blue" at hv4 with this MAC."""
+    def hypervisor(self, name, address):
+        self.ctl("ovn-sbctl", self.south, f"chassis-add {name} vxlan {address}")
+
+    def port(self, name, mac, hypervisor="hv4"):
+        """A port of "blue" there with this MAC."""
         self.ctl("ovn-nbctl", self.north, f"--wait=sb lsp-add blue {name} -- lsp-set-addresses {name}", mac)
-        self.ctl("ovn-sbctl", self.south, f"lsp-bind {name} hv4")
+        self.ctl("ovn-sbctl", self.south, f"lsp-bind {name} {hypervisor}")
+
+    def tunnel_key(self):
+        """The VNI that the controller has given the network; none while there is none."""
+        session = self.vtep.session()
+        key = session.select("Logical_Switch", "tunnel_key")[0]["tunnel_key"]
+        session.close()
+        return None if isinstance(key, list) else key
 
     def start_controller(self):
         self.controller = self.rig.start("controller", [

@@ -6,6 +6,7 @@
 
 namespace {
 
+using testing::HasSubstr;
 using TestVxlanctl::json;
 
 class DriveTest : public TestVxlanctl::OperatorTest {

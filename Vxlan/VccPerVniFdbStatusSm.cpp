@@ -30,7 +30,7 @@ Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSm::VccPerVniFdbStatusSmIs(
 }
 
 VccPerVniFdbStatusSm::~VccPerVniFdbStatusSm() {
-  StateMachine::kelDoZombieReactors(true);
+  RmxPerVniFdbStatusSmBase::kelDoZombieReactors(true);
   // The flood list machines point back to this one; they go first, without cleaning up.
   vccMacVtepFloodListTableSmDelAll();
   macVtepFloodListTableSmDelAll();

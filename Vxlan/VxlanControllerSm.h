@@ -171,12 +171,14 @@ class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
   const Kel::TypeNode& fwkType() const override { return type; }
   ~VccMacVtepFloodListTableSm() override;
 
-  void hasNotificationActiveIs(bool active) override { StateMachine::hasNotificationActiveIs(active); }
+  void hasNotificationActiveIs(bool active) override {
+    MacVtepFloodListTableSmBase::hasNotificationActiveIs(active);
+  }
   using MacVtepFloodListTableSmBase::handleVtepIpFloodList;
   void handleVtepIpFloodList(Qnet::IpAddr ip) override;
   void cleanup() override;
   void handleInitialized() override;
-  void kelDoZombieReactors(bool zombie) override { StateMachine::kelDoZombieReactors(zombie); }
+  void kelDoZombieReactors(bool zombie) override { MacVtepFloodListTableSmBase::kelDoZombieReactors(zombie); }
 
   std::array<const void*, 3> parameters() const {
     return {macVtepFloodListTable().get(), &owner(), rmxSde_.get().get()};
@@ -333,7 +335,7 @@ class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   void handleMacVtepMultiPathTable(Qnet::EthAddr mac) override;
   void createMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
   void deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
-  void kelDoZombieReactors(bool zombie) override { StateMachine::kelDoZombieReactors(zombie); }
+  void kelDoZombieReactors(bool zombie) override { RmxPerVniFdbStatusSmBase::kelDoZombieReactors(zombie); }
 
   // The flood list machine of a MAC, or none. Each is also entered in macVtepFloodListTableSm.
   Kel::Ptr<VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSm(const Qnet::EthAddr& mac) const {

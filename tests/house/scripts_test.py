@@ -62,6 +62,16 @@ class Scripts(unittest.TestCase):
         output = self.ends(1, "2 passed, 1 failed", "scripts/test", "--quick")
         self.assertIn("a ***Failed", output)
 
+    def test_only_tests_of_real_servers_are_run_again(self):
+        """With the real ctest: each test fails the first time, and passes the second."""
+        os.remove(os.path.join(self.root, "bin/ctest"))
+        self.script("once", 'test -e "$1" || { touch "$1"; exit 1; }\n')
+        names = ["live.slow", "unit.wrong", "ovsdb_live_test.Slow"]
+        self.write("build/dev/CTestTestfile.cmake",
+                   "".join(f'add_test({name} "{self.root}/once" "{self.root}/{name}")\n' for name in names))
+        output = self.ends(1, "2 passed, 1 failed", "scripts/test", "--quick")
+        self.assertIn("2 of those that wait for real servers passed when they were run alone:", output)
+
     def test_no_test_at_all_is_a_failure(self):
         self.script("bin/ctest", "echo No tests were found\nexit 1\n")
         self.ends(1, "0 passed, 1 failed", "scripts/test", "--quick")

@@ -101,7 +101,7 @@ VccMacVtepFloodListTableSm::~VccMacVtepFloodListTableSm() {
 
 // The flood set of the MAC in this VLAN, made if need be, sending to all of its destinations.
 Kel::Ptr<L2Rib::FloodSet> VccMacVtepFloodListTableSm::floodSetOfAll(Bridging::VlanId vlan) {
-  const Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(macAddr());
+  Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(macAddr());
   set->floodSetTypeIs(L2Rib::FloodSetType::SendToAll);
   return set;
 }

@@ -37,7 +37,7 @@ VccPerVniFdbStatusSm::~VccPerVniFdbStatusSm() {
 }
 
 void VccPerVniFdbStatusSm::hasNotificationActiveIs(bool active) {
-  StateMachine::hasNotificationActiveIs(active);
+  RmxPerVniFdbStatusSmBase::hasNotificationActiveIs(active);
 }
 
 void VccPerVniFdbStatusSm::handleMacVtepMultiPathTable(Qnet::EthAddr mac) {

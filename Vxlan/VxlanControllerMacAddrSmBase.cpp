@@ -83,8 +83,11 @@ void VxlanControllerMacAddrSmBase::handleControllerClientMode() {
 void VxlanControllerMacAddrSmBase::handleDatapathLearningMode() {
   VCC_TRACE(traceOrdinary);
 }
+// The hook takes a pointer to keep; this version has no use for it.
+// NOLINTBEGIN(performance-unnecessary-value-param)
 void VxlanControllerMacAddrSmBase::createRmxPerVniFdbStatusSm(
     VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> /*status*/) {
+  // NOLINTEND(performance-unnecessary-value-param)
   VCC_TRACE(traceOrdinary, "createRmxPerVniFdbStatusSm ", vni);
 }
 void VxlanControllerMacAddrSmBase::deleteRmxPerVniFdbStatusSm(VniExt vni) {
@@ -325,14 +328,14 @@ void VxlanControllerMacAddrSmBase::deleteRemoteMacFromController(Bridging::VlanI
   if (!table) {
     return;
   }
-  table->eachOfVlan(vlan, [&](const Bridging::MacVlanPair& key) {
+  for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
     VCC_TRACE(traceOrdinary, " Deleting: Mac: ", key.mac, " Vlan: ", key.vlan, " deferDel ", deferDel);
     if (deferDel) {
       deferDeleteReceivedTableEntry(key);
     } else {
       deleteReceivedTableEntry(key);
     }
-  });
+  }
 }
 
 void VxlanControllerMacAddrSmBase::deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key) {

@@ -176,6 +176,7 @@ KEL_API std::ostream& operator<<(std::ostream& stream, const MacVtepMultiPathV2&
 template <>
 struct std::hash<VxlanController::MacVtepV2> {
   std::size_t operator()(const VxlanController::MacVtepV2& host) const noexcept {
-    return std::hash<Qnet::EthAddr>{}(host.macAddr) * 31 + host.vtepIp.value() * 17 + host.moveCount;
+    return std::hash<Qnet::EthAddr>{}(host.macAddr) * 31 + std::size_t{host.vtepIp.value()} * 17 +
+           host.moveCount;
   }
 };

@@ -55,12 +55,8 @@ class KEL_API ReceivedHostTable final : public Kel::Entity {
   void receivedEntryIs(const ReceivedEntry& entry) { receivedEntry_.is(entry.key, entry); }
   void receivedEntryDel(const Bridging::MacVlanPair& key) { receivedEntry_.del(key); }
   void receivedEntryDelAll();
-  // Calls back with the key of each entry of a VLAN, which the callback may remove; costs what the VLAN
-  // holds.
-  template <class Call>
-  void eachOfVlan(Bridging::VlanId vlan, const Call& call) const {
-    receivedEntry_.table().eachOfVlan(vlan, call);
-  }
+  // The keys of the entries of a VLAN; the one that the walk is at may be removed. Costs what the VLAN holds.
+  auto receivedEntryOfVlan(Bridging::VlanId vlan) const { return receivedEntry_.table().ofVlan(vlan); }
 
   std::uint32_t markedForDelCount() const { return markedForDelCount_; }
   // Counts entries that were marked; more than there are entries is a fatal assertion.

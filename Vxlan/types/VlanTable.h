@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <iterator>
 
 #include "Kel/Table.h"
 #include "Vxlan/types/Bridging.h"
@@ -48,16 +49,37 @@ class VlanTable : private Kel::Table<K, V> {
     return Base::erase(key);
   }
 
-  // Calls back with the key of each pair of the VLAN, in the order in which they came; the callback may
-  // remove that pair.
-  template <class Call>
-  void eachOfVlan(Bridging::VlanId vlan, const Call& call) const {
-    for (std::uint32_t slot = vlans_[vlan.value()].first; slot != none;) {
-      const std::uint32_t next = links_[slot].next;
-      call(K(Base::atSlot(slot)->key));
-      slot = next;
+  // The keys of one VLAN, in the order in which they came, to be walked once. The pair that the walk is at
+  // may be removed.
+  class VlanKeys {
+   public:
+    VlanKeys(const VlanTable& table, Bridging::VlanId vlan) : table_(table) {
+      standAt(table.vlans_[vlan.value()].first);
     }
-  }
+    VlanKeys begin() const { return *this; }
+    std::default_sentinel_t end() const { return {}; }
+    const K& operator*() const { return key_; }
+    VlanKeys& operator++() {
+      standAt(next_);
+      return *this;
+    }
+    bool operator==(std::default_sentinel_t) const { return slot_ == none; }
+
+   private:
+    void standAt(std::uint32_t slot) {
+      slot_ = slot;
+      if (slot != none) {
+        key_ = table_.atSlot(slot)->key;
+        next_ = table_.links_[slot].next;
+      }
+    }
+
+    const VlanTable& table_;
+    std::uint32_t slot_ = none;
+    std::uint32_t next_ = none;
+    K key_;
+  };
+  VlanKeys ofVlan(Bridging::VlanId vlan) const { return VlanKeys(*this, vlan); }
 
  private:
   struct Ends {

@@ -133,7 +133,7 @@ json AgentService::explain(const json& params) {
   }
 }
 
-// Removes all forwarding state, and then lets what the inputs still publish come back.
+// Takes the switch out of service: all forwarding state goes, and none comes before the next start.
 json AgentService::flush() {
   std::size_t floodSets = 0;
   const std::size_t hosts = world_.hosts->hosts();
@@ -141,16 +141,12 @@ json AgentService::flush() {
     for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
       floodSets += vlan.value->floodSets();
     }
-    const bool live = static_cast<bool>(world_.client);
     world_.clientDel();
     for (auto host = world_.hosts->firstHost(); host; host = world_.hosts->nextHost(host->key)) {
       world_.hosts->hostDel(host->key);
     }
     world_.floodSets->vlanFloodSetDelAll();
     world_.hwStatus->bumStatus()->bumVtepListDelAll();
-    if (live) {
-      hooks_.rebuildClient();
-    }
   });
   changed();
   return {{"hosts", hosts}, {"floodSets", floodSets}};

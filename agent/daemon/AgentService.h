@@ -26,7 +26,6 @@ class AgentService final : public Control::Service {
     std::function<void(const nlohmann::json& patch)> carryOut;  // raises Refused
     std::function<nlohmann::json()> agentSection;               // what is the daemon's own in "agent"
     std::function<nlohmann::json()> problems;                   // an array of kind, where, text
-    std::function<void()> rebuildClient;
   };
 
   AgentService(World& world, const std::string& hostTable, Hooks hooks);

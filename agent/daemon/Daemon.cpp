@@ -179,10 +179,6 @@ void Daemon::openControl() {
   hooks.carryOut = [this](const json& patch) { carryOut(patch); };
   hooks.agentSection = [this] { return agentSection(); };
   hooks.problems = [this] { return problems(); };
-  hooks.rebuildClient = [this] {
-    world_.clientIs();
-    world_.client->maxProcessTimeIs(clientSlice);
-  };
   service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));
   Control::ServerOptions server;
   server.path = options_.socket;

@@ -22,6 +22,7 @@ json Daemon::agentSection() const {
        {{"name", options_.table}, {"hosts", world_.hosts->hosts()}, {"limit", world_.hosts->limit()}}},
       {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
       {"waitingForController", adoption_ != nullptr},
+      {"outOfService", !world_.client},
       {"loop",
        {{"turns", stall.turns},
         {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},

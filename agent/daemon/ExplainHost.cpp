@@ -3,6 +3,7 @@
 #include <set>
 
 #include "agent/daemon/AgentService.h"
+#include "agent/daemon/Sentences.h"
 
 namespace Agent {
 namespace {
@@ -14,6 +15,11 @@ class Story {
  public:
   void step(const char* name, const json& ok, const std::string& detail) {
     steps_.push_back({{"step", name}, {"ok", ok}, {"detail", detail}});
+  }
+  // A step that an adapter accounts for: in words, and the account itself for programs.
+  void step(const char* name, const Told& told, const json& account) {
+    step(name, told.ok, told.detail);
+    steps_.back()["account"] = account;
   }
   // Ends the story with a step that did not go well.
   void end(const char* name, const std::string& detail) {
@@ -45,10 +51,9 @@ Mapped mappingOf(const World& world, Bridging::VlanId vlan) {
 
 void tellDatabase(Story& story, const Ovsdb::Adapter& database, const Qnet::EthAddr& mac,
                   const Mapped& mapped, Bridging::VlanId vlan) {
-  const json rows = database.explain(
+  const json account = database.explain(
       mac.value(), mapped.vni ? std::optional(mapped.vni.value()) : std::nullopt, vlan.value());
-  story.step("controller database", rows.empty() ? json(false) : json(true),
-             rows.empty() ? "no row of this MAC" : rows.dump());
+  story.step("controller database", databaseTold(account), account);
 }
 
 void tellMapping(Story& story, const Mapped& mapped, Bridging::VlanId vlan) {
@@ -84,7 +89,7 @@ VxlanController::MacVtepV2 tellController(Story& story, const World& world, cons
 
 void tellClient(Story& story, const World& world) {
   if (!world.client) {
-    story.end("client", "the client waits for the controller's state");
+    story.end("client", "flushed: the switch is out of service until the agent is started again");
   } else if (!world.client->vxlanControllerClientMode()) {
     story.end("client", "no VTI is in controller client mode");
   } else if (world.client->datapathLearningMode()) {
@@ -150,7 +155,8 @@ json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId 
   const bool received = tellReceived(story, world, key);
   const bool exported = tellL2Rib(story, world, key);
   if (kernel != nullptr) {
-    story.step("kernel", json(), kernel->explain(vlan.value(), {mac.value()}).dump());
+    const json account = kernel->explain(vlan.value(), {mac.value()});
+    story.step("kernel", kernelTold(account), account);
   }
   std::string verdict = story.verdict();
   if (verdict.empty()) {

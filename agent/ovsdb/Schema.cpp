@@ -1,6 +1,8 @@
 #include "agent/ovsdb/Schema.h"
 
+#include <initializer_list>
 #include <nlohmann/json.hpp>
+#include <string_view>
 
 namespace Agent::Ovsdb {
 
@@ -109,22 +111,27 @@ std::string schemaObjection(const json& schema) {
     return "the schema is of another database than \"" + std::string{databaseName} + "\"";
   }
   std::string objection;
-  const auto object = [&](const std::string& what) { objection += (objection.empty() ? "" : ", ") + what; };
+  const auto object = [&](std::initializer_list<std::string_view> what) {
+    objection += objection.empty() ? "" : ", ";
+    for (const std::string_view part : what) {
+      objection += part;
+    }
+  };
   for (const TableSchema& table : tables) {
     const std::string name{table.name};
     const json& known = schema["tables"];
     if (!known.contains(name) || !known[name].is_object() || !known[name].contains("columns")) {
-      object("no table " + name);
+      object({"no table ", name});
       continue;
     }
     for (const Column& column : table.columns) {
       const json& columns = known[name]["columns"];
       const std::string columnName{column.name};
       if (!columns.is_object() || !columns.contains(columnName)) {
-        object("no column " + name + "." + columnName);
+        object({"no column ", name, ".", columnName});
       } else if (!columns[columnName].is_object() || !columns[columnName].contains("type") ||
                  !fits(columns[columnName]["type"], shapeOf(column.type))) {
-        object("column " + name + "." + columnName + " is of another type");
+        object({"column ", name, ".", columnName, " is of another type"});
       }
     }
   }

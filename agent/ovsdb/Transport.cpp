@@ -22,7 +22,7 @@ namespace {
 }
 
 // Encrypted bytes beyond which no more are taken.
-constexpr std::size_t mostBacklog = 256 * 1024;
+constexpr std::size_t mostBacklog = std::size_t{256} * 1024;
 
 template <typename SocketAddress>
 std::string bytesOf(const SocketAddress& address) {

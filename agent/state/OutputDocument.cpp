@@ -208,7 +208,9 @@ void OutputDocument::eachHostIn(Bridging::VlanId vlan, bool l2Rib, const EachKey
       }
     });
   } else if (const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable()) {
-    table->eachOfVlan(vlan, call);
+    for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
+      call(key);
+    }
   }
 }
 

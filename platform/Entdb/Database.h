@@ -31,13 +31,13 @@ class KEL_API Database {
   Kel::Ptr<E> mount(std::string_view path, Args&&... args) {
     const Place place = placeOf(path);
     if (const Kel::Ptr<Kel::Entity> present = place.folder->entityPtr(place.name)) {
-      const auto typed = Kel::ptrCast<E>(present);
+      auto typed = Kel::ptrCast<E>(present);
       if (!typed) {
         otherType(path, *present);
       }
       return typed;
     }
-    const auto entity = Kel::make<E>(std::forward<Args>(args)...);
+    auto entity = Kel::make<E>(std::forward<Args>(args)...);
     place.folder->entityPtrIs(place.name, entity);
     return entity;
   }

@@ -72,7 +72,7 @@ class Child final : public Part {
       return child_;
     }
     return ActivityLoop::instance().asHandler([&] {
-      const Ptr<Sm> fresh = make<Sm>(args...);
+      Ptr<Sm> fresh = make<Sm>(args...);
       is(fresh);
       fresh->hasNotificationActiveIs(true);
       return fresh;
@@ -164,7 +164,7 @@ class Children final : public Part {
       return *present;
     }
     return ActivityLoop::instance().asHandler([&] {
-      const Ptr<Sm> machine = make<Sm>(key, args...);
+      Ptr<Sm> machine = make<Sm>(key, args...);
       is(key, machine);
       machine->hasNotificationActiveIs(true);
       return machine;

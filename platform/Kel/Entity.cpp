@@ -33,7 +33,7 @@ void Reactor::countAsBound() {
   }
   ActivityLoop::instance().asHandler([&] {
     const Ptr<Reactor> self(this);
-    const Ptr<const Entity> notifier = notifier_;
+    const Ptr<const Entity> notifier = self->notifier_;
     const std::uint32_t binding = binding_;
     // What is called at once comes last (and is heard first), so that what it throws leaves nothing unqueued,
     // and no further when it binds to another entity, which counts for itself.

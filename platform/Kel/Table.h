@@ -400,6 +400,7 @@ class OrderedTable {
 
  public:
   struct Pair {
+    Pair(const K* keyOfPair, V* valueOfPair) : key(*keyOfPair), value(*valueOfPair) {}
     const K& key;
     V& value;
   };
@@ -410,12 +411,12 @@ class OrderedTable {
     using value_type = Pair;
 
     Iterator() = default;
-    Pair operator*() const { return {*key_, *value_}; }
+    Pair operator*() const { return Pair(there(key_), there(value_)); }
     struct Arrow {
       Pair pair;
       Pair* operator->() { return &pair; }
     };
-    Arrow operator->() const { return {{*key_, *value_}}; }
+    Arrow operator->() const { return {**this}; }
     Iterator& operator++() {
       *this = Iterator(table_, table_->map_.upper_bound(copy_));
       return *this;
@@ -432,6 +433,11 @@ class OrderedTable {
         value_ = &at->second;
         copy_ = at->first;
       }
+    }
+    // Only a position where a pair is may be dereferenced.
+    template <class T>
+    [[gnu::returns_nonnull]] static T* there(T* held) {
+      return held;
     }
     const OrderedTable* table_ = nullptr;
     const K* key_ = nullptr;

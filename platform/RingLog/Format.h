@@ -29,8 +29,8 @@ inline constexpr std::size_t wordBytes = 8;
 inline constexpr std::size_t maxSites = 0xffff;
 
 inline constexpr unsigned maxLevels = 64;
-inline constexpr std::size_t maxRingKiB = 64 * 1024;
-inline constexpr std::size_t maxSiteKiB = 64 * 1024;
+inline constexpr std::size_t maxRingKiB = std::size_t{64} * 1024;
+inline constexpr std::size_t maxSiteKiB = std::size_t{64} * 1024;
 inline constexpr std::size_t maxTextBytes = 64;  // a text argument is cut here
 
 // The first bytes of the file. What precedes `checksum` is written once, before the file gets its name.

@@ -148,6 +148,14 @@ TEST_F(ConvergenceTest, BuiltWhileNobodyConvergesBothJobsRunOnce) {
   EXPECT_TRUE(Kel::ActivityLoop::instance().idle());
 }
 
+// Initialized anew, the client parks both clocks: nothing is scheduled until a convergence ends.
+TEST_F(ConvergenceTest, InitializedAnewItParksBothClocks) {
+  start();
+  EXPECT_EQ(clocks(), "now, now");
+  client->handleInitialized();
+  EXPECT_EQ(clocks(), "parked, parked");
+}
+
 // That is how flood sets that an earlier client left behind are removed, unless the controller converges.
 TEST_F(ConvergenceTest, FloodSetsOfAnEarlierClientGoUnlessTheControllerConverges) {
   givenVti("Vxlan1");

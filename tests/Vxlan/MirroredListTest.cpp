@@ -9,24 +9,22 @@ using testing::ElementsAre;
 using Vxlan::BumReplicationMode;
 using MirroredListTest = MlagScenario;
 
-// With the gate open a list that pre-exists is made equal to the peer's, in one go, and its type is copied.
+// When the gate opens, a list that pre-exists is made equal to the peer's, in one go, and its type is copied.
 TEST_F(MirroredListTest, AListThatPreExistsIsMadeEqual) {
-  givenVti("Vxlan1", {.client = false});
-  givenBothInControllerMode();
-  start();
-  own()->bumVtepListIs(key(1, 10), list({"10.0.0.2", "10.0.0.3"}));
+  bumReplicationMode(BumReplicationMode::None);
   peerLists(1, 10, {"10.0.0.1", "10.0.0.2"});
   peerList()->remoteVtepAddrIs(ip("10.0.0.3"), false);
   peerList()->bumVtepIpListTypeIs(static_cast<Vxlan::BumVtepIpListType>(5));
+  start();
+  own()->bumVtepListIs(key(1, 10), list({"10.0.0.2", "10.0.0.3", "10.0.0.4"}));
   traceFromNow();
-  const auto created = Vxlan::RmxMlagBumStatusSm::RmxMlagBumStatusSmIs(
-      handles.mlagVxlanStatus, handles.vxlanHwStatusDir, handles.vlanVniMaps);
-  created->handleInitialized();
+  bumReplicationMode(BumReplicationMode::Controller);
   EXPECT_EQ(bumLists(), "02:00:00:00:00:01:10 10.0.0.1 10.0.0.2 type 5\n");
   EXPECT_EQ(tracedLines("bumVtepList of 02:00:00:00:00:01:10 pre-exists in vxlan h/w bum sts. Deleting "
                         "obsolete remoteVtepAddrs"),
             1U);
-  EXPECT_EQ(created->bumVtepListSm(key(1, 10))->localBumVtepList(), own()->bumVtepList(key(1, 10)));
+  EXPECT_EQ(tracedLines("Sweeping "), 0U);
+  EXPECT_EQ(listMachine()->localBumVtepList(), own()->bumVtepList(key(1, 10)));
 }
 
 // A VLAN that no VTI maps leaves the flag of its list machine as it was; a closed gate clears it.

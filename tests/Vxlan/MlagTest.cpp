@@ -237,7 +237,9 @@ TEST_F(MlagTest, AllListsThatGoAtOnceTakeTheirMachinesWithThem) {
   peerLists(2, 10, {"10.0.0.2"});
   start();
   own()->bumVtepListIs(key(9, 10), list({"10.0.0.9"}));
+  traceFromNow();
   peer()->bumVtepListDelAll();
+  EXPECT_EQ(tracedLines("RmxMlagBumStatusSmBase::handleBumVtepList() handleBumVtepList"), 1U) << "as a whole";
   EXPECT_EQ(machine()->bumVtepListSm().size(), 0U);
   EXPECT_EQ(bumLists(), "02:00:00:00:00:09:10 10.0.0.9\n") << "what nobody published is for the sweep";
 }

@@ -117,10 +117,12 @@ TEST_F(TraceTest, AVniThatIsPublishedAndWithdrawn) {
                 "createRmxPerVniFdbStatusSm 10020"});
   publish(10020, 1);
   withdrawVni(10020);
-  expectTraced({" entry subdir deleted for 10020", " Deleting the corresponding SM",
-                " Delete remote mac entries for vni 10020",
-                "deleteRemoteMacFromController vlanId 20 deferDel 0",
-                " Deleting: Mac: 02:00:00:00:00:01 Vlan: 20 deferDel 0", "deleteRmxPerVniFdbStatusSm 10020"});
+  expectTraced(
+      {" entry subdir deleted for 10020", " Deleting the corresponding SM",
+       " Delete remote mac entries for vni 10020", "deleteRemoteMacFromController vlanId 20 deferDel 0",
+       "void Vxlan::VxlanControllerMacAddrSmBase::deleteRemoteMacFromController(Bridging::VlanId, bool)  "
+       "Deleting: Mac: 02:00:00:00:00:01 Vlan: 20 deferDel 0",
+       "deleteRmxPerVniFdbStatusSm 10020"});
 }
 
 TEST_F(TraceTest, AVlanThatLosesItsVni) {

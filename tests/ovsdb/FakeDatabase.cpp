@@ -34,7 +34,7 @@ FakeDatabase::Id FakeDatabase::insert(const std::string& table, json columns) {
   ++lastId_;
   char id[37];
   std::snprintf(id, sizeof id, "%08llx-0000-4000-8000-%012llx", static_cast<unsigned long long>(lastId_),
-                static_cast<unsigned long long>(lastId_ * 7919));
+                static_cast<unsigned long long>(lastId_) * 7919);
   tables_[table][id] = std::move(columns);
   return id;
 }

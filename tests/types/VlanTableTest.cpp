@@ -17,7 +17,9 @@ MacVlanPair key(std::uint64_t mac, std::uint32_t vlan) {
 
 std::vector<MacVlanPair> ofVlan(const Table& table, std::uint32_t vlan) {
   std::vector<MacVlanPair> keys;
-  table.eachOfVlan(VlanId(vlan), [&](const MacVlanPair& at) { keys.push_back(at); });
+  for (const MacVlanPair& at : table.ofVlan(VlanId(vlan))) {
+    keys.push_back(at);
+  }
   return keys;
 }
 
@@ -62,7 +64,9 @@ TEST(VlanTableTest, AWalkMayRemoveWhatItIsAt) {
     table.emplace(key(mac, 10), 0);
     table.emplace(key(mac, 20), 0);
   }
-  table.eachOfVlan(VlanId(10U), [&](const MacVlanPair& at) { table.erase(at); });
+  for (const MacVlanPair& at : table.ofVlan(VlanId(10U))) {
+    table.erase(at);
+  }
   EXPECT_TRUE(ofVlan(table, 10).empty());
   EXPECT_EQ(ofVlan(table, 20).size(), 100U);
   EXPECT_EQ(table.size(), 100U);

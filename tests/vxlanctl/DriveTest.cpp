@@ -6,7 +6,6 @@
 
 namespace {
 
-using testing::HasSubstr;
 using TestVxlanctl::json;
 
 class DriveTest : public TestVxlanctl::OperatorTest {

@@ -47,9 +47,9 @@ TEST_F(ShowTest, HostsAreReadFromSharedMemoryWithoutAnAgent) {
   EXPECT_EQ(run({"show", "hosts"}), 0) << err;
   EXPECT_EQ(out,
             "VLAN  MAC                VTI     VTEP      MOVES  ATTR  UPDATED\n"
-            "  10  02:00:00:00:00:01  Vxlan1  10.0.0.2    100    16     12.5\n"
-            "  10  02:00:00:00:00:02  Vxlan1  10.0.0.3      1    16     12.5\n"
-            "  20  02:00:00:00:00:0a  Vxlan1  10.0.0.2      0    16     12.5\n");
+            "  10  02:00:00:00:00:01  Vxlan1  10.0.0.2    100    16   12.500\n"
+            "  10  02:00:00:00:00:02  Vxlan1  10.0.0.3      1    16   12.500\n"
+            "  20  02:00:00:00:00:0a  Vxlan1  10.0.0.2      0    16   12.500\n");
 }
 
 TEST_F(ShowTest, HostsAreFiltered) {
@@ -93,7 +93,7 @@ TEST_F(ShowTest, ReceivedHostsSayWhichAreMarked) {
   EXPECT_EQ(run({"show", "hosts", "--received"}), 0) << err;
   EXPECT_EQ(out,
             "VLAN  MAC                VTI     VTEP      MOVES  ATTR  UPDATED  MARKED\n"
-            "  10  02:00:00:00:00:01  Vxlan1  10.0.0.2      3    16      7.0  yes\n");
+            "  10  02:00:00:00:00:01  Vxlan1  10.0.0.2      3    16    7.000  yes\n");
 }
 
 TEST_F(ShowTest, FloodsSayWhetherAllOrAnyGetACopy) {
@@ -163,7 +163,7 @@ TEST_F(ShowTest, ConvergenceSaysWhatWaits) {
             "BUM deletions deferred      no\n"
             "hosts marked for deletion   12\n"
             "reason                      session lost\n"
-            "for seconds                 1.5\n");
+            "for seconds                 1.500\n");
 }
 
 TEST_F(ShowTest, MachinesAreThoseThatAreThere) {

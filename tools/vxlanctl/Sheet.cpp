@@ -1,5 +1,7 @@
 #include "tools/vxlanctl/Sheet.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <numeric>
 #include <ostream>
@@ -45,6 +47,9 @@ std::string cellText(const json& value) {
       text += (text.empty() ? "" : ", ") + cellText(each);
     }
     return text.empty() ? "-" : text;
+  }
+  if (value.is_number_float()) {
+    return fmt::format("{:.3f}", value.get<double>());  // seconds; the milliseconds are enough for a reader
   }
   std::string text = value.is_string() ? value.get<std::string>() : value.dump();
   std::ranges::replace_if(

@@ -17,13 +17,9 @@ constexpr std::array<std::pair<std::string_view, Request::Verb>, 4> verbs{
      {"subscribe", Request::Verb::subscribe},
      {"call", Request::Verb::call}}};
 
-json parseObject(std::string_view line) {
+json parseText(std::string_view line) {
   try {
-    json request = parseJson(line);
-    if (!request.is_object()) {
-      throw BadRequest(nullptr, "a request is a JSON object");
-    }
-    return request;
+    return parseJson(line);
   } catch (const BadJson& error) {
     throw BadRequest(nullptr, error.what());
   }
@@ -77,7 +73,13 @@ std::string line(const json& id, const std::string& rest) {
 }  // namespace
 
 Request Request::parse(std::string_view text) {
-  json object = parseObject(text);
+  return of(parseText(text));
+}
+
+Request Request::of(json object) {
+  if (!object.is_object()) {
+    throw BadRequest(nullptr, "a request is a JSON object");
+  }
   Request request;
   request.id = takeId(object);
   std::string_view name;

@@ -20,6 +20,8 @@ struct Request {
 
   // Reads a line. Raises BadRequest, which says what is wrong and carries the id if that could be read.
   static Request parse(std::string_view line);
+  // The same of a line that is JSON already.
+  static Request of(nlohmann::json object);
 };
 
 // What is wrong with a line, and the id that its answer carries.

@@ -17,8 +17,10 @@ namespace {
 using nlohmann::json;
 
 constexpr int acceptedAtOnce = 16;
-constexpr std::chrono::seconds rest{1};  // after the system had no descriptor left
-constexpr int idleShare = 19;            // for each moment of comparing, that many without
+constexpr std::chrono::seconds rest{1};                   // after the system had no descriptor left
+constexpr std::size_t largeLine = std::size_t{64} << 10;  // is read a part at a time
+constexpr std::size_t pieceOfLine = std::size_t{32} << 10;
+constexpr int idleShare = 19;  // for each moment of comparing, that many without
 
 }  // namespace
 
@@ -43,6 +45,7 @@ Server::~Server() {
     loop_.forget(session->connection.fd());
     loop_.cancel(session->patience);
     loop_.cancel(session->next);
+    loop_.dropWork(session->parsing);
   }
 }
 
@@ -143,13 +146,13 @@ void Server::advanceSoon(ClientId client, Session& session) {
 
 bool Server::takesRequests(const Session& session) const {
   const Connection& connection = session.connection;
-  return !session.leaving && (connection.hasLine() || connection.lineTooLong()) &&
+  return !session.leaving && !session.busy && (connection.hasLine() || connection.lineTooLong()) &&
          connection.pending() < options_.mostPending;
 }
 
 bool Server::isDone(ClientId client, const Session& session) const {
   const Connection& connection = session.connection;
-  if (connection.pending() > 0) {
+  if (connection.pending() > 0 || session.busy) {
     return false;
   }
   if (session.leaving) {
@@ -211,6 +214,7 @@ void Server::drop(ClientId client, std::string_view why) {
   loop_.forget(session.connection.fd());
   loop_.cancel(session.patience);
   loop_.cancel(session.next);
+  loop_.dropWork(session.parsing);
   sessions_.erase(found);
 }
 
@@ -231,44 +235,92 @@ void Server::answerNext(ClientId client, Session& session) {
     sendAway(session, "a request has at most " + std::to_string(longest) + " bytes");
     return;
   }
-  const std::string line = session.connection.takeLine();
+  std::string line = session.connection.takeLine();
   if (line.find_first_not_of(" \t\r") == std::string::npos) {
     return;
   }
   ++stats_.requests;
-  session.connection.queue(answer(client, session, line), Connection::Kind::answer);
+  if (line.size() > largeLine) {
+    parseInPieces(client, session, std::move(line));
+  } else {
+    answer(client, session, [&] { return Request::parse(line); });
+  }
 }
 
-std::string Server::answer(ClientId client, Session& session, std::string_view line) {
+void Server::parseInPieces(ClientId client, Session& session, std::string line) {
+  session.busy = true;
+  session.parser = std::make_unique<PieceParser>(std::move(line));
+  session.parsing = loop_.addWork([this, client] { return parsePiece(client); });
+}
+
+bool Server::parsePiece(ClientId client) {
+  Session& session = *sessions_.at(client);
+  if (session.parser->step(pieceOfLine)) {
+    return true;
+  }
+  const std::unique_ptr<PieceParser> parser = std::move(session.parser);
+  session.parsing = EventLoop::WorkId::none;
+  session.busy = false;
+  answer(client, session,
+         [&] { return parser->well() ? Request::of(parser->take()) : Request::parse(parser->text()); });
+  advanceSoon(client, session);
+  return false;
+}
+
+// Answers the request that `read` gives.
+template <typename Read>
+void Server::answer(ClientId client, Session& session, Read read) {
   Request request;
   try {
-    request = Request::parse(line);
+    request = read();
   } catch (const BadRequest& error) {
-    return refuse(errorLine(error.id(), error));
+    session.connection.queue(refuse(errorLine(error.id(), error)), Connection::Kind::answer);
+    return;
   }
-  try {
-    return carryOut(client, session, request);
-  } catch (const RequestError& error) {
-    return refuse(errorLine(request.id, error));
-  } catch (const json::exception& error) {  // a parameter of another type than the method takes
-    return refuse(errorLine(request.id, "refused", {"", error.what()}));
-  }
+  carryOut(client, session, std::move(request));
 }
 
-std::string Server::carryOut(ClientId client, const Session& session, const Request& request) {
+void Server::carryOut(ClientId client, Session& session, Request request) {
   const bool changes = request.verb == Request::Verb::patch ||
                        (request.verb == Request::Verb::call && service_.callChanges(request.target));
-  if (changes && session.right != Right::patch) {
-    return refuse(errorLine(request.id, "denied", {"", session.name + " may only read"}));
+  std::string line;
+  try {
+    if (changes && session.right != Right::patch) {
+      line = refuse(errorLine(request.id, "denied", {"", session.name + " may only read"}));
+    } else if (request.verb == Request::Verb::patch) {
+      patch(client, session, std::move(request));
+      return;
+    } else {
+      line = carriedOut(client, request);
+    }
+  } catch (const RequestError& error) {
+    line = refuse(errorLine(request.id, error));
+  } catch (const json::exception& error) {  // a parameter of another type than the method takes
+    line = refuse(errorLine(request.id, "refused", {"", error.what()}));
   }
+  session.connection.queue(std::move(line), Connection::Kind::answer);
+}
+
+// The answer may come in a later turn, when the client may have gone.
+void Server::patch(ClientId client, Session& session, Request request) {
+  session.busy = true;
+  service_.patch(std::move(request.content), session.name,
+                 [this, client, id = request.id](const std::optional<Refusal>& refusal) {
+                   const auto found = sessions_.find(client);
+                   if (found == sessions_.end()) {
+                     return;
+                   }
+                   found->second->busy = false;
+                   found->second->connection.queue(
+                       refusal ? refuse(errorLine(id, "refused", *refusal)) : okLine(id),
+                       Connection::Kind::answer);
+                   advanceSoon(client, *found->second);
+                 });
+}
+
+// The answer to what is no patch.
+std::string Server::carriedOut(ClientId client, const Request& request) {
   switch (request.verb) {
-    case Request::Verb::patch:
-      if (const auto refusal = service_.patch(request.content, session.name)) {
-        return refuse(errorLine(request.id, "refused", *refusal));
-      }
-      return okLine(request.id);
-    case Request::Verb::get:
-      return valueLine(request.id, service_.get(request.target));
     case Request::Verb::subscribe:
       if (subscriptions_.count(client) >= options_.mostSubscriptions) {
         return refuse(
@@ -278,8 +330,11 @@ std::string Server::carryOut(ClientId client, const Session& session, const Requ
       return valueLine(request.id, subscriptions_.subscribe(client, request.target, request.id));
     case Request::Verb::call:
       return valueLine(request.id, service_.call(request.target, request.content));
+    case Request::Verb::get:
+    case Request::Verb::patch:
+      break;
   }
-  return {};
+  return valueLine(request.id, service_.get(request.target));
 }
 
 std::string Server::refuse(std::string line) {

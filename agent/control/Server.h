@@ -15,6 +15,7 @@
 #include "agent/control/Request.h"
 #include "agent/control/Service.h"
 #include "agent/control/Subscriptions.h"
+#include "agent/json/PieceParser.h"
 #include "agent/loop/EventLoop.h"
 
 namespace Agent::Control {
@@ -80,6 +81,9 @@ class Server {
     std::string name;
     Right right;
     bool leaving = false;  // told why; goes when that is out
+    bool busy = false;     // with a request that takes more than one turn
+    std::unique_ptr<PieceParser> parser{};
+    EventLoop::WorkId parsing = EventLoop::WorkId::none;
     EventLoop::Clock::time_point progress{};
     EventLoop::TimerId patience = EventLoop::TimerId::none;
     EventLoop::TimerId next = EventLoop::TimerId::none;
@@ -102,8 +106,13 @@ class Server {
   void sendAway(Session& session, std::string_view why);
 
   void answerNext(ClientId client, Session& session);
-  std::string answer(ClientId client, Session& session, std::string_view line);
-  std::string carryOut(ClientId client, const Session& session, const Request& request);
+  void parseInPieces(ClientId client, Session& session, std::string line);
+  bool parsePiece(ClientId client);
+  template <typename Read>
+  void answer(ClientId client, Session& session, Read read);
+  void carryOut(ClientId client, Session& session, Request request);
+  void patch(ClientId client, Session& session, Request request);
+  std::string carriedOut(ClientId client, const Request& request);
   std::string refuse(std::string line);
   bool deliver(ClientId client, const nlohmann::json& id, const std::string& merge);
 

@@ -43,9 +43,13 @@ class Service {
  public:
   virtual ~Service() = default;
 
+  // Told why a patch was not taken, or nothing when it was carried out.
+  using Answer = std::function<void(const std::optional<Refusal>&)>;
+
   // Applies a merge patch to the input document, whole or not at all. `who` names the one who asks, for the
-  // log and for members that have an owner. Returns why not, or nothing when it was carried out.
-  virtual std::optional<Refusal> patch(const nlohmann::json& patch, std::string_view who) = 0;
+  // log and for members that have an owner. Calls `answer` once: before it returns, or in a later turn of the
+  // loop if the patch is large. Patches are carried out in the order in which they came.
+  virtual void patch(nlohmann::json&& patch, std::string_view who, Answer answer) = 0;
 
   // The part of the document {"input": ..., "output": ..., "agent": ...} that a well-formed JSON Pointer
   // leads to; "" is all of it. Raises RequestError (notFound) when it leads nowhere.

@@ -21,17 +21,19 @@ std::pair<std::string, std::string> split(const std::string& pointer) {
 AgentService::AgentService(World& world, const std::string& hostTable, Hooks hooks)
     : world_(world), output_(world, hostTable), hooks_(std::move(hooks)) {}
 
-std::optional<Control::Refusal> AgentService::patch(const json& patch, std::string_view who) {
-  if (auto refusal = ownership_.check(patch, who)) {
-    return refusal;
+void AgentService::patch(json&& patch, std::string_view who, Answer answer) {
+  if (const auto refusal = ownership_.check(patch, who)) {
+    answer(refusal);
+    return;
   }
-  try {
-    hooks_.carryOut(patch);
-  } catch (const Refused& refused) {
-    return Control::Refusal{refused.pointer(), refused.what()};
-  }
-  changed();
-  return std::nullopt;
+  hooks_.carryOut(std::move(patch), [this, answer = std::move(answer)](const Refused* refused) {
+    if (refused != nullptr) {
+      answer(Control::Refusal{refused->pointer(), refused->what()});
+      return;
+    }
+    changed();
+    answer(std::nullopt);
+  });
 }
 
 json AgentService::get(const std::string& pointer) {
@@ -135,6 +137,7 @@ json AgentService::explain(const json& params) {
 
 // Takes the switch out of service: all forwarding state goes, and none comes before the next start.
 json AgentService::flush() {
+  hooks_.finishPatches();
   std::size_t floodSets = 0;
   const std::size_t hosts = world_.hosts->hosts();
   Kel::ActivityLoop::instance().asHandler([&] {

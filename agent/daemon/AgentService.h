@@ -9,6 +9,7 @@
 
 #include "agent/control/Ownership.h"
 #include "agent/control/Service.h"
+#include "agent/daemon/PatchQueue.h"
 #include "agent/kernel/Adapter.h"
 #include "agent/ovsdb/Adapter.h"
 #include "agent/state/InputPatch.h"
@@ -23,9 +24,10 @@ class AgentService final : public Control::Service {
  public:
   // How the daemon carries a patch out and what it knows beside the world.
   struct Hooks {
-    std::function<void(const nlohmann::json& patch)> carryOut;  // raises Refused
-    std::function<nlohmann::json()> agentSection;               // what is the daemon's own in "agent"
-    std::function<nlohmann::json()> problems;                   // an array of kind, where, text
+    std::function<void(nlohmann::json patch, PatchQueue::Done done)> carryOut;
+    std::function<void()> finishPatches;
+    std::function<nlohmann::json()> agentSection;  // what is the daemon's own in "agent"
+    std::function<nlohmann::json()> problems;      // an array of kind, where, text
   };
 
   AgentService(World& world, const std::string& hostTable, Hooks hooks);
@@ -35,7 +37,7 @@ class AgentService final : public Control::Service {
   void kernelIs(Kernel::Adapter* kernel) { kernel_ = kernel; }
   Control::Ownership& ownership() { return ownership_; }
 
-  std::optional<Control::Refusal> patch(const nlohmann::json& patch, std::string_view who) override;
+  void patch(nlohmann::json&& patch, std::string_view who, Answer answer) override;
   nlohmann::json get(const std::string& pointer) override;
   nlohmann::json call(const std::string& method, const nlohmann::json& params) override;
   bool callChanges(const std::string& method) const override { return method == "flush"; }

@@ -123,6 +123,10 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
       arguments_(std::move(arguments)),
       world_(hostTable(options)),
       activity_(std::make_unique<Activity>(*this)),
+      patches_(loop_, world_,
+               {[this] { finishPatch(); },
+                [this](const std::function<void()>& change) { guarded("a patch", change); },
+                [this](const json& patch) { record(patch); }}),
       recorder_(options.record, Kel::System::loopTime()),
       started_(Kel::System::loopTime()) {
   loop_.onSignal(SIGTERM, [this] { loop_.stop(); });
@@ -176,7 +180,10 @@ void Daemon::run() {
 
 void Daemon::openControl() {
   AgentService::Hooks hooks;
-  hooks.carryOut = [this](const json& patch) { carryOut(patch); };
+  hooks.carryOut = [this](json patch, PatchQueue::Done done) {
+    patches_.add(std::move(patch), std::move(done));
+  };
+  hooks.finishPatches = [this] { patches_.finish(); };
   hooks.agentSection = [this] { return agentSection(); };
   hooks.problems = [this] { return problems(); };
   service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));
@@ -295,15 +302,6 @@ void Daemon::finishPatch() {
   while (patch_) {
     stepPatch();
   }
-}
-
-void Daemon::carryOut(const json& patch) {
-  finishPatch();
-  InputPatch checked(world_, patch);
-  while (checked.remaining() != 0) {
-    guarded("a patch", [&] { checked.carryOut(); });
-  }
-  record(patch);
 }
 
 void Daemon::record(const json& patch) {

@@ -12,6 +12,7 @@
 #include "agent/daemon/Adoption.h"
 #include "agent/daemon/AgentService.h"
 #include "agent/daemon/KernelFollower.h"
+#include "agent/daemon/PatchQueue.h"
 #include "agent/daemon/Recorder.h"
 #include "agent/daemon/RunOptions.h"
 #include "agent/loop/EventLoop.h"
@@ -21,8 +22,8 @@
 namespace Agent {
 
 // One thread, one loop: the control socket, the controller database, the kernel, signals and timers around
-// the client's own activity loop. Patches come from the control socket, whole, and from the database adapter,
-// a few changes at a time, so that the loop answers while a hundred thousand rows are taken in.
+// the client's own activity loop. Patches come from the control socket and from the database adapter, and are
+// carried out a few changes at a time, so that the loop answers while a hundred thousand rows are taken in.
 //
 // State stays when the daemon ends. Where the host table has hosts of an earlier run and a database is
 // configured, they are adopted: until the controller's state is in and settled they go on forwarding, and
@@ -45,7 +46,6 @@ class Daemon {
   void openDatabase();
   void openKernel();
   void openControl();
-  void carryOut(const nlohmann::json& patch);
   void record(const nlohmann::json& patch);
   void tellOfRecording();
   bool takeFromDatabase();
@@ -74,6 +74,7 @@ class Daemon {
   World world_;
   std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
   std::unique_ptr<Activity> activity_;
+  PatchQueue patches_;  // from the control socket
   Recorder recorder_;
   std::unique_ptr<AgentService> service_;
   std::unique_ptr<Control::Server> server_;

@@ -117,12 +117,25 @@ def below_a_database(rig, sheet, options):
 
 
 def over_the_control_socket(rig, sheet, options):
+    client = {"vtiStatus": {"Vxlan1": {"controllerClientMode": True}}, "vlanVniMap": {"Vxlan1": {"10": 5010}}}
+
+    def patch(agent, value):
+        hosts = {mac(number): value for number in range(options.hosts)}
+        agent.ask({"patch": {"controller": {"fdb": {"5010": {"macVtepTable": hosts}}}}})
+
     agent = Agent(rig).start()
-    agent.ask({"patch": {"vtiStatus": {"Vxlan1": {"controllerClientMode": True}}, "vlanVniMap": {"Vxlan1": {"10": 5010}}}})
-    for what, place in (("a patch of all hosts at the control socket", 2), ("and one that moves them all", 3)):
-        hosts = {mac(number): {"vtepIp": f"10.0.0.{place}"} for number in range(options.hosts)}
-        with Measured(sheet, what, agent):
-            agent.ask({"patch": {"controller": {"fdb": {"5010": {"macVtepTable": hosts}}}}})
+    agent.ask({"patch": {**client, "controller": {"fdb": {"5010": {}}}}})
+    with Measured(sheet, "a patch of all hosts at the control socket", agent):
+        patch(agent, {"vtepIp": "10.0.0.2"})
+    with Measured(sheet, "one that moves them all", agent):
+        patch(agent, {"vtepIp": "10.0.0.3"})
+    with Measured(sheet, "one that removes them all", agent):
+        patch(agent, None)
+    agent.stop()
+    agent.start()
+    agent.ask({"patch": client})
+    with Measured(sheet, "one of all hosts that makes their VNI", agent):
+        patch(agent, {"vtepIp": "10.0.0.2"})
     agent.stop()
 
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "agent/control/Ownership.h"
 #include "agent/control/Service.h"
@@ -18,8 +19,17 @@ class FakeService : public Agent::Control::Service {
   using json = nlohmann::json;
   using RequestError = Agent::Control::RequestError;
 
-  std::optional<Agent::Control::Refusal> patch(const json& patch, std::string_view who) override {
+  void patch(json&& patch, std::string_view who, Answer answer) override {
     lastWho = who;
+    if (takesItsTime) {
+      later.emplace_back(
+          [this, patch = std::move(patch), name = std::string(who), answer] { answer(apply(patch, name)); });
+    } else {
+      answer(apply(patch, who));
+    }
+  }
+
+  std::optional<Agent::Control::Refusal> apply(const json& patch, std::string_view who) {
     if (auto refusal = ownership.check(patch, who)) {
       return refusal;
     }
@@ -73,6 +83,8 @@ class FakeService : public Agent::Control::Service {
   std::function<void()> onGet;
   int reads = 0;
   int flushes = 0;
+  bool takesItsTime = false;                 // patches wait in `later`
+  std::vector<std::function<void()>> later;  // which carry them out and answer them
 
  private:
   std::function<void()> listener_;

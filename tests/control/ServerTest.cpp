@@ -195,6 +195,66 @@ TEST_F(ServerTest, WhatAClientSaidBeforeItLeftIsCarriedOut) {
   EXPECT_EQ(server->clients(), 0U);
 }
 
+TEST_F(ServerTest, APatchThatTakesItsTimeIsAnsweredWhenItIsCarriedOutAndKeepsNobodyElseWaiting) {
+  service.takesItsTime = true;
+  serve();
+  const auto client = connect();
+  const auto other = connect();
+  client->send("{\"patch\":{\"a\":1},\"id\":1}\n{\"get\":\"/input\",\"id\":2}\n");
+  turns(4);
+  EXPECT_EQ(ask(*other, {{"get", "/input"}}), json::parse(R"({"value":{}})"));
+  client->take();
+  EXPECT_THAT(client->lines, IsEmpty()) << "the next request waits for the patch";
+  service.later.front()();
+  turns(4);
+  client->take();
+  EXPECT_THAT(client->lines,
+              ElementsAre(json::parse(R"({"id":1,"ok":true})"), json::parse(R"({"id":2,"value":{"a":1}})")));
+}
+
+TEST_F(ServerTest, APatchThatTakesItsTimeIsCarriedOutWhenItsClientHasLeft) {
+  service.takesItsTime = true;
+  serve();
+  const auto client = connect();
+  client->send("{\"patch\":{\"a\":1}}\n");
+  turns(2);
+  client->hangUp();
+  turns(4);
+  service.later.front()();
+  turns(4);
+  EXPECT_EQ(service.document.at("input"), json::parse(R"({"a":1})"));
+  EXPECT_EQ(server->clients(), 0U);
+}
+
+TEST_F(ServerTest, ALargeRequestIsReadAPartATurn) {
+  serve();
+  json patch;
+  for (int i = 0; i < 20'000; ++i) {
+    patch["member" + std::to_string(i)] = {{"value", i}, {"text", "\u00e4 \\ \" \n"}};
+  }
+  const auto client = connect();
+  const auto other = connect();
+  const std::string line = json{{"patch", patch}}.dump() + '\n';
+  std::size_t answeredMeanwhile = 0;
+  for (std::size_t sent = 0; client->lines.empty() && answeredMeanwhile < 100'000; ++answeredMeanwhile) {
+    sent += client->send(line.substr(sent, 65536));
+    ASSERT_EQ(ask(*other, {{"get", "/agent"}}), json::parse(R"({"value":{}})"));
+    client->take();
+  }
+  EXPECT_THAT(client->lines, ElementsAre(json::parse(R"({"ok":true})")));
+  EXPECT_EQ(service.document.at("input"), patch);
+  EXPECT_GT(answeredMeanwhile, line.size() / 65536);
+}
+
+TEST_F(ServerTest, ALargeRequestThatIsNoJsonSaysWhere) {
+  serve();
+  const auto client = connect();
+  const std::string blanks(200'000, ' ');
+  EXPECT_EQ(askText(*client, "{\"get\":" + blanks + "nowhere}\n"),
+            error("refused", "", "not JSON at byte 200009"));
+  EXPECT_EQ(ask(*client, {{"get", "/agent"}}), json::parse(R"({"value":{}})"));
+}
+
 TEST_F(ServerTest, WhoTakesNoAnswersIsNotReadFromAndInTheEndDropped) {
   service.document["output"] = std::string(std::size_t{3} << 20, 'x');
   serve();

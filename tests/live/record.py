@@ -5,7 +5,7 @@ import subprocess
 
 import recorded
 from database import Published, Server, behind, mac
-from rig import Agent, check, until
+from rig import Agent, Lines, check, until
 
 
 def replay(rig, text):
@@ -53,6 +53,40 @@ def scenario_a_recording_of_a_converging_controller_replays_to_what_was(rig):
     agent.stop()
     played = replay(rig, rig.text("journal") + '{"dump":true}\n')
     check(recorded.timeless(json.loads(played)) == recorded.timeless(output), "the replay says what the agent said")
+
+
+def scenario_a_huge_patch_does_what_it_does_in_one_piece(rig):
+    """The agent carries it out in slices; a replay in one. Others are answered meanwhile, and have to wait with patches."""
+    before = {"vtiStatus": {"Vxlan1": {"controllerClientMode": True, "localVtepAddr": "10.0.0.1"}},
+              "vlanVniMap": {"Vxlan1": {str(10 + number): 5010 + number for number in range(6)}},
+              "controller": {"fdb": {"5010": _hosts(0, 6000, 2), "5011": _hosts(0, 50, 2), "5012": "announced",
+                                     "5013": _hosts(0, 3000, 2)}}}
+    gone = {mac(number): None for number in range(0, 6000, 3)}
+    patch = {"vtiStatus": {"Vxlan2": {}},
+             "controller": {"fdb": {"5010": {"macVtepTable": _hosts(0, 9000, 3)["macVtepTable"] | gone,
+                                             "macVtepFloodListTable": {"00:00:00:00:00:00": {"10.0.0.3": True}}},
+                                    "5011": _hosts(20, 70, 4), "5012": _hosts(0, 3000, 5), "5013": None,
+                                    "5014": _hosts(0, 2000, 6), "50150": _hosts(0, 10, 7)}}}
+    agent = Agent(rig).start()
+    check(agent.ask({"patch": before}) == {"ok": True}, "the agent takes what comes before")
+    wrong = {"controller": {"fdb": {**patch["controller"]["fdb"], "50160": {"macVtepTable": {mac(1): {"vtepIp": "x"}}}}}}
+    known = agent.get("/input")
+    check("/controller/fdb/50160/macVtepTable" in agent.ask({"patch": wrong})["error"]["pointer"], "a wrong one is refused")
+    check(agent.get("/input") == known, "and changes nothing")
+
+    huge, other = Lines(agent.socket), Lines(agent.socket)
+    huge.say({"patch": patch})
+    other.say({"patch": {"vtiStatus": {"Vxlan3": {}}}})
+    check(huge.hear() == {"ok": True} and other.hear() == {"ok": True}, "both are carried out")
+    lines = [{"patch": before}, {"patch": patch}, {"patch": {"vtiStatus": {"Vxlan3": {}}}}, {"dump": True}]
+    played = replay(rig, "".join(json.dumps(line) + "\n" for line in lines))
+    check(recorded.timeless(recorded.dump(agent)) == recorded.timeless(json.loads(played)), "the replay says the same")
+    huge.close()
+    other.close()
+
+
+def _hosts(first, last, vtep):
+    return {"macVtepTable": {mac(number): {"vtepIp": f"10.0.0.{vtep}"} for number in range(first, last)}}
 
 
 def scenario_the_kept_recording_replays_as_ever(rig):

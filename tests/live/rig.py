@@ -134,10 +134,16 @@ class Lines:
             raise
         self.file = self.socket.makefile("rwb")
 
-    def ask(self, request):
+    def say(self, request):
         self.file.write(json.dumps(request).encode() + b"\n")
         self.file.flush()
+
+    def hear(self):
         return json.loads(self.file.readline())
+
+    def ask(self, request):
+        self.say(request)
+        return self.hear()
 
     def close(self):
         self.file.close()

@@ -153,9 +153,10 @@ class Lines:
 class Agent:
     """`vxlan-agent run`, with a control socket and a host table of its own."""
 
-    def __init__(self, rig, *options, name="agent"):
+    def __init__(self, rig, *options, name="agent", prefix=()):
         self.rig = rig
         self.name = name
+        self.prefix = prefix  # what the command line begins with
         self.socket = rig.path(name + ".ctl")
         self.options = [*options, "--socket", self.socket, "--table", rig.table]
         self.process = None
@@ -168,7 +169,7 @@ class Agent:
 
     def begin(self):
         """Starts it without waiting for anything."""
-        self.process = self.rig.start(self.name, [self.rig.programs["agent"], "run", *self.options])
+        self.process = self.rig.start(self.name, [*self.prefix, self.rig.programs["agent"], "run", *self.options])
 
     def start(self):
         self.begin()

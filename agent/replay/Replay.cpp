@@ -219,8 +219,8 @@ void Replay::advance(double seconds) {
   runTurns(mostTurns);  // what is due already may read the time, and so move it: that comes on top
   const double target = time_.peek() + seconds;
   const Kel::ActivityLoop& loop = Kel::ActivityLoop::instance();
-  for (double next = loop.nextWakeup(); next <= target; next = loop.nextWakeup()) {
-    time_.timeIs(next);
+  while (loop.nextWakeup() <= target) {
+    time_.timeIs(loop.nextWakeup());
     runTurns(mostTurns);
   }
   time_.timeIs(target);

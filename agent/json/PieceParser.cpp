@@ -33,10 +33,13 @@ void PieceParser::token() {
   }
   const char c = text_[at_];
   const bool wantsValue = state_ == State::value || state_ == State::firstValue;
+  const bool closesEmpty =
+      (c == ']' && state_ == State::firstValue) || (c == '}' && state_ == State::firstKey);
+  const bool closes = closesEmpty || (state_ == State::next && !open_.empty() && (c == '}' || c == ']'));
   if (wantsValue && (c == '{' || c == '[')) {
     ++at_;
     open(c == '{' ? json::object() : json::array());
-  } else if ((c == ']' && state_ == State::firstValue) || (c == '}' && state_ == State::firstKey)) {
+  } else if (closes) {
     ++at_;
     close(c);
   } else if (wantsValue) {
@@ -49,9 +52,6 @@ void PieceParser::token() {
   } else if (state_ == State::next && !open_.empty() && c == ',') {
     ++at_;
     state_ = open_.back()->is_object() ? State::key : State::value;
-  } else if (state_ == State::next && !open_.empty() && (c == '}' || c == ']')) {
-    ++at_;
-    close(c);
   } else {
     state_ = State::broken;
   }

@@ -141,7 +141,7 @@ def scenario_a_table_that_is_full(rig):
     for number in range(0, 150, 2):
         controller.withdraw(10, mac(number))
     until("the rest is in the table",
-          lambda: set(agent.get("/output/l2Rib/hosts/10")) == {mac(number) for number in range(1, 150, 2)})
+          lambda: set(agent.get("/output/l2Rib/hosts/10", {})) == {mac(number) for number in range(1, 150, 2)})
     until("nothing is wrong any more", lambda: "table-full" not in agent.problems())
 
 

@@ -327,4 +327,17 @@ TEST(ConvergenceTimes, theNextWakeUpIsTheEarlierOfQuietAndMost) {
   EXPECT_FALSE(convergence.tick(111)) << "it ends once";
 }
 
+TEST(ConvergenceTimes, otherTimesHoldForTheConvergenceThatIsInProgress) {
+  Convergence convergence({.quiet = 1000, .most = 5000});
+  convergence.begin(Convergence::Cause::session, 100);
+  EXPECT_EQ(convergence.nextWakeup(), 1100);
+  convergence.optionsAre({.quiet = 2, .most = 10});
+  EXPECT_EQ(convergence.nextWakeup(), 102);
+  convergence.changed(109);
+  EXPECT_EQ(convergence.nextWakeup(), 110);
+  EXPECT_TRUE(convergence.tick(110));
+  convergence.optionsAre({.quiet = 3, .most = 20});
+  EXPECT_EQ(convergence.nextWakeup(), std::numeric_limits<double>::infinity()) << "none is in progress";
+}
+
 }  // namespace Agent::Ovsdb::Testing

@@ -422,6 +422,34 @@ TEST_F(SessionTest, aConnectionThatDoesNotComeUpIsGivenUp) {
   EXPECT_EQ(session.lastError(), "unix:/one: no connection after 5.0 s");
 }
 
+TEST_F(SessionTest, aRemoteThatIsConfiguredNoMoreIsLeftForTheFirstOfTheOthersAtOnce) {
+  follows();
+  session.remotesAre(Remote::parseList("unix:/four,unix:/five"), now);
+  EXPECT_TRUE(session.connectionDropped());
+  EXPECT_THAT(taker.told, ElementsAre("lost"));
+  EXPECT_EQ(session.lastError(), "unix:/one: is configured no more");
+  EXPECT_EQ(connects(), "unix:/four");
+}
+
+TEST_F(SessionTest, aRemoteThatIsStillConfiguredIsKept) {
+  follows();
+  session.remotesAre(Remote::parseList("unix:/four,unix:/one"), now);
+  EXPECT_FALSE(session.connectionDropped());
+  EXPECT_EQ(session.state(), SessionState::following);
+  EXPECT_EQ(session.remote().text(), "unix:/one");
+  now += 60;
+  session.failed("the peer closed the connection", now);
+  EXPECT_EQ(connects(), "unix:/four") << "the next one of the new list";
+}
+
+TEST_F(SessionTest, otherRemotesEndThePause) {
+  session.connecting(now);
+  session.failed("connecting: Connection refused", now);
+  EXPECT_FALSE(session.connectTo(now));
+  session.remotesAre(Remote::parseList("unix:/four"), now);
+  EXPECT_EQ(connects(), "unix:/four");
+}
+
 TEST_F(SessionTest, theSameErrorIsLoggedOnce) {
   SessionOptions one = options();
   one.remotes.resize(1);

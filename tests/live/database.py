@@ -100,7 +100,11 @@ class Server:
 
     def listens(self):
         check(self.process.poll() is None, f"database server {self.name} has ended")
-        return os.path.exists(self.socket)
+        try:
+            self.session().close()
+            return True
+        except OSError:  # its file is there before it listens
+            return False
 
     def kill(self):
         kill(self.process)

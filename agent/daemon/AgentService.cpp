@@ -38,7 +38,7 @@ void AgentService::patch(json&& patch, std::string_view who, Answer answer) {
 
 json AgentService::get(const std::string& pointer) {
   if (pointer.empty()) {
-    return {{"input", inputDocument(world_)}, {"output", output_.whole()}, {"agent", agentSection()}};
+    return {{"input", inputDocument(world_)}, {"output", output_.whole()}, {"agent", agentSection("")}};
   }
   const auto [part, rest] = split(pointer);
   json value;
@@ -49,7 +49,7 @@ json AgentService::get(const std::string& pointer) {
   } else if (part == "output") {
     value = output_.at(rest);
   } else if (part == "agent") {
-    value = partAt({{"agent", agentSection()}}, pointer);
+    value = partAt({{"agent", agentSection(rest.empty() ? "" : split(rest).first)}}, pointer);
   }
   if (value.is_null()) {
     throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");
@@ -70,13 +70,13 @@ json AgentService::call(const std::string& method, const json& params) {
   throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + "\"");
 }
 
-json AgentService::agentSection() {
+json AgentService::agentSection(const std::string& part) {
   json section = hooks_.agentSection();
   section["vnis"] = vnis();
   if (database_ != nullptr) {
     section["ovsdb"] = database_->status().json();
   }
-  if (kernel_ != nullptr) {
+  if (kernel_ != nullptr && (part.empty() || part == "kernel" || part == "kernelStatus")) {
     const json status = kernel_->status();
     section["kernel"] = status.value("kinds", json::object());
     section["kernelStatus"] = status;

@@ -51,7 +51,8 @@ class AgentService final : public Control::Service {
   }
 
  private:
-  nlohmann::json agentSection();
+  // `part`: the member that is asked for; empty for all of them. Counting what the kernel has takes long.
+  nlohmann::json agentSection(const std::string& part);
   nlohmann::json vnis() const;
   nlohmann::json explain(const nlohmann::json& params);
   nlohmann::json flush();

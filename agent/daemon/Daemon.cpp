@@ -202,10 +202,7 @@ void Daemon::openKernel() {
   follower_ = std::make_unique<KernelFollower>(world_, *kernel_, portsOf(options_.ports));
   service_->kernelIs(kernel_.get());
   for (const int fd : kernel_->fds()) {
-    loop_.watch(fd, EPOLLIN, [this, fd](std::uint32_t) {
-      kernel_->onReadable(fd);
-      runKernel();
-    });
+    loop_.watch(fd, EPOLLIN, [this](std::uint32_t) { runKernel(); });
   }
   runKernel();
 }

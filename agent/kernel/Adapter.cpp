@@ -58,11 +58,6 @@ void Adapter::settled() {
   engine_.settled();
 }
 
-void Adapter::onReadable(int fd) {
-  if (fd == reports_.fd()) (void)drainReports();
-  if (fd == requests_.fd()) (void)readAnswers();
-}
-
 bool Adapter::run(Time budget) {
   const Time begin = now();
   Time at = begin;

@@ -31,10 +31,9 @@ class Adapter {
 
   /// The file descriptors to poll for reading. They stay the same.
   std::vector<int> fds() const { return {requests_.fd(), reports_.fd()}; }
-  /// Takes some of what has arrived at the descriptor. The next `run` does so as well, and acts on it.
-  void onReadable(int fd);
-  /// Works for about `budget`; a batch that was begun is finished. Returns whether there is more to do at
-  /// once.
+  /// Takes what has arrived at the descriptors and works, for about `budget`; a batch that was begun is
+  /// finished. A part of a dump may take longer, so that it is the last thing. Returns whether there is more
+  /// to do at once.
   bool run(Time budget);
   /// When `run` is next due by itself, on the steady clock; Time::max() for never.
   Time nextWakeup() const { return engine_.nextWakeup(); }

@@ -37,12 +37,12 @@ def vtep(leaf):
 class Bed:
     """The bed, with everything in it running and settled."""
 
-    def __init__(self, rig, environment=(), settled=True):
+    def __init__(self, rig, environment=(), settled=True, leaves=3):
         self.rig = rig
         self.name = f"vxl{os.getpid()}"
         self.folder = rig.path("bed")
         self.environment = {**os.environ, **dict(environment), "VCC_LAB_NAME": self.name, "VCC_LAB_DIR": self.folder,
-                            "VXLAN_AGENT": rig.programs["agent"]}
+                            "VCC_LAB_LEAVES": str(leaves), "VXLAN_AGENT": rig.programs["agent"]}
         for name in ("ping", "tcpdump"):
             program(name)
         done = subprocess.run([LAB, "up"], env=self.environment, capture_output=True, text=True, check=False)
@@ -50,7 +50,7 @@ class Bed:
             raise Skip(done.stderr.strip())
         check(done.returncode == 0, lambda: f"lab up: {done.stdout} {done.stderr}")
         rig.closing.append(lambda: self.lab("down"))
-        self.leaves = {number: Leaf(self, number) for number in (1, 2, 3)}
+        self.leaves = {number: Leaf(self, number) for number in range(1, leaves + 1)}
         for number in self.leaves:
             os.symlink(os.path.join(self.folder, f"leaf{number}/log"), rig.path(f"leaf{number}.log"))
         self.controller = Controller(self)
@@ -111,6 +111,10 @@ class Leaf(Agent):
     def begin(self):
         self.bed.lab("agent", "start", str(self.number), **self.changes)
 
+    def pid(self):
+        with open(os.path.join(self.bed.folder, self.name, "pid"), encoding="utf-8") as file:
+            return int(file.read())
+
     def answers(self):
         try:
             return "value" in self.ask({"get": "/agent/uptime"})
@@ -130,8 +134,7 @@ class Leaf(Agent):
         if not self.answers() or not self.following():
             return False
         kinds = self.get("/agent/kernel", {})
-        return (self.get("/agent/kernelStatus/adopted") and kinds["devices"]["wanted"] > 0
-                and all(kind["differing"] == 0 for kind in kinds.values()))
+        return kinds["devices"]["wanted"] > 0 and all(kind["differing"] == 0 for kind in kinds.values())
 
     def kernel(self, command):
         """What `ip` or `bridge` lists in this leaf."""

@@ -9,7 +9,7 @@ from rig import Skip, check, until
 def given_a_kernel_without(rig, what):
     library = os.environ.get("LAB_LACKS_LIBRARY")
     if not library:
-        raise Skip("LAB_LACKS_LIBRARY does not name the library that stands between the agent and the kernel")
+        raise Skip("there is no library to stand between the agent and the kernel (LAB_LACKS_LIBRARY)")
     return Bed(rig, {"LD_PRELOAD": library, "LAB_LACKS": what}, settled=False)
 
 

@@ -82,6 +82,7 @@ def scenario_hosts_of_an_earlier_run_stay_until_the_state_is_in(rig):
     until("the first agent follows", first.following)
     reader = Reader(rig)
     until("the reader sees them all", lambda: len(reader.vteps()) == len(MACS))
+    reader.marks()
     first.kill()
     for address in MACS[:20]:
         controller.withdraw(10, address)
@@ -107,3 +108,4 @@ def scenario_hosts_of_an_earlier_run_stay_until_the_state_is_in(rig):
     until("the third agent follows", third.following)
     until("the table is what the database publishes", lambda: reader.vteps() == published(database.session()))
     check(reader.gone == {(10, address) for address in MACS[:20]}, "what was withdrawn has gone, and nothing else")
+    reader.never_missed({(10, address) for address in MACS[20:]})

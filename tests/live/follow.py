@@ -19,6 +19,7 @@ def scenario_a_database_is_killed_and_started_again(rig):
     reader = Reader(rig)
     before = published(database.session())
     until("the reader sees them all", lambda: reader.vteps() == before)
+    reader.marks()
 
     database.kill()
     until("the agent has lost the database", lambda: agent.database()["session"] != "following")
@@ -45,6 +46,7 @@ def scenario_a_database_comes_back_without_some_hosts(rig):
     reader = Reader(rig)
     before = published(database.session())
     until("the reader sees them all", lambda: reader.vteps() == before)
+    reader.marks()
     database.kill()
     aside = Server(rig, "aside", create=False)  # the same rows, where the agent does not see them change
     aside.file = database.file
@@ -57,6 +59,7 @@ def scenario_a_database_comes_back_without_some_hosts(rig):
     after = published(database.session())
     until("the table is what the database publishes", lambda: reader.vteps() == after)
     check(reader.gone == {(10, address) for address in FEW[:20]}, lambda: f"20 hosts were away: {sorted(reader.gone)}")
+    reader.never_missed(after)
 
 
 def scenario_the_leader_of_a_cluster_is_killed(rig):
@@ -71,6 +74,7 @@ def scenario_the_leader_of_a_cluster_is_killed(rig):
     reader = Reader(rig)
     before = published(leader.session())
     until("the reader sees them all", lambda: reader.vteps() == before)
+    reader.marks()
 
     leader.kill()
     _again(controller, cluster.leader()).hosts(10, {mac(1000): "10.0.0.3"})
@@ -94,6 +98,7 @@ def scenario_a_controller_is_stopped_and_started_again(rig):
     for address in macs:
         check(reader.sees(10, address)["vtep0"] == "10.0.0.4", "the host is behind hv4")
     until("the agent follows", agent.following)
+    reader.marks()
     flooded = agent.get("/output/l2Rib/floodSets/10")
 
     chain.stop_controller()

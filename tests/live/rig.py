@@ -2,10 +2,12 @@
 
 import ctypes
 import json
+import mmap
 import os
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import threading
@@ -233,6 +235,19 @@ class Agent:
         check(self.process.wait(PATIENCE) == 0, lambda: f"the agent ended with {self.process.returncode}")
 
 
+def births(table):
+    """(VLAN, MAC) to the turn in which it was born, of the hosts in a table: see "Life of a slot" in docs/memtab.md."""
+    with open("/dev/shm" + table, "rb") as file, mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ) as memory:
+        slot_bytes, slots_at = struct.unpack_from("<I", memory, 24)[0], struct.unpack_from("<Q", memory, 80)[0]
+        used = struct.unpack_from("<I", memory, 1280 + 68)[0]
+        found = {}
+        for at in range(slots_at, slots_at + used * slot_bytes, slot_bytes):
+            life, mac, vlan = struct.unpack_from("<Q6sH", memory, at + 8)
+            if life & 3 == 1:
+                found[(vlan, mac.hex(":"))] = life >> 3
+        return found
+
+
 class Reader:
     """Another process that follows the table in shared memory, `memtab follow`, and what it has seen."""
 
@@ -241,6 +256,8 @@ class Reader:
         self.hosts = {}     # (VLAN, MAC) to the host, as it is now
         self.torn = []
         self.changes = 0
+        self.table = rig.table
+        self.births = {}    # what was there when it marked, and since which turn
         self.gone = set()   # everything that was away at a time
         self.shown = set()  # since the last line that completes a listing
         self.process = rig.start(
@@ -278,6 +295,14 @@ class Reader:
         """(VLAN, MAC) to VTEP."""
         return {key: host["vtep0"] for key, host in dict(self.hosts).items()}
 
+    def marks(self):
+        """From now on it would also find out what is away for less than a look takes."""
+        self.births = births(self.table)
+
     def never_missed(self, keys):
-        missed = sorted(self.gone.intersection(keys))
+        # A record that was away and came back is born in a later turn; one that was only replaced, or deleted and added
+        # within one turn, is not.
+        now = births(self.table)
+        reborn = {key for key in self.births.keys() & set(keys) if now.get(key) not in (0, self.births[key])}
+        missed = sorted(reborn | self.gone.intersection(keys))
         check(not missed, f"{len(missed)} hosts were away for a moment: {missed[:5]}")

@@ -106,7 +106,6 @@ def scenario_a_message_of_a_hundred_megabytes(rig):
         check(agent.ask({"get": "/agent/pid"}) == {"value": agent.process.pid}, "the agent answers meanwhile")
     peer.sendall(b"1]}")
     goes_on(agent, impostor.remote, "the schema is larger than 1 MiB")
-    check(agent.get("/agent/loop/longestStall") < 1, "the loop was never away for long")
 
 
 def scenario_a_control_client_that_never_reads(rig):
@@ -118,7 +117,7 @@ def scenario_a_control_client_that_never_reads(rig):
               "the agent takes hosts")
     deaf = Lines(agent.socket)
     before = _memory(agent)
-    for _ in range(20):
+    for _ in range(100):
         deaf.file.write(b'{"get":"/input/controller"}\n')  # some 10 MB each
     deaf.file.write(b'{"subscribe":"/input/controller"}\n')
     deaf.file.flush()
@@ -126,7 +125,7 @@ def scenario_a_control_client_that_never_reads(rig):
         change = {"controller": {"fdb": {"7000": {"macVtepTable": {mac(0): {"vtepIp": f"10.0.1.{number}"}}}}}}
         check(agent.ask({"patch": change}) == {"ok": True}, "others are answered")
     check(agent.get("/input/controller/fdb/7000/macVtepTable/" + mac(0))["vtepIp"] == "10.0.1.19", "and right")
-    check(_memory(agent) < before + 200_000, lambda: f"memory is bounded: {before} kB, then {_memory(agent)} kB")
+    check(_memory(agent) < before + 500_000, lambda: f"memory is bounded: {before} kB, then {_memory(agent)} kB")
     deaf.close()
 
 

@@ -69,14 +69,15 @@ void traceInto(Kel::TraceHelper& line, const Piece& piece) {
       RINGLOG(*::Vxlan::vccRlHandle, level __VA_OPT__(, ) __VA_ARGS__); \
     }                                                                   \
   } while (false)
-#define VCC_LINE(level, ...)                                                                               \
-  do {                                                                                                     \
-    if (auto vccLine = Kel::TraceHelper::createIfEnabled(::Vxlan::vccTraceFacility, level)) [[unlikely]] { \
-      vccLine << __PRETTY_FUNCTION__ << ' ';                                                               \
-      [&vccLine](const auto&... pieces) {                                                                  \
-        (::Vxlan::detail::traceInto(vccLine, pieces), ...);                                                \
-      }(__VA_ARGS__);                                                                                      \
-    }                                                                                                      \
+#define VCC_LINE(level, ...)                                                              \
+  do {                                                                                    \
+    if (::Vxlan::vccTraceFacility.enabled(level)) [[unlikely]] {                          \
+      auto vccLine = Kel::TraceHelper::createIfEnabled(::Vxlan::vccTraceFacility, level); \
+      vccLine << __PRETTY_FUNCTION__ << ' ';                                              \
+      [&vccLine](const auto&... pieces) {                                                 \
+        (::Vxlan::detail::traceInto(vccLine, pieces), ...);                               \
+      }(__VA_ARGS__);                                                                     \
+    }                                                                                     \
   } while (false)
 
 template <>

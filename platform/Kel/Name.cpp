@@ -25,16 +25,14 @@ const std::string& textOf(std::string_view text) {
   return at != pool().end() ? *at : *pool().emplace(text).first;
 }
 
-const std::string& emptyText() {
-  static const std::string& text = textOf("");
-  return text;
-}
-
 }  // namespace
 
-Name::Name() noexcept : text_(&emptyText()) {}
+Name::Name(std::string_view text) : text_(text.empty() ? nullptr : &textOf(text)) {}
 
-Name::Name(std::string_view text) : text_(&textOf(text)) {}
+const std::string& Name::emptyText() noexcept {
+  static const auto* text = new std::string;  // like the pool, never destroyed
+  return *text;
+}
 
 std::ostream& operator<<(std::ostream& stream, const Name& name) {
   return stream << name.text();

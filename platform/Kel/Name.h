@@ -22,20 +22,22 @@ using String = std::string;
 class Name {
  public:
   // The empty name.
-  KEL_API Name() noexcept;
+  Name() noexcept = default;
   KEL_API explicit Name(std::string_view text);
 
-  const std::string& text() const noexcept { return *text_; }
-  bool empty() const noexcept { return text_->empty(); }
+  const std::string& text() const noexcept { return text_ != nullptr ? *text_ : emptyText(); }
+  bool empty() const noexcept { return text_ == nullptr; }
 
   bool operator==(const Name&) const noexcept = default;
   std::strong_ordering operator<=>(const Name& other) const noexcept {
-    return text_ == other.text_ ? std::strong_ordering::equal : *text_ <=> *other.text_;
+    return text_ == other.text_ ? std::strong_ordering::equal : text() <=> other.text();
   }
 
  private:
   friend struct std::hash<Name>;
-  const std::string* text_;
+  KEL_API static const std::string& emptyText() noexcept;
+
+  const std::string* text_ = nullptr;  // null: the empty name
 };
 
 KEL_API std::ostream& operator<<(std::ostream& stream, const Name& name);

@@ -117,10 +117,7 @@ void traceSinkIs(std::function<void(std::string_view)> sink) {
 
 TraceHelper::TraceHelper(const TraceFacility&, unsigned) : line_(std::make_unique<std::ostringstream>()) {}
 
-TraceHelper::~TraceHelper() {
-  if (line_ == nullptr) {
-    return;
-  }
+void TraceHelper::write() const {
   const std::string line = line_->str();
   if (tracing().sink) {
     tracing().sink(line);

@@ -47,7 +47,11 @@ class TraceHelper {
   }
   TraceHelper(TraceHelper&&) = default;
   TraceHelper& operator=(TraceHelper&&) = delete;
-  KEL_API ~TraceHelper();
+  ~TraceHelper() {
+    if (line_ != nullptr) [[unlikely]] {
+      write();
+    }
+  }
 
   explicit operator bool() const noexcept { return line_ != nullptr; }
   template <class T>
@@ -59,6 +63,7 @@ class TraceHelper {
  private:
   TraceHelper() = default;
   KEL_API TraceHelper(const TraceFacility& facility, unsigned level);
+  KEL_API void write() const;
 
   std::unique_ptr<std::ostringstream> line_;
 };

@@ -72,7 +72,7 @@ TEST_P(PtrTest, MovingCountsNothing) {
   Ptr<Object> first = object();
   const Ptr<Object> second = std::move(first);
   EXPECT_EQ(second->references(), 1U);
-  EXPECT_EQ(first.get(), nullptr);  // NOLINT(bugprone-use-after-move): that it is empty is the point
+  EXPECT_EQ(first.get(), nullptr);  // NOLINT: that it is empty is the point
 }
 
 TEST_P(PtrTest, AssigningToItselfKeepsTheObject) {

@@ -3,11 +3,13 @@ a scenario writes into. What the kernel does with packets is seen from the hosts
 
 import contextlib
 import ctypes
+import itertools
 import json
 import os
 import re
 import signal
 import socket
+import struct
 import subprocess
 import threading
 
@@ -53,6 +55,7 @@ class Bed:
         self.leaves = {number: Leaf(self, number) for number in range(1, leaves + 1)}
         for number in self.leaves:
             os.symlink(os.path.join(self.folder, f"leaf{number}/log"), rig.path(f"leaf{number}.log"))
+        os.symlink(os.path.join(self.folder, "ovsdb.log"), rig.path("ovsdb.log"))
         self.controller = Controller(self)
         if settled:
             self.settle()
@@ -222,24 +225,46 @@ class Controller:
 
 
 class Ping:
-    """A host that pings another every 5 ms, until it is told to stop."""
+    """A host that pings another every 5 ms, until it is told to stop. It sleeps in between, which the program ping does not do
+    at such a rate."""
+
+    numbers = itertools.count(1)
 
     def __init__(self, bed, source, destination):
-        self.bed = bed
         self.what = f"pings from {source} to {destination}"
+        self.number = (os.getpid() + next(self.numbers)) & 0xffff
+        self.sent = 0
         self.answers = {}  # sequence number to how often it was answered
-        self.process = bed.rig.start(f"ping-{source}-{destination}", [
-            *bed.within(source), "ping", "-n", "-i", "0.005", address(destination)], stdout=subprocess.PIPE, text=True)
-        self.thread = threading.Thread(target=self._read, daemon=True)
-        self.thread.start()
+        self.ending = threading.Event()
+        with bed.inside(source):
+            self.socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP)
+        self.socket.connect((address(destination), 0))
+        self.socket.settimeout(0.1)
+        self.threads = [threading.Thread(target=work, daemon=True) for work in (self._send, self._read)]
+        for thread in self.threads:
+            thread.start()
+        bed.rig.closing.append(self._end)
         self.goes_through()
 
+    def _send(self):
+        while not self.ending.wait(0.005):
+            self.sent += 1
+            self.socket.send(echo_request(self.number, self.sent))
+
     def _read(self):
-        for line in self.process.stdout:
-            answer = re.search(r"bytes from .* icmp_seq=(\d+)", line)
-            if answer:
-                number = int(answer[1])
-                self.answers[number] = self.answers.get(number, 0) + 1
+        while not self.ending.is_set():
+            try:
+                kind, _, _, number, sequence = struct.unpack("!BBHHH", self.socket.recv(2048)[20:28])
+            except TimeoutError:
+                continue
+            if (kind, number) == (0, self.number):
+                self.answers[sequence] = self.answers.get(sequence, 0) + 1
+
+    def _end(self):
+        self.ending.set()
+        for thread in self.threads:
+            thread.join()
+        self.socket.close()
 
     def last(self):
         return max(tuple(self.answers), default=0)
@@ -252,11 +277,8 @@ class Ping:
     def stop(self):
         """Ends it; what was lost on the way, and what was answered twice, is in `lost` and `doubled`."""
         self.goes_through()
-        self.process.send_signal(signal.SIGINT)
-        self.process.wait(PATIENCE)
-        self.thread.join()
-        self.sent = self.last()
-        self.lost = sorted(set(range(1, self.sent)) - self.answers.keys())
+        self._end()
+        self.lost = sorted(set(range(1, self.last())) - self.answers.keys())
         self.doubled = sorted(number for number, count in self.answers.items() if count > 1)
         print(f"{self.what}: {self.sent} sent, {len(self.lost)} lost, {len(self.doubled)} doubled")
         return self
@@ -265,6 +287,13 @@ class Ping:
         self.stop()
         check(not self.lost, lambda: f"{self.what}: lost {len(self.lost)} of {self.sent}: {self.lost[:20]}")
         check(not self.doubled, lambda: f"{self.what}: doubled {len(self.doubled)}: {self.doubled[:20]}")
+
+
+def echo_request(number, sequence):
+    total = 0x0800 + number + sequence
+    while total >> 16:
+        total = (total & 0xffff) + (total >> 16)
+    return struct.pack("!BBHHH", 8, 0, total ^ 0xffff, number, sequence)
 
 
 class Wire:

@@ -28,13 +28,14 @@ class FakeAgent : public Agent::Control::Service {
  public:
   using RequestError = Agent::Control::RequestError;
 
-  std::optional<Agent::Control::Refusal> patch(const json& patch, std::string_view) override {
+  void patch(json&& patch, std::string_view, Answer answer) override {
     if (patch.contains("vlanVniMap") && patch["vlanVniMap"].contains("bad")) {
-      return Agent::Control::Refusal{"/vlanVniMap/bad/5000", "VLAN out of range 1 to 4094"};
+      answer(Agent::Control::Refusal{"/vlanVniMap/bad/5000", "VLAN out of range 1 to 4094"});
+      return;
     }
     document["input"].merge_patch(patch);
     tell();
-    return std::nullopt;
+    answer(std::nullopt);
   }
   json get(const std::string& pointer) override {
     const json::json_pointer at{pointer};

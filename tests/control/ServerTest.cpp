@@ -6,7 +6,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using TestControl::json;
-using TestControl::RawClient;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

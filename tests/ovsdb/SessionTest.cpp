@@ -48,10 +48,10 @@ json goodSchema() {
 // Writes down what it is told.
 class Taker : public UpdateTaker {
  public:
-  void beginUpdate(bool whole, double) override { told.push_back(whole ? "whole" : "part"); }
+  void beginUpdate(bool whole, double) override { told.emplace_back(whole ? "whole" : "part"); }
   void row(const RowEvent& event) override { told.push_back("row " + std::string{nameOf(event.table)}); }
-  void endUpdate(double) override { told.push_back("end"); }
-  void sessionLost(double) override { told.push_back("lost"); }
+  void endUpdate(double) override { told.emplace_back("end"); }
+  void sessionLost(double) override { told.emplace_back("lost"); }
   std::vector<std::string> told;
 };
 

@@ -12,7 +12,6 @@ namespace {
 
 using Bridging::VlanId;
 using Vxlan::VniExt;
-using Vxlan::VniExtOrNone;
 
 Qnet::EthAddr mac(std::uint64_t number) {
   return Qnet::EthAddr(number);
@@ -26,8 +25,8 @@ struct Signals final : Kel::Follows<Vxlan::VlanVniMap> {
   void onNotifyingVlan(VlanId vlan) override {
     heard.push_back(text(vlan) + " is " + text(notifier()->vlanToVsp(vlan)));
   }
-  void onNotifyingVni(VniExt vni) override { heard.push_back("vni " + text(vni)); }
-  void onNotifyingVlankelImmediate() override { heard.push_back("all"); }
+  void onNotifyingVni(VniExt vni) override { heard.emplace_back("vni " + text(vni)); }
+  void onNotifyingVlankelImmediate() override { heard.emplace_back("all"); }
   std::vector<std::string> heard;
 };
 

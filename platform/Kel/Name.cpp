@@ -29,7 +29,7 @@ const std::string& textOf(std::string_view text) {
 
 Name::Name(std::string_view text) : text_(text.empty() ? nullptr : &textOf(text)) {}
 
-const std::string& Name::emptyText() noexcept {
+const std::string& Name::emptyText() {
   static const auto* text = new std::string;  // like the pool, never destroyed
   return *text;
 }

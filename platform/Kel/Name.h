@@ -35,7 +35,7 @@ class Name {
 
  private:
   friend struct std::hash<Name>;
-  KEL_API static const std::string& emptyText() noexcept;
+  KEL_API static const std::string& emptyText();
 
   const std::string* text_ = nullptr;  // null: the empty name
 };

@@ -93,6 +93,30 @@ function(vcc_bench target)
   endif()
 endfunction()
 
+# vcc_scenarios(NAME FILES ... [ENVIRONMENT NAME=VALUE...] [LOCK NAME]): each function scenario_X of a FILE.py here is a test
+# NAME.FILE.X, run by tests/live/run.py with the programs of this build; those with the same lock run one at a time. Exit
+# code 77 says that it was skipped.
+function(vcc_scenarios name)
+  cmake_parse_arguments(SCENARIOS "" "LOCK" "FILES;ENVIRONMENT" ${ARGN})
+  set(environment "PYTHONPATH=${CMAKE_CURRENT_SOURCE_DIR}" ${SCENARIOS_ENVIRONMENT})
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+  foreach(file IN LISTS SCENARIOS_FILES)
+    set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/${file}.py")
+    file(STRINGS "${CMAKE_CURRENT_SOURCE_DIR}/${file}.py" functions REGEX "^def scenario_")
+    foreach(function IN LISTS functions)
+      string(REGEX REPLACE "^def scenario_([a-z0-9_]+).*" "${file}.\\1" scenario "${function}")
+      add_test(NAME ${name}.${scenario}
+               COMMAND Python3::Interpreter -B "${CMAKE_SOURCE_DIR}/tests/live/run.py" --agent "$<TARGET_FILE:vxlan-agent>"
+                       --vxlanctl "$<TARGET_FILE:vxlanctl>" --memtab "$<TARGET_FILE:memtab>" ${scenario})
+      set_tests_properties(${name}.${scenario} PROPERTIES
+        ENVIRONMENT "${environment}" SKIP_RETURN_CODE 77 TIMEOUT 300)
+      if(SCENARIOS_LOCK)
+        set_tests_properties(${name}.${scenario} PROPERTIES RESOURCE_LOCK ${SCENARIOS_LOCK})
+      endif()
+    endforeach()
+  endforeach()
+endfunction()
+
 # vcc_add_folders(PARENT...): every folder below each PARENT that has a CMakeLists.txt. Where the agent and the tools
 # are left out, so are the folders of the same name (tests/control belongs to agent/control) and what runs the agent.
 function(vcc_add_folders)

@@ -36,7 +36,13 @@ class Story {
   void calm();
   std::string there() const { return kernel_.text(); }
   std::string wanted() const;
-  const FakeKernel& kernel() const { return kernel_; }
+  std::string problems() const {
+    std::string out;
+    for (const Problem& problem : engine_->problems(100).first) {
+      out += problem.what + ": " + problem.why + "\n";
+    }
+    return out;
+  }
 
  private:
   unsigned pick(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
@@ -291,7 +297,7 @@ TEST_P(EngineRandomTest, TheKernelComesToWhatIsWantedAndKeepsWhatIsOthers) {
   for (int part = 0; part < 8; ++part) {
     for (int n = 0; n < 60; ++n) story.step();
     story.calm();
-    ASSERT_EQ(story.there(), story.wanted()) << "in part " << part;
+    ASSERT_EQ(story.there(), story.wanted()) << "in part " << part << "\n" << story.problems();
   }
 }
 

@@ -314,6 +314,7 @@ void FakeKernel::dumpPart(Engine& engine) {
 }
 
 bool FakeKernel::turn(Engine& engine, Time now) {
+  engine.timeIs(now);
   bool happened = !reports_.empty() || dumping_ || lost_;
   if (dumping_) dumpPart(engine);
   while (!reports_.empty()) {
@@ -322,7 +323,7 @@ bool FakeKernel::turn(Engine& engine, Time now) {
     report.tell(engine);
   }
   if (std::exchange(lost_, false)) engine.overrun();
-  const Batch& batch = engine.batch(now);
+  const Batch& batch = engine.batch();
   for (std::size_t at = 0; at < batch.size(); ++at) {
     happened = true;
     ++requests_;

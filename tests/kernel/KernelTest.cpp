@@ -63,6 +63,8 @@ class KernelTest : public ::testing::Test {
   }
   void start(Options options = {}) {
     options.netns = leaf_->path();
+    options.lockFolder = ::testing::TempDir() + "kernel-test-locks";
+    adapter_.reset();
     adapter_.emplace(options);
   }
   /// Lets the adapter work until it has nothing more to do at once.
@@ -318,7 +320,7 @@ TEST(KernelSocketTest, SaysWhichNamespaceCannotBeEntered) {
   try {
     Adapter adapter(options);
     FAIL() << "there is no such namespace";
-  } catch (const SocketError& error) {
+  } catch (const std::runtime_error& error) {
     EXPECT_THAT(error.what(),
                 HasSubstr("network namespace /nowhere/at/all: cannot be entered: No such file"));
   }

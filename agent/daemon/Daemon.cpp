@@ -198,7 +198,9 @@ void Daemon::openKernel() {
   if (!options_.kernel) {
     return;
   }
-  kernel_ = std::make_unique<Kernel::Adapter>(Kernel::Options{});
+  Kernel::Options kernel;
+  kernel.lockFolder = options_.kernelLockDir;
+  kernel_ = std::make_unique<Kernel::Adapter>(kernel);
   follower_ = std::make_unique<KernelFollower>(world_, *kernel_, portsOf(options_.ports));
   service_->kernelIs(kernel_.get());
   for (const int fd : kernel_->fds()) {

@@ -26,6 +26,8 @@ CLI::App* addRunCommand(CLI::App& app, RunOptions& options) {
   option("--converge-max", options.convergeMax, "Seconds after which a convergence ends anyhow")
       ->check(CLI::Range(0.0, 1e6));
   run->add_flag("--kernel", options.kernel, "Program the kernel's bridges and VXLAN devices");
+  option("--kernel-lock-dir", options.kernelLockDir,
+         "The folder of the lock that keeps a second agent out of the network namespace");
   option("--port", options.ports,
          "Put an interface into the bridge of a VLAN: VLAN:INTERFACE, several with commas")
       ->delimiter(',');
@@ -67,6 +69,7 @@ constexpr Option all[] = {
     {"ovsdb-cert", same<&RunOptions::ovsdbCert>, Changeable::atTheNextStart},
     {"ovsdb-ca", same<&RunOptions::ovsdbCa>, Changeable::atTheNextStart},
     {"kernel", same<&RunOptions::kernel>, Changeable::atTheNextStart},
+    {"kernel-lock-dir", same<&RunOptions::kernelLockDir>, Changeable::atTheNextStart},
     {"port", same<&RunOptions::ports>, Changeable::atTheNextStart},
     {"table", same<&RunOptions::table>, Changeable::atTheNextStart},
     {"table-limit", same<&RunOptions::tableLimit>, Changeable::atTheNextStart},

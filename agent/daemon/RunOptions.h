@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/control/Defaults.h"
+#include "agent/kernel/Options.h"
 
 namespace Agent {
 
@@ -22,6 +23,7 @@ struct RunOptions {
   double convergeQuiet = 2;
   double convergeMax = 120;
   bool kernel = false;
+  std::string kernelLockDir = Kernel::Options().lockFolder;
   std::vector<std::string> ports;  // VLAN:INTERFACE, to enslave
   std::string table = Defaults::hostTable;
   std::size_t tableLimit = std::size_t{1} << 20;

@@ -20,6 +20,19 @@ void FakeKernel::deleteLink(IfIndex index) {
   (void)apply(LinkDel{index});
 }
 
+void FakeKernel::rename(IfIndex index, const std::string& name) {
+  links_.at(index).name = name;
+  reportLink(index);
+}
+
+void FakeKernel::portLearningIs(IfIndex port, bool learning) {
+  Link& link = links_.at(port);
+  link.portLearning = learning;
+  report([told = BridgePort{port, link.master, learning, link.portIsolated}](Engine& engine) {
+    engine.portIs(told);
+  });
+}
+
 const Link* FakeKernel::link(const std::string& name) const {
   for (const auto& [index, link] : links_) {
     if (link.name == name) return &link;

@@ -76,13 +76,15 @@ void Devices::suspectAll() {
   state_.suspects.insert(ours.begin(), ours.end());
 }
 
+// Before all is said, only what was withdrawn in this run is looked at.
 void Devices::sweep(Batch& out) {
-  for (auto at = state_.suspects.begin(); at != state_.suspects.end() && !out.full();) {
-    if (!unwanted(*at)) {
-      at = state_.suspects.erase(at);
+  const std::set<IfIndex>& looked = state_.settled ? state_.suspects : state_.released;
+  for (auto at = looked.begin(); at != looked.end() && !out.full();) {
+    const IfIndex index = *at++;
+    if (!unwanted(index)) {
+      state_.suspects.erase(index);
       continue;
     }
-    const IfIndex index = *at++;
     const Link& link = *state_.links.at(index);
     const Key key{Key::Kind::link, state_.links.vlan(link).value_or(0), static_cast<std::uint64_t>(index)};
     if (mayGo(link) && !state_.failures.pausing(key, state_.now)) {

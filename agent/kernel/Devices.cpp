@@ -316,6 +316,7 @@ void Devices::linkDel(IfIndex index) {
   if (bridge != state_.bridgeOf.end()) {
     Domain& domain = *state_.find(bridge->second);
     lost(domain);
+    domain.enslaved.clear();
     bridgeIs(domain, 0);
     state_.queue(domain);
   }
@@ -359,14 +360,13 @@ const Link* Devices::device(const Domain& domain) const {
   return state_.links.vxlan(domain.mapping->vni, state_.options.udpPort);
 }
 
-// Somebody else's device stays in its bridge. Ours is in the bridge of ours for the VLAN, whatever its name
-// is by now: a new one of the right name would have none of the rows.
+// Somebody else's device stays in its bridge. Ours stays in the bridge that is in use, or comes into that of
+// ours for the VLAN, whatever its name is by now: a new one of the right name would have none of the rows.
 const Link* Devices::bridge(const Domain& domain, const Link* device) const {
-  if (device != nullptr && device->master != 0 && !state_.links.ours(*device)) {
-    const Link* master = state_.links.at(device->master);
-    if (master != nullptr && master->kind == LinkKind::bridge) {
-      return master;
-    }
+  const Link* master = device == nullptr ? nullptr : state_.links.at(device->master);
+  if (master != nullptr && master->kind == LinkKind::bridge &&
+      (!state_.links.ours(*device) || master->index == domain.bridge)) {
+    return master;
   }
   const Link* current = state_.links.at(domain.bridge);
   if (current != nullptr && state_.links.ours(*current) && state_.links.vlan(*current) == domain.vlan) {
@@ -418,7 +418,7 @@ void Devices::work(Domain& domain, Batch& out) {
   domain.complete = true;
   std::string why = complaint(domain, *device);
   if (why.empty()) {
-    state_.failures.cleared(key);
+    state_.contention.cleared(key, domain.strife, state_.now);
   } else {
     fail(key, why);
   }

@@ -20,7 +20,6 @@ class ContentionTest : public EngineTest {
     run();
     ASSERT_EQ(problems(), "");
   }
-  NexthopId groupOf(Mac mac) const { return kernel_.deviceRows().at({index("vx5010"), mac}).nexthop; }
 };
 
 struct Deed {
@@ -143,7 +142,7 @@ TEST_F(ContentionTest, WhatAStrangerChangesAgainAndAgainIsPutBackMoreSlowlyAndSa
     EXPECT_GT(least, 0U) << "it does not give up";
     EXPECT_THAT(problems(),
                 HasSubstr("the kernel's tables: somebody else changes what this agent keeps there"));
-    for (int n = 0; n < 4; ++n) {
+    for (int n = 0; n < 10; ++n) {
       pass(seconds(31));
     }
     EXPECT_EQ(kernel_.text(), whole);

@@ -56,7 +56,7 @@ TEST_F(EngineReportTest, AnotherBridgeThatIsUsedWithoutBeingOursLosesNothingWhen
   kernel_.rename(index("vxb10"), "somewhere");
   run();
   pass(seconds(1));
-  EXPECT_THAT(kernel_.text(), HasSubstr("row vxb10 02:00:00:00:00:01 port vx5010\n"));
+  EXPECT_THAT(kernel_.text(), HasSubstr("row somewhere 02:00:00:00:00:01 port vx5010\n"));
   EXPECT_EQ(tally("hosts").differing + tally("hosts").unknown, 0U);
 }
 

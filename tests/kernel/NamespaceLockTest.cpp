@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <optional>
@@ -145,7 +146,9 @@ TEST_F(NamespaceLockTest, NeverTwoHoldItAtOnce) {
     for (int n = 0; n < 3000; ++n) {
       try {
         const NamespaceLock lock(locks_, at("one"));
-        two = two || ++holders > 1;
+        if (++holders > 1) {
+          two = true;
+        }
         ++taken;
         --holders;
       } catch (const LockError&) {

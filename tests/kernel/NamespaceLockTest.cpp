@@ -143,7 +143,7 @@ TEST_F(NamespaceLockTest, NeverTwoHoldItAtOnce) {
   std::atomic<int> taken = 0;
   std::atomic<bool> two = false;
   const auto compete = [&] {
-    for (int n = 0; n < 3000; ++n) {
+    for (int n = 0; n < 500; ++n) {
       try {
         const NamespaceLock lock(locks_, at("one"));
         if (++holders > 1) {

@@ -41,6 +41,18 @@ TEST_F(EngineReportTest, ABridgeThatWasRenamedIsKnownAfterARestart) {
   EXPECT_EQ(engine().counters().acknowledged, 0U);
 }
 
+TEST_F(EngineReportTest, ABridgeThatWasRenamedGetsTheNewDevice) {
+  givenHostAt(kA);
+  kernel_.rename(index("vxb10"), "somewhere");
+  kernel_.deleteLink(index("vx5010"));
+  run();
+  EXPECT_EQ(kernel_.text(),
+            "link somewhere\n"
+            "link vx5010 in somewhere\n"
+            "row somewhere 02:00:00:00:00:01 port vx5010\n"
+            "row vx5010 02:00:00:00:00:01 via 10.0.0.2\n");
+}
+
 TEST_F(EngineReportTest, ARenamedBridgeGoesWithItsMapping) {
   givenHostAt(kA);
   kernel_.rename(index("vxb10"), "somewhere");

@@ -38,6 +38,9 @@ std::string holderIn(int file) {
 // Why the file could not be opened, with its owner where that is the reason.
 [[noreturn]] void refuseOpening(const std::string& path, int error) {
   struct stat status {};
+  if (error == ENOENT) {
+    refuse(path, "cannot be made: no such folder");
+  }
   if (error == ELOOP) {
     refuse(path, "is a link; remove it");
   }

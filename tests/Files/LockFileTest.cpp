@@ -141,7 +141,7 @@ TEST_F(LockFileTest, WhatIsNoFileOfItsOwnIsRefused) {
   EXPECT_EQ(std::filesystem::file_size(precious), 8U);
   ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
   EXPECT_EQ(refusalOf(path), "its lock file " + path + " is no regular file; remove it");
-  EXPECT_THAT(refusalOf(folder / "no/such"), HasSubstr("cannot be opened: No such file"));
+  EXPECT_THAT(refusalOf(folder / "no/such"), HasSubstr("cannot be made: no such folder"));
 }
 
 }  // namespace

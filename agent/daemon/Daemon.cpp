@@ -11,11 +11,13 @@
 #include <iostream>
 #include <limits>
 
+#include "Files/Owners.h"
 #include "Kel/Activity.h"
 #include "Kel/System.h"
 #include "Memtab/Error.h"
 #include "Vxlan/framework/Trace.h"
 #include "agent/state/JsonChecks.h"
+#include "agent/state/ReplayTables.h"
 
 namespace Agent {
 namespace {
@@ -36,6 +38,13 @@ L2Rib::HostInput::Options hostTable(const RunOptions& options) {
   L2Rib::HostInput::Options hosts;
   hosts.name = options.table;
   hosts.limit = options.tableLimit;
+  hosts.replaceDamaged = true;
+  if (!options.tableOwner.empty()) {
+    hosts.owner = Files::userOf(options.tableOwner);
+    if (!hosts.owner) {
+      throw std::invalid_argument("--table-owner: there is no user \"" + options.tableOwner + "\"");
+    }
+  }
   return hosts;
 }
 
@@ -123,6 +132,8 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
       arguments_(std::move(arguments)),
       world_(hostTable(options)),
       activity_(std::make_unique<Activity>(*this)),
+      repair_(world_,
+              [this](const std::string& text) { noteProblem("table-damaged", options_.table, text); }),
       patches_(loop_, world_,
                {[this] { finishPatch(); },
                 [this](const std::function<void()>& change) { guarded("a patch", change); },
@@ -339,17 +350,24 @@ void Daemon::noteProblem(const std::string& kind, const std::string& where, cons
   }
 }
 
+// Whether the controller's state is in, and nothing of it waits to be carried out.
+bool Daemon::settled() const {
+  return database_ == nullptr ||
+         (database_->status().session == Ovsdb::SessionState::following && !patch_ &&
+          databaseWork_ == EventLoop::WorkId::none && !database_->mapper().convergence().inProgress());
+}
+
+void Daemon::repairTable() {
+  guarded("the damaged host table", [this] { repair_.look(adoption_ == nullptr && settled()); });
+}
+
 // When the controller's state is in and settled, what is stale goes: of the hosts of an earlier run, and then
 // in the kernel.
 void Daemon::settleStart() {
   if (adoption_ == nullptr && (kernel_ == nullptr || kernelSettled_)) {
     return;
   }
-  const bool following =
-      database_ == nullptr || database_->status().session == Ovsdb::SessionState::following;
-  const bool settled = following && !patch_ && databaseWork_ == EventLoop::WorkId::none &&
-                       (database_ == nullptr || !database_->mapper().convergence().inProgress());
-  if (!settled) {
+  if (!settled()) {
     return;
   }
   if (adoption_ != nullptr) {
@@ -398,6 +416,7 @@ void Daemon::writeLeftOut() {
 }
 
 void Daemon::everySecond() {
+  repairTable();
   writeLeftOut();
   if (metrics_ != nullptr) {
     metrics_->publish(metrics());
@@ -453,6 +472,8 @@ int runDaemon(const RunOptions& options, const std::vector<std::string>& argumen
   if (!options.traceDir.empty()) {
     Vxlan::vccRlDirectoryIs(options.traceDir);
   }
+  L2Rib::HostInput::endOnTruncation("vxlan-agent");
+  removeTablesOfDeadReplays();
   try {
     Daemon daemon(options, arguments);
     daemon.run();

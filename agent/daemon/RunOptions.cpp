@@ -32,6 +32,7 @@ CLI::App* addRunCommand(CLI::App& app, RunOptions& options) {
          "Put an interface into the bridge of a VLAN: VLAN:INTERFACE, several with commas")
       ->delimiter(',');
   option("--table", options.table, "The table of hosts in shared memory");
+  option("--table-owner", options.tableOwner, "Adopt the table of this user, too");
   option("--table-limit", options.tableLimit, "How many hosts a new table may hold")
       ->check(CLI::Range(std::size_t{1}, std::size_t{268435455}));
   option("--metrics", options.metrics, "Serve Prometheus at this ADDRESS:PORT");
@@ -72,6 +73,7 @@ constexpr Option all[] = {
     {"kernel-lock-dir", same<&RunOptions::kernelLockDir>, Changeable::atTheNextStart},
     {"port", same<&RunOptions::ports>, Changeable::atTheNextStart},
     {"table", same<&RunOptions::table>, Changeable::atTheNextStart},
+    {"table-owner", same<&RunOptions::tableOwner>, Changeable::atTheNextStart},
     {"table-limit", same<&RunOptions::tableLimit>, Changeable::atTheNextStart},
     {"metrics", same<&RunOptions::metrics>, Changeable::atTheNextStart},
     {"socket", same<&RunOptions::socket>, Changeable::atTheNextStart},

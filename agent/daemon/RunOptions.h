@@ -26,6 +26,7 @@ struct RunOptions {
   std::string kernelLockDir = Kernel::Options().lockFolder;
   std::vector<std::string> ports;  // VLAN:INTERFACE, to enslave
   std::string table = Defaults::hostTable;
+  std::string tableOwner;  // whose table is adopted, beside root's and the own user's
   std::size_t tableLimit = std::size_t{1} << 20;
   std::string metrics;
   std::string socket = Defaults::socketPath;

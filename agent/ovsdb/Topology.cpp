@@ -153,8 +153,9 @@ void Topology::decideVnis(RowStore& rows, bool converging) {
       const Slot lost = decisions_[loser].logicalSwitch;
       const Slot won = decisions_[owner->second].logicalSwitch;
       object(ProblemKind::vniWithTwoVlans, Table::logicalSwitch, rows.logicalSwitches.key(lost),
-             quoted(rows.logicalSwitches[lost].name) + " is left out: VNI " + std::to_string(decision.vni) +
-                 " belongs to " + quoted(rows.logicalSwitches[won].name));
+             quoted(std::as_const(rows.logicalSwitches[lost].name)) + " is left out: VNI " +
+                 std::to_string(decision.vni) + " belongs to " +
+                 quoted(std::as_const(rows.logicalSwitches[won].name)));
     }
   }
 }

@@ -79,7 +79,8 @@ class Rig:
         """Starts a process; what it says is in NAME.log."""
         with open(self.path(name + ".log"), "ab") as log:
             more.setdefault("stdout", log)
-            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stderr=log, preexec_fn=_end_with_parent, **more)
+            more.setdefault("stdin", subprocess.DEVNULL)
+            process = subprocess.Popen(command, stderr=log, preexec_fn=_end_with_parent, **more)
         self.processes.append(process)
         return process
 

@@ -16,7 +16,9 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int acceptedAtOnce = 16;
+constexpr int fewestAccepted = 16;  // in a turn, whatever else there is to do
+constexpr int mostAccepted = 128;
+
 constexpr std::chrono::seconds rest{1};  // after the system had no descriptor left
 constexpr int idleShare = 19;            // for each moment of comparing, that many without
 
@@ -57,7 +59,7 @@ void Server::accessIs(const Access& access) {
 }
 
 void Server::acceptClients() {
-  for (int i = 0; i < acceptedAtOnce; ++i) {
+  for (int i = 0; i < fewestAccepted || (i < mostAccepted && budget_.left()); ++i) {
     UniqueFd socket = listener_.accept();
     if (socket) {
       admit(std::move(socket));

@@ -26,7 +26,7 @@ void Server::serve(ClientId client, Session& session, std::size_t others) {
     budget_.use(requestItems);
     answerNext(client, session);
   }
-  if (session.answer && session.connection.pending() < options_.mostAhead) {
+  if (session.answer && session.connection.pending() < options_.mostAhead && budget_.left()) {
     continueAnswer(client, session, others);
   }
 }

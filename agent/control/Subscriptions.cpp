@@ -103,7 +103,7 @@ bool Subscriptions::step(const std::string& pointer, Topic& topic, TurnBudget& b
       beginRound(pointer, topic);
       budget.use(roundItems);
     }
-    const std::size_t granted = begins ? budget.instant() : itemsAtOnce;
+    const std::size_t granted = begins ? budget.instant() - roundItems : itemsAtOnce;
     std::size_t items = granted;
     const bool more = read(topic, items);
     budget.use(granted - items);

@@ -95,6 +95,7 @@ class Mirror {
   friend class MirrorBranch;
 };
 
+// The members of an object, as they are known.
 struct Mirror::Level {
   std::map<std::string, Known> members{};
   std::size_t met = 0;      // members that were met in `round`

@@ -140,6 +140,9 @@ void Server::patch(ClientId client, Session& session, Request request) {
 
 // Asks the service for what is no patch. Returns the answer, or nothing if it comes in pieces.
 std::string Server::ask(ClientId client, Session& session, const Request& request) {
+  if (session.connection.deaf() && request.verb != Request::Verb::call) {
+    return {};  // it changes nothing, and nobody hears it
+  }
   switch (request.verb) {
     case Request::Verb::subscribe:
       if (subscriptions_.count(client) >= options_.mostSubscriptions) {

@@ -28,24 +28,37 @@ void Subscriptions::subscribe(ClientId client, const std::string& pointer, const
   topic.followers.erase(client);
   topic.joining.erase(client);
   topic.arriving.insert_or_assign(client, id);
+  followed_[client].insert(pointer);
   becomesDue(pointer, topic);
 }
 
 void Subscriptions::unsubscribe(ClientId client) {
-  for (auto& [pointer, topic] : topics_) {
+  const auto pointers = followed_.extract(client);
+  if (pointers.empty()) {
+    return;
+  }
+  for (const std::string& pointer : pointers.mapped()) {
+    Topic& topic = topics_.at(pointer);
     topic.followers.erase(client);
     topic.joining.erase(client);
     topic.arriving.erase(client);
+    dropIfUnfollowed(pointer);
   }
-  dropUnfollowed();
+}
+
+// A client does not follow a part any more.
+void Subscriptions::ended(ClientId client, const std::string& pointer) {
+  if (const auto found = followed_.find(client); found != followed_.end()) {
+    found->second.erase(pointer);
+    if (found->second.empty()) {
+      followed_.erase(found);
+    }
+  }
 }
 
 std::size_t Subscriptions::count(ClientId client) const {
-  return static_cast<std::size_t>(std::ranges::count_if(topics_, [client](const auto& entry) {
-    const Topic& topic = entry.second;
-    return topic.followers.contains(client) || topic.joining.contains(client) ||
-           topic.arriving.contains(client);
-  }));
+  const auto found = followed_.find(client);
+  return found == followed_.end() ? 0 : found->second.size();
 }
 
 std::size_t Subscriptions::bytes() const {
@@ -105,17 +118,17 @@ bool Subscriptions::step(const std::string& pointer, Topic& topic, TurnBudget& b
     }
     const std::size_t granted = begins ? budget.instant() - roundItems : itemsAtOnce;
     std::size_t items = granted;
-    const bool more = read(topic, items);
+    const bool more = read(pointer, topic, items);
     budget.use(granted - items);
     if (more) {
       return true;
     }
-    endRound(topic);
+    endRound(pointer, topic);
   } catch (const std::exception& error) {
-    fail(topic, error);
+    fail(pointer, topic, error);
   }
   const bool again = topic.isDue;
-  dropUnfollowed();
+  dropIfUnfollowed(pointer);
   return again && topics_.contains(pointer);
 }
 
@@ -130,7 +143,7 @@ void Subscriptions::beginRound(const std::string& pointer, Topic& topic) {
 }
 
 // Reads about `items` records, which it counts down; returns whether there is more.
-bool Subscriptions::read(Topic& topic, std::size_t& items) {
+bool Subscriptions::read(const std::string& pointer, Topic& topic, std::size_t& items) {
   while (topic.records && items > 0) {
     --items;
     const Walked walked = topic.records->next();
@@ -143,7 +156,7 @@ bool Subscriptions::read(Topic& topic, std::size_t& items) {
       topic.records->skip();
     }
     if (topic.mirror.changes() >= changesAtOnce) {
-      tell(topic);
+      tell(pointer, topic);
     }
   }
   while (!topic.records && items > 0) {
@@ -155,23 +168,27 @@ bool Subscriptions::read(Topic& topic, std::size_t& items) {
       return false;
     }
     if (topic.mirror.changes() >= changesAtOnce) {
-      tell(topic);
+      tell(pointer, topic);
     }
   }
   return true;
 }
 
-void Subscriptions::tell(Topic& topic) {
+void Subscriptions::tell(const std::string& pointer, Topic& topic) {
   if (const auto patch = topic.mirror.takePatch()) {
     const std::string merge = lineText(*patch);
     std::erase_if(topic.followers, [&](const auto& follower) {
-      return !hooks_.deliver(follower.first, follower.second, merge);
+      const bool cut = !hooks_.deliver(follower.first, follower.second, merge);
+      if (cut) {
+        ended(follower.first, pointer);
+      }
+      return cut;
     });
   }
 }
 
-void Subscriptions::endRound(Topic& topic) {
-  tell(topic);
+void Subscriptions::endRound(const std::string& pointer, Topic& topic) {
+  tell(pointer, topic);
   topic.inRound = topic.isNew = false;
   topic.ofRefresh = topic.ofRefresh && !topic.endsRefresh;
   for (auto& [client, id] : std::exchange(topic.joining, {})) {
@@ -181,28 +198,27 @@ void Subscriptions::endRound(Topic& topic) {
   topic.isDue = topic.isDue || !topic.arriving.empty();
 }
 
-void Subscriptions::fail(Topic& topic, const std::exception& why) {
+void Subscriptions::fail(const std::string& pointer, Topic& topic, const std::exception& why) {
   topic.records.reset();
   topic.inRound = topic.isDue = topic.ofRefresh = false;
   for (auto& [client, id] : std::exchange(topic.followers, {})) {
+    ended(client, pointer);
     hooks_.fail(client, id, true, why);
   }
   topic.joining.merge(topic.arriving);
   topic.arriving.clear();
   for (auto& [client, id] : std::exchange(topic.joining, {})) {
+    ended(client, pointer);
     hooks_.fail(client, id, false, why);
   }
 }
 
-void Subscriptions::dropUnfollowed() {
-  for (auto at = topics_.begin(); at != topics_.end();) {
-    Topic& topic = at->second;
-    if (topic.followers.empty() && topic.joining.empty() && topic.arriving.empty()) {
-      dying_.push_back(std::move(topic.mirror));
-      at = topics_.erase(at);
-    } else {
-      ++at;
-    }
+void Subscriptions::dropIfUnfollowed(const std::string& pointer) {
+  const auto found = topics_.find(pointer);
+  Topic& topic = found->second;
+  if (topic.followers.empty() && topic.joining.empty() && topic.arriving.empty()) {
+    dying_.push_back(std::move(topic.mirror));
+    topics_.erase(found);
   }
 }
 

@@ -8,6 +8,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <string>
 
 #include "agent/control/Mirror.h"
@@ -75,18 +76,20 @@ class Subscriptions {
   void becomesDue(const std::string& pointer, Topic& topic);
   bool step(const std::string& pointer, Topic& topic, TurnBudget& budget);
   void beginRound(const std::string& pointer, Topic& topic);
-  bool read(Topic& topic, std::size_t& items);
-  void tell(Topic& topic);
-  void endRound(Topic& topic);
-  void fail(Topic& topic, const std::exception& why);
-  void dropUnfollowed();
+  bool read(const std::string& pointer, Topic& topic, std::size_t& items);
+  void tell(const std::string& pointer, Topic& topic);
+  void endRound(const std::string& pointer, Topic& topic);
+  void fail(const std::string& pointer, Topic& topic, const std::exception& why);
+  void ended(ClientId client, const std::string& pointer);
+  void dropIfUnfollowed(const std::string& pointer);
 
   Service& service_;
   Hooks hooks_;
   std::size_t mostBytes_;
-  std::map<std::string, Topic> topics_;  // by pointer; none is without clients
-  std::deque<std::string> due_;          // pointers of topics to be read, some of which may be gone
-  std::deque<Mirror> dying_;             // of topics that nobody follows any more
+  std::map<std::string, Topic> topics_;                 // by pointer; none is without clients
+  std::map<ClientId, std::set<std::string>> followed_;  // the pointers of each client
+  std::deque<std::string> due_;  // pointers of topics to be read, some of which may be gone
+  std::deque<Mirror> dying_;     // of topics that nobody follows any more
 };
 
 }  // namespace Agent::Control

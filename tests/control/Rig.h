@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -75,13 +74,6 @@ class RawClient {
       lines.push_back(json::parse(in_.substr(0, newline)));
       in_.erase(0, newline + 1);
     }
-  }
-
-  // How many bytes wait in the socket, and have been taken without a newline.
-  std::size_t received() const {
-    int waiting = 0;
-    ioctl(fd_, FIONREAD, &waiting);
-    return in_.size() + static_cast<std::size_t>(waiting);
   }
 
   bool connected = false;

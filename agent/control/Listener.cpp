@@ -15,7 +15,7 @@ namespace Agent::Control {
 
 namespace {
 
-constexpr int backlog = 16;
+constexpr int backlog = 128;
 
 [[noreturn]] void raise(const std::string& path, const std::string& what, int error = 0) {
   std::string message = "control socket " + path + ": " + what;

@@ -202,6 +202,9 @@ void Daemon::openControl() {
   server.path = options_.socket;
   server.access = accessOf(options_);
   server.log = [](std::string_view text) { log(std::string(text)); };
+  server.failed = [this](std::string_view where, std::string_view text) {
+    noteProblem("error", "a request of " + std::string(where), std::string(text));
+  };
   server_ = std::make_unique<Control::Server>(loop_, *service_, std::move(server));
 }
 

@@ -27,6 +27,13 @@ json Daemon::agentSection() const {
        {{"turns", stall.turns},
         {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
         {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
+  if (server_ != nullptr) {
+    const Control::ServerStats stats = server_->stats();
+    section["control"] = {
+        {"clients", server_->clients()}, {"requests", stats.requests}, {"refused", stats.refused},
+        {"failed", stats.failed},        {"cut", stats.cut},           {"dropped", stats.dropped},
+        {"mostItems", stats.mostItems}};
+  }
   if (database_ != nullptr) {
     const Ovsdb::AdapterStatus status = database_->status();
     section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};

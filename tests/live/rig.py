@@ -129,12 +129,12 @@ class Lines:
 
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(PATIENCE)
         try:
-            self.socket.connect(path)
+            self.socket.connect(path)  # waits where many wait to be let in; with a time limit it would not
         except OSError:
             self.socket.close()
             raise
+        self.socket.settimeout(PATIENCE)
         self.file = self.socket.makefile("rwb")
 
     def say(self, request):

@@ -268,7 +268,7 @@ void Daemon::openDatabase() {
         }
       },
       [](const std::string& text) { log(text); });
-  for (const std::string& pointer : database_->ownedPointers()) {
+  for (const std::string& pointer : Ovsdb::Adapter::ownedPointers()) {
     service_->ownership().claim(pointer, "ovsdb");
   }
   service_->databaseIs(database_.get());

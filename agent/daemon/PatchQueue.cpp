@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "agent/state/AgreedMaps.h"
+
 namespace Agent {
 namespace {
 
@@ -85,7 +87,9 @@ void PatchQueue::advance() {
 
 void PatchQueue::check(Patch& patch) {
   if (!patch.cut) {
-    patch.cut.emplace(world_, std::move(patch.whole), hostsPerPiece);
+    AgreedPatch agreed = agreedPatch(world_, std::move(patch.whole));
+    patch.renewed = std::move(agreed.renewed);
+    patch.cut.emplace(world_, std::move(agreed.patch), hostsPerPiece);
   }
   json piece;
   if (patch.cut->next(piece)) {
@@ -109,6 +113,18 @@ void PatchQueue::carryOut(Patch& patch) {
     patch.current.reset();
     hooks_.record(patch.pieces.front());
     patch.pieces.pop_front();
+    renewMaps(patch);
+  }
+}
+
+// What the client dropped with the last VNI of a VTI, it takes up again where other VTIs map it.
+void PatchQueue::renewMaps(Patch& patch) {
+  const json renewed = std::exchange(patch.renewed, nullptr);
+  if (!renewed.is_null()) {
+    const auto [removal, setting] = asPatches(renewed);
+    hooks_.record(removal);
+    hooks_.record(setting);
+    hooks_.guarded([&] { renew(world_, renewed); });
   }
 }
 

@@ -16,7 +16,8 @@ namespace Agent {
 // Carries out patches one after the other: a small one at once, a large one in pieces, in slices of the
 // loop's bulk work, so that the loop goes on while it is checked and carried out. All pieces are checked
 // before the first is carried out. The first has all but the VNIs and is carried out at once, since others
-// may change meanwhile what it was checked against.
+// may change meanwhile what it was checked against, and so that no clock fires between the maps of two VTIs.
+// VTIs that map anything map the same VNIs: that is judged on the whole patch, before it is cut.
 class PatchQueue {
  public:
   struct Hooks {
@@ -44,6 +45,7 @@ class PatchQueue {
     nlohmann::json whole;
     Done done;
     std::optional<PatchPieces> cut{};
+    nlohmann::json renewed{};  // mappings to be signalled once more behind the head
     bool checked = false;
     std::deque<nlohmann::json> pieces{};
     std::optional<InputPatch> current{};  // of the first piece
@@ -54,6 +56,7 @@ class PatchQueue {
   void advance();
   void check(Patch& patch);
   void carryOut(Patch& patch);
+  void renewMaps(Patch& patch);
   void end(const std::exception* error);
 
   EventLoop& loop_;

@@ -43,10 +43,20 @@ void Engine::vniDel(Vni vni) {
 }
 
 void Engine::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
+  if (mac.group()) {
+    // What is published for it need not make sense; it stays a problem until it is withdrawn.
+    state_.failures.waits({Key::Kind::host, vlan, mac.bits}, Time{}, Time::max(),
+                          "a host has a unicast address");
+    return;
+  }
   hosts_.is(state_.domain(vlan), mac, vtep);
 }
 
 void Engine::hostDel(Vlan vlan, Mac mac) {
+  if (mac.group()) {
+    state_.failures.cleared({Key::Kind::host, vlan, mac.bits});
+    return;
+  }
   Domain* domain = state_.find(vlan);
   if (domain != nullptr) hosts_.del(*domain, mac);
 }

@@ -171,6 +171,7 @@ Explanation Engine::explain(Vlan vlan, Mac mac) const {
   if (flood != domain->floods.end()) explainFlood(*domain, flood->second, out);
   auto kind = mac.group() ? Key::Kind::flood : Key::Kind::host;
   const Failures::Failure* failure = state_.failures.find({kind, vlan, mac.bits});
+  if (failure == nullptr) failure = state_.failures.find({Key::Kind::host, vlan, mac.bits});
   if (failure != nullptr) out.problem = failure->why;
   return out;
 }

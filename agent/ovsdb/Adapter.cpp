@@ -68,10 +68,9 @@ std::optional<nlohmann::json> Adapter::next(std::size_t hosts) {
   return measured([&] { return mapper_.next(hosts); });
 }
 
-std::vector<std::string> Adapter::ownedPointers() const {
-  return {"/vtiStatus/" + options_.mapper.vti, "/vlanVniMap/" + options_.mapper.vti,
-          "/hardware/bumStatus/bumReplicationMode", "/controller/fdb",
-          "/controller/state/" + options_.mapper.stateName};
+std::vector<std::string> Adapter::ownedPointers() {
+  return {"/vtiStatus", "/vlanVniMap", "/hardware/bumStatus/bumReplicationMode", "/controller/fdb",
+          "/controller/state"};
 }
 
 // --- the loop's events

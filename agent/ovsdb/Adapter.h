@@ -63,8 +63,9 @@ class Adapter {
   // The next patch of the input document, with at most about `hosts` hosts; nothing when there is none now.
   std::optional<nlohmann::json> next(std::size_t hosts);
   bool pending() const { return mapper_.pending(); }
-  // JSON Pointers to the members of the input document that are the adapter's alone.
-  std::vector<std::string> ownedPointers() const;
+  // JSON Pointers to the members of the input document that are the adapter's alone, whatever the database
+  // has: all VTIs and their maps among them, so that no other VTI stands in its way.
+  static std::vector<std::string> ownedPointers();
 
   // Other remotes, at least one; and other times of a convergence.
   void remotesAre(std::vector<Remote> remotes);

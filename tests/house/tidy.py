@@ -282,6 +282,34 @@ def rule_no_sleep(tree):
                     yield name, number, f"{found.group(1)}() in a test"
 
 
+def test_names(tree):
+    """The tests that the page may name: Suite.Name, and FOLDER.FILE.SCENARIO of those that are run as a whole."""
+    names = set()
+    for name in tree.files:
+        if name.startswith("tests/") and name.endswith(".cpp"):
+            names.update(".".join(found) for found in re.findall(r"^TEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)\s*\)", tree.text(name),
+                                                                 re.MULTILINE))
+        scenarios = re.fullmatch(r"tests/(\w+)/(\w+)\.py", name)
+        if scenarios:
+            names.update(".".join([*scenarios.groups(), found])
+                         for found in re.findall(r"^def scenario_(\w+)", tree.text(name), re.MULTILINE))
+    return names
+
+
+def rule_shown_by_tests(tree):
+    """The page of threats names tests that there are, and a test in each row of its tables."""
+    page = "docs/security.md"
+    if page not in tree.files:
+        return
+    tests = test_names(tree)
+    for number, line in tree.lines(page):
+        named = re.findall(r"`(\w+\.[A-Za-z]\w+(?:\.\w+)?)`", line)
+        yield from ((page, number, f"there is no test {name}") for name in named if name not in tests)
+        row = line.startswith("|") and not re.match(r"\| it may \||\|-", line)
+        if row and not named:
+            yield page, number, "no test shows it"
+
+
 def rule_runnable(tree):
     """A script with a first line that names its interpreter can be run."""
     for name in tree.files:

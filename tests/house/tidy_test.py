@@ -161,6 +161,20 @@ class Rules(unittest.TestCase):
         self.write("tests/B.cpp", "std::this_thread::sleep_for(1s);\nusleep(1);\nsleep(1);\n")
         self.red(tidy.rule_no_sleep, 3)
 
+    def test_threats_are_shown_by_tests_that_there_are(self):
+        self.green(tidy.rule_shown_by_tests)
+        self.write("tests/control/A.cpp", "TEST(Suite, Name) {\nTEST_F( Fixture , DoesIt ) {\n// TEST(Other, Name)\n")
+        self.write("tests/live/kill.py", "def scenario_of_many(rig):\n    pass\n\n\ndef helper():\n    pass\n")
+        head = "| it may | at worst | shown by |\n|---|---|---|\n"
+        self.write("docs/security.md", "As `Suite.Name` is. `--option`, `/dev/shm`, `a`.\n" + head
+                   + "| a | b | `Suite.Name`, `Fixture.DoesIt` |\n| a | b | `live.kill.of_many` |\n")
+        self.green(tidy.rule_shown_by_tests)
+        for row in ["`Suite.Gone`", "`Suite.Name`, `Fixture.Gone`", "`live.kill.of_few`", "`live.kill.helper`", "`Other.Name`",
+                    "nothing"]:
+            with self.subTest(row):
+                self.write("docs/security.md", head + f"| a | b | {row} |\n")
+                self.red(tidy.rule_shown_by_tests)
+
     def test_scripts_can_be_run(self):
         self.write("scripts/run", "#!/bin/sh\n", 0o755)
         self.green(tidy.rule_runnable)

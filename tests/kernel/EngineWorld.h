@@ -30,6 +30,7 @@ inline Mac mac(const char* text) {
 inline const Mac kAll{};
 inline const Mac kHost = mac("02:00:00:00:00:01");
 inline const Mac kOther = mac("02:00:00:00:00:02");
+inline const Mac kGroup = mac("01:00:5e:00:00:01");
 inline const Ip4 kLocal = ip("10.0.0.1");
 inline const Ip4 kA = ip("10.0.0.2");
 inline const Ip4 kB = ip("10.0.0.3");

@@ -166,7 +166,8 @@ void Session::drop(const std::string& why, End end, double now) {
   }
   input_.clear();
   framer_.reset();
-  output_ = {};
+  output_.clear();
+  output_.shrink_to_fit();
   if (delivered) {
     taker_.sessionLost(now);
   }

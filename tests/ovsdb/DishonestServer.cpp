@@ -271,7 +271,7 @@ json DishonestServer::drawColumns(const std::string& table, bool all) {
   json columns;
   if (table == "Global") {
     columns["other_config"] = json::array({"map", json::array()});
-    if (below(3) == 0) {
+    if (below(20) == 0) {
       columns["other_config"][1].push_back({"converging", below(2) == 0 ? "true" : "false"});
     }
   } else if (table == "Physical_Switch") {

@@ -76,7 +76,7 @@ class DishonestServer {
   std::string says();
   // It hangs up now.
   bool hangsUp() const { return hangsUp_; }
-  // It does not read for now.
+  // It does not read at the moment.
   bool isDeaf() const { return deaf_ > 0; }
   Temper temper() const { return temper_; }
   // From the next connection on it is of this temper alone.

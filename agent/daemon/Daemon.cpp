@@ -254,6 +254,7 @@ void Daemon::openDatabase() {
   }
   Ovsdb::Adapter::Options adapter;
   adapter.session.remotes = remotesOf(options_);
+  adapter.session.largestFirst = options_.maxMessage << 20;
   adapter.mapper.topology.switchName = options_.switchName;
   std::tie(adapter.mapper.topology.untaggedFirst, adapter.mapper.topology.untaggedLast) =
       vlanRange(options_.untaggedVlans);

@@ -49,9 +49,9 @@ json Daemon::problems() const {
                      {"where", problem.row.text()},
                      {"text", problem.text}});
     }
-    const std::string error = database_->status().lastError;
-    if (!error.empty() && database_->status().session != Ovsdb::SessionState::following) {
-      all.push_back({{"kind", "session"}, {"where", database_->status().remote}, {"text", error}});
+    const Ovsdb::AdapterStatus status = database_->status();
+    if (!status.problem.empty()) {
+      all.push_back({{"kind", "session"}, {"where", status.remote}, {"text", status.problem}});
     }
   }
   if (kernel_ != nullptr) {

@@ -21,6 +21,9 @@ CLI::App* addRunCommand(CLI::App& app, RunOptions& options) {
   option("--ovsdb-key", options.ovsdbKey, "Private key for ssl remotes");
   option("--ovsdb-cert", options.ovsdbCert, "Certificate for ssl remotes");
   option("--ovsdb-ca", options.ovsdbCa, "Authority that ssl remotes must have");
+  option("--max-message", options.maxMessage,
+         "MiB of the database's first answer, which has all rows, at the most")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{65536}));
   option("--converge-quiet", options.convergeQuiet, "Seconds without a change that end a convergence")
       ->check(CLI::Range(0.0, 1e6));
   option("--converge-max", options.convergeMax, "Seconds after which a convergence ends anyhow")
@@ -69,6 +72,7 @@ constexpr Option all[] = {
     {"ovsdb-key", same<&RunOptions::ovsdbKey>, Changeable::atTheNextStart},
     {"ovsdb-cert", same<&RunOptions::ovsdbCert>, Changeable::atTheNextStart},
     {"ovsdb-ca", same<&RunOptions::ovsdbCa>, Changeable::atTheNextStart},
+    {"max-message", same<&RunOptions::maxMessage>, Changeable::atTheNextStart},
     {"kernel", same<&RunOptions::kernel>, Changeable::atTheNextStart},
     {"kernel-lock-dir", same<&RunOptions::kernelLockDir>, Changeable::atTheNextStart},
     {"port", same<&RunOptions::ports>, Changeable::atTheNextStart},

@@ -20,6 +20,7 @@ struct RunOptions {
   std::string ovsdbKey;
   std::string ovsdbCert;
   std::string ovsdbCa;
+  std::size_t maxMessage = 512;  // MiB
   double convergeQuiet = 2;
   double convergeMax = 120;
   bool kernel = false;

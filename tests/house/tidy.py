@@ -272,6 +272,15 @@ def rule_own_assertion(tree):
                 yield name, number, "assert(); use the fatal assertion, which holds in every build"
 
 
+def rule_json_from_outside(tree):
+    """Texts from outside are read by agent/json, which bounds their nesting."""
+    for name in tree.sources():
+        if name.startswith(("agent/", "tools/")) and not name.startswith("agent/json/"):
+            for number, line in enumerate(masked(tree.text(name)).splitlines(), 1):
+                if re.search(r"\bjson::(parse|accept|sax_parse|from_\w+)\s*\(", line):
+                    yield name, number, "a JSON text is read past agent/json; use parseJson"
+
+
 def rule_no_sleep(tree):
     """Tests wait for what happens, never for time to pass."""
     for name in tree.sources():

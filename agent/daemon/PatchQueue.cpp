@@ -68,16 +68,20 @@ bool PatchQueue::slice() {
 void PatchQueue::advance() {
   hooks_.begin();
   Patch& patch = patches_.front();
+  bool carriedOut = false;
   try {
     if (!patch.checked) {
       check(patch);
     } else if (!patch.pieces.empty()) {
       carryOut(patch);
     } else {
-      end(nullptr);
+      carriedOut = true;
     }
-  } catch (const Refused& refused) {
-    end(&refused);
+  } catch (const std::exception& error) {
+    end(&error);
+  }
+  if (carriedOut) {
+    end(nullptr);
   }
 }
 
@@ -124,10 +128,10 @@ void PatchQueue::renewMaps(Patch& patch) {
   }
 }
 
-void PatchQueue::end(const Refused* refused) {
+void PatchQueue::end(const std::exception* error) {
   const Done done = std::move(patches_.front().done);
   patches_.pop_front();
-  done(refused);
+  done(error);
 }
 
 }  // namespace Agent

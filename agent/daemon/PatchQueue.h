@@ -25,8 +25,8 @@ class PatchQueue {
     std::function<void(const std::function<void()>& change)> guarded;  // keeps what a change throws
     std::function<void(const nlohmann::json& patch)> record;           // one that is carried out
   };
-  // Told why a patch was refused, or null when it was carried out.
-  using Done = std::function<void(const Refused*)>;
+  // Told why a patch was refused (Refused) or what else stopped it, or null when it was carried out.
+  using Done = std::function<void(const std::exception*)>;
 
   // `loop` and `world` must outlive the queue.
   PatchQueue(EventLoop& loop, World& world, Hooks hooks);
@@ -57,7 +57,7 @@ class PatchQueue {
   void check(Patch& patch);
   void carryOut(Patch& patch);
   void renewMaps(Patch& patch);
-  void end(const Refused* refused);
+  void end(const std::exception* error);
 
   EventLoop& loop_;
   World& world_;

@@ -15,8 +15,8 @@ import subprocess
 import sys
 
 # The rooms and what each may include, in the direction of the includes: those before it, and itself.
-ROOMS = ["RingLog", "Memtab", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
-ROOM_FOLDERS = {"platform/RingLog": "RingLog", "platform/Memtab": "Memtab", "platform/Kel": "Kel",
+ROOMS = ["Files", "RingLog", "Memtab", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
+ROOM_FOLDERS = {"platform/Files": "Files", "platform/RingLog": "RingLog", "platform/Memtab": "Memtab", "platform/Kel": "Kel",
                 "platform/Entdb": "Entdb", "Vxlan/types": "Vxlan/types", "Vxlan/framework": "Vxlan/framework",
                 "Vxlan": "Vxlan", "agent": "agent", "tools": "tools"}
 # Neither of these two stands on the other.
@@ -270,6 +270,15 @@ def rule_own_assertion(tree):
         for number, line in enumerate(masked(tree.text(name)).splitlines(), 1):
             if re.search(r"(?<![\w.>:])assert\s*\(|#\s*include\s*<(cassert|assert\.h)>", line):
                 yield name, number, "assert(); use the fatal assertion, which holds in every build"
+
+
+def rule_json_from_outside(tree):
+    """Texts from outside are read by agent/json, which bounds their nesting."""
+    for name in tree.sources():
+        if name.startswith(("agent/", "tools/")) and not name.startswith("agent/json/"):
+            for number, line in enumerate(masked(tree.text(name)).splitlines(), 1):
+                if re.search(r"\bjson::(parse|accept|sax_parse|from_\w+)\s*\(", line):
+                    yield name, number, "a JSON text is read past agent/json; use parseJson"
 
 
 def rule_no_sleep(tree):

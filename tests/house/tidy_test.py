@@ -72,6 +72,15 @@ class Rules(unittest.TestCase):
         self.write("platform/Kel/A.cpp", "#include <nlohmann/json.hpp>\n")
         self.red(tidy.rule_no_foreign_library, 2)
 
+    def test_json_from_outside_is_read_in_one_place(self):
+        self.write("agent/json/Text.cpp", "auto a = nlohmann::json::parse(text);\n")
+        self.write("tests/A.cpp", "auto a = json::parse(text);\n")
+        self.write("agent/B.cpp", "auto a = Request::parse(text);\nauto b = parseJson(text);\n")
+        self.green(tidy.rule_json_from_outside)
+        self.write("agent/B.cpp", "auto a = json::parse(text);\n")
+        self.write("tools/C.cpp", "const bool fits = nlohmann::json::accept(text);\n")
+        self.red(tidy.rule_json_from_outside, 2)
+
     def test_no_include_climbs(self):
         self.write("tests/Kel/A.cpp", '#include "Kel/Ptr.h"\n')
         self.green(tidy.rule_no_parent_include)

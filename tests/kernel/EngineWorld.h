@@ -67,6 +67,26 @@ class EngineTest : public ::testing::Test {
     kernel_.forgetGaps();
   }
 
+  /// Goes on until the engine has asked for a dump of the rows and it is not over.
+  void goOnIntoADumpOfRows() {
+    now_ += seconds(61);
+    while (!kernel_.dumpingRows()) {
+      (void)kernel_.turn(engine(), now_);
+    }
+  }
+  Tally tally(const std::string& kind) {
+    for (const Tally& tally : engine().tallies()) {
+      if (tally.kind == kind) {
+        return tally;
+      }
+    }
+    ADD_FAILURE() << "no tally of " << kind;
+    return {};
+  }
+  Row bridgeRow(Mac mac, const std::string& port) const {
+    return {Table::bridge, index(port), index("vxb10"), mac, {}, 0, false, false};
+  }
+
   FakeKernel kernel_;
   std::optional<Engine> engine_{Options{}};
   std::vector<std::string> ports_;

@@ -16,6 +16,7 @@
 #include "Kel/System.h"
 #include "Memtab/Error.h"
 #include "Vxlan/framework/Trace.h"
+#include "agent/daemon/Delivery.h"
 #include "agent/state/JsonChecks.h"
 #include "agent/state/ReplayTables.h"
 
@@ -329,17 +330,17 @@ void Daemon::tellOfRecording() {
   }
 }
 
-// An error out of a handler is told, and the agent goes on: queue and collections are consistent, the rest is
+// An error out of a handler is told, and the agent goes on: collections are consistent, the rest is
 // delivered.
 void Daemon::guarded(const char* what, const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const Memtab::Full& full) {
-    tableWasFull_ = true;
-    noteProblem("table-full", options_.table, full.what());
-  } catch (const std::exception& error) {
-    noteProblem("error", what, error.what());
-  }
+  carryThrough(work, [&](const std::exception& error) {
+    if (dynamic_cast<const Memtab::Full*>(&error) != nullptr) {
+      tableWasFull_ = true;
+      noteProblem("table-full", options_.table, error.what());
+    } else {
+      noteProblem("error", what, error.what());
+    }
+  });
 }
 
 void Daemon::noteProblem(const std::string& kind, const std::string& where, const std::string& text) {

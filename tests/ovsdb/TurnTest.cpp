@@ -1,4 +1,5 @@
 // How many items a turn looks at, and that all turns together look at no more than a few for each row.
+#include <cstdio>
 #include <string>
 
 #include "Mapping.h"

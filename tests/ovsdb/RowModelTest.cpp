@@ -110,8 +110,8 @@ json plainLook(const FakeDatabase& database) {
 
 json published(const Mapping& mapping) {
   json look = json::object();
-  const json fdb = mapping.at("/controller/fdb");
-  for (const auto& [vni, entry] : (fdb.is_null() ? json::object() : fdb).items()) {
+  const json fdb = mapping.document.value("/controller/fdb"_json_pointer, json::object());
+  for (const auto& [vni, entry] : fdb.items()) {
     json found = json::object();
     const json table = entry.value("macVtepTable", json::object());
     for (const auto& [mac, host] : table.items()) {

@@ -92,7 +92,7 @@ class TurnTest : public testing::Test, public Mapping {
 
 TEST_F(TurnTest, floodRowsOfOneMacComeAndAreSweptInTurns) {
   comes(small() + "," + floodsOfOneMac(), true);
-  expectBoundedAndLinear(2);
+  expectBoundedAndLinear(3);
   EXPECT_EQ(problems(ProblemKind::duplicateMac), many - 1);
   comes(small("initial"), true);
   expectBoundedAndLinear(2);

@@ -19,6 +19,7 @@ class KEL_API HostInput final : public Kel::Entity {
  public:
   struct Reactor : Kel::Reactor {
     virtual void onHost(Bridging::MacVlanPair) {}
+    virtual void onHostkelImmediate() {}
   };
 
   struct Options {
@@ -32,18 +33,23 @@ class KEL_API HostInput final : public Kel::Entity {
   explicit HostInput(const Options& options);
   ~HostInput() override;
 
+  // The host of this key; the default one, which counts as empty, if it is absent.
+  Host host(const Bridging::MacVlanPair& key) const;
   // The host of this key, or nothing.
-  std::optional<Host> host(const Bridging::MacVlanPair& key) const;
-  bool hasHost(const Bridging::MacVlanPair& key) const { return table_.contains(key); }
-  std::size_t hosts() const { return table_.size(); }
-  std::size_t limit() const { return table_.limit(); }
-  std::uint64_t bytesTaken() const { return table_.bytesTaken(); }
+  std::optional<Host> findHost(const Bridging::MacVlanPair& key) const;
+  bool hasHost(const Bridging::MacVlanPair& key) const;
+  std::size_t hosts() const;
+  std::size_t limit() const;
+  // Bytes of memory that the table takes at present.
+  std::uint64_t bytesTaken() const;
 
   // Inserts or replaces the host under its key. Raises Memtab::Full when there is no room; what is there
   // stays.
   void hostIs(const Host& host);
   // Removes a host; an absent key is no error.
   void hostDel(const Bridging::MacVlanPair& key);
+  // Removes every host: gives the whole-collection callback, and one callback for each host removed.
+  void hostDelAll();
 
   // A walk: the first host, and the first behind a key, which need not be there any more; nothing at the end.
   std::optional<Host> firstHost() const;
@@ -55,15 +61,11 @@ class KEL_API HostInput final : public Kel::Entity {
  private:
   using Table = Memtab::Writer<Bridging::MacVlanPair, HostValue>;
 
-  static void publish(void* self) { static_cast<HostInput*>(self)->table_.publish(); }
-  void signal(const Bridging::MacVlanPair& key) {
-    if (reactors() != 0) {
-      changed_.signal(key);
-    }
-  }
+  static void publish(void* self);
+  void signal(const Bridging::MacVlanPair& key);
 
   Table table_;
-  Kel::Notification<Bridging::MacVlanPair, &Reactor::onHost> changed_{*this};
+  Kel::Notification<Bridging::MacVlanPair, &Reactor::onHost, &Reactor::onHostkelImmediate> changed_{*this};
 };
 
 }  // namespace L2Rib

@@ -148,7 +148,7 @@ KernelFollower::~KernelFollower() {
 }
 
 void KernelFollower::host(const Bridging::MacVlanPair& key) {
-  const auto host = world_.hosts->host(key);
+  const auto host = world_.hosts->findHost(key);
   if (host) {
     kernel_.hostIs(key.vlan.value(), kernelMac(key.mac),
                    kernelIp(host->dest.vtepAddr(L2Rib::CiVtepIndex::First).v4()));

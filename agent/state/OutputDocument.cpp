@@ -134,7 +134,7 @@ json OutputDocument::hostOf(const Bridging::MacVlanPair& key, bool l2Rib) {
     const auto value = reader_->find(key);
     return value ? printed(*value) : json();
   }
-  const auto host = world_.hosts->host(key);
+  const auto host = world_.hosts->findHost(key);
   return host ? printed(*host) : json();
 }
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
+#include "Memtab/BusError.h"
+
 namespace L2Rib {
 namespace {
 
@@ -13,6 +15,8 @@ Memtab::Options tableOptions(const HostInput::Options& options) {
   table.fields = hostFields;
   table.limit = options.limit;
   table.mode = options.mode;
+  table.owner = options.owner;
+  table.replaceDamaged = options.replaceDamaged;
   return table;
 }
 
@@ -83,6 +87,18 @@ std::uint64_t HostInput::bytesTaken() const {
   return table_.bytesTaken();
 }
 
+const std::string& HostInput::damage() const {
+  return table_.damage();
+}
+
+bool HostInput::replacing() const {
+  return table_.replacing();
+}
+
+void HostInput::takePlace() {
+  table_.takePlace();
+}
+
 void HostInput::hostIs(const Host& host) {
   table_.is(host.key, host);
   signal(host.key);
@@ -108,6 +124,10 @@ void HostInput::hostDelAll() {
     }
     changed_.signalWhole();
   });
+}
+
+void HostInput::endOnTruncation(const char* program) {
+  Memtab::endOnTruncation(program);
 }
 
 std::optional<Host> HostInput::firstHost() const {

@@ -15,6 +15,7 @@
 #include "agent/daemon/PatchQueue.h"
 #include "agent/daemon/Recorder.h"
 #include "agent/daemon/RunOptions.h"
+#include "agent/daemon/TableRepair.h"
 #include "agent/loop/EventLoop.h"
 #include "agent/metrics/Endpoint.h"
 #include "agent/state/World.h"
@@ -54,7 +55,9 @@ class Daemon {
   void finishPatch();
   void guarded(const char* what, const std::function<void()>& work);
   void noteProblem(const std::string& kind, const std::string& where, const std::string& text);
+  bool settled() const;
   void settleStart();
+  void repairTable();
   void cleanAdopted();
   void writeLeftOut();
   void runKernel();
@@ -74,6 +77,7 @@ class Daemon {
   World world_;
   std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
   std::unique_ptr<Activity> activity_;
+  TableRepair repair_;
   PatchQueue patches_;  // from the control socket
   Recorder recorder_;
   std::unique_ptr<AgentService> service_;

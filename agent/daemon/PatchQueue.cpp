@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "agent/state/AgreedMaps.h"
+
 namespace Agent {
 namespace {
 
@@ -66,22 +68,28 @@ bool PatchQueue::slice() {
 void PatchQueue::advance() {
   hooks_.begin();
   Patch& patch = patches_.front();
+  bool carriedOut = false;
   try {
     if (!patch.checked) {
       check(patch);
     } else if (!patch.pieces.empty()) {
       carryOut(patch);
     } else {
-      end(nullptr);
+      carriedOut = true;
     }
-  } catch (const Refused& refused) {
-    end(&refused);
+  } catch (const std::exception& error) {
+    end(&error);
+  }
+  if (carriedOut) {
+    end(nullptr);
   }
 }
 
 void PatchQueue::check(Patch& patch) {
   if (!patch.cut) {
-    patch.cut.emplace(world_, std::move(patch.whole), hostsPerPiece);
+    AgreedPatch agreed = agreedPatch(world_, std::move(patch.whole));
+    patch.renewed = std::move(agreed.renewed);
+    patch.cut.emplace(world_, std::move(agreed.patch), hostsPerPiece);
   }
   json piece;
   if (patch.cut->next(piece)) {
@@ -105,13 +113,25 @@ void PatchQueue::carryOut(Patch& patch) {
     patch.current.reset();
     hooks_.record(patch.pieces.front());
     patch.pieces.pop_front();
+    renewMaps(patch);
   }
 }
 
-void PatchQueue::end(const Refused* refused) {
+// What the client dropped with the last VNI of a VTI, it takes up again where other VTIs map it.
+void PatchQueue::renewMaps(Patch& patch) {
+  const json renewed = std::exchange(patch.renewed, nullptr);
+  if (!renewed.is_null()) {
+    const auto [removal, setting] = asPatches(renewed);
+    hooks_.record(removal);
+    hooks_.record(setting);
+    hooks_.guarded([&] { renew(world_, renewed); });
+  }
+}
+
+void PatchQueue::end(const std::exception* error) {
   const Done done = std::move(patches_.front().done);
   patches_.pop_front();
-  done(refused);
+  done(error);
 }
 
 }  // namespace Agent

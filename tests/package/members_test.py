@@ -42,6 +42,7 @@ class API Machine {
 class API Concrete final : public Machine {
  public:
   Concrete(int first, Value second);
+  Concrete(const Concrete&) = delete;
   void act() override;
 };
 API int answer(const Value& value);

@@ -146,9 +146,9 @@ std::optional<EventLoop::Clock::time_point> Server::idleSince(ClientId client, c
 void Server::onReady(ClientId client, std::uint32_t events) {
   Session& session = *sessions_.at(client);
   if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
-    session.connection.becomeDeaf();  // what it still has sent is carried out all the same
+    session.connection.becomeDeaf();  // what it still has sent to be changed is carried out all the same
   }
-  if (session.leaving) {
+  if (session.leaving || (session.connection.deaf() && session.right != Right::patch)) {
     session.connection.stopReading();
   } else if ((events & EPOLLIN) != 0 || session.connection.deaf()) {
     session.connection.fill();

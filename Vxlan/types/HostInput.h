@@ -1,6 +1,7 @@
 // The controller's input to the layer-2 RIB: hosts in shared memory.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -27,6 +28,13 @@ class KEL_API HostInput final : public Kel::Entity {
     unsigned mode = 0644;                      // who may read it
   };
 
+  // Somebody who looks after the writes that the table refuses.
+  struct Refusals {
+    std::function<void(const Host& host, const Memtab::Error& why)> refused;
+    // A host was written, or removed.
+    std::function<void(const Bridging::MacVlanPair& key, bool removed)> done;
+  };
+
   // Creates the table, or adopts what is there. Raises Memtab::Error when it cannot be used; the text says
   // why.
   explicit HostInput(const Options& options);
@@ -39,11 +47,14 @@ class KEL_API HostInput final : public Kel::Entity {
   std::size_t limit() const { return table_.limit(); }
   std::uint64_t bytesTaken() const { return table_.bytesTaken(); }
 
-  // Inserts or replaces the host under its key. Raises Memtab::Full when there is no room; what is there
-  // stays.
+  // Inserts or replaces the host under its key. Raises Memtab::Full when there is no room, Memtab::Error when
+  // there is no memory; what is there stays. While somebody looks after refusals he is told instead.
   void hostIs(const Host& host);
   // Removes a host; an absent key is no error.
   void hostDel(const Bridging::MacVlanPair& key);
+
+  // Who looks after refused writes from now on; both functions empty: nobody.
+  void refusalsAre(Refusals refusals);
 
   // A walk: the first host, and the first behind a key, which need not be there any more; nothing at the end.
   std::optional<Host> firstHost() const;
@@ -62,7 +73,10 @@ class KEL_API HostInput final : public Kel::Entity {
     }
   }
 
+  bool write(const Host& host);
+
   Table table_;
+  Refusals refusals_;
   Kel::Notification<Bridging::MacVlanPair, &Reactor::onHost> changed_{*this};
 };
 

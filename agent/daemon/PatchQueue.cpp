@@ -64,19 +64,33 @@ bool PatchQueue::slice() {
 
 // A step of the first patch: a piece is checked, or a change made.
 void PatchQueue::advance() {
-  hooks_.begin();
-  Patch& patch = patches_.front();
+  std::optional<Refused> refused;
+  bool more = true;
   try {
-    if (!patch.checked) {
-      check(patch);
-    } else if (!patch.pieces.empty()) {
-      carryOut(patch);
-    } else {
-      end(nullptr);
-    }
-  } catch (const Refused& refused) {
-    end(&refused);
+    hooks_.begin();
+    more = step(patches_.front());
+  } catch (const Refused& reason) {
+    refused = reason;
+  } catch (const std::exception& error) {
+    refused.emplace("", std::string("an error of the agent: ") + error.what());
   }
+  if (refused) {
+    end(&*refused);
+  } else if (!more) {
+    end(nullptr);
+  }
+}
+
+// False when the patch is carried out.
+bool PatchQueue::step(Patch& patch) {
+  if (!patch.checked) {
+    check(patch);
+  } else if (!patch.pieces.empty()) {
+    carryOut(patch);
+  } else {
+    return false;
+  }
+  return true;
 }
 
 void PatchQueue::check(Patch& patch) {
@@ -95,6 +109,7 @@ void PatchQueue::check(Patch& patch) {
 void PatchQueue::carryOut(Patch& patch) {
   if (!patch.current) {
     patch.current.emplace(world_, patch.pieces.front());
+    hooks_.record(patch.pieces.front());
   }
   bool more = true;
   do {
@@ -103,7 +118,6 @@ void PatchQueue::carryOut(Patch& patch) {
   if (!more) {
     patch.headIsOut = true;
     patch.current.reset();
-    hooks_.record(patch.pieces.front());
     patch.pieces.pop_front();
   }
 }

@@ -50,7 +50,8 @@ def until(what, condition, patience=PATIENCE):
         time.sleep(0.01)
 
 
-def _end_with_parent():
+def end_with_parent():
+    """What a child process does first: it ends with this one."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
@@ -79,7 +80,7 @@ class Rig:
         """Starts a process; what it says is in NAME.log."""
         with open(self.path(name + ".log"), "ab") as log:
             more.setdefault("stdout", log)
-            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stderr=log, preexec_fn=_end_with_parent, **more)
+            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stderr=log, preexec_fn=end_with_parent, **more)
         self.processes.append(process)
         return process
 

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <ostream>
 
+#include "Memtab/BusError.h"
+
 namespace L2Rib {
 namespace {
 
@@ -13,6 +15,8 @@ Memtab::Options tableOptions(const HostInput::Options& options) {
   table.fields = hostFields;
   table.limit = options.limit;
   table.mode = options.mode;
+  table.owner = options.owner;
+  table.replaceDamaged = options.replaceDamaged;
   return table;
 }
 
@@ -90,6 +94,10 @@ void HostInput::hostDel(const Bridging::MacVlanPair& key) {
     signal(key);
     Kel::ActivityLoop::instance().turnHasWritten();
   }
+}
+
+void HostInput::endOnTruncation(const char* program) {
+  Memtab::endOnTruncation(program);
 }
 
 std::optional<Host> HostInput::firstHost() const {

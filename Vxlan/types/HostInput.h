@@ -1,6 +1,8 @@
 // The controller's input to the layer-2 RIB: hosts in shared memory.
 #pragma once
 
+#include <sys/types.h>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -26,6 +28,8 @@ class KEL_API HostInput final : public Kel::Entity {
     std::string name;                          // "/name", a path, or empty: memory of this process alone
     std::size_t limit = std::size_t{1} << 22;  // the most hosts it may hold
     unsigned mode = 0644;                      // who may read it
+    std::optional<uid_t> owner = {};           // whose table is adopted, beside root's and the own user's
+    bool replaceDamaged = false;               // begins an empty one in place of a damaged one
   };
 
   // Somebody who looks after the writes that the table refuses.
@@ -35,8 +39,9 @@ class KEL_API HostInput final : public Kel::Entity {
     std::function<void(const Bridging::MacVlanPair& key, bool removed)> done;
   };
 
-  // Creates the table, or adopts what is there. Raises Memtab::Error when it cannot be used; the text says
-  // why.
+  // Creates the table, or adopts what is there. Raises Memtab::Error when it cannot be used: another process
+  // writes it, it belongs to a stranger, it has other records, or it is damaged and not to be replaced; the
+  // text says why.
   explicit HostInput(const Options& options);
   ~HostInput() override;
 
@@ -55,6 +60,17 @@ class KEL_API HostInput final : public Kel::Entity {
 
   // Who looks after refused writes from now on; both functions empty: nobody.
   void refusalsAre(Refusals refusals);
+
+  // A damaged table that is replaced, be the damage found at the start or later: from then on an empty one is
+  // written, while readers keep the damaged one. What was wrong; whether readers still have it; and, when all
+  // hosts are written again, the end of that: the new table gets the name. See Memtab::Writer.
+  const std::string& damage() const { return table_.damage(); }
+  bool replacing() const { return table_.replacing(); }
+  void takePlace() { table_.takePlace(); }
+
+  // For programs: a table that is truncated while it is in use ends the process with a message that begins
+  // with `program`, and status 2, instead of by the signal alone.
+  static void endOnTruncation(const char* program);
 
   // A walk: the first host, and the first behind a key, which need not be there any more; nothing at the end.
   std::optional<Host> firstHost() const;

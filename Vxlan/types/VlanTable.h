@@ -6,6 +6,7 @@
 #include <deque>
 #include <iterator>
 
+#include "Kel/HashIndex.h"
 #include "Kel/Table.h"
 #include "Vxlan/types/Bridging.h"
 

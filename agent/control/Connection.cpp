@@ -73,13 +73,21 @@ void Connection::stopReading() {
 }
 
 void Connection::queue(std::string line, Kind kind) {
-  if (deaf_) {
+  line += '\n';
+  queueChunk(std::move(line), kind);
+}
+
+void Connection::queuePiece(std::string text) {
+  queueChunk(std::move(text), Kind::answer);
+}
+
+void Connection::queueChunk(std::string text, Kind kind) {
+  if (deaf_ || text.empty()) {
     return;
   }
-  line += '\n';
-  pending_ += line.size();
-  pendingUpdates_ += kind == Kind::update ? line.size() : 0;
-  out_.push_back({std::move(line), kind});
+  pending_ += text.size();
+  pendingUpdates_ += kind == Kind::update ? text.size() : 0;
+  out_.push_back({std::move(text), kind});
 }
 
 std::size_t Connection::flush() {

@@ -33,12 +33,16 @@ class Connection {
   std::string takeLine();
   // Whether what has come in without a newline is longer than a line may be.
   bool lineTooLong() const;
+  // Whether a line has begun to come in.
+  bool midLine() const { return taken_ < in_.size(); }
   // Throws away what has come in, and what may still come.
   void stopReading();
 
   // Puts a line at the end of what goes out; its newline is added. Goes nowhere once the peer does not listen
   // any more.
   void queue(std::string line, Kind kind);
+  // Puts a piece of an answer there, as it is.
+  void queuePiece(std::string text);
   // Writes as much as the socket takes; returns the number of bytes.
   std::size_t flush();
   // Whether the peer can no longer hear us.
@@ -49,6 +53,8 @@ class Connection {
   std::size_t pendingUpdates() const { return pendingUpdates_; }
 
  private:
+  void queueChunk(std::string text, Kind kind);
+
   struct Chunk {
     std::string text;
     Kind kind;

@@ -1,14 +1,13 @@
 #include "agent/control/Listener.h"
 
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
 #include <system_error>
 
@@ -16,7 +15,7 @@ namespace Agent::Control {
 
 namespace {
 
-constexpr int backlog = 16;
+constexpr int backlog = 128;
 
 [[noreturn]] void raise(const std::string& path, const std::string& what, int error = 0) {
   std::string message = "control socket " + path + ": " + what;
@@ -44,18 +43,23 @@ UniqueFd streamSocket(const std::string& path) {
   return fd;
 }
 
-// The lock goes with the descriptor.
-UniqueFd lockedFolderOf(const std::string& path) {
-  std::filesystem::path folder = std::filesystem::path(path).parent_path();
-  if (folder.empty()) {
-    folder = ".";
+Files::LockFile lockOf(const std::string& path) {
+  try {
+    return Files::LockFile(path + ".lock");
+  } catch (const Files::LockHeld& holder) {
+    raise(path, std::string("another agent listens there: ") + holder.what());
+  } catch (const Files::LockRefused& refused) {
+    raise(path, refused.what());
   }
-  UniqueFd fd{open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-  if (!fd) {
-    raise(path, "no such folder", errno);
-  }
-  flock(fd.get(), LOCK_EX);
-  return fd;
+}
+
+// The process at the other end, where the system tells.
+std::string peerOf(const UniqueFd& connection) {
+  ucred peer{};
+  socklen_t size = sizeof peer;
+  return getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid != 0
+             ? ": process " + std::to_string(peer.pid)
+             : "";
 }
 
 }  // namespace
@@ -63,7 +67,7 @@ UniqueFd lockedFolderOf(const std::string& path) {
 Listener::Listener(std::string path, const Access& access) : path_(std::move(path)) {
   addressOf(path_);
   socket_ = streamSocket(path_);
-  const UniqueFd lock = lockedFolderOf(path_);
+  lock_ = lockOf(path_);
   makeRoom();
   bindSocket(access);
   if (listen(socket_.get(), backlog) != 0) {
@@ -93,10 +97,10 @@ void Listener::makeRoom() const {
       connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
       errno == ECONNREFUSED;
   if (!refused) {
-    raise(path_, "another agent listens there");
+    raise(path_, "another agent listens there" + peerOf(probe));
   }
   if (unlink(path_.c_str()) != 0) {
-    raise(path_, "cannot remove the file of a former agent", errno);
+    raise(path_, "cannot remove the file that " + Files::userText(status.st_uid) + " has left there", errno);
   }
 }
 
@@ -108,10 +112,12 @@ void Listener::bindSocket(const Access& access) {
     raise(path_, "bind", errno);
   }
   struct stat status {};
-  if (stat(path_.c_str(), &status) == 0) {
-    device_ = status.st_dev;
-    inode_ = status.st_ino;
+  if (lstat(path_.c_str(), &status) != 0 || !S_ISSOCK(status.st_mode) || status.st_uid != geteuid()) {
+    raise(path_,
+          "the file was taken away while it was made; choose a folder that only the agent can write to");
   }
+  device_ = status.st_dev;
+  inode_ = status.st_ino;
   try {
     accessIs(access);
   } catch (const std::runtime_error&) {
@@ -120,11 +126,18 @@ void Listener::bindSocket(const Access& access) {
   }
 }
 
+// By a descriptor of the very file: where others can write to the folder, the name may lead elsewhere by now.
 void Listener::accessIs(const Access& access) const {
-  if (access.group && chown(path_.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
+  const UniqueFd file{open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+  struct stat status {};
+  if (!file || fstat(file.get(), &status) != 0 || status.st_dev != device_ || status.st_ino != inode_) {
+    raise(path_, "the agent's file is no more there");
+  }
+  const std::string itself = "/proc/self/fd/" + std::to_string(file.get());
+  if (access.group && chown(itself.c_str(), static_cast<uid_t>(-1), *access.group) != 0) {
     raise(path_, "cannot give the file to the configured group", errno);
   }
-  if (chmod(path_.c_str(), access.socketMode()) != 0) {
+  if (chmod(itself.c_str(), access.socketMode()) != 0) {
     raise(path_, "chmod", errno);
   }
 }

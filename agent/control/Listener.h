@@ -4,19 +4,21 @@
 
 #include <string>
 
+#include "Files/LockFile.h"
 #include "agent/control/Access.h"
 #include "agent/control/UniqueFd.h"
 
 namespace Agent::Control {
 
 // The listening unix socket and its file. The file of an agent that was killed is replaced; that of one that
-// lives is left alone. While this is decided the folder is locked, so that two agents that start together do
-// not both win.
+// lives is left alone. A lock beside the socket, PATH.lock, is held for as long as this lives, so that of two
+// agents that start together one wins, and the other is told of it. No other user can take that lock; see
+// Files::LockFile.
 class Listener {
  public:
   // Listens at `path`, with the file's mode and group as `access` wants them. Raises std::runtime_error, with
-  // the path and what is in the way: a live agent, a file that is no socket, a path that is too long, the
-  // system's refusal.
+  // the path and what is in the way: a live agent and its process, a file that is no socket, a lock file of
+  // another user, a path that is too long, the system's refusal. Never waits.
   Listener(std::string path, const Access& access);
   // Removes the file, unless another has put its own there meanwhile.
   ~Listener();
@@ -37,6 +39,7 @@ class Listener {
   void makeRoom() const;
 
   std::string path_;
+  Files::LockFile lock_;
   UniqueFd socket_;
   dev_t device_ = 0;
   ino_t inode_ = 0;

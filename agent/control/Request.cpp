@@ -16,6 +16,8 @@ constexpr std::array<std::pair<std::string_view, Request::Verb>, 4> verbs{
      {"get", Request::Verb::get},
      {"subscribe", Request::Verb::subscribe},
      {"call", Request::Verb::call}}};
+constexpr std::size_t longestId = 256;
+constexpr std::size_t longestPointer = 4096;
 
 json parseText(std::string_view line) {
   try {
@@ -33,6 +35,9 @@ json takeId(json& request) {
   if (!found->is_string() && !found->is_number()) {
     throw BadRequest(nullptr, "\"id\" is a string or a number");
   }
+  if (found->is_string() && found->get_ref<const std::string&>().size() > longestId) {
+    throw BadRequest(nullptr, "\"id\" has at most " + std::to_string(longestId) + " bytes");
+  }
   json id = std::move(*found);
   request.erase(found);
   return id;
@@ -43,6 +48,9 @@ std::string pointerOf(const json& id, std::string_view verb, const json& value) 
     throw BadRequest(id, '"' + std::string(verb) + "\" takes a JSON Pointer");
   }
   const auto& text = value.get_ref<const std::string&>();
+  if (text.size() > longestPointer) {
+    throw BadRequest(id, "a JSON Pointer has at most " + std::to_string(longestPointer) + " bytes");
+  }
   try {
     const json::json_pointer checked{text};
   } catch (const json::parse_error&) {
@@ -129,7 +137,11 @@ std::string okLine(const json& id) {
 }
 
 std::string valueLine(const json& id, const json& value) {
-  return line(id, "\"value\":" + lineText(value));
+  return valueHead(id) + lineText(value) + '}';
+}
+
+std::string valueHead(const json& id) {
+  return id.is_null() ? "{\"value\":" : "{\"id\":" + lineText(id) + ",\"value\":";
 }
 
 std::string mergeLine(const json& id, const std::string& merge) {

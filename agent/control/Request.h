@@ -9,7 +9,8 @@
 namespace Agent::Control {
 
 // One line of a client: exactly one of "patch", "get", "subscribe" and "call", with "params" beside "call",
-// and an optional "id", a string or a number, that comes back in the answer.
+// and an optional "id", a number or a string of up to 256 bytes, that comes back in the answer. A pointer has
+// up to 4096 bytes.
 struct Request {
   enum class Verb { patch, get, subscribe, call };
 
@@ -38,10 +39,12 @@ class BadRequest : public RequestError {
 // The lines that a client gets, without their newline. `id` is null when the request had none.
 std::string okLine(const nlohmann::json& id);
 std::string valueLine(const nlohmann::json& id, const nlohmann::json& value);
+// A value line up to its value; behind the value comes "}".
+std::string valueHead(const nlohmann::json& id);
 // `merge` is a patch that is text already: it is the same for all who follow the same part.
 std::string mergeLine(const nlohmann::json& id, const std::string& merge);
 std::string cutLine(const nlohmann::json& id);
-// `kind` is "refused", "notFound" or "denied".
+// `kind` is "refused", "notFound", "denied" or "failed".
 std::string errorLine(const nlohmann::json& id, std::string_view kind, const Refusal& refusal);
 std::string errorLine(const nlohmann::json& id, const RequestError& error);
 

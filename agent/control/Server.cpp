@@ -16,11 +16,11 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int acceptedAtOnce = 16;
-constexpr std::chrono::seconds rest{1};                   // after the system had no descriptor left
-constexpr std::size_t largeLine = std::size_t{64} << 10;  // is read a part at a time
-constexpr std::size_t pieceOfLine = std::size_t{32} << 10;
-constexpr int idleShare = 19;  // for each moment of comparing, that many without
+constexpr int fewestAccepted = 16;  // in a turn, whatever else there is to do
+constexpr int mostAccepted = 128;
+
+constexpr std::chrono::seconds rest{1};  // after the system had no descriptor left
+constexpr int idleShare = 19;            // for each moment of comparing, that many without
 
 }  // namespace
 
@@ -29,9 +29,12 @@ Server::Server(EventLoop& loop, Service& service, ServerOptions options)
       service_(service),
       options_(std::move(options)),
       listener_(options_.path, options_.access),
-      subscriptions_(service, [this](ClientId client, const json& id, const std::string& merge) {
-        return deliver(client, id, merge);
-      }) {
+      subscriptions_(service, subscriptionHooks(), options_.mostFollowed),
+      budget_(options_.turn, [this] { return loop_.now(); }) {
+  turnHook_ = loop_.addTurnHook([this] {
+    budget_.renew();
+    ++turn_;
+  });
   loop_.watch(listener_.fd(), EPOLLIN, [this](std::uint32_t) { acceptClients(); });
   service_.onChange([this] { changed(); });
 }
@@ -41,10 +44,11 @@ Server::~Server() {
   loop_.forget(listener_.fd());
   loop_.cancel(resting_);
   loop_.cancel(refreshing_);
+  loop_.cancel(serving_);
+  loop_.dropTurnHook(turnHook_);
   for (const auto& [client, session] : sessions_) {
     loop_.forget(session->connection.fd());
     loop_.cancel(session->patience);
-    loop_.cancel(session->next);
     loop_.dropWork(session->parsing);
   }
 }
@@ -55,7 +59,7 @@ void Server::accessIs(const Access& access) {
 }
 
 void Server::acceptClients() {
-  for (int i = 0; i < acceptedAtOnce; ++i) {
+  for (int i = 0; i < fewestAccepted || (i < mostAccepted && budget_.left()); ++i) {
     UniqueFd socket = listener_.accept();
     if (socket) {
       admit(std::move(socket));
@@ -88,20 +92,55 @@ void Server::admit(UniqueFd socket) {
   }
   ++stats_.accepted;
   const Right right = options_.access.of(peer);
-  const bool crowded = sessions_.size() >= options_.mostClients;
+  const std::string refusal = makeRoom(peer, right);
   const std::size_t longest = right == Right::patch ? options_.longestLine : options_.longestReaderLine;
   const ClientId client = ++lastClient_;
-  auto& session = *sessions_
-                       .emplace(client, std::make_unique<Session>(Session{
-                                            Connection(std::move(socket), longest), peer.name(), right}))
-                       .first->second;
-  loop_.watch(session.connection.fd(), 0, [this, client](std::uint32_t events) { onReady(client, events); });
-  if (right == Right::none) {
-    sendAway(session, "may not use this socket");
-  } else if (crowded) {
-    sendAway(session, "too many clients: " + std::to_string(options_.mostClients) + " are here already");
+  auto& session =
+      *sessions_
+           .emplace(client, std::make_unique<Session>(Session{Connection(std::move(socket), longest),
+                                                              peer.name(), peer.uid, right, loop_.now()}))
+           .first->second;
+  loop_.watch(session.connection.fd(), 0,
+              [this, client](std::uint32_t events) { contained(client, [&] { onReady(client, events); }); });
+  if (!refusal.empty()) {
+    sendAway(session, refusal);
   }
   advance(client);
+}
+
+// Finds a place for a newcomer; somebody else may have to go. Returns why there is none.
+std::string Server::makeRoom(const Peer& peer, Right right) {
+  if (right == Right::none) {
+    return "may not use this socket";
+  }
+  std::vector<Places::Client> here;
+  for (const auto& [client, session] : sessions_) {
+    here.push_back({client, session->user, session->right == Right::patch, idleSince(client, *session)});
+  }
+  const Places::Verdict verdict =
+      options_.places.newcomer(peer.uid, right == Right::patch, here, loop_.now());
+  if (verdict.leaves) {
+    Session& leaving = *sessions_.at(*verdict.leaves);
+    if (leaving.leaving) {
+      drop(*verdict.leaves, "");
+    } else {
+      sendAway(leaving, "idle, and its place is needed");
+      settle(*verdict.leaves);
+    }
+  }
+  return verdict.admitted ? "" : verdict.reason;
+}
+
+std::optional<EventLoop::Clock::time_point> Server::idleSince(ClientId client, const Session& session) const {
+  const Connection& connection = session.connection;
+  if (session.leaving) {
+    return EventLoop::Clock::time_point::min();
+  }
+  const bool speaks = connection.hasLine() || (session.right == Right::patch && connection.midLine());
+  if (session.busy || speaks || connection.pending() > 0 || subscriptions_.count(client) > 0) {
+    return std::nullopt;
+  }
+  return session.idleSince;
 }
 
 void Server::onReady(ClientId client, std::uint32_t events) {
@@ -117,36 +156,120 @@ void Server::onReady(ClientId client, std::uint32_t events) {
   advance(client);
 }
 
-// Brings a session on as far as it goes in this turn: one request, and out with what the socket takes.
+// Serves a client at once, unless others have waited for longer.
 void Server::advance(ClientId client) {
   Session& session = *sessions_.at(client);
-  if (takesRequests(session)) {
-    answerNext(client, session);
+  if (wantsService(session) && !backlog_ && session.served != turn_ && budget_.left()) {
+    serve(client, session, 0);
   }
+  settle(client);
+}
+
+// Brings out what the socket takes, and sees to what comes next.
+void Server::settle(ClientId client) {
+  const auto found = sessions_.find(client);
+  if (found == sessions_.end()) {
+    return;
+  }
+  Session& session = *found->second;
   flush(session);
+  if (session.connection.deaf() && session.answer) {
+    endAnswer(session);
+  }
   if (isDone(client, session)) {
     drop(client, "");
     return;
   }
-  if (takesRequests(session)) {
-    advanceSoon(client, session);
+  if (wantsService(session)) {
+    wait(client, session);
   }
   keepPatience(client, session);
   watchFor(session);
 }
 
-void Server::advanceSoon(ClientId client, Session& session) {
-  if (session.next == EventLoop::TimerId::none) {
-    session.next = loop_.after(std::chrono::nanoseconds::zero(), [this, client] {
-      sessions_.at(client)->next = EventLoop::TimerId::none;
-      advance(client);
-    });
+void Server::wait(ClientId client, Session& session) {
+  if (!std::exchange(session.waits, true)) {
+    (session.right == Right::patch ? patchers_ : readers_).push_back(client);
+    serveSoon();
   }
 }
 
-bool Server::takesRequests(const Session& session) const {
+void Server::serveSoon() {
+  if (serving_ == EventLoop::TimerId::none) {
+    serving_ = loop_.after(std::chrono::nanoseconds::zero(), [this] { serveTurn(); });
+  }
+}
+
+// What waits takes its share of a turn. Clients and followed parts take turns at being first.
+void Server::serveTurn() {
+  serving_ = EventLoop::TimerId::none;
+  if (turn_ % 2 == 0) {
+    advanceSubscriptions();
+    serveLanes();
+  } else {
+    serveLanes();
+    advanceSubscriptions();
+  }
+  backlog_ = backlog_ && !(patchers_.empty() && readers_.empty());
+  if (!patchers_.empty() || !readers_.empty() || subscriptions_.due()) {
+    serveSoon();
+  }
+}
+
+// Each client that waits has its turn, one who may patch and one who may not by turns; those that want more
+// wait again.
+void Server::serveLanes() {
+  Lane patchers = std::exchange(patchers_, {});
+  Lane readers = std::exchange(readers_, {});
+  const auto serveFirst = [&](Lane& lane) {
+    if (lane.empty() || !budget_.left()) {
+      return;
+    }
+    const ClientId client = lane.front();
+    lane.pop_front();
+    if (const auto found = sessions_.find(client); found != sessions_.end()) {
+      Session& session = *found->second;
+      session.waits = false;
+      contained(client, [&] {
+        if (wantsService(session) && session.served != turn_) {
+          serve(client, session, patchers.size() + readers.size());
+        }
+        settle(client);
+      });
+    }
+  };
+  while ((!patchers.empty() || !readers.empty()) && budget_.left()) {
+    serveFirst(patchers);
+    serveFirst(readers);
+  }
+  backlog_ = !patchers.empty() || !readers.empty();
+  patchers_.insert(patchers_.begin(), patchers.begin(), patchers.end());
+  readers_.insert(readers_.begin(), readers.begin(), readers.end());
+}
+
+// What goes wrong with a client ends that client alone.
+void Server::contained(ClientId client, const std::function<void()>& work) {
+  try {
+    work();
+  } catch (const std::exception& error) {
+    if (const auto found = sessions_.find(client); found != sessions_.end()) {
+      failed(nullptr, found->second->name, error);
+      ++stats_.dropped;
+      drop(client, error.what());
+    }
+  }
+}
+
+// Whether there is something to do for it now: an answer to go on with, or a request.
+bool Server::wantsService(const Session& session) const {
   const Connection& connection = session.connection;
-  return !session.leaving && !session.busy && (connection.hasLine() || connection.lineTooLong()) &&
+  if (session.leaving) {
+    return false;
+  }
+  if (session.answer) {
+    return connection.pending() < options_.mostAhead;
+  }
+  return !session.busy && (connection.hasLine() || connection.lineTooLong()) &&
          connection.pending() < options_.mostPending;
 }
 
@@ -210,12 +333,14 @@ void Server::drop(ClientId client, std::string_view why) {
   if (!why.empty()) {
     log("control client " + session.name + " dropped: " + std::string(why));
   }
-  subscriptions_.unsubscribe(client);
   loop_.forget(session.connection.fd());
   loop_.cancel(session.patience);
-  loop_.cancel(session.next);
   loop_.dropWork(session.parsing);
   sessions_.erase(found);
+  subscriptions_.unsubscribe(client);
+  if (subscriptions_.due()) {
+    serveSoon();  // to give memory back
+  }
 }
 
 // Tells a client why it must go; it is dropped when that is out.
@@ -227,137 +352,18 @@ void Server::sendAway(Session& session, std::string_view why) {
   session.leaving = true;
 }
 
-void Server::answerNext(ClientId client, Session& session) {
-  if (session.connection.lineTooLong()) {
-    const std::size_t longest =
-        session.right == Right::patch ? options_.longestLine : options_.longestReaderLine;
-    ++stats_.refused;
-    sendAway(session, "a request has at most " + std::to_string(longest) + " bytes");
-    return;
-  }
-  std::string line = session.connection.takeLine();
-  if (line.find_first_not_of(" \t\r") == std::string::npos) {
-    return;
-  }
-  ++stats_.requests;
-  if (line.size() > largeLine) {
-    parseInPieces(client, session, std::move(line));
-  } else {
-    answer(client, session, [&] { return Request::parse(line); });
-  }
-}
-
-void Server::parseInPieces(ClientId client, Session& session, std::string line) {
-  session.busy = true;
-  session.parser = std::make_unique<PieceParser>(std::move(line));
-  session.parsing = loop_.addWork([this, client] { return parsePiece(client); });
-}
-
-bool Server::parsePiece(ClientId client) {
-  Session& session = *sessions_.at(client);
-  if (session.parser->step(pieceOfLine)) {
-    return true;
-  }
-  const std::unique_ptr<PieceParser> parser = std::move(session.parser);
-  session.parsing = EventLoop::WorkId::none;
-  session.busy = false;
-  answer(client, session,
-         [&] { return parser->well() ? Request::of(parser->take()) : Request::parse(parser->text()); });
-  advanceSoon(client, session);
-  return false;
-}
-
-// Answers the request that `read` gives.
-template <typename Read>
-void Server::answer(ClientId client, Session& session, Read read) {
-  Request request;
-  try {
-    request = read();
-  } catch (const BadRequest& error) {
-    session.connection.queue(refuse(errorLine(error.id(), error)), Connection::Kind::answer);
-    return;
-  }
-  carryOut(client, session, std::move(request));
-}
-
-void Server::carryOut(ClientId client, Session& session, Request request) {
-  const bool changes = request.verb == Request::Verb::patch ||
-                       (request.verb == Request::Verb::call && service_.callChanges(request.target));
-  std::string line;
-  try {
-    if (changes && session.right != Right::patch) {
-      line = refuse(errorLine(request.id, "denied", {"", session.name + " may only read"}));
-    } else if (request.verb == Request::Verb::patch) {
-      patch(client, session, std::move(request));
-      return;
-    } else {
-      line = carriedOut(client, request);
-    }
-  } catch (const RequestError& error) {
-    line = refuse(errorLine(request.id, error));
-  } catch (const json::exception& error) {  // a parameter of another type than the method takes
-    line = refuse(errorLine(request.id, "refused", {"", error.what()}));
-  }
-  session.connection.queue(std::move(line), Connection::Kind::answer);
-}
-
-// The answer may come in a later turn, when the client may have gone.
-void Server::patch(ClientId client, Session& session, Request request) {
-  session.busy = true;
-  service_.patch(std::move(request.content), session.name,
-                 [this, client, id = request.id](const std::optional<Refusal>& refusal) {
-                   const auto found = sessions_.find(client);
-                   if (found == sessions_.end()) {
-                     return;
-                   }
-                   found->second->busy = false;
-                   found->second->connection.queue(
-                       refusal ? refuse(errorLine(id, "refused", *refusal)) : okLine(id),
-                       Connection::Kind::answer);
-                   advanceSoon(client, *found->second);
-                 });
-}
-
-// The answer to what is no patch.
-std::string Server::carriedOut(ClientId client, const Request& request) {
-  switch (request.verb) {
-    case Request::Verb::subscribe:
-      if (subscriptions_.count(client) >= options_.mostSubscriptions) {
-        return refuse(
-            errorLine(request.id, "refused",
-                      {"", "at most " + std::to_string(options_.mostSubscriptions) + " subscriptions"}));
-      }
-      return valueLine(request.id, subscriptions_.subscribe(client, request.target, request.id));
-    case Request::Verb::call:
-      return valueLine(request.id, service_.call(request.target, request.content));
-    case Request::Verb::get:
-    case Request::Verb::patch:
-      break;
-  }
-  return valueLine(request.id, service_.get(request.target));
-}
-
-std::string Server::refuse(std::string line) {
-  ++stats_.refused;
-  return line;
-}
-
-bool Server::deliver(ClientId client, const json& id, const std::string& merge) {
-  Session& session = *sessions_.at(client);
-  std::string line = mergeLine(id, merge);
-  const bool fits = session.connection.pendingUpdates() + line.size() <= options_.mostPending;
-  if (fits) {
-    session.connection.queue(std::move(line), Connection::Kind::update);
-  } else {
-    ++stats_.cut;
-    session.connection.queue(cutLine(id), Connection::Kind::answer);
-  }
-  advanceSoon(client, session);
-  return fits;
+ServerStats Server::stats() const {
+  ServerStats stats = stats_;
+  stats.mostItems = budget_.most();
+  return stats;
 }
 
 void Server::changed() {
   if (refreshing_ != EventLoop::TimerId::none || subscriptions_.empty()) {
+    return;
+  }
+  if (refreshIsOn_) {
+    changedMeanwhile_ = true;
     return;
   }
   refreshing_ = loop_.after(earliestRefresh_ - loop_.now(), [this] { refresh(); });
@@ -365,10 +371,30 @@ void Server::changed() {
 
 void Server::refresh() {
   refreshing_ = EventLoop::TimerId::none;
-  const EventLoop::Clock::time_point began = loop_.now();
+  refreshIsOn_ = true;
+  refreshCost_ = {};
   subscriptions_.refresh();
-  const std::chrono::nanoseconds cost = loop_.now() - began;
-  earliestRefresh_ = began + cost + std::max(options_.interval, idleShare * cost);
+  advanceSubscriptions();
+  if (subscriptions_.due()) {
+    serveSoon();
+  }
+}
+
+void Server::advanceSubscriptions() {
+  const EventLoop::Clock::time_point began = loop_.now();
+  subscriptions_.advance(budget_);
+  if (!refreshIsOn_) {
+    return;
+  }
+  const EventLoop::Clock::time_point now = loop_.now();
+  refreshCost_ += now - began;
+  if (!subscriptions_.refreshing()) {
+    refreshIsOn_ = false;
+    earliestRefresh_ = now + std::max(options_.interval, idleShare * refreshCost_);
+    if (std::exchange(changedMeanwhile_, false)) {
+      changed();
+    }
+  }
 }
 
 void Server::log(std::string_view text) const {

@@ -8,12 +8,16 @@
 #include <string_view>
 #include <utility>
 
+#include "agent/json/Parts.h"
+
 namespace Agent::Control {
 
 // Why a patch was not taken: where in the input document (a JSON Pointer) and what is wrong with it there.
+// One that `failed` met an error of the agent's own, perhaps when a part of it was carried out.
 struct Refusal {
   std::string pointer;
   std::string reason;
+  bool failed = false;
 
   bool operator==(const Refusal&) const = default;
 };
@@ -52,8 +56,9 @@ class Service {
   virtual void patch(nlohmann::json&& patch, std::string_view who, Answer answer) = 0;
 
   // The part of the document {"input": ..., "output": ..., "agent": ...} that a well-formed JSON Pointer
-  // leads to; "" is all of it. Raises RequestError (notFound) when it leads nowhere.
-  virtual nlohmann::json get(const std::string& pointer) = 0;
+  // leads to; "" is all of it. Nothing when it leads nowhere; a branch that turns out to have no record is
+  // nothing as well. The part may be walked later, until the service is gone.
+  virtual Part part(const std::string& pointer) = 0;
 
   // Carries out a named method ("explain", "flush", "problems", ...) with its parameters, an object. Raises
   // RequestError: notFound when there is no such thing, refused for an unknown method or bad parameters.

@@ -1,6 +1,7 @@
 #include "agent/daemon/AgentService.h"
 
-#include "agent/json/Text.h"
+#include "agent/state/Branches.h"
+#include "agent/state/InputDocument.h"
 #include "agent/state/JsonChecks.h"
 
 namespace Agent {
@@ -9,11 +10,13 @@ namespace {
 using Control::RequestError;
 using nlohmann::json;
 
-// The name of the first member that a pointer leads to, and the rest of it.
-std::pair<std::string, std::string> split(const std::string& pointer) {
-  const std::size_t slash = pointer.find('/', 1);
-  return slash == std::string::npos ? std::pair(pointer.substr(1), std::string())
-                                    : std::pair(pointer.substr(1, slash - 1), pointer.substr(slash));
+// What is there of one VNI.
+Part vniRecord(const Kel::Ptr<Kel::Entity>& entity) {
+  const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
+  return recordOf({{"state", status ? "instantiated" : "announced"},
+                   {"hosts", status ? status->macVtepTable().size() : 0},
+                   {"floodLists", status ? status->macVtepFloodListTable().size() : 0},
+                   {"multiPaths", status ? status->macVtepMultiPathTable().size() : 0}});
 }
 
 }  // namespace
@@ -26,35 +29,22 @@ void AgentService::patch(json&& patch, std::string_view who, Answer answer) {
     answer(refusal);
     return;
   }
-  hooks_.carryOut(std::move(patch), [this, answer = std::move(answer)](const Refused* refused) {
-    if (refused != nullptr) {
+  hooks_.carryOut(std::move(patch), [this, answer = std::move(answer)](const std::exception* error) {
+    if (const auto* refused = dynamic_cast<const Refused*>(error)) {
       answer(Control::Refusal{refused->pointer(), refused->what()});
       return;
     }
     changed();
-    answer(std::nullopt);
+    answer(error == nullptr ? std::nullopt : std::optional(Control::Refusal{"", error->what(), true}));
   });
 }
 
-json AgentService::get(const std::string& pointer) {
-  if (pointer.empty()) {
-    return {{"input", inputDocument(world_)}, {"output", output_.whole()}, {"agent", agentSection("")}};
-  }
-  const auto [part, rest] = split(pointer);
-  json value;
-  if (part == "input") {
-    // Only the section that is asked for is printed.
-    const std::string section = rest.empty() ? "" : split(rest).first;
-    value = rest.empty() ? inputDocument(world_) : partAt({{section, inputSection(world_, section)}}, rest);
-  } else if (part == "output") {
-    value = output_.at(rest);
-  } else if (part == "agent") {
-    value = partAt({{"agent", agentSection(rest.empty() ? "" : split(rest).first)}}, pointer);
-  }
-  if (value.is_null()) {
-    throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");
-  }
-  return value;
+Part AgentService::part(const std::string& pointer) {
+  auto document = std::make_unique<Members>();
+  document->add("agent", [this] { return agentPart(); });
+  document->add("input", [this] { return inputPart(world_); });
+  document->add("output", [this] { return output_.part(); });
+  return partAt(Part(std::move(document)), pointer);
 }
 
 json AgentService::call(const std::string& method, const json& params) {
@@ -70,31 +60,26 @@ json AgentService::call(const std::string& method, const json& params) {
   throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + "\"");
 }
 
-json AgentService::agentSection(const std::string& part) {
-  json section = hooks_.agentSection();
-  section["vnis"] = vnis();
+// Each member is made when it is asked for: counting what the kernel has takes long.
+Part AgentService::agentPart() {
+  auto members = std::make_unique<Members>();
+  const auto own = std::make_shared<const json>(hooks_.agentSection());
+  for (const auto& [name, value] : own->items()) {
+    members->add(name, [own, member = &value] { return partOf(*member); });
+  }
+  members->add("vnis", [this] { return vnis(); });
   if (database_ != nullptr) {
-    section["ovsdb"] = database_->status().json();
+    members->add("ovsdb", [this] { return partOf(database_->status().json()); });
   }
-  if (kernel_ != nullptr && (part.empty() || part == "kernel" || part == "kernelStatus")) {
-    const json status = kernel_->status();
-    section["kernel"] = status.value("kinds", json::object());
-    section["kernelStatus"] = status;
+  if (kernel_ != nullptr) {
+    members->add("kernel", [this] { return partOf(kernel_->status().value("kinds", json::object())); });
+    members->add("kernelStatus", [this] { return partOf(kernel_->status()); });
   }
-  return section;
+  return Part(std::move(members));
 }
 
-json AgentService::vnis() const {
-  json all = json::object();
-  for (auto&& entry : *world_.fdb) {
-    const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entry.value);
-    json& vni = all[entry.key.text()];
-    vni["state"] = status ? "instantiated" : "announced";
-    vni["hosts"] = status ? status->macVtepTable().size() : 0;
-    vni["floodLists"] = status ? status->macVtepFloodListTable().size() : 0;
-    vni["multiPaths"] = status ? status->macVtepMultiPathTable().size() : 0;
-  }
-  return all;
+Part AgentService::vnis() const {
+  return Part(std::make_unique<DirBranch>(world_.fdb, &vniRecord));
 }
 
 json AgentService::explain(const json& params) {

@@ -13,7 +13,6 @@
 #include "agent/daemon/RefusedWrites.h"
 #include "agent/kernel/Adapter.h"
 #include "agent/ovsdb/Adapter.h"
-#include "agent/state/InputPatch.h"
 #include "agent/state/OutputDocument.h"
 #include "agent/state/World.h"
 
@@ -40,7 +39,7 @@ class AgentService final : public Control::Service {
   Control::Ownership& ownership() { return ownership_; }
 
   void patch(nlohmann::json&& patch, std::string_view who, Answer answer) override;
-  nlohmann::json get(const std::string& pointer) override;
+  Part part(const std::string& pointer) override;
   nlohmann::json call(const std::string& method, const nlohmann::json& params) override;
   bool callChanges(const std::string& method) const override { return method == "flush"; }
   void onChange(std::function<void()> listener) override { listener_ = std::move(listener); }
@@ -53,9 +52,8 @@ class AgentService final : public Control::Service {
   }
 
  private:
-  // `part`: the member that is asked for; empty for all of them. Counting what the kernel has takes long.
-  nlohmann::json agentSection(const std::string& part);
-  nlohmann::json vnis() const;
+  Part agentPart();
+  Part vnis() const;
   nlohmann::json explain(const nlohmann::json& params);
   nlohmann::json flush();
 

@@ -11,11 +11,13 @@
 #include <ctime>
 #include <limits>
 
+#include "Files/Owners.h"
 #include "Kel/Activity.h"
 #include "Kel/System.h"
 #include "Kel/TraceHelper.h"
 #include "Vxlan/framework/Trace.h"
 #include "agent/state/JsonChecks.h"
+#include "agent/state/ReplayTables.h"
 
 namespace Agent {
 namespace {
@@ -32,6 +34,13 @@ L2Rib::HostInput::Options hostTable(const RunOptions& options) {
   L2Rib::HostInput::Options hosts;
   hosts.name = options.table;
   hosts.limit = options.tableLimit;
+  hosts.replaceDamaged = true;
+  if (!options.tableOwner.empty()) {
+    hosts.owner = Files::userOf(options.tableOwner);
+    if (!hosts.owner) {
+      throw std::invalid_argument("--table-owner: there is no user \"" + options.tableOwner + "\"");
+    }
+  }
   return hosts;
 }
 
@@ -132,6 +141,8 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments, Lo
       world_(hostTable(options)),
       refused_(loop_, world_.hosts, [this](const Bridging::MacVlanPair& key) { return isWanted(key); }),
       activity_(std::make_unique<Activity>(*this)),
+      repair_(world_,
+              [this](const std::string& text) { noteProblem("table-damaged", options_.table, text); }),
       patches_(loop_, world_,
                {[this] { finishPatch(); },
                 [this](const std::function<void()>& change) { guarded("a patch", change); },
@@ -208,6 +219,9 @@ void Daemon::openControl() {
   server.path = options_.socket;
   server.access = accessOf(options_);
   server.log = [this](std::string_view text) { log_.line(text); };
+  server.failed = [this](std::string_view where, std::string_view text) {
+    noteError("a request of " + std::string(where), text);
+  };
   server_ = std::make_unique<Control::Server>(loop_, *service_, std::move(server));
 }
 
@@ -215,7 +229,9 @@ void Daemon::openKernel() {
   if (!options_.kernel) {
     return;
   }
-  kernel_ = std::make_unique<Kernel::Adapter>(Kernel::Options{});
+  Kernel::Options kernel;
+  kernel.lockFolder = options_.kernelLockDir;
+  kernel_ = std::make_unique<Kernel::Adapter>(kernel);
   follower_ = std::make_unique<KernelFollower>(world_, *kernel_, portsOf(options_.ports));
   service_->kernelIs(kernel_.get());
   for (const int fd : kernel_->fds()) {
@@ -255,6 +271,7 @@ void Daemon::openDatabase() {
   }
   Ovsdb::Adapter::Options adapter;
   adapter.session.remotes = remotesOf(options_);
+  adapter.session.largestFirst = options_.maxMessage << 20;
   adapter.mapper.topology.switchName = options_.switchName;
   std::tie(adapter.mapper.topology.untaggedFirst, adapter.mapper.topology.untaggedLast) =
       vlanRange(options_.untaggedVlans);
@@ -269,7 +286,7 @@ void Daemon::openDatabase() {
         }
       },
       [this](const std::string& text) { log_.line(text); });
-  for (const std::string& pointer : database_->ownedPointers()) {
+  for (const std::string& pointer : Ovsdb::Adapter::ownedPointers()) {
     service_->ownership().claim(pointer, "ovsdb");
   }
   service_->databaseIs(database_.get());
@@ -365,17 +382,24 @@ void Daemon::noteProblem(const std::string& kind, const std::string& where, cons
   }
 }
 
+// Whether the controller's state is in, and nothing of it waits to be carried out.
+bool Daemon::settled() const {
+  return database_ == nullptr ||
+         (database_->status().session == Ovsdb::SessionState::following && !patch_ &&
+          databaseWork_ == EventLoop::WorkId::none && !database_->mapper().convergence().inProgress());
+}
+
+void Daemon::repairTable() {
+  guarded("the damaged host table", [this] { repair_.look(adoption_ == nullptr && settled()); });
+}
+
 // When the controller's state is in and settled, what is stale goes: of the hosts of an earlier run, and then
 // in the kernel.
 void Daemon::settleStart() {
   if (adoption_ == nullptr && (kernel_ == nullptr || kernelSettled_)) {
     return;
   }
-  const bool following =
-      database_ == nullptr || database_->status().session == Ovsdb::SessionState::following;
-  const bool settled = following && !patch_ && databaseWork_ == EventLoop::WorkId::none &&
-                       (database_ == nullptr || !database_->mapper().convergence().inProgress());
-  if (!settled) {
+  if (!settled()) {
     return;
   }
   if (adoption_ != nullptr) {
@@ -410,6 +434,7 @@ void Daemon::cleanAdopted() {
 
 void Daemon::everySecond() {
   loop_.after(std::chrono::seconds(1), [this] { everySecond(); });  // first, whatever is thrown below
+  repairTable();
   ::sd_notify(0, "WATCHDOG=1");
   log_.flush();
   if (!world_.client) {
@@ -472,6 +497,8 @@ int runDaemon(const RunOptions& options, const std::vector<std::string>& argumen
   if (!options.traceDir.empty()) {
     Vxlan::vccRlDirectoryIs(options.traceDir);
   }
+  L2Rib::HostInput::endOnTruncation("vxlan-agent");
+  removeTablesOfDeadReplays();
   try {
     Daemon daemon(options, arguments, log);
     daemon.run();

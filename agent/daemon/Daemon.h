@@ -17,6 +17,7 @@
 #include "agent/daemon/Recorder.h"
 #include "agent/daemon/RefusedWrites.h"
 #include "agent/daemon/RunOptions.h"
+#include "agent/daemon/TableRepair.h"
 #include "agent/loop/EventLoop.h"
 #include "agent/metrics/Endpoint.h"
 #include "agent/state/World.h"
@@ -59,7 +60,9 @@ class Daemon {
   void noteError(std::string_view where, std::string_view what);
   bool isWanted(const Bridging::MacVlanPair& key) const;
   void noteProblem(const std::string& kind, const std::string& where, const std::string& text);
+  bool settled() const;
   void settleStart();
+  void repairTable();
   void cleanAdopted();
   void runKernel();
   void armKernel();
@@ -80,6 +83,7 @@ class Daemon {
   RefusedWrites refused_;
   std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
   std::unique_ptr<Activity> activity_;
+  TableRepair repair_;
   PatchQueue patches_;  // from the control socket
   Recorder recorder_;
   std::unique_ptr<AgentService> service_;

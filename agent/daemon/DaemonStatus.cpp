@@ -29,6 +29,13 @@ json Daemon::agentSection() const {
                    {{"turns", stall.turns},
                     {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
                     {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
+  if (server_ != nullptr) {
+    const Control::ServerStats stats = server_->stats();
+    section["control"] = {
+        {"clients", server_->clients()}, {"requests", stats.requests}, {"refused", stats.refused},
+        {"failed", stats.failed},        {"cut", stats.cut},           {"dropped", stats.dropped},
+        {"mostItems", stats.mostItems}};
+  }
   if (database_ != nullptr) {
     const Ovsdb::AdapterStatus status = database_->status();
     section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};
@@ -44,9 +51,9 @@ json Daemon::problems() const {
                      {"where", problem.row.text()},
                      {"text", problem.text}});
     }
-    const std::string error = database_->status().lastError;
-    if (!error.empty() && database_->status().session != Ovsdb::SessionState::following) {
-      all.push_back({{"kind", "session"}, {"where", database_->status().remote}, {"text", error}});
+    const Ovsdb::AdapterStatus status = database_->status();
+    if (!status.problem.empty()) {
+      all.push_back({{"kind", "session"}, {"where", status.remote}, {"text", status.problem}});
     }
   }
   if (kernel_ != nullptr) {

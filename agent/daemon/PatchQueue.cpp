@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "agent/state/AgreedMaps.h"
+
 namespace Agent {
 namespace {
 
@@ -64,19 +66,14 @@ bool PatchQueue::slice() {
 
 // A step of the first patch: a piece is checked, or a change made.
 void PatchQueue::advance() {
-  std::optional<Refused> refused;
-  bool more = true;
+  bool carriedOut = false;
   try {
     hooks_.begin();
-    more = step(patches_.front());
-  } catch (const Refused& reason) {
-    refused = reason;
+    carriedOut = !step(patches_.front());
   } catch (const std::exception& error) {
-    refused.emplace("", std::string("an error of the agent: ") + error.what());
+    end(&error);
   }
-  if (refused) {
-    end(&*refused);
-  } else if (!more) {
+  if (carriedOut) {
     end(nullptr);
   }
 }
@@ -95,7 +92,9 @@ bool PatchQueue::step(Patch& patch) {
 
 void PatchQueue::check(Patch& patch) {
   if (!patch.cut) {
-    patch.cut.emplace(world_, std::move(patch.whole), hostsPerPiece);
+    AgreedPatch agreed = agreedPatch(world_, std::move(patch.whole));
+    patch.renewed = std::move(agreed.renewed);
+    patch.cut.emplace(world_, std::move(agreed.patch), hostsPerPiece);
   }
   json piece;
   if (patch.cut->next(piece)) {
@@ -119,13 +118,25 @@ void PatchQueue::carryOut(Patch& patch) {
     patch.headIsOut = true;
     patch.current.reset();
     patch.pieces.pop_front();
+    renewMaps(patch);
   }
 }
 
-void PatchQueue::end(const Refused* refused) {
+// What the client dropped with the last VNI of a VTI, it takes up again where other VTIs map it.
+void PatchQueue::renewMaps(Patch& patch) {
+  const json renewed = std::exchange(patch.renewed, nullptr);
+  if (!renewed.is_null()) {
+    const auto [removal, setting] = asPatches(renewed);
+    hooks_.record(removal);
+    hooks_.record(setting);
+    hooks_.guarded([&] { renew(world_, renewed); });
+  }
+}
+
+void PatchQueue::end(const std::exception* error) {
   const Done done = std::move(patches_.front().done);
   patches_.pop_front();
-  done(refused);
+  done(error);
 }
 
 }  // namespace Agent

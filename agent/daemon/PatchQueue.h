@@ -16,8 +16,9 @@ namespace Agent {
 // Carries out patches one after the other: a small one at once, a large one in pieces, in slices of the
 // loop's bulk work, so that the loop goes on while it is checked and carried out. All pieces are checked
 // before the first is carried out, and recorded before it is carried out. The first has all but the VNIs and
-// is carried out at once, since others may change meanwhile what it was checked against. Whatever is thrown
-// on the way ends that patch, with an answer that says so.
+// is carried out at once, since others may change meanwhile what it was checked against, and so that no clock
+// fires between the maps of two VTIs. VTIs that map anything map the same VNIs: that is judged on the whole
+// patch, before it is cut. Whatever is thrown on the way ends that patch, with an answer that says so.
 class PatchQueue {
  public:
   struct Hooks {
@@ -25,8 +26,8 @@ class PatchQueue {
     std::function<void(const std::function<void()>& change)> guarded;  // keeps what a change throws
     std::function<void(const nlohmann::json& patch)> record;           // before it is carried out
   };
-  // Told why a patch was refused, or null when it was carried out.
-  using Done = std::function<void(const Refused*)>;
+  // Told why a patch was refused (Refused) or what else stopped it, or null when it was carried out.
+  using Done = std::function<void(const std::exception*)>;
 
   // `loop` and `world` must outlive the queue.
   PatchQueue(EventLoop& loop, World& world, Hooks hooks);
@@ -45,6 +46,7 @@ class PatchQueue {
     nlohmann::json whole;
     Done done;
     std::optional<PatchPieces> cut{};
+    nlohmann::json renewed{};  // mappings to be signalled once more behind the head
     bool checked = false;
     std::deque<nlohmann::json> pieces{};
     std::optional<InputPatch> current{};  // of the first piece
@@ -56,7 +58,8 @@ class PatchQueue {
   bool step(Patch& patch);
   void check(Patch& patch);
   void carryOut(Patch& patch);
-  void end(const Refused* refused);
+  void renewMaps(Patch& patch);
+  void end(const std::exception* error);
 
   EventLoop& loop_;
   World& world_;

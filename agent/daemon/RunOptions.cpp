@@ -21,15 +21,21 @@ CLI::App* addRunCommand(CLI::App& app, RunOptions& options) {
   option("--ovsdb-key", options.ovsdbKey, "Private key for ssl remotes");
   option("--ovsdb-cert", options.ovsdbCert, "Certificate for ssl remotes");
   option("--ovsdb-ca", options.ovsdbCa, "Authority that ssl remotes must have");
+  option("--max-message", options.maxMessage,
+         "MiB of the database's first answer, which has all rows, at the most")
+      ->check(CLI::Range(std::size_t{1}, std::size_t{65536}));
   option("--converge-quiet", options.convergeQuiet, "Seconds without a change that end a convergence")
       ->check(CLI::Range(0.0, 1e6));
   option("--converge-max", options.convergeMax, "Seconds after which a convergence ends anyhow")
       ->check(CLI::Range(0.0, 1e6));
   run->add_flag("--kernel", options.kernel, "Program the kernel's bridges and VXLAN devices");
+  option("--kernel-lock-dir", options.kernelLockDir,
+         "The folder of the lock that keeps a second agent out of the network namespace");
   option("--port", options.ports,
          "Put an interface into the bridge of a VLAN: VLAN:INTERFACE, several with commas")
       ->delimiter(',');
   option("--table", options.table, "The table of hosts in shared memory");
+  option("--table-owner", options.tableOwner, "Adopt the table of this user, too");
   option("--table-limit", options.tableLimit, "How many hosts a new table may hold")
       ->check(CLI::Range(std::size_t{1}, std::size_t{268435455}));
   option("--metrics", options.metrics, "Serve Prometheus at this ADDRESS:PORT");
@@ -66,9 +72,12 @@ constexpr Option all[] = {
     {"ovsdb-key", same<&RunOptions::ovsdbKey>, Changeable::atTheNextStart},
     {"ovsdb-cert", same<&RunOptions::ovsdbCert>, Changeable::atTheNextStart},
     {"ovsdb-ca", same<&RunOptions::ovsdbCa>, Changeable::atTheNextStart},
+    {"max-message", same<&RunOptions::maxMessage>, Changeable::atTheNextStart},
     {"kernel", same<&RunOptions::kernel>, Changeable::atTheNextStart},
+    {"kernel-lock-dir", same<&RunOptions::kernelLockDir>, Changeable::atTheNextStart},
     {"port", same<&RunOptions::ports>, Changeable::atTheNextStart},
     {"table", same<&RunOptions::table>, Changeable::atTheNextStart},
+    {"table-owner", same<&RunOptions::tableOwner>, Changeable::atTheNextStart},
     {"table-limit", same<&RunOptions::tableLimit>, Changeable::atTheNextStart},
     {"metrics", same<&RunOptions::metrics>, Changeable::atTheNextStart},
     {"socket", same<&RunOptions::socket>, Changeable::atTheNextStart},

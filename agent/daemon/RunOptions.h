@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "agent/control/Defaults.h"
+#include "agent/kernel/Options.h"
 
 namespace Agent {
 
@@ -19,11 +20,14 @@ struct RunOptions {
   std::string ovsdbKey;
   std::string ovsdbCert;
   std::string ovsdbCa;
+  std::size_t maxMessage = 512;  // MiB
   double convergeQuiet = 2;
   double convergeMax = 120;
   bool kernel = false;
+  std::string kernelLockDir = Kernel::Options().lockFolder;
   std::vector<std::string> ports;  // VLAN:INTERFACE, to enslave
   std::string table = Defaults::hostTable;
+  std::string tableOwner;  // whose table is adopted, beside root's and the own user's
   std::size_t tableLimit = std::size_t{1} << 20;
   std::string metrics;
   std::string socket = Defaults::socketPath;

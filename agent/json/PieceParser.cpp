@@ -14,7 +14,7 @@ bool PieceParser::step(std::size_t bytes) {
     while (state_ != State::end && state_ != State::broken && (at_ < until || at_ >= text_.size())) {
       token();
     }
-  } catch (const BadJson&) {  // in a string or a number
+  } catch (const BadJson&) {  // nested too deep, or a string or number that is none
     state_ = State::broken;
   }
   return state_ != State::end && state_ != State::broken;
@@ -59,10 +59,7 @@ void PieceParser::token() {
 
 void PieceParser::open(json container) {
   const bool object = container.is_object();
-  if (open_.size() == static_cast<std::size_t>(deepestJson)) {
-    state_ = State::broken;
-    return;
-  }
+  nesting_.open();
   json* place = &root_;
   if (open_.empty()) {
     root_ = std::move(container);
@@ -82,6 +79,7 @@ void PieceParser::close(char bracket) {
     return;
   }
   open_.pop_back();
+  nesting_.close();
   state_ = State::next;
 }
 

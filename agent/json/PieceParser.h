@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/json/Text.h"
+
 namespace Agent {
 
 // Reads a large JSON text a part at a time, so that nobody waits for the whole. What comes out is what
@@ -41,6 +43,7 @@ class PieceParser {
   State state_ = State::value;
   nlohmann::json root_;
   std::vector<nlohmann::json*> open_;  // containers around the place, outermost first
+  Nesting nesting_;
   std::string key_;
 };
 

@@ -1,17 +1,14 @@
 #include "agent/json/Text.h"
 
-#include <algorithm>
-
 namespace Agent {
 
 namespace {
 
 using nlohmann::json;
 
-// How deep arrays and objects stand inside one another, found without building them.
-int depthOf(std::string_view text) {
-  int depth = 0;
-  int deepest = 0;
+// Raises BadJson where arrays and objects stand too deep inside one another; nothing is built for that.
+void checkNesting(std::string_view text) {
+  Nesting nesting;
   bool inString = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
@@ -23,12 +20,11 @@ int depthOf(std::string_view text) {
     } else if (c == '"') {
       inString = true;
     } else if (c == '{' || c == '[') {
-      deepest = std::max(deepest, ++depth);
+      nesting.open();
     } else if (c == '}' || c == ']') {
-      --depth;
+      nesting.close();
     }
   }
-  return deepest;
 }
 
 BadJson notJson(std::size_t byte) {
@@ -37,14 +33,19 @@ BadJson notJson(std::size_t byte) {
 
 }  // namespace
 
+void Nesting::open() {
+  if (depth_ == deepestJson) {
+    throw BadJson("nested deeper than " + std::to_string(deepestJson) + " levels");
+  }
+  ++depth_;
+}
+
 json parseJson(std::string_view text) {
   // The parser takes a zero byte for the end of the text.
   if (const std::size_t zero = text.find('\0'); zero != std::string_view::npos) {
     throw notJson(zero + 1);
   }
-  if (depthOf(text) > deepestJson) {
-    throw BadJson("nested deeper than " + std::to_string(deepestJson) + " levels");
-  }
+  checkNesting(text);
   try {
     return json::parse(text);
   } catch (const json::parse_error& error) {

@@ -25,6 +25,20 @@ class BadJson : public std::runtime_error {
   std::size_t byte_;
 };
 
+// How deep a reader stands inside arrays and objects. Everything that reads a text from outside counts with
+// this class, before it builds or enters anything, so that the limit stands in one place.
+class Nesting {
+ public:
+  // An array or object begins. Raises BadJson where it would be deeper than deepestJson.
+  void open();
+  // One ends. Has no effect outside of all, where a reader has its own objection.
+  void close() { depth_ -= depth_ > 0 ? 1 : 0; }
+  int depth() const { return depth_; }
+
+ private:
+  int depth_ = 0;
+};
+
 // Reads a text that is one JSON value. Raises BadJson for anything else, for a value that is nested too deep,
 // and for a number that no double holds.
 nlohmann::json parseJson(std::string_view text);

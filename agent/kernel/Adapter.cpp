@@ -3,7 +3,9 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
+#include <ctime>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -18,10 +20,20 @@ constexpr std::size_t kAnswersAtOnce = 32;
 constexpr std::size_t kReportsAtOnce = 64;
 constexpr int kReadsAtOnce = 16;
 
+// Such as "2026-01-31T23:59:59Z".
+std::string utcText(std::chrono::system_clock::time_point at) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(at);
+  std::tm parts{};
+  (void)::gmtime_r(&seconds, &parts);
+  std::array<char, 32> text{};
+  return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}
+
 }  // namespace
 
 Adapter::Adapter(const Options& options)
-    : engine_(options),
+    : lock_(options.lockFolder, options.netns),
+      engine_(options),
       requests_(options.netns, kAnswerBuffer, kDumpPart, kAnswersAtOnce),
       reports_(options.netns, options.reportBuffer, kReport, kReportsAtOnce),
       batchBytes_(options.batchBytes) {
@@ -63,9 +75,10 @@ bool Adapter::run(Time budget) {
   Time at = begin;
   bool idle = false;
   while (!idle && at - begin < budget) {
+    engine_.timeIs(at);
     bool heard = readAnswers();
     if (drainReports()) {
-      const Batch& batch = engine_.batch(at);
+      const Batch& batch = engine_.batch();
       if (!batch.empty()) {
         send(batch);
       } else {
@@ -73,6 +86,9 @@ bool Adapter::run(Time budget) {
       }
     }
     at = now();
+  }
+  if (std::exchange(audits_, engine_.counters().audits) != engine_.counters().audits) {
+    compared_ = std::chrono::system_clock::now();
   }
   longestSlice_ = std::max(longestSlice_, at - begin);
   return !idle;
@@ -200,6 +216,7 @@ void Adapter::report(const nlmsghdr& message, bool dumped) {
       break;
     case RTM_NEWLINK:
       if (auto link = readLink(message)) engine_.linkIs(*link);
+      if (auto port = readBridgePort(message)) engine_.portIs(*port);
       break;
     case RTM_DELLINK:
       if (auto link = readLink(message)) engine_.linkDel(link->index);
@@ -261,10 +278,16 @@ nlohmann::json Adapter::explain(Vlan vlan, Mac mac) {
 }
 
 nlohmann::json Adapter::status() const {
-  nlohmann::json out;
+  using nlohmann::json;
+  json out;
   for (const Tally& tally : engine_.tallies()) {
-    out["kinds"][tally.kind] = {
-        {"wanted", tally.wanted}, {"there", tally.there}, {"differing", tally.differing}};
+    json& kind = out["kinds"][tally.kind];
+    kind = {
+        {"wanted", tally.wanted}, {"there", tally.there}, {"differing", nullptr}, {"unknown", tally.unknown}};
+    if (tally.unknown == 0) {
+      kind["differing"] = tally.differing;
+    }
+    kind["compared"] = compared_ ? json(utcText(*compared_)) : json();
   }
   const Counters& counters = engine_.counters();
   out["counters"] = {{"requests", counters.requests}, {"acknowledged", counters.acknowledged},

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "agent/kernel/Engine.h"
+#include "agent/kernel/NamespaceLock.h"
 #include "agent/kernel/Socket.h"
 #include "agent/kernel/Wire.h"
 
@@ -16,8 +17,8 @@ namespace Agent::Kernel {
 /// returns true.
 class Adapter {
  public:
-  /// Raises SocketError when the sockets cannot be had; what the kernel refuses later is a problem, not an
-  /// error.
+  /// Raises LockError when another agent programs the namespace, SocketError when the sockets cannot be had;
+  /// what the kernel refuses later is a problem, not an error.
   explicit Adapter(const Options& options);
 
   /// What is wanted, as for Engine.
@@ -40,7 +41,8 @@ class Adapter {
   /// The time on the clock that nextWakeup is on.
   static Time now();
 
-  /// {"kinds": {"hosts": {"wanted", "there", "differing"}, ...}, "counters": {...}, "longestSliceNs", ...}
+  /// {"kinds": {"hosts": {"wanted", "there", "differing", "unknown", "compared"}, ...}, "counters": {...},
+  /// "longestSliceNs", ...}
   nlohmann::json status() const;
   /// [{"what", "why", "attempts", "retryInSeconds"}, ...], and {"what", "why"} for those beyond `most`.
   nlohmann::json problems(std::size_t most = 100) const;
@@ -60,6 +62,7 @@ class Adapter {
   void report(const nlmsghdr& message, bool dumped);
   nlohmann::json readBack(const Row& row);
 
+  NamespaceLock lock_;
   Engine engine_;
   Socket requests_;
   Socket reports_;
@@ -74,6 +77,8 @@ class Adapter {
   std::vector<Row> asked_;
   std::string askError_;
   Time longestSlice_{};
+  std::uint64_t audits_ = 0;  // As the engine counted them last; when there was a new one.
+  std::optional<std::chrono::system_clock::time_point> compared_;
 };
 
 }  // namespace Agent::Kernel

@@ -32,33 +32,72 @@ void Devices::fail(const Key& key, std::string why) {
 
 void Devices::is(Vlan vlan, const Mapping& mapping) {
   Domain& domain = state_.domain(vlan);
-  if (domain.mapping == mapping) return;
+  if (domain.mapping == mapping) {
+    return;
+  }
   if (domain.mapping) {
-    for (std::size_t at = 0; at < domain.mapping->ports.size(); ++at) {
-      state_.failures.cleared(portKey(domain, at));
+    if (domain.mapping->vni != mapping.vni) {
+      state_.released.insert(domain.device);
     }
-    if (domain.mapping->vni != mapping.vni) state_.released.insert(domain.device);
+    unmap(domain);
   }
   domain.mapping = mapping;
-  state_.failures.cleared(keyOf(domain));
-  state_.queue(domain);
-  state_.walk(domain);
-  state_.linksDirty = true;
+  state_.vlanOf[mapping.vni] = vlan;
+  for (const std::string& port : mapping.ports) {
+    state_.portUsers[port].insert(vlan);
+  }
+  mappingChanged(domain);
 }
 
 void Devices::del(Vlan vlan) {
   Domain* domain = state_.find(vlan);
-  if (domain == nullptr || !domain->mapping) return;
-  for (std::size_t at = 0; at < domain->mapping->ports.size(); ++at) {
-    state_.failures.cleared(portKey(*domain, at));
+  if (domain == nullptr || !domain->mapping) {
+    return;
   }
-  domain->mapping.reset();
-  state_.failures.cleared(keyOf(*domain));
+  unmap(*domain);
   state_.released.insert(domain->device);
   state_.released.insert(domain->bridge);
-  state_.queue(*domain);
-  state_.walk(*domain);
-  state_.linksDirty = true;
+  mappingChanged(*domain);
+}
+
+// Forgets what is known of the domain by its mapping.
+void Devices::unmap(Domain& domain) {
+  const Mapping& mapping = *domain.mapping;
+  for (std::size_t at = 0; at < mapping.ports.size(); ++at) {
+    state_.failures.cleared(portKey(domain, at));
+    const auto users = state_.portUsers.find(mapping.ports[at]);
+    if (users != state_.portUsers.end() && users->second.erase(domain.vlan) != 0 && users->second.empty()) {
+      state_.portUsers.erase(users);
+    }
+  }
+  const auto user = state_.vlanOf.find(mapping.vni);
+  if (user != state_.vlanOf.end() && user->second == domain.vlan) {
+    state_.vlanOf.erase(user);
+  }
+  const std::set<IfIndex>& devices = state_.links.ofVni(mapping.vni);
+  state_.suspects.insert(devices.begin(), devices.end());
+  suspectBridges(domain);
+  domain.mapping.reset();
+}
+
+// The bridges that are, or could have become, the domain's.
+void Devices::suspectBridges(const Domain& domain) {
+  const std::set<IfIndex>& bridges = state_.links.bridgesOf(domain.vlan);
+  state_.suspects.insert(bridges.begin(), bridges.end());
+  const Link* named = state_.links.named(state_.options.bridgePrefix + std::to_string(domain.vlan));
+  if (named != nullptr) {
+    state_.suspects.insert(named->index);
+  }
+  state_.suspects.insert(domain.bridge);
+}
+
+void Devices::mappingChanged(Domain& domain) {
+  state_.failures.cleared(keyOf(domain));
+  state_.contention.wanted(keyOf(domain), domain.strife);
+  domain.complete = false;
+  state_.suspects.insert(domain.device);
+  state_.queue(domain);
+  state_.walk(domain);
 }
 
 void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
@@ -76,13 +115,13 @@ void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
   }
   leaveDevice(domain);
   if (device != 0) beginTurn(domain);
+  state_.suspects.insert(domain.device);
   domain.device = device;
   state_.links.used(device);
   ++domain.deviceLife;
   domain.blind = device != 0 && blind;
   if (domain.blind) state_.auditWanted = true;
   state_.walk(domain);
-  state_.linksDirty = true;
 }
 
 // Its flood rows stay until it goes, and bear no mark.
@@ -90,6 +129,7 @@ void Devices::leaveDevice(Domain& domain) {
   if (state_.links.at(domain.device) == nullptr) return;
   auto& left = domain.left[domain.device];
   left.clear();
+  state_.mention(domain.device, domain.vlan);
   for (const auto& [mac, flood] : domain.floods) {
     if (flood.deviceLife != domain.deviceLife) continue;
     for (const auto& [dst, destination] : flood.there) {
@@ -103,6 +143,7 @@ void Devices::beginTurn(Domain& domain) {
   if (previous == nullptr || !state_.links.ours(*previous) || previous->master != domain.bridge) return;
   domain.turn = Turn{domain.device, state_.now + state_.options.renumberPause};
   state_.turns.insert(domain.vlan);
+  state_.mention(domain.device, domain.vlan);
 }
 
 void Devices::step(Domain& domain, Batch& out) {
@@ -120,9 +161,9 @@ void Devices::step(Domain& domain, Batch& out) {
     turn.turned = domain.ready();
     state_.walk(domain);
   } else if (turn.silenced) {
+    state_.suspects.insert(turn.previous);
     domain.turn.reset();
     state_.turns.erase(domain.vlan);
-    state_.linksDirty = true;
   }
 }
 
@@ -140,92 +181,48 @@ Time Devices::nextTurn() const {
   return next;
 }
 
+// The rows that were in the bridge before are not in the one that it has now.
 void Devices::bridgeIs(Domain& domain, IfIndex bridge) {
-  if (domain.bridge == bridge) return;
-  auto before = state_.bridgeOf.find(domain.bridge);
-  if (before != state_.bridgeOf.end() && before->second == domain.vlan) state_.bridgeOf.erase(before);
+  if (domain.bridge == bridge) {
+    return;
+  }
+  const auto before = state_.bridgeOf.find(domain.bridge);
+  if (before != state_.bridgeOf.end() && before->second == domain.vlan) {
+    state_.bridgeOf.erase(before);
+  }
+  suspectBridges(domain);
   domain.bridge = bridge;
-  if (bridge != 0) state_.bridgeOf[bridge] = domain.vlan;
+  ++domain.bridgeLife;
+  domain.bridgeBlind = bridge != 0 && !state_.adopting && !state_.links.fresh(bridge);
+  if (domain.bridgeBlind) {
+    state_.auditWanted = true;
+  }
+  if (bridge != 0) {
+    state_.bridgeOf[bridge] = domain.vlan;
+    state_.links.used(bridge);
+  }
   state_.walk(domain);
-}
-
-// At the start: what the alias says belongs to a VLAN is its until a mapping says otherwise.
-void Devices::adopt(const Link& link) {
-  std::optional<Vlan> vlan = state_.links.vlan(link);
-  if (!vlan) return;
-  Domain& domain = state_.domain(*vlan);
-  if (link.kind == LinkKind::bridge && domain.bridge == 0) bridgeIs(domain, link.index);
-  if (link.kind == LinkKind::vxlan && domain.device == 0 &&
-      (!domain.mapping || domain.mapping->vni == link.vni)) {
-    deviceIs(domain, link.index, false);
-  }
-}
-
-void Devices::requeueUsers(const Link& link) {
-  auto queue = [this](const std::map<IfIndex, Vlan>& users, IfIndex index) {
-    auto at = users.find(index);
-    if (at != users.end()) state_.queue(*state_.find(at->second));
-  };
-  queue(state_.deviceOf, link.index);
-  queue(state_.bridgeOf, link.index);
-  queue(state_.bridgeOf, link.master);
-  for (auto& [vlan, domain] : state_.domains) {
-    if (!domain.mapping || domain.queued) continue;
-    const Mapping& mapping = *domain.mapping;
-    bool waits = domain.device == 0 && (link.kind == LinkKind::vxlan && link.vni == mapping.vni);
-    waits = waits || domain.bridge == 0;
-    waits = waits || std::find(mapping.ports.begin(), mapping.ports.end(), link.name) != mapping.ports.end();
-    if (waits) state_.queue(domain);
-  }
-}
-
-void Devices::linkIs(const Link& link) {
-  if (!state_.links.is(link, state_.dump)) return;
-  if (state_.adopting) adopt(link);
-  state_.linksDirty = state_.linksDirty || state_.links.ours(link);
-  requeueUsers(link);
-}
-
-void Devices::linkDel(IfIndex index) {
-  const Link* there = state_.links.at(index);
-  if (there == nullptr) return;
-  Link link = *there;
-  state_.links.del(index);
-  state_.released.erase(index);
-  auto device = state_.deviceOf.find(index);
-  if (device != state_.deviceOf.end()) {
-    Domain& domain = *state_.find(device->second);
-    if (domain.mapping) ++state_.counters.repairs;
-    deviceIs(domain, 0, false);
-    state_.queue(domain);
-  }
-  auto bridge = state_.bridgeOf.find(index);
-  if (bridge != state_.bridgeOf.end()) {
-    Domain& domain = *state_.find(bridge->second);
-    bridgeIs(domain, 0);
-    state_.queue(domain);
-  }
-  for (auto& [vlan, domain] : state_.domains) {
-    domain.enslaved.erase(index);
-    domain.left.erase(index);
-    if (!domain.turn || domain.turn->previous != index) continue;
-    domain.turn.reset();
-    state_.turns.erase(vlan);
-    state_.walk(domain);
-  }
-  state_.linksDirty = true;
-  requeueUsers(link);
 }
 
 const Link* Devices::device(const Domain& domain) const {
   return state_.links.vxlan(domain.mapping->vni, state_.options.udpPort);
 }
 
+// Somebody else's device stays in its bridge. Ours stays in the bridge that is in use, or comes into that of
+// ours for the VLAN, whatever its name is by now: a new one of the right name would have none of the rows.
 const Link* Devices::bridge(const Domain& domain, const Link* device) const {
-  const Link* named = state_.links.named(state_.options.bridgePrefix + std::to_string(domain.vlan));
-  if (device == nullptr || device->master == 0 || state_.links.ours(*device)) return named;
-  const Link* master = state_.links.at(device->master);
-  return master != nullptr && master->kind == LinkKind::bridge ? master : named;
+  const Link* master = device == nullptr ? nullptr : state_.links.at(device->master);
+  if (master != nullptr && master->kind == LinkKind::bridge &&
+      (!state_.links.ours(*device) || master->index == domain.bridge)) {
+    return master;
+  }
+  const Link* current = state_.links.at(domain.bridge);
+  if (current != nullptr && state_.links.ours(*current) && state_.links.vlan(*current) == domain.vlan) {
+    return current;
+  }
+  const Link* known = state_.links.bridgeOf(domain.vlan);
+  return known != nullptr ? known
+                          : state_.links.named(state_.options.bridgePrefix + std::to_string(domain.vlan));
 }
 
 void Devices::work(Domain& domain, Batch& out) {
@@ -248,27 +245,44 @@ void Devices::work(Domain& domain, Batch& out) {
     fail(key, "the device " + bridge->name + " is in the way: it is not a bridge");
     return;
   }
-  if (correctBridge(domain, *bridge, out)) return;
+  if (const std::optional<LinkSet> set = bridgeCorrection(domain, *bridge)) {
+    correct(domain, *set, out);
+    return;
+  }
   bridgeIs(domain, bridge->index);
   workPorts(domain, *bridge, out);
   if (device == nullptr) {
     askDevice(domain, *bridge, out);
     return;
   }
-  if (correctDevice(domain, *bridge, *device, out)) return;
+  if (state_.links.ours(*device) && device->master == bridge->index) {
+    isolateOthers(*bridge, *device, out);
+  }
+  if (const std::optional<LinkSet> set = deviceCorrection(domain, *bridge, *device)) {
+    correct(domain, *set, out);
+    return;
+  }
   deviceIs(domain, device->index, !state_.links.fresh(device->index));
+  domain.complete = true;
   std::string why = complaint(domain, *device);
   if (why.empty()) {
-    state_.failures.cleared(key);
+    state_.contention.cleared(key, domain.strife, state_.now);
   } else {
     fail(key, why);
   }
 }
 
+// Whether somebody else has changed the domain's devices so often that they have to wait.
+bool Devices::heldBack(Domain& domain) {
+  return state_.contention.holdsBack(keyOf(domain), domain.strife, true, state_.now);
+}
+
 void Devices::askBridge(Domain& domain, Batch& out) {
-  std::string name = state_.options.bridgePrefix + std::to_string(domain.vlan);
-  if (!state_.links.expected(name))
-    out.add(keyOf(domain), LinkAdd{name, LinkKind::bridge, 0, 0, {}, 0, state_.options.birthGroup});
+  const std::string name = state_.options.bridgePrefix + std::to_string(domain.vlan);
+  if (state_.links.expected(name) || heldBack(domain)) {
+    return;
+  }
+  out.add(keyOf(domain), LinkAdd{name, LinkKind::bridge, 0, 0, {}, 0, state_.options.birthGroup});
 }
 
 void Devices::askDevice(Domain& domain, const Link& bridge, Batch& out) {
@@ -280,65 +294,111 @@ void Devices::askDevice(Domain& domain, const Link& bridge, Batch& out) {
                             std::to_string(state_.options.udpPort));
     return;
   }
+  if (heldBack(domain)) {
+    return;
+  }
   out.add(keyOf(domain), LinkAdd{name, LinkKind::vxlan, bridge.index, domain.mapping->vni,
                                  domain.mapping->local, state_.options.udpPort, state_.options.birthGroup});
 }
 
-bool Devices::correctBridge(Domain& domain, const Link& bridge, Batch& out) {
-  if (!state_.links.ours(bridge)) return false;
-  LinkSet set{bridge.index, LinkKind::bridge, {}, {}, {}, {}, {}, {}, {}, {}};
-  std::string alias = state_.links.alias(domain.vlan, "");
-  if (bridge.alias != alias) set.alias = alias;
-  if (!bridge.up) set.up = true;
-  if (bridge.group == state_.options.birthGroup) set.group = 0;
-  if (!set.alias && !set.up && !set.group) return false;
-  out.add(keyOf(domain), set);
-  return true;
-}
-
-// Two devices of ours in a bridge, while a VNI is being replaced: nothing may pass from one to the other.
-bool Devices::isolate(const Link& bridge, const Link& device, Batch& out) {
-  bool others = false;
-  for (const auto& [index, link] : state_.links.all()) {
-    if (index == device.index || link.kind != LinkKind::vxlan || link.master != bridge.index) continue;
-    if (!state_.links.ours(link)) continue;
-    others = true;
-    if (link.portIsolated) continue;
-    LinkSet set{index, LinkKind::vxlan, {}, {}, {}, {}, {}, {}, true, {}};
-    std::optional<Vlan> vlan = state_.links.vlan(link);
-    out.add({Key::Kind::link, vlan.value_or(0), static_cast<std::uint64_t>(index)}, set);
+// Where the devices were as wanted before, somebody else has changed them; that two devices of ours in a
+// bridge are isolated is our own doing.
+void Devices::correct(Domain& domain, const LinkSet& set, Batch& out) {
+  const bool byOther =
+      set.alias || set.master || set.up || set.local || set.learning || set.portLearning || set.group;
+  if (std::exchange(domain.complete, false) && byOther) {
+    domain.strife.lost = true;
+    ++state_.counters.repairs;
   }
-  return others;
+  if (!heldBack(domain)) {
+    out.add(keyOf(domain), set);
+  }
 }
 
-bool Devices::correctDevice(Domain& domain, const Link& bridge, const Link& device, Batch& out) {
-  LinkSet set{device.index, LinkKind::vxlan, {}, {}, {}, {}, {}, {}, {}, {}};
-  bool ours = state_.links.ours(device);
-  const Link* master = state_.links.at(device.master);
-  bool free = device.master == 0 || (ours && (master == nullptr || state_.links.ours(*master)));
-  if (device.master != bridge.index && free) set.master = bridge.index;
-  if (ours) {
-    std::string alias =
-        state_.links.alias(domain.vlan, " vni " + std::to_string(device.vni) + " " + domain.mapping->vti);
-    if (device.alias != alias) set.alias = alias;
-    if (device.group == state_.options.birthGroup) set.group = 0;
-    if (!device.up) set.up = true;
-    if (device.local != domain.mapping->local) set.local = domain.mapping->local;
-    if (device.learning) set.learning = false;
-    // The port's own attributes can be set once it is a port.
-    if (device.master == bridge.index) {
-      bool isolated = isolate(bridge, device, out);
-      if (device.portLearning) set.portLearning = false;
-      if (device.portIsolated != isolated) set.portIsolated = isolated;
-    } else {
-      set.up.reset();
+std::optional<LinkSet> Devices::bridgeCorrection(const Domain& domain, const Link& bridge) const {
+  if (!state_.links.ours(bridge)) {
+    return std::nullopt;
+  }
+  LinkSet set{bridge.index, LinkKind::bridge, {}, {}, {}, {}, {}, {}, {}, {}};
+  const std::string alias = state_.links.alias(domain.vlan, "");
+  if (bridge.alias != alias) {
+    set.alias = alias;
+  }
+  if (!bridge.up) {
+    set.up = true;
+  }
+  if (bridge.group == state_.options.birthGroup) {
+    set.group = 0;
+  }
+  return set.alias || set.up || set.group ? std::optional(set) : std::nullopt;
+}
+
+// The other VXLAN devices of ours in the bridge, while a VNI is being replaced.
+std::vector<const Link*> Devices::others(const Link& bridge, const Link& device) const {
+  std::vector<const Link*> found;
+  for (const IfIndex index : state_.links.members(bridge.index)) {
+    ++state_.steps;
+    const Link* link = state_.links.at(index);
+    if (index != device.index && link->kind == LinkKind::vxlan && state_.links.ours(*link)) {
+      found.push_back(link);
     }
   }
-  bool complete = !set.alias && !set.master && !set.up && !set.local && !set.learning && !set.portLearning &&
-                  !set.portIsolated && !set.group;
-  if (complete) return false;
-  out.add(keyOf(domain), set);
-  return true;
+  return found;
+}
+
+// Nothing may pass from one of them to the other.
+void Devices::isolateOthers(const Link& bridge, const Link& device, Batch& out) {
+  for (const Link* other : others(bridge, device)) {
+    if (!other->portIsolated) {
+      const Vlan vlan = state_.links.vlan(*other).value_or(0);
+      out.add(Key{Key::Kind::link, vlan, static_cast<std::uint64_t>(other->index)},
+              LinkSet{other->index, LinkKind::vxlan, {}, {}, {}, {}, {}, {}, true, {}});
+    }
+  }
+}
+
+std::optional<LinkSet> Devices::deviceCorrection(const Domain& domain, const Link& bridge,
+                                                 const Link& device) const {
+  LinkSet set{device.index, LinkKind::vxlan, {}, {}, {}, {}, {}, {}, {}, {}};
+  const bool ours = state_.links.ours(device);
+  const Link* master = state_.links.at(device.master);
+  const bool free = device.master == 0 || (ours && (master == nullptr || state_.links.ours(*master)));
+  const bool inPlace = device.master == bridge.index;
+  if (!inPlace && free) {
+    set.master = bridge.index;
+  }
+  if (ours) {
+    const std::string alias =
+        state_.links.alias(domain.vlan, " vni " + std::to_string(device.vni) + " " + domain.mapping->vti);
+    if (device.alias != alias) {
+      set.alias = alias;
+    }
+    if (device.group == state_.options.birthGroup) {
+      set.group = 0;
+    }
+    if (device.local != domain.mapping->local) {
+      set.local = domain.mapping->local;
+    }
+    if (device.learning) {
+      set.learning = false;
+    }
+  }
+  // It is set up, and the port's own attributes can be set, once it is a port.
+  if (ours && inPlace) {
+    if (!device.up) {
+      set.up = true;
+    }
+    if (device.portLearning) {
+      set.portLearning = false;
+    }
+    const bool isolated = !others(bridge, device).empty();
+    if (device.portIsolated != isolated) {
+      set.portIsolated = isolated;
+    }
+  }
+  const bool complete = !set.alias && !set.master && !set.up && !set.local && !set.learning &&
+                        !set.portLearning && !set.portIsolated && !set.group;
+  return complete ? std::nullopt : std::optional(set);
 }
 
 std::string Devices::complaint(const Domain& domain, const Link& device) const {
@@ -375,6 +435,7 @@ void Devices::workPort(Domain& domain, const Link& bridge, std::size_t at, Batch
   if (port->master == bridge.index) {
     state_.failures.cleared(key);
     domain.enslaved.insert(port->index);
+    state_.mention(port->index, domain.vlan);
     return;
   }
   const Link* master = state_.links.at(port->master);
@@ -382,7 +443,13 @@ void Devices::workPort(Domain& domain, const Link& bridge, std::size_t at, Batch
     fail(key, "the port " + name + " belongs to " + master->name + ", which is not ours");
     return;
   }
-  out.add(key, LinkSet{port->index, port->kind, {}, bridge.index, {}, {}, {}, {}, {}, {}});
+  if (domain.enslaved.erase(port->index) != 0) {
+    domain.strife.lost = true;
+    ++state_.counters.repairs;
+  }
+  if (!heldBack(domain)) {
+    out.add(key, LinkSet{port->index, port->kind, {}, bridge.index, {}, {}, {}, {}, {}, {}});
+  }
 }
 
 void Devices::freePorts(Domain& domain, Batch& out) {
@@ -400,67 +467,6 @@ void Devices::freePorts(Domain& domain, Batch& out) {
       out.add(linkKey(domain, port->index), LinkSet{port->index, port->kind, {}, 0, {}, {}, {}, {}, {}, {}});
     }
     at = domain.enslaved.erase(at);
-  }
-}
-
-bool Devices::used(const Link& link) const {
-  auto uses = [this, &link](const Domain& domain) {
-    if (!domain.mapping) return false;
-    if (link.kind == LinkKind::vxlan) return link.vni == domain.mapping->vni;
-    return link.index == domain.bridge ||
-           link.name == state_.options.bridgePrefix + std::to_string(domain.vlan);
-  };
-  std::optional<Vlan> vlan = state_.links.vlan(link);
-  if (!vlan) {  // Just made, and without its alias yet.
-    return std::any_of(state_.domains.begin(), state_.domains.end(),
-                       [&uses](const auto& entry) { return uses(entry.second); });
-  }
-  auto domain = state_.domains.find(*vlan);
-  if (domain != state_.domains.end() && uses(domain->second)) return true;
-  const auto& users = link.kind == LinkKind::bridge ? state_.bridgeOf : state_.deviceOf;
-  auto at = users.find(link.index);
-  return at != users.end() && uses(state_.domains.at(at->second));
-}
-
-// A device may go when its VLAN's rows have been turned to another, a bridge when its devices have gone.
-bool Devices::mayGo(const Link& link) const {
-  if (!state_.settled && !state_.released.contains(link.index)) return false;
-  if (link.kind == LinkKind::bridge) {
-    return std::none_of(state_.links.all().begin(), state_.links.all().end(), [&](const auto& other) {
-      return other.second.master == link.index && state_.links.ours(other.second);
-    });
-  }
-  std::optional<Vlan> vlan = state_.links.vlan(link);
-  auto domain = vlan ? state_.domains.find(*vlan) : state_.domains.end();
-  if (domain == state_.domains.end() || !domain->second.mapping) return true;
-  const Domain& user = domain->second;
-  if (user.turn && user.turn->previous == link.index) return false;
-  return user.ready() && user.device != link.index && !user.walk && user.queuedRows == 0;
-}
-
-std::vector<IfIndex> Devices::unwanted() const {
-  std::vector<IfIndex> found;
-  for (const auto& [index, link] : state_.links.all()) {
-    if (link.kind != LinkKind::other && state_.links.ours(link) && !used(link)) found.push_back(index);
-  }
-  return found;
-}
-
-std::size_t Devices::stale() const {
-  return unwanted().size();
-}
-
-void Devices::sweep(Batch& out) {
-  if (!state_.linksDirty) return;
-  state_.linksDirty = false;
-  for (IfIndex index : unwanted()) {
-    const Link& link = *state_.links.at(index);
-    Key key{Key::Kind::link, state_.links.vlan(link).value_or(0), static_cast<std::uint64_t>(index)};
-    if (mayGo(link) && !state_.failures.pausing(key, state_.now)) {
-      out.add(key, LinkDel{index});
-    } else {
-      state_.linksDirty = true;
-    }
   }
 }
 
@@ -483,7 +489,7 @@ void Devices::answered(const Request& request, const Key& key, int error, std::s
     state_.links.made(add->name);
   } else if (const auto* set = std::get_if<LinkSet>(&request)) {
     state_.links.applied(*set);
-    state_.linksDirty = true;
+    state_.suspects.insert(set->index);
   }
   const Failures::Failure* failure = state_.failures.find(key);
   if (failure != nullptr && failure->attempts > 0) state_.failures.cleared(key);
@@ -491,10 +497,19 @@ void Devices::answered(const Request& request, const Key& key, int error, std::s
 }
 
 bool Devices::differs(const Domain& domain) const {
-  if (!domain.mapping) return false;
+  if (!domain.mapping) {
+    return false;
+  }
   const Link* device = this->device(domain);
-  if (!domain.ready() || device == nullptr || device->index != domain.device || !device->up) return true;
-  if (device->master != domain.bridge || device->local != domain.mapping->local) return true;
+  const Link* bridge = this->bridge(domain, device);
+  if (device == nullptr || bridge == nullptr || device->index != domain.device ||
+      bridge->index != domain.bridge) {
+    return true;
+  }
+  if (bridgeCorrection(domain, *bridge) || deviceCorrection(domain, *bridge, *device) ||
+      !complaint(domain, *device).empty()) {
+    return true;
+  }
   return std::any_of(domain.mapping->ports.begin(), domain.mapping->ports.end(), [&](const auto& name) {
     const Link* port = state_.links.named(name);
     return port == nullptr || port->master != domain.bridge;

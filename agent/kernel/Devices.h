@@ -24,12 +24,15 @@ class Devices {
   void del(Vlan vlan);
 
   void linkIs(const Link& link);
+  void portIs(const BridgePort& port);
   void linkDel(IfIndex index);
 
   /// Asks for what is missing of the domain's devices, one step at a time.
   void work(Domain& domain, Batch& out);
   /// Asks to delete the devices of ours that nothing wants.
   void sweep(Batch& out);
+  // All devices of ours are looked at again for those that nothing wants.
+  void suspectAll();
   /// Goes on with the changes of VNIs that are under way.
   void turn(Batch& out);
   /// When `turn` is due next; Time::max() for never.
@@ -44,23 +47,34 @@ class Devices {
   std::size_t stale() const;
 
  private:
+  void unmap(Domain& domain);
+  void mappingChanged(Domain& domain);
+  void suspectBridges(const Domain& domain);
   void adopt(const Link& link);
   void leaveDevice(Domain& domain);
   void beginTurn(Domain& domain);
   void step(Domain& domain, Batch& out);
+  std::optional<Vlan> vlanOfName(const std::string& name) const;
+  void requeue(Vlan vlan);
+  void requeueVni(const Link& device);
   void requeueUsers(const Link& link);
+  void lost(Domain& domain);
+  void forget(IfIndex index);
   const Link* device(const Domain& domain) const;
   const Link* bridge(const Domain& domain, const Link* device) const;
+  bool heldBack(Domain& domain);
   void askBridge(Domain& domain, Batch& out);
   void askDevice(Domain& domain, const Link& bridge, Batch& out);
-  bool correctBridge(Domain& domain, const Link& bridge, Batch& out);
-  bool correctDevice(Domain& domain, const Link& bridge, const Link& device, Batch& out);
+  void correct(Domain& domain, const LinkSet& set, Batch& out);
+  std::optional<LinkSet> bridgeCorrection(const Domain& domain, const Link& bridge) const;
+  std::optional<LinkSet> deviceCorrection(const Domain& domain, const Link& bridge, const Link& device) const;
   std::string complaint(const Domain& domain, const Link& device) const;
-  bool isolate(const Link& bridge, const Link& device, Batch& out);
+  std::vector<const Link*> others(const Link& bridge, const Link& device) const;
+  void isolateOthers(const Link& bridge, const Link& device, Batch& out);
   void workPorts(Domain& domain, const Link& bridge, Batch& out);
   void workPort(Domain& domain, const Link& bridge, std::size_t at, Batch& out);
   void freePorts(Domain& domain, Batch& out);
-  std::vector<IfIndex> unwanted() const;
+  bool unwanted(IfIndex index) const;
   bool used(const Link& link) const;
   bool mayGo(const Link& link) const;
   void fail(const Key& key, std::string why);

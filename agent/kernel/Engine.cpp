@@ -43,10 +43,20 @@ void Engine::vniDel(Vni vni) {
 }
 
 void Engine::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
+  if (mac.group()) {
+    // What is published for it need not make sense; it stays a problem until it is withdrawn.
+    state_.failures.waits({Key::Kind::host, vlan, mac.bits}, Time{}, Time::max(),
+                          "a host has a unicast address");
+    return;
+  }
   hosts_.is(state_.domain(vlan), mac, vtep);
 }
 
 void Engine::hostDel(Vlan vlan, Mac mac) {
+  if (mac.group()) {
+    state_.failures.cleared({Key::Kind::host, vlan, mac.bits});
+    return;
+  }
   Domain* domain = state_.find(vlan);
   if (domain != nullptr) hosts_.del(*domain, mac);
 }
@@ -80,7 +90,7 @@ void Engine::settled() {
   if (std::exchange(state_.settled, true)) return;
   for (auto& [vlan, domain] : state_.domains) domainChanged(domain);
   state_.nexthops.requeue();
-  state_.linksDirty = true;
+  devices_.suspectAll();
 }
 
 void Engine::domainChanged(Domain& domain) {
@@ -98,6 +108,11 @@ void Engine::linkDel(IfIndex index) {
   devices_.linkDel(index);
 }
 
+void Engine::portIs(const BridgePort& port) {
+  ++state_.counters.notifications;
+  devices_.portIs(port);
+}
+
 void Engine::nexthopIs(const Nexthop& nexthop) {
   ++state_.counters.notifications;
   state_.nexthops.is(nexthop);
@@ -108,6 +123,7 @@ void Engine::nexthopDel(NexthopId id) {
   if (!state_.nexthops.del(id)) return;
   // The kernel removes rows with the group that they lead to, and does not report it.
   ++state_.counters.repairs;
+  ++state_.doubts;
   state_.auditWanted = true;
 }
 
@@ -139,6 +155,7 @@ void Engine::rowDel(const Row& row) {
 
 void Engine::overrun() {
   ++state_.counters.overruns;
+  ++state_.doubts;
   state_.auditWanted = true;
 }
 
@@ -148,6 +165,10 @@ void Engine::requeueDue() {
     switch (key.kind) {
       case Key::Kind::permission:
       case Key::Kind::dump:
+      case Key::Kind::link:
+        break;
+      case Key::Kind::contention:
+        state_.contention.quiet();
         break;
       case Key::Kind::vtep:
       case Key::Kind::group:
@@ -156,9 +177,6 @@ void Engine::requeueDue() {
       case Key::Kind::domain:
       case Key::Kind::port:
         if (domain != nullptr) state_.queue(*domain);
-        break;
-      case Key::Kind::link:
-        state_.linksDirty = true;
         break;
       case Key::Kind::host: {
         if (domain == nullptr) break;
@@ -176,12 +194,11 @@ void Engine::requeueDue() {
   }
 }
 
-const Batch& Engine::batch(Time now) {
+const Batch& Engine::batch() {
   require(outstanding_ == 0, "a batch is taken when the last one is answered");
-  state_.now = now;
   batch_.clear();
   batch_.limitIs(denied_ ? 1 : state_.options.batchRequests);
-  if (denied_ && state_.failures.pausing(kDenied, now)) return batch_;
+  if (denied_ && state_.failures.pausing(kDenied, state_.now)) return batch_;
   requeueDue();
   audit();
   std::size_t dumps = batch_.size();
@@ -193,7 +210,7 @@ const Batch& Engine::batch(Time now) {
     state_.domainQueue.pop_front();
     devices_.work(domain, batch_);
   }
-  state_.nexthops.work(batch_, now, state_.settled);
+  state_.nexthops.work(batch_, state_.now, state_.settled);
   walkDomains();
   if (!state_.nexthops.pending()) workRows();
   outstanding_ = batch_.size() - dumps;
@@ -283,6 +300,7 @@ void Engine::answeredRow(const Request& request, const Key& key, int error, std:
 void Engine::answersLost() {
   outstanding_ = 0;
   ++state_.counters.overruns;
+  ++state_.doubts;
   state_.auditWanted = true;
   state_.nexthops.requeue();
   for (auto& [vlan, domain] : state_.domains) domainChanged(domain);

@@ -20,7 +20,8 @@ struct Tally {
   std::string kind;
   std::size_t wanted = 0;
   std::size_t there = 0;
-  std::size_t differing = 0;
+  std::size_t differing = 0;  // Of those that are known.
+  std::size_t unknown = 0;    // Wanted, and not compared with the kernel since there was reason to doubt it.
 };
 
 /// An object that is not as it should be, and why.
@@ -54,11 +55,11 @@ struct Explanation {
 /// Brings the kernel to what is wanted. Sans-io: it takes what is wanted, what the kernel reports and the
 /// time, and gives batches of requests; it opens no socket and reads no clock.
 ///
-/// The turn of a caller: report everything that the kernel has to say (`linkIs` and so on) until there is
-/// nothing more; take a `batch`; send it; report each `answered`; begin again. No batch is taken while
-/// answers of the last are outstanding, except that of a dump, which ends with `dumpEnd` some turns later.
-/// Because the kernel's reports are read to their end before each batch, the last report of an object is the
-/// truth.
+/// The turn of a caller: say what time it is (`timeIs`); report everything that the kernel has to say
+/// (`linkIs` and so on) until there is nothing more; take a `batch`; send it; report each `answered`; begin
+/// again. No batch is taken while answers of the last are outstanding, except that of a dump, which ends with
+/// `dumpEnd` some turns later. Because the kernel's reports are read to their end before each batch, the last
+/// report of an object is the truth.
 ///
 /// At the start, and when reports were lost (`overrun`) or auditEvery has passed, everything is dumped and
 /// compared; what was acknowledged or reported during the dump counts more than what the dump shows.
@@ -81,8 +82,11 @@ class Engine {
   /// Everything that is wanted has been said: what is there of an earlier run beyond it is stale and goes.
   void settled();
 
+  // The time of the reports and batches that follow.
+  void timeIs(Time now) { state_.now = now; }
   void linkIs(const Link& link);
   void linkDel(IfIndex index);
+  void portIs(const BridgePort& port);
   void nexthopIs(const Nexthop& nexthop);
   void nexthopDel(NexthopId id);
   /// `dumped`: the row is part of a dump, not a report of a change.
@@ -92,7 +96,7 @@ class Engine {
   void overrun();
 
   /// The next requests; empty when there is nothing to do, or nothing before `nextWakeup`.
-  const Batch& batch(Time now);
+  const Batch& batch();
   /// The kernel's answer to the batch's request number `at`: 0 or an errno, with the kernel's text if it has
   /// one.
   void answered(std::size_t at, int error, std::string_view text);
@@ -114,6 +118,10 @@ class Engine {
   const Link* link(IfIndex index) const { return state_.links.at(index); }
   /// Whether the first comparison with the kernel is over.
   bool adopted() const { return !state_.adopting; }
+  // Whether all that is known of the kernel has been compared with it, and reported since.
+  bool certain() const { return !state_.adopting && state_.doubts == resolved_; }
+  // Domains and devices looked at because of reports, from the start on.
+  std::uint64_t steps() const { return state_.steps + state_.links.visits(); }
 
  private:
   enum class Phase : std::uint8_t { idle, links, nexthops, rows, comparing };
@@ -130,6 +138,7 @@ class Engine {
   void domainChanged(Domain& domain);
   std::string what(const Key& key) const;
   Tally tallyDevices() const;
+  void doubt(Tally& tally) const;
   void explainFlood(const Domain& domain, const Flood& flood, Explanation& out) const;
   void explainHost(const Domain& domain, const Host& host, Explanation& out) const;
 
@@ -143,7 +152,15 @@ class Engine {
   Phase phase_ = Phase::idle;
   bool asked_ = false;  ///< The dump of this phase is under way.
   std::optional<std::pair<Vlan, Mac>> compareAt_;
-  std::vector<std::pair<Vlan, IfIndex>> blind_;  ///< Domains whose rows this dump tells first.
+  // A domain whose rows this dump tells first, with its device and bridge.
+  struct Blind {
+    Vlan vlan = 0;
+    IfIndex device = 0;
+    IfIndex bridge = 0;
+  };
+  std::vector<Blind> blind_;
+  std::uint32_t auditDoubts_ = 0;  // State::doubts when the comparison began, and when the last one did.
+  std::uint32_t resolved_ = 0;
   Time auditBegan_{};
   Time auditNext_{};
   Time auditNotBefore_{};

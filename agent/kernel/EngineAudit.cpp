@@ -29,6 +29,7 @@ void Engine::audit() {
       state_.nexthops.dumpIs(state_.dump);
       state_.links.dumpBegins();
       auditBegan_ = state_.now;
+      auditDoubts_ = state_.doubts;
       phase_ = Phase::links;
       askDump(Dump::What::links);
       break;
@@ -42,7 +43,9 @@ void Engine::audit() {
       if (asked_) break;
       blind_.clear();
       for (auto& [vlan, domain] : state_.domains) {
-        if (domain.blind) blind_.emplace_back(vlan, domain.device);
+        if (!domain.read()) {
+          blind_.push_back({vlan, domain.device, domain.bridge});
+        }
       }
       askDump(Dump::What::rows);
       break;
@@ -65,8 +68,7 @@ void Engine::dumpEnd(bool whole) {
   if (!whole) return;
   switch (phase_) {
     case Phase::links:
-      for (IfIndex gone = state_.links.unseen(state_.dump); gone != 0;
-           gone = state_.links.unseen(state_.dump)) {
+      for (const IfIndex gone : state_.links.unseen(state_.dump)) {
         devices_.linkDel(gone);
       }
       state_.links.dumpEnds();
@@ -138,16 +140,16 @@ void Engine::compare() {
 }
 
 void Engine::compareDone() {
-  for (const auto& [vlan, device] : blind_) {
-    Domain& domain = *state_.find(vlan);
-    if (domain.device != device) continue;
-    domain.blind = false;
+  for (const Blind& blind : blind_) {
+    Domain& domain = *state_.find(blind.vlan);
+    domain.blind = domain.blind && domain.device != blind.device;
+    domain.bridgeBlind = domain.bridgeBlind && domain.bridge != blind.bridge;
     domainChanged(domain);
   }
   blind_.clear();
   compareAt_.reset();
   state_.adopting = false;
-  state_.linksDirty = true;
+  resolved_ = auditDoubts_;
   phase_ = Phase::idle;
   ++state_.counters.audits;
   Time took = state_.now - auditBegan_;

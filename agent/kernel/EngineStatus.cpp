@@ -24,7 +24,7 @@ const char* word(Mark mark) {
 }  // namespace
 
 Tally Engine::tallyDevices() const {
-  Tally tally{"devices", 0, 0, 0};
+  Tally tally{"devices", 0, 0, 0, 0};
   for (const auto& [vlan, domain] : state_.domains) {
     if (!domain.mapping) continue;
     tally.wanted += 2;
@@ -35,28 +35,46 @@ Tally Engine::tallyDevices() const {
   return tally;
 }
 
+// In doubt, nothing is said to be as wanted or otherwise.
+void Engine::doubt(Tally& tally) const {
+  if (!certain()) {
+    tally.unknown = tally.wanted;
+    tally.differing = 0;
+  }
+}
+
 std::vector<Tally> Engine::tallies() const {
   Nexthops::Counts nexthops = state_.nexthops.counts();
-  Tally hosts{"hosts", 0, 0, 0};
-  Tally floods{"floods", 0, 0, 0};
+  Tally hosts{"hosts", 0, 0, 0, 0};
+  Tally floods{"floods", 0, 0, 0, 0};
+  const auto count = [](Tally& tally, bool known, bool wanted, bool there, bool differs) {
+    tally.wanted += wanted ? 1U : 0U;
+    tally.there += known && there ? 1U : 0U;
+    tally.differing += known && differs ? 1U : 0U;
+    tally.unknown += !known && wanted ? 1U : 0U;
+  };
   for (const auto& [vlan, domain] : state_.domains) {
     for (const auto& [mac, host] : domain.hosts) {
-      hosts.wanted += domain.mapping && host.group != nullptr ? 1U : 0U;
-      bool there = host.deviceLife == domain.deviceLife && host.mark == Mark::ours;
-      hosts.there += there && host.portMark == Mark::ours ? 1U : 0U;
-      hosts.differing += hosts_.differs(domain, host) ? 1U : 0U;
+      const bool there = host.deviceLife == domain.deviceLife && host.mark == Mark::ours &&
+                         host.bridgeLife == domain.bridgeLife && host.portMark == Mark::ours;
+      count(hosts, domain.read(), domain.mapping && host.group != nullptr, there,
+            hosts_.differs(domain, host));
     }
     for (const auto& [mac, flood] : domain.floods) {
-      bool wanted = domain.mapping && flood.wanted && !domain.remote(flood.wanted->vteps).empty();
-      floods.wanted += wanted ? 1U : 0U;
-      bool there = flood.nexthopMark == Mark::ours ||
-                   std::any_of(flood.there.begin(), flood.there.end(),
-                               [](const auto& entry) { return entry.second.mark == Mark::ours; });
-      floods.there += there && flood.deviceLife == domain.deviceLife ? 1U : 0U;
-      floods.differing += floods_.differs(domain, flood) ? 1U : 0U;
+      const bool wanted = domain.mapping && flood.wanted && !domain.remote(flood.wanted->vteps).empty();
+      const bool there = flood.nexthopMark == Mark::ours ||
+                         std::any_of(flood.there.begin(), flood.there.end(),
+                                     [](const auto& entry) { return entry.second.mark == Mark::ours; });
+      count(floods, !domain.blind, wanted, there && flood.deviceLife == domain.deviceLife,
+            floods_.differs(domain, flood));
     }
   }
-  return {tallyDevices(), {"nexthops", nexthops.wanted, nexthops.there, nexthops.differing}, hosts, floods};
+  std::vector<Tally> all{
+      tallyDevices(), {"nexthops", nexthops.wanted, nexthops.there, nexthops.differing, 0}, hosts, floods};
+  for (Tally& tally : all) {
+    doubt(tally);
+  }
+  return all;
 }
 
 std::string Engine::what(const Key& key) const {
@@ -66,6 +84,8 @@ std::string Engine::what(const Key& key) const {
       return "the kernel";
     case Key::Kind::dump:
       return "comparison with the kernel";
+    case Key::Kind::contention:
+      return "the kernel's tables";
     case Key::Kind::domain:
       return vlan;
     case Key::Kind::link: {
@@ -90,7 +110,11 @@ std::pair<std::vector<Problem>, std::size_t> Engine::problems(std::size_t most) 
   std::vector<Problem> found;
   for (const auto& [key, failure] : state_.failures.all()) {
     if (found.size() == most) break;
-    found.push_back({what(key), failure.why, failure.attempts, failure.next});
+    std::string why = failure.why;
+    if (key.kind == Key::Kind::contention) {
+      why += "; the last: " + what(state_.contention.last());
+    }
+    found.push_back({what(key), std::move(why), failure.attempts, failure.next});
   }
   return {std::move(found), state_.failures.all().size()};
 }
@@ -124,7 +148,7 @@ void Engine::explainHost(const Domain& domain, const Host& host, Explanation& ou
   if (known && host.group != nullptr && host.there.nexthop == host.group->id) {
     out.deviceVteps = host.group->there;
   }
-  out.portMark = word(host.portMark);
+  out.portMark = word(host.bridgeLife == domain.bridgeLife ? host.portMark : Mark::none);
   const Link* port = state_.links.at(host.port);
   if (port != nullptr) out.port = port->name;
   out.differs = hosts_.differs(domain, host);
@@ -147,6 +171,7 @@ Explanation Engine::explain(Vlan vlan, Mac mac) const {
   if (flood != domain->floods.end()) explainFlood(*domain, flood->second, out);
   auto kind = mac.group() ? Key::Kind::flood : Key::Kind::host;
   const Failures::Failure* failure = state_.failures.find({kind, vlan, mac.bits});
+  if (failure == nullptr) failure = state_.failures.find({Key::Kind::host, vlan, mac.bits});
   if (failure != nullptr) out.problem = failure->why;
   return out;
 }

@@ -85,6 +85,7 @@ void Floods::is(Domain& domain, Mac mac, FloodSet set) {
   }
   syncHeld(domain, flood);
   state_.failures.cleared(keyOf(domain, mac));
+  state_.contention.wanted(keyOf(domain, mac), flood.strife);
   state_.queue(domain, mac, flood.queued);
 }
 
@@ -114,6 +115,7 @@ void Floods::rowIs(Domain& domain, const Row& row, bool dumped) {
   if (row.nexthop != 0) {
     if (dumped && flood.seen == state_.dump) return;
     flood.seen = state_.dump;
+    flood.strife.lost |= flood.nexthopMark == Mark::ours && flood.nexthop != row.nexthop;
     nexthopIs(flood, row.nexthop, state_.nexthops.ours(row.nexthop) ? Mark::ours : Mark::foreign);
   } else {
     if (dumped && flood.gone.contains(row.dst)) return;
@@ -138,20 +140,32 @@ void Floods::rowDel(Domain& domain, const Row& row) {
   freshen(domain, flood);
   flood.seen = state_.dump;
   if (row.nexthop != 0) {
-    if (flood.nexthop == row.nexthop) nexthopIs(flood, 0, Mark::none);
+    if (flood.nexthop == row.nexthop) {
+      flood.strife.lost |= flood.nexthopMark == Mark::ours;
+      nexthopIs(flood, 0, Mark::none);
+    }
   } else {
+    const auto there = flood.there.find(row.dst);
+    flood.strife.lost |= there != flood.there.end() && there->second.mark == Mark::ours;
     forget(flood, row.dst);
     syncHeld(domain, flood);
   }
-  state_.failures.cleared(keyOf(domain, row.mac));
+  state_.contention.cleared(keyOf(domain, row.mac), flood.strife, state_.now);
   changed(domain, row.mac, flood, true);
 }
 
 void Floods::dumped(Domain& domain, Mac mac) {
   Flood& flood = domain.floods.at(mac);
   freshen(domain, flood);
-  if (flood.nexthop != 0 && flood.seen != state_.dump) nexthopIs(flood, 0, Mark::none);
-  std::erase_if(flood.there, [this](const auto& entry) { return entry.second.seen != state_.dump; });
+  if (flood.nexthop != 0 && flood.seen != state_.dump) {
+    flood.strife.lost |= flood.nexthopMark == Mark::ours;
+    nexthopIs(flood, 0, Mark::none);
+  }
+  std::erase_if(flood.there, [&](const auto& entry) {
+    const bool gone = entry.second.seen != state_.dump;
+    flood.strife.lost |= gone && entry.second.mark == Mark::ours;
+    return gone;
+  });
   flood.seen = state_.dump;
   flood.gone.clear();
   syncHeld(domain, flood);
@@ -229,7 +243,10 @@ void Floods::work(Domain& domain, Mac mac, Batch& out) {
   } else if (!domain.ready() || domain.turning()) {
     return;
   }
-  if (state_.failures.pausing(key, state_.now)) return;
+  if (state_.contention.holdsBack(key, flood.strife, differs(domain, flood), state_.now) ||
+      state_.failures.pausing(key, state_.now)) {
+    return;
+  }
   if (any) {
     workAny(domain, mac, flood, out);
   } else {

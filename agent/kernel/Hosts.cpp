@@ -16,12 +16,20 @@ Key keyOf(const Domain& domain, Mac mac) {
 Host& Hosts::host(Domain& domain, Mac mac) {
   require(!mac.group(), "a host has a unicast address");
   auto [at, added] = domain.hosts.try_emplace(mac);
-  if (added) at->second.deviceLife = domain.deviceLife;
+  if (added) {
+    at->second.deviceLife = domain.deviceLife;
+    at->second.bridgeLife = domain.bridgeLife;
+  }
   freshen(domain, at->second);
   return at->second;
 }
 
 void Hosts::freshen(const Domain& domain, Host& host) {
+  if (host.bridgeLife != domain.bridgeLife) {
+    host.bridgeLife = domain.bridgeLife;
+    host.port = 0;
+    host.portMark = Mark::none;
+  }
   if (host.deviceLife == domain.deviceLife) return;
   host.deviceLife = domain.deviceLife;
   host.moved = false;
@@ -59,6 +67,7 @@ void Hosts::wish(Domain& domain, Mac mac, Host& host) {
   if (before == group) return;
   host.moved = before != nullptr;
   if (std::exchange(host.yields, false)) state_.failures.cleared(keyOf(domain, mac));
+  state_.contention.wanted(keyOf(domain, mac), host.strife);
   state_.queue(domain, mac, host.queued);
 }
 
@@ -120,7 +129,10 @@ void Hosts::rowIs(Domain& domain, const Row& row, bool dumped) {
 void Hosts::deviceRowIs(Domain& domain, Host& host, const Row& row) {
   bool ours = row.nexthop != 0 ? state_.nexthops.ours(row.nexthop) : row.marked;
   if (host.mark == Mark::ours && host.group != nullptr) ours = true;
-  if (host.mark == Mark::foreign && ours) state_.failures.cleared(keyOf(domain, row.mac));
+  if (host.mark == Mark::foreign && ours) {
+    state_.contention.cleared(keyOf(domain, row.mac), host.strife, state_.now);
+  }
+  host.strife.lost |= host.mark == Mark::ours && host.there != Target{row.dst, row.nexthop};
   there(host, {row.dst, row.nexthop}, ours ? Mark::ours : Mark::foreign);
 }
 
@@ -128,7 +140,7 @@ void Hosts::bridgeRowIs(Domain& domain, Host& host, const Row& row, bool dumped)
   const Link* port = state_.links.at(row.device);
   bool toDevice = row.device == domain.device || (port != nullptr && state_.links.ours(*port));
   Mark before = host.portMark;
-  host.port = row.device;
+  const IfIndex portBefore = std::exchange(host.port, row.device);
   if (row.learned) {
     host.portMark = Mark::learned;
   } else if (row.marked && (toDevice || (before == Mark::ours && host.group != nullptr))) {
@@ -136,6 +148,8 @@ void Hosts::bridgeRowIs(Domain& domain, Host& host, const Row& row, bool dumped)
   } else {
     host.portMark = Mark::foreign;
   }
+  const bool moved = before == Mark::ours && host.portMark != Mark::learned && host.port != portBefore;
+  host.strife.lost |= moved || (before == Mark::ours && host.portMark == Mark::foreign);
   if (host.portMark == Mark::ours && std::exchange(host.yields, false)) {
     state_.failures.cleared(keyOf(domain, row.mac));
   }
@@ -154,9 +168,11 @@ void Hosts::rowDel(Domain& domain, const Row& row) {
   freshen(domain, host);
   if (row.table == Table::device) {
     host.seen = state_.dump;
+    host.strife.lost |= host.mark == Mark::ours;
     there(host, {}, Mark::none);
   } else {
     if (host.port != row.device) return;
+    host.strife.lost |= host.portMark == Mark::ours;
     host.portSeen = state_.dump;
     host.port = 0;
     host.portMark = Mark::none;
@@ -167,15 +183,19 @@ void Hosts::rowDel(Domain& domain, const Row& row) {
     return;
   }
   if (host.group != nullptr) ++state_.counters.repairs;
-  state_.failures.cleared(keyOf(domain, row.mac));
+  state_.contention.cleared(keyOf(domain, row.mac), host.strife, state_.now);
   state_.queue(domain, row.mac, host.queued);
 }
 
 void Hosts::dumped(Domain& domain, Mac mac) {
   Host& host = domain.hosts.at(mac);
   freshen(domain, host);
-  if (host.mark != Mark::none && host.seen != state_.dump) there(host, {}, Mark::none);
+  if (host.mark != Mark::none && host.seen != state_.dump) {
+    host.strife.lost |= host.mark == Mark::ours;
+    there(host, {}, Mark::none);
+  }
   if (host.portMark != Mark::none && host.portSeen != state_.dump) {
+    host.strife.lost |= host.portMark == Mark::ours;
     host.portMark = Mark::none;
     host.port = 0;
     host.yields = false;
@@ -193,12 +213,13 @@ void Hosts::dumped(Domain& domain, Mac mac) {
 }
 
 bool Hosts::differs(const Domain& domain, const Host& host) const {
-  Mark mark = host.deviceLife == domain.deviceLife ? host.mark : Mark::none;
+  const Mark mark = host.deviceLife == domain.deviceLife ? host.mark : Mark::none;
+  const Mark portMark = host.bridgeLife == domain.bridgeLife ? host.portMark : Mark::none;
   if (host.group == nullptr || !domain.mapping) {
-    return mark == Mark::ours || host.portMark == Mark::ours;
+    return mark == Mark::ours || portMark == Mark::ours;
   }
   if (mark != Mark::ours || host.there != wantedTarget(host)) return true;
-  return host.portMark != Mark::ours || host.port != domain.device;
+  return portMark != Mark::ours || host.port != domain.device;
 }
 
 void Hosts::eraseIfIdle(Domain& domain, Mac mac, Host& host) {
@@ -219,7 +240,10 @@ void Hosts::work(Domain& domain, Mac mac, Batch& out) {
     workUnwanted(domain, mac, host, out);
     return;
   }
-  if (!domain.ready() || state_.failures.pausing(key, state_.now)) return;
+  if (!domain.ready() || state_.contention.holdsBack(key, host.strife, differs(domain, host), state_.now) ||
+      state_.failures.pausing(key, state_.now)) {
+    return;
+  }
   if (!state_.nexthops.ready(*host.group)) {
     state_.failures.failed(key, state_.now, "waits for the nexthop group of its VTEP");
     return;

@@ -4,6 +4,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "agent/kernel/Messages.h"
 
@@ -19,6 +20,8 @@ class Links {
   /// Takes the kernel's description; returns whether anything of it is new.
   bool is(const Link& link, std::uint32_t dump);
   void del(IfIndex index);
+  // Takes a bridge's description of its port; returns whether anything of it is new.
+  bool portIs(const BridgePort& port);
   /// We have made a device of this name.
   void made(const std::string& name);
   /// Whether a device of this name was made and has not been described yet.
@@ -41,20 +44,39 @@ class Links {
   std::string alias(Vlan vlan, const std::string& rest) const;
   /// Applies an acknowledged change.
   void applied(const LinkSet& change);
-  /// A device that was described neither by dump number `dump` nor since; 0 if none.
-  IfIndex unseen(std::uint32_t dump) const;
-  const std::map<IfIndex, Link>& all() const { return links_; }
+  // The devices that were described neither by dump number `dump` nor since.
+  std::vector<IfIndex> unseen(std::uint32_t dump) const;
+  // The devices whose master this is.
+  const std::set<IfIndex>& members(IfIndex master) const;
+  // The VXLAN devices of this VNI.
+  const std::set<IfIndex>& ofVni(Vni vni) const;
+  // The bridge of ours for the VLAN, whatever its name is by now: the lowest index; null if none.
+  const Link* bridgeOf(Vlan vlan) const;
+  // All bridges of ours for the VLAN.
+  const std::set<IfIndex>& bridgesOf(Vlan vlan) const;
+  // The bridges and VXLAN devices of ours.
+  const std::set<IfIndex>& ofOurs() const { return ours_; }
+  // How many devices have been looked at, from the start on.
+  std::uint64_t visits() const { return visits_; }
 
  private:
+  void enter(const Link& link);
+  void leave(const Link& link);
+
   std::string owner_;
   std::uint32_t birthGroup_;
   std::map<IfIndex, Link> links_;
   std::map<IfIndex, std::uint32_t> seen_;
-  std::map<std::string, IfIndex> names_;
   std::set<std::string> expected_;
   std::set<std::string> overdue_;
   std::set<IfIndex> fresh_;
+  // Each of these follows links_: enter() and leave() alone change them.
+  std::map<std::string, IfIndex> names_;
   std::map<Vni, std::set<IfIndex>> vnis_;
+  std::map<IfIndex, std::set<IfIndex>> members_;
+  std::map<Vlan, std::set<IfIndex>> bridges_;
+  std::set<IfIndex> ours_;
+  mutable std::uint64_t visits_ = 0;
 };
 
 }  // namespace Agent::Kernel

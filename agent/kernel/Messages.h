@@ -71,6 +71,14 @@ struct LinkAdd {
   std::uint32_t group = 0;
 };
 
+// What a bridge reports of one of its ports.
+struct BridgePort {
+  IfIndex index = 0;
+  IfIndex bridge = 0;
+  bool learning = true;
+  bool isolated = false;
+};
+
 /// Changes what is given of a device and leaves the rest.
 struct LinkSet {
   IfIndex index = 0;
@@ -131,7 +139,18 @@ using Request = std::variant<RowAdd, RowDel, RowGet, NexthopSet, NexthopDel, Lin
 
 /// An object whose state in the kernel is kept, as the name of its work, failures and answers.
 struct Key {
-  enum class Kind : std::uint8_t { permission, dump, domain, link, port, vtep, group, host, flood };
+  enum class Kind : std::uint8_t {
+    permission,
+    dump,
+    contention,
+    domain,
+    link,
+    port,
+    vtep,
+    group,
+    host,
+    flood
+  };
   Kind kind = Kind::host;
   Vlan vlan = 0;
   std::uint64_t id = 0;

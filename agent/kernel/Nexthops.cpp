@@ -168,7 +168,9 @@ void Nexthops::isVtep(const Nexthop& nexthop) {
     known = vtepIds_.emplace(nexthop.id, nexthop.gateway).first;
   }
   Vtep& vtep = vteps_.at(known->second);
-  vtep.exists = nexthop.gateway == known->second;
+  const bool right = nexthop.gateway == known->second;
+  vtep.strife.lost |= vtep.exists && !right;
+  vtep.exists = right;
   vtep.seen = dump_;
   vtepQueue_.insert(known->second);
 }
@@ -199,6 +201,7 @@ void Nexthops::isGroup(const Nexthop& nexthop) {
   group.exists = true;
   group.seen = dump_;
   if (same) return;
+  group.strife.lost |= group.there == group.members;
   group.there = std::move(members);
   syncHeld(group);
   queue(group);
@@ -221,11 +224,14 @@ bool Nexthops::del(NexthopId id) {
   auto vtep = vtepIds_.find(id);
   if (vtep != vtepIds_.end()) {
     vtepQueue_.insert(vtep->second);
-    return std::exchange(vteps_.at(vtep->second).exists, false);
+    Vtep& gone = vteps_.at(vtep->second);
+    gone.strife.lost |= gone.exists;
+    return std::exchange(gone.exists, false);
   }
   auto group = groupIds_.find(id);
   if (group == groupIds_.end()) return false;
   queue(*group->second);
+  group->second->strife.lost |= group->second->exists;
   return std::exchange(group->second->exists, false);
 }
 
@@ -234,12 +240,14 @@ bool Nexthops::dumped() {
   for (auto& [ip, vtep] : vteps_) {
     if (!vtep.exists || vtep.seen == dump_) continue;
     vtep.exists = false;
+    vtep.strife.lost = true;
     vtepQueue_.insert(ip);
     gone = true;
   }
   for (auto& [at, group] : groups_) {
     if (!group->exists || group->seen == dump_) continue;
     group->exists = false;
+    group->strife.lost = true;
     queue(*group);
     gone = true;
   }
@@ -270,6 +278,9 @@ void Nexthops::workVtep(Ip4 ip, Batch& out, Time now, bool sweep) {
   if (at == vteps_.end() || failures_.pausing(vtepKey(ip), now)) return;
   Vtep& vtep = at->second;
   if (supported_ && vtep.wanted > 0 && !vtep.exists) {
+    if (contention_.holdsBack(vtepKey(ip), vtep.strife, true, now)) {
+      return;
+    }
     if (vtep.id == 0) vtep.id = take(0);
     vtepIds_[vtep.id] = ip;
     vtep.exists = true;
@@ -300,7 +311,10 @@ void Nexthops::workGroup(Group& group, Batch& out, Time now, bool sweep) {
     group.id = take(group.shared ? 1 : 2);
     groupIds_[group.id] = &group;
   }
-  if (failures_.pausing(groupKey(group.id), now)) return;
+  if (contention_.holdsBack(groupKey(group.id), group.strife, true, now) ||
+      failures_.pausing(groupKey(group.id), now)) {
+    return;
+  }
   Nexthop nexthop{group.id, options_.nexthopProtocol, true, {}, {}};
   for (Ip4 member : group.members) {
     const Vtep& vtep = vteps_.at(member);

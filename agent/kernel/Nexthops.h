@@ -8,6 +8,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "agent/kernel/Contention.h"
 #include "agent/kernel/Failures.h"
 #include "agent/kernel/Messages.h"
 #include "agent/kernel/Options.h"
@@ -40,6 +41,7 @@ class Nexthops {
     unsigned wanted = 0;  ///< Hosts and flood sets that want it.
     unsigned used = 0;    ///< Rows in the kernel that name it.
     std::uint32_t seen = 0;
+    Strife strife;
   };
   struct Counts {
     std::size_t wanted = 0;
@@ -47,8 +49,8 @@ class Nexthops {
     std::size_t differing = 0;
   };
 
-  Nexthops(const Options& options, Failures& failures)
-      : options_(options), failures_(failures), supported_(options.nexthops) {}
+  Nexthops(const Options& options, Failures& failures, Contention& contention)
+      : options_(options), failures_(failures), contention_(contention), supported_(options.nexthops) {}
 
   /// Whether the kernel has nexthop groups for forwarding rows.
   bool supported() const { return supported_; }
@@ -100,6 +102,7 @@ class Nexthops {
     bool exists = false;
     bool adopted = false;
     std::uint32_t seen = 0;
+    Strife strife;
   };
 
   NexthopId base(unsigned range) const { return options_.nexthopBase + (range << 20U); }
@@ -117,6 +120,7 @@ class Nexthops {
 
   const Options& options_;
   Failures& failures_;
+  Contention& contention_;
   bool supported_;
   bool confirmed_ = false;  ///< The kernel has taken a nexthop of ours.
   std::uint32_t dump_ = 0;

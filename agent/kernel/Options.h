@@ -28,6 +28,15 @@ struct Options {
   /// The first and the longest pause before a refused change is tried again.
   Time retryFirst = std::chrono::milliseconds(100);
   Time retryMost = std::chrono::seconds(30);
+  // Somebody else changes the same object again and again: so many changes within a minute are put back at
+  // once; then after pauses from contendedFirst up to retryMost. All repairs but the first of each object
+  // share an allowance of so many at once and so many a second. The problem that says so ends when nothing
+  // had to wait for contendedQuiet.
+  unsigned contendedAtOnce = 3;
+  Time contendedFirst = std::chrono::seconds(1);
+  unsigned contendedBurst = 256;
+  unsigned contendedPerSecond = 64;
+  Time contendedQuiet = std::chrono::seconds(60);
   /// How long a host that was seen at a local port stays there against the controller's word.
   Time yieldFor = std::chrono::seconds(10);
   /// When a VLAN changes its VNI: how long packets go on leaving with the old one while the new one is ready
@@ -41,6 +50,8 @@ struct Options {
   std::size_t reportBuffer = std::size_t{16} << 20U;
   /// The path of a network namespace to work in; empty is the process's own.
   std::string netns;
+  // The folder of the lock that keeps a second agent out of the namespace.
+  std::string lockFolder = "/run/vxlan-agent";
 };
 
 }  // namespace Agent::Kernel

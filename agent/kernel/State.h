@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/kernel/Contention.h"
 #include "agent/kernel/Failures.h"
 #include "agent/kernel/Links.h"
 #include "agent/kernel/Messages.h"
@@ -60,8 +61,10 @@ struct Host {
   Mark portMark = Mark::none;
   IfIndex port = 0;
   std::uint32_t deviceLife = 0;  ///< The incarnation of the device that `there` is about.
+  std::uint32_t bridgeLife = 0;  // The incarnation of the bridge that `port` is about.
   std::uint32_t seen = 0;        ///< The last dump that the device's row was seen in or changed during.
   std::uint32_t portSeen = 0;
+  Strife strife;
   bool queued = false;
   bool adopted = false;  ///< From before this run, and not spoken of since.
   bool yields = false;   ///< Seen at a local port; left there for a while.
@@ -84,6 +87,7 @@ struct Flood {
   std::set<Ip4> held;  ///< VTEPs whose nexthop object tells that a destination is ours.
   std::uint32_t deviceLife = 0;
   std::uint32_t seen = 0;
+  Strife strife;
   bool queued = false;
   bool adopted = false;
 };
@@ -106,7 +110,12 @@ struct Domain {
   IfIndex bridge = 0;
   IfIndex device = 0;
   std::uint32_t deviceLife = 1;
-  bool blind = false;  ///< The device has rows that no dump has told yet: nothing is programmed.
+  std::uint32_t bridgeLife = 1;
+  bool blind = false;        ///< The device has rows that no dump has told yet: nothing is programmed.
+  bool bridgeBlind = false;  // The same of the bridge.
+  bool complete =
+      false;      // Its devices have been as wanted: what is not so any more somebody else has changed.
+  Strife strife;  // About its devices.
   bool queued = false;
   std::optional<Turn> turn;
   std::optional<Mac> walk;  ///< Hosts from here on are yet to be looked at again.
@@ -119,7 +128,9 @@ struct Domain {
   std::map<IfIndex, std::set<std::pair<Mac, Ip4>>> left;
   std::set<IfIndex> enslaved;  ///< Ports that are in the bridge because we want it.
 
-  bool ready() const { return mapping && device != 0 && bridge != 0 && !blind; }
+  // Whether all rows in its tables are known.
+  bool read() const { return !blind && !bridgeBlind; }
+  bool ready() const { return mapping && device != 0 && bridge != 0 && read(); }
   /// These VTEPs without the switch's own address: what leaves for it comes back into the bridge.
   std::vector<Ip4> remote(std::vector<Ip4> vteps) const {
     if (mapping) std::erase(vteps, mapping->local);
@@ -145,8 +156,9 @@ struct State {
   explicit State(Options given)
       : options(std::move(given)),
         failures(options.retryFirst, options.retryMost),
+        contention(options, failures),
         links(options.owner, options.birthGroup),
-        nexthops(options, failures) {}
+        nexthops(options, failures, contention) {}
   State(const State&) = delete;
   State& operator=(const State&) = delete;
 
@@ -179,13 +191,21 @@ struct State {
     rowQueue.push_back({mac.group() ? Key::Kind::flood : Key::Kind::host, domain.vlan, mac.bits});
   }
 
+  // The domain's enslaved ports, devices left behind or change of VNI name this device.
+  void mention(IfIndex device, Vlan vlan) { mentions[device].insert(vlan); }
+
   const Options options;
   Failures failures;
+  Contention contention;
   Links links;
   Nexthops nexthops;
   std::map<Vlan, Domain> domains;
   std::map<IfIndex, Vlan> deviceOf;  ///< The domain whose device, or whose bridge, it is.
   std::map<IfIndex, Vlan> bridgeOf;
+  std::map<Vni, Vlan> vlanOf;                       // The domain that is mapped to the VNI.
+  std::map<std::string, std::set<Vlan>> portUsers;  // The domains whose mapping names the port.
+  std::map<IfIndex, std::set<Vlan>> mentions;       // Until the device goes.
+  std::set<IfIndex> suspects;                       // Devices of ours, among them all that nothing wants.
   std::deque<Vlan> domainQueue;
   std::deque<Vlan> walks;
   std::set<Vlan> turns;
@@ -198,7 +218,10 @@ struct State {
   bool settled = false;
   bool adopting = true;  ///< Until the first dump is complete.
   bool auditWanted = true;
-  bool linksDirty = false;  ///< Devices are to be looked through for those that nothing wants.
+  // How often reports were lost, or rows went that nobody reports: what is known of the kernel is in doubt
+  // until a comparison that began later is over.
+  std::uint32_t doubts = 0;
+  std::uint64_t steps = 0;  // Domains and devices looked at because of reports, from the start on.
 };
 
 }  // namespace Agent::Kernel

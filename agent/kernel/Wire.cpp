@@ -226,10 +226,14 @@ void readVxlan(const nlattr& data, Link& link) {
   });
 }
 
-void readBridgePort(const nlattr& data, Link& link) {
-  forEachNested(data, [&link](std::uint16_t type, const nlattr& attribute) {
-    if (type == IFLA_BRPORT_LEARNING) link.portLearning = read<std::uint8_t>(attribute) != 0;
-    if (type == IFLA_BRPORT_ISOLATED) link.portIsolated = read<std::uint8_t>(attribute) != 0;
+void readPortSettings(const nlattr& data, bool& learning, bool& isolated) {
+  forEachNested(data, [&](std::uint16_t type, const nlattr& attribute) {
+    if (type == IFLA_BRPORT_LEARNING) {
+      learning = read<std::uint8_t>(attribute) != 0;
+    }
+    if (type == IFLA_BRPORT_ISOLATED) {
+      isolated = read<std::uint8_t>(attribute) != 0;
+    }
   });
 }
 
@@ -247,7 +251,9 @@ void readLinkInfo(const nlattr& info, Link& link) {
   if (kind == "bridge") link.kind = LinkKind::bridge;
   if (kind == "vxlan") link.kind = LinkKind::vxlan;
   if (link.kind == LinkKind::vxlan && data != nullptr) readVxlan(*data, link);
-  if (slaveKind == "bridge" && slaveData != nullptr) readBridgePort(*slaveData, link);
+  if (slaveKind == "bridge" && slaveData != nullptr) {
+    readPortSettings(*slaveData, link.portLearning, link.portIsolated);
+  }
 }
 
 Mac readMac(const nlattr& attribute) {
@@ -310,6 +316,25 @@ std::optional<Link> readLink(const nlmsghdr& message) {
   link.index = header->ifi_index;
   link.up = (header->ifi_flags & static_cast<unsigned>(IFF_UP)) != 0;
   return link;
+}
+
+std::optional<BridgePort> readBridgePort(const nlmsghdr& message) {
+  BridgePort port;
+  bool told = false;
+  const auto* header = readMessage<ifinfomsg>(message, [&](std::uint16_t type, const nlattr& attribute) {
+    if (type == IFLA_MASTER) {
+      port.bridge = read<IfIndex>(attribute);
+    }
+    if (type == IFLA_PROTINFO) {
+      told = true;
+      readPortSettings(attribute, port.learning, port.isolated);
+    }
+  });
+  if (header == nullptr || header->ifi_family != AF_BRIDGE || !told || port.bridge == 0) {
+    return std::nullopt;
+  }
+  port.index = header->ifi_index;
+  return port;
 }
 
 std::optional<Row> readRow(const nlmsghdr& message) {

@@ -12,6 +12,8 @@ namespace {
 
 // How often a look-up that is under way is asked for.
 constexpr double lookupInterval = 0.02;
+// Seconds after an exception of the mapper, before it is asked again.
+constexpr double pauseAfterException = 1.0;
 
 }  // namespace
 
@@ -21,6 +23,8 @@ nlohmann::json AdapterStatus::json() const {
           {"reconnects", reconnects},
           {"resumptions", resumptions},
           {"lastError", lastError},
+          {"faults", faults},
+          {"contained", contained},
           {"lastTransaction", lastTransaction},
           {"updates", updates},
           {"rows", rows},
@@ -65,13 +69,27 @@ auto Adapter::measured(Part part) {
 }
 
 std::optional<nlohmann::json> Adapter::next(std::size_t hosts) {
-  return measured([&] { return mapper_.next(hosts); });
+  if (!pending()) {
+    return std::nullopt;
+  }
+  return measured([&]() -> std::optional<nlohmann::json> {
+    try {
+      return mapper_.next(hosts);
+    } catch (const std::exception& error) {
+      contain(error.what());
+      turn();
+      return std::nullopt;
+    }
+  });
 }
 
-std::vector<std::string> Adapter::ownedPointers() const {
-  return {"/vtiStatus/" + options_.mapper.vti, "/vlanVniMap/" + options_.mapper.vti,
-          "/hardware/bumStatus/bumReplicationMode", "/controller/fdb",
-          "/controller/state/" + options_.mapper.stateName};
+bool Adapter::pending() const {
+  return now() >= pausedUntil_ && mapper_.pending();
+}
+
+std::vector<std::string> Adapter::ownedPointers() {
+  return {"/vtiStatus", "/vlanVniMap", "/hardware/bumStatus/bumReplicationMode", "/controller/fdb",
+          "/controller/state"};
 }
 
 // --- the loop's events
@@ -93,10 +111,18 @@ void Adapter::timer() {
   }
   session_.tick(now());
   mapper_.tick(now());
+  holdWhileSettling();
   if (mapper_.settling()) {
     startWork();
   }
   turn();
+}
+
+// The time in which rows are settled is not the peer's.
+void Adapter::holdWhileSettling() {
+  if (mapper_.settling()) {
+    session_.hold();
+  }
 }
 
 void Adapter::startWork() {
@@ -116,13 +142,36 @@ bool Adapter::slice() {
 
 bool Adapter::sliceOnce() {
   if (mapper_.settling()) {
-    mapper_.settle(options_.rowsPerSlice, now());
-    return true;
+    return settle();
   }
   if (session_.work(options_.rowsPerSlice, now())) {
+    holdWhileSettling();
     return true;
   }
   return up_ && readMore();
+}
+
+bool Adapter::settle() {
+  if (now() < pausedUntil_) {
+    return false;
+  }
+  try {
+    if (!mapper_.settle(options_.rowsPerSlice, now())) {
+      session_.goOn(now());
+    }
+    return true;
+  } catch (const std::exception& error) {
+    contain(error.what());
+    return false;
+  }
+}
+
+// What the rows mean could not be worked out or published: the session is left, and it is tried again after a
+// pause.
+void Adapter::contain(const std::string& why) {
+  ++contained_;
+  pausedUntil_ = now() + pauseAfterException;
+  fail("what came could not be worked on: " + why);
 }
 
 bool Adapter::readMore() {
@@ -161,17 +210,21 @@ void Adapter::turn() {
     up_ = false;
   }
   connect();
+  const bool wasFull = session_.outputFull();
   flush();
+  if (wasFull && !session_.outputFull()) {
+    startWork();  // what came meanwhile was left alone
+  }
   watch();
   arm();
-  if (mapper_.pending()) {
+  if (pending()) {
     onPending_();
   }
 }
 
 void Adapter::connect() {
   const std::optional<Remote> remote = session_.connectTo(now());
-  if (!remote) {
+  if (!remote || mapper_.settling()) {
     return;
   }
   session_.connecting(now());
@@ -203,7 +256,7 @@ void Adapter::flush() {
       if (sent == 0) {
         return;
       }
-      session_.written(sent);
+      session_.written(sent, now());
     }
     if (up_ && transport_.wantsOutput()) {
       transport_.write({});
@@ -222,7 +275,7 @@ void Adapter::watch() {
     return;
   }
   // While work is pending the peer is held back: the slices read by themselves.
-  const bool input = !up_ || work_ == EventLoop::WorkId::none;
+  const bool input = !up_ || (work_ == EventLoop::WorkId::none && session_.wantsInput());
   const bool output = transport_.wantsOutput() || (up_ && !session_.output().empty());
   const std::uint32_t events = (input ? EPOLLIN : 0U) | (output ? EPOLLOUT : 0U);
   if (watched_ < 0) {
@@ -242,8 +295,13 @@ void Adapter::forget() {
 }
 
 void Adapter::arm() {
-  double due = std::min(session_.nextWakeup(), mapper_.nextWakeup());
   const double at = now();
+  // Until the rows have settled there is nothing else to wake up for.
+  double due = mapper_.settling() ? std::numeric_limits<double>::infinity()
+                                  : std::min(session_.nextWakeup(), mapper_.nextWakeup());
+  if (at < pausedUntil_) {
+    due = std::min(due, pausedUntil_);
+  }
   if (transport_.resolving()) {
     due = std::min(due, at + lookupInterval);
   }
@@ -284,6 +342,9 @@ AdapterStatus Adapter::status() const {
   status.reconnects = session_.reconnects();
   status.resumptions = session_.resumptions();
   status.lastError = session_.lastError();
+  status.problem = session_.problem(now());
+  status.faults = session_.faults();
+  status.contained = session_.contained() + contained_;
   status.lastTransaction = session_.lastTransaction();
   status.updates = session_.updates();
   for (std::size_t index = 0; index < tableCount; ++index) {

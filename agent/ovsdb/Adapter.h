@@ -25,6 +25,9 @@ struct AdapterStatus {
   std::uint64_t reconnects = 0;
   std::uint64_t resumptions = 0;  // of them, those that went on where the last session ended
   std::string lastError;          // empty: none so far
+  std::string problem;            // what an operator should know of the session now; empty: nothing
+  std::uint64_t faults = 0;       // sessions that were left for a fault of the server
+  std::uint64_t contained = 0;    // and for an exception
   std::string lastTransaction;
   std::uint64_t updates = 0;
   std::map<std::string, std::size_t> rows;  // by table
@@ -42,7 +45,9 @@ struct AdapterStatus {
 
 // The controller database on the agent's event loop: session, transport and mapper put together. It reads,
 // decides and answers by itself, a slice at a time; the agent takes the patches with next() whenever
-// `onPending` has told that there are some, and until there are none.
+// `onPending` has told that there are some, and until there are none. An exception while rows are taken,
+// settled or published is contained here: the session is left, the reason counted and told, and it is tried
+// again later.
 class Adapter {
  public:
   struct Options {
@@ -62,9 +67,10 @@ class Adapter {
 
   // The next patch of the input document, with at most about `hosts` hosts; nothing when there is none now.
   std::optional<nlohmann::json> next(std::size_t hosts);
-  bool pending() const { return mapper_.pending(); }
-  // JSON Pointers to the members of the input document that are the adapter's alone.
-  std::vector<std::string> ownedPointers() const;
+  bool pending() const;
+  // JSON Pointers to the members of the input document that are the adapter's alone, whatever the database
+  // has: all VTIs and their maps among them, so that no other VTI stands in its way.
+  static std::vector<std::string> ownedPointers();
 
   // Other remotes, at least one; and other times of a convergence.
   void remotesAre(std::vector<Remote> remotes);
@@ -92,6 +98,9 @@ class Adapter {
   bool slice();
   bool sliceOnce();
   bool readMore();
+  bool settle();
+  void holdWhileSettling();
+  void contain(const std::string& why);
   void fail(const std::string& why);
   template <typename Part>
   auto measured(Part part);
@@ -108,6 +117,8 @@ class Adapter {
   EventLoop::TimerId timer_ = EventLoop::TimerId::none;
   double timerDue_ = 0;
   EventLoop::WorkId work_ = EventLoop::WorkId::none;
+  std::uint64_t contained_ = 0;
+  double pausedUntil_ = 0;  // after an exception
   std::chrono::nanoseconds longestSlice_{0};
 };
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <array>
-#include <string>
 
 #include "agent/ovsdb/JsonReader.h"
 
@@ -22,28 +21,31 @@ bool isMark(char c) {
   return marks[static_cast<unsigned char>(c)];
 }
 
-std::string megabytes(std::size_t bytes) {
-  return bytes % (std::size_t{1} << 20) == 0 ? std::to_string(bytes >> 20) + " MiB"
+}  // namespace
+
+std::string bytesInWords(std::size_t bytes) {
+  if (bytes % (std::size_t{1} << 20) == 0) {
+    return std::to_string(bytes >> 20) + " MiB";
+  }
+  return bytes % (std::size_t{1} << 10) == 0 ? std::to_string(bytes >> 10) + " KiB"
                                              : std::to_string(bytes) + " bytes";
 }
 
-}  // namespace
-
 bool Framer::scan(std::string_view pending) {
   while (scanned_ < pending.size()) {
-    if (begun_ && depth_ == 0) {
+    if (begun_ && nesting_.depth() == 0) {
       return true;
-    }
-    if (scanned_ > largestMessage_) {
-      throw ProtocolError("a message is larger than the " + megabytes(largestMessage_) + " allowed");
     }
     if (inString_) {
       insideString(pending);
     } else {
       outside(pending);
     }
+    if (scanned_ > largestMessage_) {
+      throw ProtocolError("a message is larger than the " + bytesInWords(largestMessage_) + " allowed");
+    }
   }
-  return begun_ && depth_ == 0;
+  return begun_ && nesting_.depth() == 0;
 }
 
 void Framer::insideString(std::string_view pending) {
@@ -55,11 +57,12 @@ void Framer::insideString(std::string_view pending) {
       escaped_ = true;
     } else if (c == '"') {
       inString_ = false;
+      gapBegin_ = scanned_;
       break;
     }
   }
   if (scanned_ - stringBegin_ > largestString_) {
-    throw ProtocolError("a string is longer than the " + megabytes(largestString_) + " allowed");
+    throw ProtocolError("a string is longer than the " + bytesInWords(largestString_) + " allowed");
   }
 }
 
@@ -67,7 +70,9 @@ void Framer::outside(std::string_view pending) {
   if (!begun_) {
     const char c = pending[scanned_];
     if (c == ' ' || c == '\n' || c == '\r' || c == '\t') {
-      ++scanned_;
+      if (++scanned_ > mostBetweenMarks) {
+        throw ProtocolError("this is not OVSDB: nothing but white space");
+      }
       return;
     }
     if (c != '{') {
@@ -75,15 +80,20 @@ void Framer::outside(std::string_view pending) {
                           std::to_string(static_cast<unsigned char>(c)) + " instead of '{'");
     }
     begun_ = true;
+    gapBegin_ = scanned_;
   }
   // Bounded, so that the size of the message is looked at every so often.
   const std::size_t stop = std::min(pending.size(), scanned_ + 65536);
   while (scanned_ < stop && !isMark(pending[scanned_])) {
     ++scanned_;
   }
+  if (scanned_ - gapBegin_ > mostBetweenMarks) {
+    throw ProtocolError("more than " + bytesInWords(mostBetweenMarks) + " of white space or of one number");
+  }
   if (scanned_ < stop) {
     mark(pending[scanned_]);
     ++scanned_;
+    gapBegin_ = scanned_;
   }
 }
 
@@ -95,26 +105,47 @@ void Framer::mark(char c) {
       return;
     case '{':
     case '[':
-      if (++depth_ == 1) {
+      try {
+        nesting_.open();
+      } catch (const BadJson& error) {
+        throw ProtocolError(std::string{"a message is "} + error.what());
+      }
+      if (nesting_.depth() == 1) {
         open_ = {.name = scanned_ + 1, .colon = 0, .end = 0};
       }
       return;
     case ':':
-      if (depth_ == 1) {
+      if (nesting_.depth() == 1) {
+        if (open_.colon > 0) {
+          throw ProtocolError("a message is not JSON: a member has two colons");
+        }
         open_.colon = scanned_;
       }
       return;
     default:
       break;
   }
-  if (depth_ == 1 && open_.colon > 0) {
-    open_.end = scanned_;
-    places_.push_back(open_);
-    open_ = {.name = scanned_ + 1, .colon = 0, .end = 0};
+  if (nesting_.depth() == 1) {
+    memberEnds(c != ',');
   }
   if (c != ',') {
-    --depth_;
+    nesting_.close();
   }
+}
+
+void Framer::memberEnds(bool last) {
+  if (open_.colon == 0) {
+    if (last && places_.empty()) {
+      return;  // an empty object
+    }
+    throw ProtocolError("a message is not JSON: a member has no value");
+  }
+  if (places_.size() == mostMembers) {
+    throw ProtocolError("a message has more than " + std::to_string(mostMembers) + " members");
+  }
+  open_.end = scanned_;
+  places_.push_back(open_);
+  open_ = {.name = scanned_ + 1, .colon = 0, .end = 0};
 }
 
 std::vector<Framer::Member> Framer::members(std::string_view pending) const {
@@ -131,7 +162,8 @@ std::vector<Framer::Member> Framer::members(std::string_view pending) const {
 }
 
 void Framer::next() {
-  scanned_ = stringBegin_ = depth_ = 0;
+  scanned_ = stringBegin_ = gapBegin_ = 0;
+  nesting_ = {};
   inString_ = escaped_ = begun_ = false;
   open_ = {};
   places_.clear();

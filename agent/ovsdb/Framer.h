@@ -1,18 +1,26 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 #include <vector>
 
+#include "agent/json/Text.h"
+
 namespace Agent::Ovsdb {
+
+// A number of bytes in words, such as "16 MiB".
+std::string bytesInWords(std::size_t bytes);
 
 // Finds the messages in a stream of JSON objects that follow each other without any mark between (RFC 7047,
 // section 4): an object ends where its braces are closed. Each byte is looked at once, however the stream
 // is cut; the places of the object's own members are noted on the way, so that a large member can be
 // entered without reading over it again.
 //
-// What cannot be the beginning of a JSON object, a message or a string of more than the size allowed raises
-// ProtocolError; the stream is of no use then until reset().
+// This is the edge of the database's side: whatever reads a message later relies on the limits held here.
+// What cannot be the beginning of a JSON object, a message or a string of more than the size allowed, nesting
+// beyond deepestJson, more than mostMembers members, and more than mostBetweenMarks bytes of blanks or of one
+// number raise ProtocolError as soon as they are seen; the stream is of no use then until reset().
 class Framer {
  public:
   struct Member {
@@ -27,17 +35,22 @@ class Framer {
   // `pending` is what has come and was not consumed; it begins with the same bytes as at the last call.
   // Returns whether a whole message is there.
   bool scan(std::string_view pending);
-  // Of the whole message at the front of `pending`: its length with the white space before it.
+  // Of the whole message at the front of `pending`: its length with the white space before it. While none is
+  // whole: how many bytes have been looked at.
   std::size_t length() const { return scanned_; }
   // Its members in the order in which they stand.
   std::vector<Member> members(std::string_view pending) const;
   // The message has been consumed; the next begins.
   void next();
-  // The stream begins anew.
+  // Begins again with another stream.
   void reset() { next(); }
+  // How large a message may be from here on.
+  void largestMessageIs(std::size_t bytes) { largestMessage_ = bytes; }
 
-  static constexpr std::size_t defaultMessage = std::size_t{512} << 20;
+  static constexpr std::size_t defaultMessage = std::size_t{16} << 20;
   static constexpr std::size_t defaultString = std::size_t{1} << 20;
+  static constexpr std::size_t mostMembers = 8;
+  static constexpr std::size_t mostBetweenMarks = std::size_t{64} << 10;
 
  private:
   struct Place {
@@ -49,12 +62,14 @@ class Framer {
   void outside(std::string_view pending);
   void insideString(std::string_view pending);
   void mark(char c);
+  void memberEnds(bool last);
 
   std::size_t largestMessage_;
   std::size_t largestString_;
   std::size_t scanned_ = 0;
   std::size_t stringBegin_ = 0;
-  std::size_t depth_ = 0;
+  std::size_t gapBegin_ = 0;  // behind the last mark or string
+  Nesting nesting_;
   bool inString_ = false;
   bool escaped_ = false;
   bool begun_ = false;

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
-#include <nlohmann/json.hpp>
+#include <limits>
+
+#include "agent/json/Text.h"
 
 namespace Agent::Ovsdb {
 
@@ -105,11 +107,11 @@ void JsonReader::string(std::string& out) {
     out.assign(inner);
     return;
   }
-  const nlohmann::json value = nlohmann::json::parse(token, nullptr, false);
-  if (!value.is_string()) {
+  try {
+    out = parseJson(token).get<std::string>();
+  } catch (const BadJson&) {
     fail("the string ending here is not valid JSON in UTF-8");
   }
-  out = value.get_ref<const std::string&>();
 }
 
 std::string JsonReader::string() {
@@ -156,7 +158,9 @@ void JsonReader::skipScalar() {
     ++at_;
   }
   const std::string_view token = text_.substr(begin, at_ - begin);
-  if (!nlohmann::json::accept(token)) {
+  try {
+    parseJson(token);
+  } catch (const BadJson&) {
     at_ = begin;
     fail("want a value");
   }
@@ -165,27 +169,36 @@ void JsonReader::skipScalar() {
 std::string_view JsonReader::skip() {
   peek();
   const std::size_t begin = at_;
-  std::string open;  // the closing marks that are due
-  do {
+  beginSkip();
+  while (!skipOn(std::numeric_limits<std::size_t>::max())) {
+  }
+  return text_.substr(begin, at_ - begin);
+}
+
+bool JsonReader::skipOn(std::size_t most) {
+  for (; most > 0; --most) {
     const char c = peek();
     if (c == '{' || c == '[') {
       expect(c);
-      open.push_back(c == '{' ? '}' : ']');
+      closing_.push_back(c == '{' ? '}' : ']');
     } else if (c == '"') {
       stringToken();
     } else {
       skipScalar();
     }
-    while (!open.empty() && !next(open.back())) {
-      open.pop_back();
+    while (!closing_.empty() && !next(closing_.back())) {
+      closing_.pop_back();
     }
-    if (!open.empty() && open.back() == '}') {
+    if (closing_.empty()) {
+      fresh_ = false;
+      return true;
+    }
+    if (closing_.back() == '}') {
       stringToken();
       expect(':');
     }
-  } while (!open.empty());
-  fresh_ = false;
-  return text_.substr(begin, at_ - begin);
+  }
+  return false;
 }
 
 }  // namespace Agent::Ovsdb

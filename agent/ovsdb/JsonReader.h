@@ -46,6 +46,10 @@ class JsonReader {
   bool null();
   // Steps over one value of any kind and returns its text.
   std::string_view skip();
+  // The same in parts: beginSkip, then skipOn, about so many names and values at a time, until it returns
+  // true.
+  void beginSkip() { closing_.clear(); }
+  bool skipOn(std::size_t most);
 
   // The first character of the next value or mark; 0 at the end of the text.
   char peek();
@@ -64,6 +68,7 @@ class JsonReader {
   std::size_t at_ = 0;
   // Whether the reader stands right behind an opening brace or bracket, where no comma is due.
   bool fresh_ = false;
+  std::string closing_;  // of the value that is stepped over: the closing marks that are due
 };
 
 }  // namespace Agent::Ovsdb

@@ -4,8 +4,11 @@
 #include <iterator>
 #include <limits>
 #include <stdexcept>
+#include <utility>
 
 #include "agent/loop/Fatal.h"
+#include "agent/ovsdb/Explain.h"
+#include "agent/ovsdb/RowProblems.h"
 
 namespace Agent::Ovsdb {
 
@@ -13,10 +16,15 @@ Mapper::Mapper(MapperOptions options)
     : options_(std::move(options)),
       topology_(options_.topology),
       convergence_(options_.convergence),
-      moves_(options_.rememberedMacs) {
+      moves_(options_.rememberedMacs),
+      publisher_(rows_, topology_, convergence_, options_.vti, options_.stateName) {
   if (options_.topology.untaggedFirst < leastVlan || options_.topology.untaggedLast > mostVlan ||
       options_.topology.untaggedFirst > options_.topology.untaggedLast) {
     throw std::invalid_argument("the range of VLANs for untagged ports is not within 1 to 4094");
+  }
+  if (options_.topology.switchName.size() > BoundedText::mostKept) {
+    throw std::invalid_argument("the name of the physical switch is longer than " +
+                                std::to_string(BoundedText::mostKept) + " bytes");
   }
   if (options_.convergeAtStart) {
     convergence_.await();
@@ -27,7 +35,9 @@ Mapper::Mapper(MapperOptions options)
 
 void Mapper::beginUpdate(bool whole, double /*now*/) {
   require(!settling(), "an update begins before the last one has settled");
-  require(whole || !updateOpen_, "a part of the rows comes on top of an update that did not end");
+  if (updateOpen_ && !whole) {
+    throw ProtocolError("a part of the rows comes on top of an update that did not end");
+  }
   updateOpen_ = true;
   whole_ = whole;
   updateChanged_ = false;
@@ -56,39 +66,49 @@ void Mapper::sessionLost(double now) {
 
 // --- settling
 
-bool Mapper::settle(std::size_t steps, double now) {
-  while (steps > 0 && settling()) {
+bool Mapper::settle(std::size_t most, double now) {
+  Steps steps(most);
+  while (steps.left() && settling()) {
     settlePart(steps, now);
   }
+  lastSpent_ = steps.spent();
   return settling();
 }
 
-void Mapper::settlePart(std::size_t& steps, double now) {
+void Mapper::settlePart(Steps& steps, double now) {
+  const auto host = [this](Slot slot, Ipv4 vtep) { hostResolved(slot, vtep); };
+  const auto flood = [this](Slot slot, std::vector<Ipv4> addresses) {
+    floodResolved(slot, std::move(addresses));
+  };
   switch (phase_) {
     case Phase::idle:
       return;
     case Phase::sweep:
       phase_ = rows_.sweep(steps) ? Phase::sweep : Phase::topology;
-      steps = 0;
+      return;
+    case Phase::release:
+      phase_ = publisher_.releaseHeldBack(steps) ? Phase::release : Phase::topology;
       return;
     case Phase::topology:
       settleTopology(now);
-      phase_ = Phase::locators;
+      phase_ = Phase::spread;
       return;
-    case Phase::locators:
-      walkLocators(steps);
-      return;
-    case Phase::switches:
-      walkSwitches(steps);
+    case Phase::spread:
+      phase_ = rows_.spread(steps) ? Phase::spread : Phase::hosts;
       return;
     case Phase::hosts:
-      settleHosts(steps);
+      phase_ = rows_.resolveHost(steps, host) ? Phase::hosts : Phase::floods;
       return;
     case Phase::floods:
-      settleFloods(steps);
+      phase_ = rows_.resolveFlood(steps, flood) ? Phase::floods : Phase::finish;
       return;
     case Phase::finish:
-      finish();
+      if (std::exchange(returned_, false) && !lostHosts_.empty()) {
+        withdrawWhatLostHosts();
+        phase_ = Phase::spread;
+      } else {
+        phase_ = rows_.collect(steps) ? Phase::finish : Phase::idle;
+      }
       return;
   }
 }
@@ -102,39 +122,28 @@ void Mapper::settleTopology(double now) {
     }
     everUpdated_ = true;
   }
-  if (rows_.topologyChanged) {
+  const bool ended = std::exchange(convergenceEnded_, false);
+  const bool changed = rows_.takeTopologyChanged();
+  if (changed) {
     watchController(now);
   }
-  if (rows_.topologyChanged || returned_) {
-    rows_.topologyChanged = false;
+  if (changed || ended || returned_) {
     topology_.derive(rows_, convergence_.inProgress());
-    vlansDirty_ = true;
+    publisher_.vlansDecided();
     for (const Topology::Decision& decision : topology_.decisions()) {
       decide(decision);
-    }
-  }
-  for (const Slot slot : std::exchange(rows_.comeAndGone, {})) {
-    if (rows_.logicalSwitches.live(slot)) {
-      walk(slot);
     }
   }
 }
 
 void Mapper::watchController(double now) {
   bool flag = false;
-  for (const auto& [uuid, row] : rows_.globals) {
-    const auto value = row.otherConfig.find("converging");
-    flag |= value != row.otherConfig.end() && value->second == "true";
+  const auto& globals = rows_.globals();
+  for (Slot slot = 0; slot < globals.slots(); ++slot) {
+    flag |= globals.live(slot) && globals[slot].converging == BoundedText("true");
   }
-  std::size_t keys = 0;
-  bool cleared = false;
-  for (Slot slot = 0; slot < rows_.logicalSwitches.slots(); ++slot) {
-    if (rows_.logicalSwitches.live(slot)) {
-      keys += rows_.logicalSwitches[slot].key ? std::size_t{1} : std::size_t{0};
-      cleared |= std::exchange(rows_.logicalSwitches[slot].keyCleared, false);
-    }
-  }
-  const bool leaves = keysBefore_ > 0 && keys == 0 && cleared;
+  const std::size_t keys = rows_.keys();
+  const bool leaves = rows_.takeKeysCleared() && keysBefore_ > 0 && keys == 0;
   const bool converges = flag && !flagBefore_;
   convergence_.conditionIs(Convergence::Cause::flag, flag, now);
   if (leaves || keys > 0) {
@@ -144,193 +153,95 @@ void Mapper::watchController(double now) {
   flagBefore_ = flag;
   if (leaves || converges) {
     convergence_.begin(leaves ? Convergence::Cause::leave : Convergence::Cause::flag, now);
-    withdrawAll();
+    publisher_.withdrawAll();
   }
 }
 
 void Mapper::decide(const Topology::Decision& decision) {
   const Slot slot = decision.logicalSwitch;
-  LogicalSwitch& row = rows_.logicalSwitches[slot];
+  SwitchDecision& row = rows_.decisionOn(slot);
   const bool another = row.vni != decision.vni;
-  const bool begins = decision.publishable && !row.publishable;
   if (row.published && (another || !decision.publishable)) {
-    withdraw(slot);
+    publisher_.withdraw(slot);
+  }
+  if (another || row.publishable != decision.publishable) {
+    rows_.touchSwitch(slot);
   }
   row.vni = decision.vni;
   row.vlan = decision.vlan;
   row.publishable = decision.publishable;
-  if (another || begins) {
-    walk(slot);
-  }
   if (row.publishable && !row.published) {
-    enqueue(slot);
+    publisher_.enqueue(slot);
   }
 }
 
-// All MACs and floods of a logical switch are to be decided again.
-void Mapper::walk(Slot slot) {
-  LogicalSwitch& row = rows_.logicalSwitches[slot];
-  if (row.walking) {
-    return;
-  }
-  row.walking = true;
-  toWalk_.push_back(slot);
-  for (const auto& [mac, flood] : row.floods) {
-    rows_.dirtyFloods.emplace(slot, mac);
-  }
-}
-
-void Mapper::walkLocators(std::size_t& steps) {
-  while (steps > 0 && !rows_.touchedLocators.empty()) {
-    const Slot slot = rows_.touchedLocators.back();
-    RowStore::Locator& locator = rows_.locators[slot];
-    walkUcast_ = std::exchange(walkBegun_, true) ? walkUcast_ : locator.firstUcast;
-    for (; steps > 0 && walkUcast_ != noSlot; --steps) {
-      if (rows_.ucasts[walkUcast_].host != noSlot) {
-        rows_.markDirty(rows_.ucasts[walkUcast_].host);
-      }
-      walkUcast_ = rows_.ucasts[walkUcast_].sameLocatorNext;
-    }
-    if (walkUcast_ == noSlot) {
-      walkBegun_ = false;
-      rows_.touchedLocators.pop_back();
-      rows_.settleLocator(slot);
-    }
-  }
-  if (rows_.touchedLocators.empty()) {
-    phase_ = Phase::switches;
-  }
-}
-
-void Mapper::walkSwitches(std::size_t& steps) {
-  while (steps > 0 && !toWalk_.empty()) {
-    LogicalSwitch& row = rows_.logicalSwitches[toWalk_.front()];
-    walkHost_ = std::exchange(walkBegun_, true) ? walkHost_ : row.firstHost;
-    for (; steps > 0 && walkHost_ != noSlot; --steps) {
-      rows_.markDirty(walkHost_);
-      walkHost_ = rows_.hosts[walkHost_].next;
-    }
-    if (walkHost_ == noSlot) {
-      walkBegun_ = false;
-      row.walking = false;
-      toWalk_.pop_front();
-    }
-  }
-  if (toWalk_.empty()) {
-    phase_ = Phase::hosts;
-  }
-}
-
-void Mapper::settleHosts(std::size_t& steps) {
-  for (; steps > 0 && !rows_.dirtyMacs.empty(); --steps) {
-    const Slot slot = rows_.dirtyMacs.back();
-    rows_.dirtyMacs.pop_back();
-    rows_.hosts[slot].dirty = false;
-    settleHost(slot);
-  }
-  if (rows_.dirtyMacs.empty()) {
-    phase_ = Phase::floods;
-  }
-}
-
-// Decides on one MAC, counts its moves, and queues it if that is not what is published.
-void Mapper::settleHost(Slot slot) {
-  const RowStore::HostKey key = rows_.hosts.key(slot);
-  LogicalSwitch& row = rows_.logicalSwitches[key.logicalSwitch];
-  const Ipv4 vtep = rows_.resolve(slot);
-  Host& host = rows_.hosts[slot];
+// Counts the moves of a MAC, and has it published if that is not what is published.
+void Mapper::hostResolved(Slot slot, Ipv4 vtep) {
+  const MacKey key = rows_.hosts().key(slot);
+  SwitchDecision& row = rows_.decisionOn(key.logicalSwitch);
+  HostDecision& host = rows_.decisionOnHost(slot);
   if (host.vni != 0 && (host.vni != row.vni || vtep == 0)) {
     moves_.left(host.vni, key.mac);
   }
   const bool here = row.vni != 0 && vtep != 0;
   host.vni = here ? row.vni : 0;
   host.moves = here ? moves_.seen(row.vni, key.mac, vtep) : host.moves;
+  row.decided += vtep != 0 ? 1U : 0U;
+  row.decided -= host.vtep != 0 ? 1U : 0U;
   host.vtep = vtep;
-  const bool published = host.publishedIn == row.generation;
-  row.lostHosts |= returned_ && published && vtep == 0;
-  const bool same = published ? host.publishedVtep == vtep && host.publishedMoves == host.moves : vtep == 0;
-  if (same || !row.publishable) {
-    retire(slot);
-    return;
+  const bool lost = returned_ && host.publishedIn == row.generation && vtep == 0;
+  if (lost && !std::exchange(row.lostHosts, true)) {
+    lostHosts_.push_back(rows_.hold(key.logicalSwitch));
   }
-  if (!host.queued) {
-    host.queued = true;
-    row.pendingHosts.push_back(slot);
-  }
-  enqueue(key.logicalSwitch);
+  publisher_.hostDecided(slot);
 }
 
-void Mapper::settleFloods(std::size_t& steps) {
-  if (std::exchange(rows_.allFloodsDirty, false)) {
-    for (const auto& [uuid, row] : rows_.mcasts) {
-      if (row.mac) {
-        rows_.dirtyFloods.emplace(row.logicalSwitch, *row.mac);
-      }
+void Mapper::floodResolved(Slot slot, std::vector<Ipv4> addresses) {
+  SwitchDecision& row = rows_.decisionOn(rows_.floods().key(slot).logicalSwitch);
+  FloodDecision& flood = rows_.decisionOnFlood(slot);
+  row.decided += addresses.empty() ? 0U : 1U;
+  row.decided -= flood.addresses.empty() ? 0U : 1U;
+  flood.addresses = std::move(addresses);
+  publisher_.floodDecided(slot);
+}
+
+// A VNI that lost hosts while the session was away is withdrawn and decided on once more, so that the client
+// keeps what is missing marked.
+void Mapper::withdrawWhatLostHosts() {
+  for (const RowStore::SwitchReference& reference : std::exchange(lostHosts_, {})) {
+    const Slot slot = reference.slot();
+    SwitchDecision& row = rows_.decisionOn(slot);
+    row.lostHosts = false;
+    if (row.published) {
+      publisher_.withdraw(slot);
+      publisher_.enqueue(slot);
     }
-  }
-  for (; steps > 0 && !rows_.dirtyFloods.empty(); --steps) {
-    const auto [slot, mac] = *rows_.dirtyFloods.begin();
-    rows_.dirtyFloods.erase(rows_.dirtyFloods.begin());
-    if (!rows_.logicalSwitches.live(slot)) {
-      continue;
-    }
-    LogicalSwitch& row = rows_.logicalSwitches[slot];
-    const auto flood = row.floods.find(mac);
-    if (flood == row.floods.end()) {
-      continue;
-    }
-    if (floodDiffers(row, flood->second, rows_.resolveFlood(slot, mac))) {
-      row.pendingFloods.insert(mac);
-      enqueue(slot);
-    } else if (flood->second.rows.empty() && flood->second.publishedIn != row.generation) {
-      row.pendingFloods.erase(mac);
-      row.floods.erase(flood);
-    }
-  }
-  if (rows_.dirtyFloods.empty()) {
-    phase_ = Phase::finish;
   }
 }
 
-// The last phase, unless a VNI lost hosts while the session was away: such a VNI is withdrawn and decided
-// upon once more, so that the client keeps what is missing marked.
-void Mapper::finish() {
-  if (std::exchange(returned_, false)) {
-    for (const Topology::Decision& decision : topology_.decisions()) {
-      const Slot slot = decision.logicalSwitch;
-      LogicalSwitch& row = rows_.logicalSwitches[slot];
-      if (std::exchange(row.lostHosts, false) && row.published) {
-        withdraw(slot);
-        walk(slot);
-        enqueue(slot);
-      }
-    }
-    if (!toWalk_.empty()) {
-      phase_ = Phase::switches;
-      return;
-    }
+// --- publishing
+
+std::optional<nlohmann::json> Mapper::next(std::size_t hosts) {
+  if (updateOpen_ || settling()) {
+    return std::nullopt;
   }
-  rows_.dropUnused();
-  phase_ = Phase::idle;
+  std::optional<nlohmann::json> patch = publisher_.next(hosts);
+  lastSpent_ = publisher_.lastSpent();
+  return patch;
+}
+
+bool Mapper::pending() const {
+  return !updateOpen_ && !settling() && publisher_.pending();
 }
 
 // --- time
 
+// What was held is let go at the end of convergence, and VNIs without a row are instantiated.
 void Mapper::tick(double now) {
-  if (updateOpen_ || settling() || !convergence_.tick(now)) {
-    return;
+  if (!updateOpen_ && !settling() && convergence_.tick(now)) {
+    convergenceEnded_ = true;
+    phase_ = Phase::release;
   }
-  // What was held is let go, and VNIs without a row are instantiated.
-  for (const Topology::Decision& decision : topology_.decisions()) {
-    LogicalSwitch& row = rows_.logicalSwitches[decision.logicalSwitch];
-    for (auto& [mac, flood] : row.floods) {
-      if (std::exchange(flood.heldBack, false)) {
-        rows_.dirtyFloods.emplace(decision.logicalSwitch, mac);
-      }
-    }
-  }
-  rows_.topologyChanged = true;
-  phase_ = Phase::topology;
 }
 
 double Mapper::nextWakeup() const {
@@ -345,18 +256,27 @@ std::size_t Mapper::duplicates() const {
 
 ProblemCounts Mapper::problemCounts() const {
   ProblemCounts counts = rows_.problemCounts();
-  for (const Problem& problem : topology_.problems()) {
-    ++counts[static_cast<std::size_t>(problem.kind)];
+  for (std::size_t kind = 0; kind < problemKinds; ++kind) {
+    counts[kind] += topology_.problems().counts()[kind];
   }
   return counts;
 }
 
 std::vector<Problem> Mapper::problems(std::size_t most) const {
-  std::vector<Problem> list = topology_.problems();
-  list.resize(std::min(list.size(), most));
-  std::vector<Problem> ofRows = rows_.problems(most - list.size());
+  const std::vector<Problem>& ofTopology = topology_.problems().kept();
+  const std::size_t first = std::min(ofTopology.size(), most);
+  std::vector<Problem> list(ofTopology.begin(), ofTopology.begin() + static_cast<std::ptrdiff_t>(first));
+  std::vector<Problem> ofRows = problemsOf(rows_, most - list.size());
   std::move(ofRows.begin(), ofRows.end(), std::back_inserter(list));
   return list;
+}
+
+nlohmann::json Mapper::explain(Mac mac, std::optional<std::uint32_t> vni,
+                               std::optional<std::uint16_t> vlan) const {
+  return {{"mac", macText(mac)},
+          {"convergenceInProgress", convergence_.inProgress()},
+          {"databaseFollowed", !awaitingSession_},
+          {"logicalSwitches", explainRows(rows_, convergence_.inProgress(), mac, vni, vlan)}};
 }
 
 }  // namespace Agent::Ovsdb

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include "agent/ovsdb/Schema.h"
 #include "agent/ovsdb/Uuid.h"
@@ -43,5 +45,25 @@ struct Problem {
 };
 
 using ProblemCounts = std::array<std::size_t, problemKinds>;
+
+// Problems of which all are counted, and only so many are kept in words.
+class ProblemList {
+ public:
+  static constexpr std::size_t mostKept = 1000;
+
+  void add(ProblemKind kind, Table table, const Uuid& row, std::string text) {
+    ++counts_[static_cast<std::size_t>(kind)];
+    if (kept_.size() < mostKept) {
+      kept_.push_back({kind, table, row, std::move(text)});
+    }
+  }
+  void clear() { *this = ProblemList(); }
+  const ProblemCounts& counts() const { return counts_; }
+  const std::vector<Problem>& kept() const { return kept_; }
+
+ private:
+  ProblemCounts counts_{};
+  std::vector<Problem> kept_;
+};
 
 }  // namespace Agent::Ovsdb

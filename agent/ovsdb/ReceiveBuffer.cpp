@@ -12,7 +12,8 @@ namespace Agent::Ovsdb {
 
 namespace {
 
-constexpr std::size_t smallest = std::size_t{256} * 1024;
+// In which the mapping grows, and shrinks at its front: a multiple of any page size.
+constexpr std::size_t step = std::size_t{256} * 1024;
 // An empty buffer beyond this is given back to the system.
 constexpr std::size_t keptWhenEmpty = std::size_t{1024} * 1024;
 
@@ -38,14 +39,16 @@ void ReceiveBuffer::grow(std::size_t capacity) {
 std::span<char> ReceiveBuffer::room(std::size_t size) {
   if (capacity_ - end_ < size) {
     const std::size_t there = end_ - begin_;
-    // Moving is worth it only while little is there; else the mapping grows at its end.
-    if (begin_ > 0 && there <= capacity_ / 4) {
+    // What was taken and is not given back yet is less than a step; moving so much or less costs nothing.
+    if (begin_ > 0 && there <= step) {
       std::memmove(data_, data_ + begin_, there);
       begin_ = 0;
       end_ = there;
     }
     if (capacity_ - end_ < size) {
-      grow(std::max({smallest, capacity_ * 2, (end_ + size + smallest - 1) / smallest * smallest}));
+      // A quarter more than is needed, so that growth to any size moves each page a few times.
+      const std::size_t needed = end_ + size;
+      grow((needed + needed / 4 + step - 1) / step * step);
     }
   }
   return {data_ + end_, capacity_ - end_};
@@ -65,15 +68,25 @@ void ReceiveBuffer::append(std::string_view bytes) {
 void ReceiveBuffer::consume(std::size_t size) {
   require(size <= end_ - begin_, "more bytes are taken than there are");
   begin_ += size;
-  if (begin_ < end_) {
+  if (begin_ == end_) {
+    begin_ = end_ = 0;
+    if (capacity_ > keptWhenEmpty) {
+      release(capacity_);
+    }
     return;
   }
-  begin_ = end_ = 0;
-  if (capacity_ > keptWhenEmpty) {
-    munmap(data_, capacity_);
-    data_ = nullptr;
-    capacity_ = 0;
+  if (const std::size_t taken = begin_ / step * step; taken > 0) {
+    release(taken);
+    begin_ -= taken;
+    end_ -= taken;
   }
+}
+
+// Gives the front of the mapping back to the system.
+void ReceiveBuffer::release(std::size_t size) {
+  munmap(data_, size);
+  data_ = size == capacity_ ? nullptr : data_ + size;
+  capacity_ -= size;
 }
 
 }  // namespace Agent::Ovsdb

@@ -1,189 +1,151 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/ovsdb/Addresses.h"
+#include "agent/ovsdb/BoundedText.h"
+#include "agent/ovsdb/Decisions.h"
+#include "agent/ovsdb/MacTable.h"
+#include "agent/ovsdb/NamedRows.h"
 #include "agent/ovsdb/Problems.h"
 #include "agent/ovsdb/Schema.h"
 #include "agent/ovsdb/SlotMap.h"
+#include "agent/ovsdb/Steps.h"
 #include "agent/ovsdb/Uuid.h"
 
 namespace Agent::Ovsdb {
 
 // The rows of the database, linked as they name each other, and what changed in them.
 //
-// Rows may come in any order: a row that is named before it came is a placeholder that does not exist yet.
-// What a change touches is noted, to be worked on later and in parts: MACs (dirtyMacs), flood destinations
-// (dirtyFloods, allFloodsDirty), locators (touchedLocators), and everything that has to do with switches,
-// ports and tunnel keys (topologyChanged). Whoever takes a note clears it.
+// apply() takes rows in. What a change touches is noted and worked on later, in turns that look at a bounded
+// number of items: sweep() after a whole update, then spread(), which carries a change of a locator, a
+// locator set or a logical switch to the MACs that hang on it, then resolveHost() and resolveFlood(), which
+// look for the row that counts of each MAC. No row may be applied until all of that is done.
 //
-// Invariants:
-//   1. A MAC's rows are chained from the newest to the oldest; `newest` of a MAC without rows is noSlot.
-//   2. A row's links are those of the values it holds now: it is unlinked before a value changes.
-//   3. A placeholder lives as long as a row names it.
+// Only the store changes its tables. Beside the rows it keeps what the mapper decided on them.
 class RowStore {
  public:
-  // A row of Ucast_Macs_Remote.
-  struct Ucast {
-    Mac mac = 0;
-    Slot logicalSwitch = noSlot;
-    Slot locator = noSlot;
-    Slot host = noSlot;  // noSlot while the MAC is bad
-    Slot newer = noSlot, older = noSlot;
-    Slot sameLocatorNext = noSlot, sameLocatorPrevious = noSlot;
-    std::uint32_t epoch = 0;
-    ProblemKind problem = ProblemKind::none;
-  };
-  struct HostKey {
-    Slot logicalSwitch = noSlot;
-    Mac mac = 0;
-    friend bool operator==(const HostKey&, const HostKey&) = default;
-  };
-  struct HostKeyHash {
-    std::size_t operator()(const HostKey& key) const noexcept {
-      return (std::uint64_t{key.logicalSwitch} << 48 ^ key.logicalSwitch) * 0x9e3779b97f4a7c15ULL ^ key.mac;
-    }
-  };
-  // A MAC of a logical switch: its rows, and what the mapper made of them.
-  struct Host {
-    Slot newest = noSlot;
-    Slot next = noSlot, previous = noSlot;  // of the same logical switch
-    bool dirty = false;                     // in dirtyMacs
-    // Written by the mapper alone:
-    bool queued = false;            // among its logical switch's pending hosts
-    std::uint32_t vni = 0;          // under which the MAC was seen last
-    Ipv4 vtep = 0;                  // decided; 0: none
-    std::uint32_t moves = 0;        // decided
-    std::uint32_t publishedIn = 0;  // generation of its logical switch; an older one: not published
-    Ipv4 publishedVtep = 0;
-    std::uint32_t publishedMoves = 0;
-  };
-  // Where flooded frames of a MAC go: its rows in Mcast_Macs_Remote, the oldest first.
-  struct Flood {
-    std::vector<Uuid> rows;
-    // Written by the mapper alone:
-    std::uint32_t publishedIn = 0;
-    bool publishedMultipath = false;
-    std::vector<Ipv4> published;
-    bool heldBack = false;  // addresses that left stay published until convergence ends
-  };
-  struct LogicalSwitch {
-    bool exists = false;
-    std::uint32_t epoch = 0;
-    std::uint32_t users = 0;  // rows that name it
-    std::string name;
-    std::string mode;  // as it stands in the row
-    std::optional<std::int64_t> key;
-    bool keyCleared = false;  // since the last look at the topology
-    Slot firstHost = noSlot;
-    std::size_t hosts = 0;
-    std::map<Mac, Flood> floods;
-    // Written by the mapper alone:
-    std::uint32_t heldKey = 0;  // the last valid one
-    std::uint32_t vni = 0;      // that it stands for; 0: none
-    std::uint16_t vlan = 0;     // that it is bound to here; 0: none
-    bool publishable = false;
-    bool published = false;
-    bool lostHosts = false;  // since the session came back
-    bool queued = false;
-    bool walking = false;
-    std::size_t publishedHosts = 0;
-    std::uint32_t generation = 1;  // of the published entry
-    std::vector<Slot> pendingHosts;
-    std::set<Mac> pendingFloods;
-  };
   struct Locator {
-    bool exists = false;
-    std::uint32_t epoch = 0;
-    std::uint32_t users = 0;   // rows that name it
-    std::uint32_t inSets = 0;  // of them, locator sets
-    bool touched = false;      // in touchedLocators
-    Ipv4 address = 0;          // 0: none that can be used
-    std::string text;
-    Slot firstUcast = noSlot;
+    Ipv4 address = 0;  // 0: none that can be used
+    BoundedText text;
+    bool touched = false;
+    Chain rows;           // of Ucast_Macs_Remote that name it
+    std::set<Slot> sets;  // that have it
   };
   struct LocatorSet {
-    bool exists = false;
-    std::uint32_t epoch = 0;
-    std::vector<Slot> locators;
-    std::set<Uuid> rows;  // of Mcast_Macs_Remote that name it
+    std::vector<NamedRows<Locator>::Reference> locators;
+    bool touched = false;
+    Chain rows;  // of Mcast_Macs_Remote that name it
   };
-  struct Mcast {
-    std::uint32_t epoch = 0;
-    std::string text;
-    std::optional<Mac> mac;
-    Slot logicalSwitch = noSlot;
-    Uuid set;
-    ProblemKind problem = ProblemKind::none;
+  struct LogicalSwitch {
+    BoundedText name;
+    BoundedText mode;  // as it stands in the row
+    std::optional<std::int64_t> key;
+    bool touched = false;
+    Chain hosts;
+    Chain floods;
+    SwitchDecision decision;
+
+    // Frames are flooded to each destination, not to any one of them.
+    bool isSourceNode() const { return mode.kept() == "source_node"; }
   };
   struct Port {
     std::uint32_t epoch = 0;
-    std::string name;
+    BoundedText name;
     std::map<std::int64_t, Uuid> bindings;
   };
   struct PhysicalSwitch {
     std::uint32_t epoch = 0;
-    std::string name;
+    BoundedText name;
     std::set<Uuid> ports;
-    std::set<std::string> tunnelIps;
+    std::set<BoundedText> tunnelIps;
   };
   struct Global {
     std::uint32_t epoch = 0;
-    std::map<std::string, std::string> otherConfig;
+    std::optional<BoundedText> converging;  // of its other_config
   };
+  using Switches = NamedRows<LogicalSwitch>;
+  using SwitchReference = Switches::Reference;
+  using Hosts = MacTable<LogicalSwitch, Locator, HostDecision>;
+  using Floods = MacTable<LogicalSwitch, LocatorSet, FloodDecision>;
 
-  // Takes a row's change in. Returns whether it changed anything.
+  RowStore();
+  RowStore(const RowStore&) = delete;
+  RowStore& operator=(const RowStore&) = delete;
+
+  // Takes a row's change in. Returns whether it changed anything. A change that the protocol does not allow
+  // raises ProtocolError and changes nothing.
   bool apply(const RowEvent& event);
   // The rows that are applied from now on are all there are.
-  void beginWhole() { ++epoch_; }
-  // Removes rows that did not come since beginWhole(), looking at about `rows` of them; returns whether more
-  // are to be looked at. Call it until false.
-  bool sweep(std::size_t rows);
+  void beginWhole();
+  // Removes rows that did not come since beginWhole(); returns whether more are to be looked at.
+  bool sweep(Steps& steps);
+  // Marks the MACs as dirty that hang on what was touched; returns whether more is left.
+  bool spread(Steps& steps);
+  // Forgets what no row names any more; returns whether more is left.
+  bool collect(Steps& steps);
 
-  // Decides which VTEP a MAC is behind: that of the newest row that can be used, 0 if there is none. Notes
-  // the problems of the rows it looks at.
-  Ipv4 resolve(Slot host);
-  // Decides where a MAC's flooded frames go: the addresses of the newest row that can be used, ascending;
-  // none if there is no such row.
-  std::optional<std::vector<Ipv4>> resolveFlood(Slot logicalSwitch, Mac mac);
-  void markDirty(Slot host);
-  // The touched locator has been worked on.
-  void settleLocator(Slot locator);
-  // Drops a MAC without rows.
-  void drop(Slot host);
-  // Drops the logical switches that are gone and that nothing has to do with any more.
-  void dropUnused();
+  // Decides on the next dirty MAC. `taken` is called with the MAC's slot and the VTEP that it is behind, that
+  // of the newest row that can be used, 0 if there is none. Returns whether more are dirty.
+  template <typename Taken>
+  bool resolveHost(Steps& steps, Taken taken) {
+    const Slot slot = hosts_.firstDirty();
+    if (slot != noSlot && resolveFirstHost(steps)) {
+      taken(slot, resolvedVtep_);
+    }
+    return hosts_.firstDirty() != noSlot;
+  }
+  // The same for where flooded frames of a MAC go: the addresses of the newest row that has some, ascending.
+  template <typename Taken>
+  bool resolveFlood(Steps& steps, Taken taken) {
+    const Slot slot = floods_.firstDirty();
+    if (slot != noSlot && resolveFirstFlood(steps)) {
+      taken(slot, std::move(resolvedAddresses_));
+    }
+    return floods_.firstDirty() != noSlot;
+  }
 
-  std::size_t rows(Table table) const { return counts_[static_cast<std::size_t>(table)]; }
-  // Problems of single rows: how many of each kind, and at most `most` of them in words.
-  const ProblemCounts& problemCounts() const { return problemCounts_; }
-  std::vector<Problem> problems(std::size_t most) const;
+  // All MACs of a logical switch are to be decided on.
+  void touchSwitch(Slot logicalSwitch);
+  void markFloodDirty(Slot flood) { floods_.markDirty(flood); }
+  // Drops a MAC if it has no rows and is not dirty; what was decided on it is gone.
+  void dropHost(Slot host) { hosts_.drop(host); }
+  void dropFlood(Slot flood) { floods_.drop(flood); }
+  // Keeps a logical switch, or its placeholder, as long as the reference lives.
+  SwitchReference hold(Slot logicalSwitch) { return logicalSwitches_.refer(logicalSwitch); }
 
-  // The tables. Who is not the mapper only reads.
-  SlotMap<Uuid, Ucast> ucasts;
-  SlotMap<HostKey, Host, HostKeyHash> hosts;
-  SlotMap<Uuid, LogicalSwitch> logicalSwitches;
-  SlotMap<Uuid, Locator> locators;
-  std::map<Uuid, LocatorSet> locatorSets;
-  std::map<Uuid, Mcast> mcasts;
-  std::map<Uuid, Port> ports;
-  std::map<Uuid, PhysicalSwitch> physicalSwitches;
-  std::map<Uuid, Global> globals;
+  // What the mapper decided.
+  SwitchDecision& decisionOn(Slot logicalSwitch) { return logicalSwitches_.edit(logicalSwitch).decision; }
+  HostDecision& decisionOnHost(Slot host) { return hosts_.decision(host); }
+  FloodDecision& decisionOnFlood(Slot flood) { return floods_.decision(flood); }
 
-  // The notes.
-  std::vector<Slot> dirtyMacs;
-  std::set<std::pair<Slot, Mac>> dirtyFloods;
-  bool allFloodsDirty = false;
-  std::vector<Slot> touchedLocators;
-  std::vector<Slot> comeAndGone;  // logical switches that began or ceased to exist; some may be dropped
-  bool topologyChanged = false;
+  // Whether a row changed that has to do with switches, ports and tunnel keys, since the last call.
+  bool takeTopologyChanged() { return std::exchange(topologyChanged_, false); }
+  // Whether a logical switch that is there lost its tunnel key, since the last call.
+  bool takeKeysCleared() { return !std::exchange(keysCleared_, {}).empty(); }
+  // Logical switches that have a tunnel key.
+  std::size_t keys() const { return keys_; }
+
+  const Switches& logicalSwitches() const { return logicalSwitches_; }
+  const NamedRows<Locator>& locators() const { return locators_; }
+  const NamedRows<LocatorSet>& locatorSets() const { return locatorSets_; }
+  const Hosts& hosts() const { return hosts_; }
+  const Floods& floods() const { return floods_; }
+  const SlotMap<Uuid, Port>& ports() const { return ports_; }
+  const SlotMap<Uuid, PhysicalSwitch>& physicalSwitches() const { return physicalSwitches_; }
+  const SlotMap<Uuid, Global>& globals() const { return globals_; }
+  const std::set<Uuid>& badLocators() const { return badLocators_; }
+
+  std::size_t rows(Table table) const;
+  // Problems of single rows: how many of each kind.
+  ProblemCounts problemCounts() const;
 
  private:
   bool applyGlobal(const RowEvent& event);
@@ -192,40 +154,61 @@ class RowStore {
   bool applyLogicalSwitch(const RowEvent& event);
   bool applyLocator(const RowEvent& event);
   bool applyLocatorSet(const RowEvent& event);
-  bool applyUcast(const RowEvent& event);
-  bool applyMcast(const RowEvent& event);
+  template <typename MacRows, typename Targets>
+  bool applyMac(MacRows& table, Targets& targets, const RowEvent& event,
+                const typename MacRows::MacValue& mac);
 
-  void linkUcast(Slot row);
-  void unlinkUcast(Slot row);
-  void linkHost(Slot host);
-  void removeUcast(Slot row);
-  void removeMcast(const Uuid& uuid);
-  void linkMcast(const Uuid& uuid);
-  void unlinkMcast(const Uuid& uuid);
   void removeLogicalSwitch(Slot slot);
+  void keyIs(Slot slot, std::optional<std::int64_t> key);
   void removeLocator(Slot slot);
-  void removeLocatorSet(const Uuid& uuid);
+  void addressIs(Slot slot, const BoundedText& text);
+  void removeLocatorSet(Slot slot);
+  void membersAre(Slot set, const std::set<Uuid>& members);
   void touchLocator(Slot slot);
-  void touchSet(const LocatorSet& set);
-  void releaseLocator(Slot slot);
-  void dropSetIfUnused(const Uuid& uuid);
-  void count(Table table, int by);
-  void problemIs(Slot row, ProblemKind kind);
-  void problemIs(const Uuid& row, Mcast& mcast, ProblemKind kind);
-  void moveCount(ProblemKind from, ProblemKind to);
-  ProblemKind objectionTo(const Ucast& row) const;
-  ProblemKind objectionTo(const Mcast& row, std::vector<Ipv4>& addresses) const;
-  std::string describe(const Ucast& row) const;
-  template <typename Map, typename Remove>
-  bool sweepMap(Map& map, Remove remove);
+  void touchSet(Slot slot);
+
+  // What a walk over the links of something touched has come to; it goes on in a later turn.
+  struct Cursor {
+    bool begun = false;
+    Slot at = noSlot;
+    Slot second = noSlot;
+  };
+  bool spreadLocators(Steps& steps);
+  bool spreadSets(Steps& steps);
+  bool spreadSwitches(Steps& steps);
+  bool resolveFirstHost(Steps& steps);
+  bool resolveFirstFlood(Steps& steps);
+  template <typename MacRows>
+  bool sweepMacs(MacRows& table, Steps& steps);
+  template <typename Row, typename Remove>
+  bool sweepNamed(NamedRows<Row>& table, Steps& steps, Remove remove);
+  template <typename Row>
+  bool sweepPlain(SlotMap<Uuid, Row>& table, Steps& steps);
+
+  // Tables whose rows hold references come behind those that they refer to.
+  Switches logicalSwitches_;
+  NamedRows<Locator> locators_;
+  NamedRows<LocatorSet> locatorSets_;
+  Hosts hosts_;
+  Floods floods_;
+  SlotMap<Uuid, Port> ports_;
+  SlotMap<Uuid, PhysicalSwitch> physicalSwitches_;
+  SlotMap<Uuid, Global> globals_;
+
+  std::vector<NamedRows<Locator>::Reference> touchedLocators_;
+  std::vector<NamedRows<LocatorSet>::Reference> touchedSets_;
+  std::vector<SwitchReference> touchedSwitches_;
+  Cursor cursor_;
+  bool topologyChanged_ = false;
+  std::size_t keys_ = 0;
+  std::set<Slot> keysCleared_;
+  std::set<Uuid> badLocators_;
 
   std::uint32_t epoch_ = 1;
-  std::set<Slot> gone_;  // logical switches that do not exist and may be dropped when they are unused
-  Slot sweepUcast_ = 0;
-  std::array<std::size_t, tableCount> counts_{};
-  ProblemCounts problemCounts_{};
-  std::set<Uuid> badUcasts_, badMcasts_, badLocators_;
-  std::map<Uuid, std::string> badMacs_;  // the texts that are not MACs
+  std::size_t sweepTable_ = 0;
+  Slot sweepAt_ = 0;
+  Ipv4 resolvedVtep_ = 0;
+  std::vector<Ipv4> resolvedAddresses_;
 };
 
 }  // namespace Agent::Ovsdb

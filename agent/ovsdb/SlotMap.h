@@ -16,13 +16,21 @@ namespace Agent::Ovsdb {
 using Slot = std::uint32_t;
 inline constexpr Slot noSlot = UINT32_MAX;
 
+// An entry of a SlotMap, and no other one that has its slot later: for those who keep a slot beyond the life
+// of its entry.
+struct SlotId {
+  Slot slot = noSlot;
+  std::uint32_t generation = 0;
+};
+
 // A hash table for rows by the hundred thousand that never stalls: the values stand in chunks of fixed size
 // that are neither moved nor given back one by one, and the index over them is 256 open-addressing tables,
 // each of which grows by itself.
 //
 // An entry keeps its slot number and address until it is erased; entries link to each other by slot. Slot
-// numbers of erased entries are used again. A walk from 0 to slots() over the live ones may be interrupted
-// and goes on whatever is inserted or erased meanwhile.
+// numbers of erased entries are used again; a SlotId tells the old entry from the new one. Access to an entry
+// that is not live is a fatal assertion. A walk from 0 to slots() over the live ones may be interrupted and
+// goes on whatever is inserted or erased meanwhile.
 template <typename Key, typename Value, typename Hash = std::hash<Key>>
 class SlotMap {
  public:
@@ -55,7 +63,7 @@ class SlotMap {
     }
     const Slot slot = takeSlot();
     entry(slot).key = key;
-    entry(slot).live = true;
+    ++entry(slot).generation;
     place(shard, {static_cast<std::uint32_t>(hash), slot});
     ++shard.used;
     ++size_;
@@ -76,14 +84,19 @@ class SlotMap {
     --shard.used;
     --size_;
     entry(slot).value = Value{};
-    entry(slot).live = false;
+    ++entry(slot).generation;
     free_.push_back(slot);
   }
 
-  Value& operator[](Slot slot) { return entry(slot).value; }
-  const Value& operator[](Slot slot) const { return entry(slot).value; }
-  const Key& key(Slot slot) const { return entry(slot).key; }
-  bool live(Slot slot) const { return slot < slots_ && entry(slot).live; }
+  Value& operator[](Slot slot) { return liveEntry(slot).value; }
+  const Value& operator[](Slot slot) const { return liveEntry(slot).value; }
+  const Key& key(Slot slot) const { return liveEntry(slot).key; }
+  bool live(Slot slot) const { return slot < slots_ && entry(slot).generation % 2 != 0; }
+  SlotId id(Slot slot) const { return {slot, liveEntry(slot).generation}; }
+  // The slot of the entry that `id` was made of, or noSlot when that entry is gone.
+  Slot slotOf(SlotId id) const {
+    return live(id.slot) && entry(id.slot).generation == id.generation ? id.slot : noSlot;
+  }
   // One past the highest slot in use so far.
   Slot slots() const { return slots_; }
   std::size_t size() const { return size_; }
@@ -92,7 +105,7 @@ class SlotMap {
   struct Entry {
     Key key{};
     Value value{};
-    bool live = false;
+    std::uint32_t generation = 0;  // odd while the entry is live
   };
   struct Cell {
     std::uint32_t tag = 0;
@@ -160,6 +173,14 @@ class SlotMap {
     return slots_++;
   }
 
+  Entry& liveEntry(Slot slot) {
+    require(live(slot), "an entry is used that is not there");
+    return entry(slot);
+  }
+  const Entry& liveEntry(Slot slot) const {
+    require(live(slot), "an entry is used that is not there");
+    return entry(slot);
+  }
   Entry& entry(Slot slot) { return (*chunks_[slot / chunkSize])[slot % chunkSize]; }
   const Entry& entry(Slot slot) const { return (*chunks_[slot / chunkSize])[slot % chunkSize]; }
 

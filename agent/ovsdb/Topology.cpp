@@ -1,6 +1,8 @@
 #include "agent/ovsdb/Topology.h"
 
 #include <algorithm>
+#include <functional>
+#include <tuple>
 
 #include "agent/ovsdb/JsonReader.h"
 
@@ -21,13 +23,9 @@ std::uint32_t hashOf(std::string_view name) {
   return hash;
 }
 
-std::string quoted(const std::string& name) {
-  return "\"" + name + "\"";
-}
-
 }  // namespace
 
-void Topology::derive(RowStore& rows, bool converging) {
+void Topology::derive(const RowStore& rows, bool converging) {
   const VlanMap old = std::exchange(vlans_, {});
   decisions_.clear();
   problems_.clear();
@@ -41,7 +39,7 @@ void Topology::derive(RowStore& rows, bool converging) {
   } else {
     localVtep_ = converging ? localVtep_ : 0;
     object(ProblemKind::switchMissing, Table::physicalSwitch, {},
-           "no physical switch is named " + quoted(options_.switchName));
+           "no physical switch is named " + switchName_.quoted());
   }
   decideVnis(rows, converging);
   decideVlans(rows);
@@ -50,26 +48,30 @@ void Topology::derive(RowStore& rows, bool converging) {
   }
 }
 
+// The names of switches are unique in the database; if one is not, the switch of the lowest UUID has it.
 const RowStore::PhysicalSwitch* Topology::ownSwitch(const RowStore& rows, Uuid& uuid) const {
-  for (const auto& [id, row] : rows.physicalSwitches) {
-    if (row.name == options_.switchName) {
-      uuid = id;
-      return &row;
+  const RowStore::PhysicalSwitch* own = nullptr;
+  const auto& switches = rows.physicalSwitches();
+  for (Slot slot = 0; slot < switches.slots(); ++slot) {
+    if (switches.live(slot) && switches[slot].name == switchName_ &&
+        (own == nullptr || switches.key(slot) < uuid)) {
+      own = &switches[slot];
+      uuid = switches.key(slot);
     }
   }
-  return nullptr;
+  return own;
 }
 
 void Topology::deriveTunnelIp(const RowStore::PhysicalSwitch& own, const Uuid& uuid) {
   std::set<Ipv4> addresses;
-  for (const std::string& text : own.tunnelIps) {
-    const Ipv4 address = parseIpv4(text).value_or(0);
+  for (const BoundedText& text : own.tunnelIps) {
+    const Ipv4 address = parseIpv4(text.kept()).value_or(0);
     if (canEndTunnel(address)) {
       addresses.insert(address);
     } else {
       object(ProblemKind::tunnelIpNotIpv4, Table::physicalSwitch, uuid,
-             "the tunnel address " + quoted(printable(text)) +
-                 " is not an IPv4 address at which a tunnel can end");
+             "the tunnel address \"" + printable(text.kept()) +
+                 "\" is not an IPv4 address at which a tunnel can end");
     }
   }
   localVtep_ = addresses.empty() ? 0 : *addresses.begin();
@@ -84,18 +86,19 @@ void Topology::deriveTunnelIp(const RowStore::PhysicalSwitch& own, const Uuid& u
 
 void Topology::readBindings(const RowStore& rows, const RowStore::PhysicalSwitch& own) {
   for (const Uuid& portId : own.ports) {
-    const auto port = rows.ports.find(portId);
-    if (port == rows.ports.end()) {
+    const Slot portSlot = rows.ports().find(portId);
+    if (portSlot == noSlot) {
       object(ProblemKind::referenceMissing, Table::physicalPort, portId, "the port is not there");
       continue;
     }
-    for (const auto& [vlan, logicalSwitchId] : port->second.bindings) {
-      const std::string binding = "port " + quoted(port->second.name) + ", VLAN " + std::to_string(vlan);
-      const Slot slot = rows.logicalSwitches.find(logicalSwitchId);
+    const RowStore::Port& port = rows.ports()[portSlot];
+    for (const auto& [vlan, logicalSwitchId] : port.bindings) {
+      const std::string binding = "port " + port.name.quoted() + ", VLAN " + std::to_string(vlan);
+      const Slot slot = rows.logicalSwitches().find(logicalSwitchId);
       if (vlan < 0 || vlan > mostVlan) {
         object(ProblemKind::vlanOutOfRange, Table::physicalPort, portId,
                binding + ": out of range 0 to 4094");
-      } else if (slot == noSlot || !rows.logicalSwitches[slot].exists) {
+      } else if (!rows.logicalSwitches().exists(slot)) {
         object(ProblemKind::referenceMissing, Table::physicalPort, portId,
                binding + ": logical switch " + logicalSwitchId.text() + " is not there");
       } else if (vlan == 0) {
@@ -108,55 +111,71 @@ void Topology::readBindings(const RowStore& rows, const RowStore::PhysicalSwitch
   }
 }
 
-void Topology::decideVnis(RowStore& rows, bool converging) {
+// The tunnel key that counts: while `converging`, one that is gone counts on. 0 if there is none.
+std::uint32_t Topology::heldKey(const RowStore& rows, Slot slot, bool converging) const {
+  const std::optional<std::int64_t>& key = rows.logicalSwitches()[slot].key;
+  if (key && isVni(*key)) {
+    return static_cast<std::uint32_t>(*key);
+  }
+  const auto held = held_.find(rows.logicalSwitches().uuid(slot));
+  return converging && held != held_.end() ? held->second : 0;
+}
+
+void Topology::decideVnis(const RowStore& rows, bool converging) {
   std::map<std::uint32_t, std::size_t> owners;  // VNI to its place in decisions_
-  const auto before = [&](const Decision& one, const Decision& other) {
-    const auto rank = [&](const Decision& decision) {
-      return std::tuple(!bound_.contains(decision.logicalSwitch), !decision.publishable,
-                        std::string_view{rows.logicalSwitches[decision.logicalSwitch].name},
-                        rows.logicalSwitches.key(decision.logicalSwitch));
-    };
-    return rank(one) < rank(other);
-  };
-  for (Slot slot = 0; slot < rows.logicalSwitches.slots(); ++slot) {
-    if (!rows.logicalSwitches.live(slot)) {
+  std::map<Uuid, std::uint32_t> held;
+  const RowStore::Switches& switches = rows.logicalSwitches();
+  for (Slot slot = 0; slot < switches.slots(); ++slot) {
+    if (!switches.live(slot)) {
       continue;
     }
-    RowStore::LogicalSwitch& row = rows.logicalSwitches[slot];
-    Decision decision{.logicalSwitch = slot};
-    if (row.key && isVni(*row.key)) {
-      row.heldKey = static_cast<std::uint32_t>(*row.key);
-      decision.publishable = true;
-    } else if (row.key) {
-      object(ProblemKind::vniOutOfRange, Table::logicalSwitch, rows.logicalSwitches.key(slot),
-             "tunnel key " + std::to_string(*row.key) + " of " + quoted(row.name) +
+    const RowStore::LogicalSwitch& row = switches[slot];
+    const std::uint32_t key = heldKey(rows, slot, converging);
+    if (key != 0) {
+      held[switches.uuid(slot)] = key;
+    }
+    decisions_.push_back({.logicalSwitch = slot,
+                          .vni = switches.exists(slot) ? key : 0,
+                          .publishable = row.key && isVni(*row.key)});
+    if (row.key && !isVni(*row.key)) {
+      object(ProblemKind::vniOutOfRange, Table::logicalSwitch, switches.uuid(slot),
+             "tunnel key " + std::to_string(*row.key) + " of " + row.name.quoted() +
                  " is out of range 1 to 16777215");
     }
-    if (!row.mode.empty() && row.mode != "source_node" && row.mode != "service_node") {
-      object(ProblemKind::badReplicationMode, Table::logicalSwitch, rows.logicalSwitches.key(slot),
-             "replication mode " + quoted(printable(row.mode)) + " of " + quoted(row.name) +
+    if (switches.exists(slot) && row.mode != BoundedText() && !row.isSourceNode() &&
+        row.mode.kept() != "service_node") {
+      object(ProblemKind::badReplicationMode, Table::logicalSwitch, switches.uuid(slot),
+             "replication mode \"" + printable(row.mode.kept()) + "\" of " + row.name.quoted() +
                  " is not known; service_node is assumed");
     }
-    row.heldKey = decision.publishable || converging ? row.heldKey : 0;
-    decision.vni = row.exists ? row.heldKey : 0;
-    decisions_.push_back(decision);
-    if (decision.vni == 0) {
-      continue;
-    }
-    const auto [owner, first] = owners.try_emplace(decision.vni, decisions_.size() - 1);
-    if (!first) {
-      const bool wins = before(decision, decisions_[owner->second]);
-      const std::size_t loser =
-          wins ? std::exchange(owner->second, decisions_.size() - 1) : decisions_.size() - 1;
-      decisions_[loser].vni = 0;
-      decisions_[loser].publishable = false;
-      const Slot lost = decisions_[loser].logicalSwitch;
-      const Slot won = decisions_[owner->second].logicalSwitch;
-      object(ProblemKind::vniWithTwoVlans, Table::logicalSwitch, rows.logicalSwitches.key(lost),
-             quoted(rows.logicalSwitches[lost].name) + " is left out: VNI " + std::to_string(decision.vni) +
-                 " belongs to " + quoted(rows.logicalSwitches[won].name));
+    if (decisions_.back().vni != 0) {
+      settleOwner(rows, owners);
     }
   }
+  held_ = std::move(held);
+}
+
+// Whether the logical switch decided on last has its VNI, or one before it.
+void Topology::settleOwner(const RowStore& rows, std::map<std::uint32_t, std::size_t>& owners) {
+  const RowStore::Switches& switches = rows.logicalSwitches();
+  const auto rank = [&](const Decision& decision) {
+    const RowStore::LogicalSwitch& row = switches[decision.logicalSwitch];
+    return std::tuple(!bound_.contains(decision.logicalSwitch), !decision.publishable, std::cref(row.name),
+                      switches.uuid(decision.logicalSwitch));
+  };
+  const std::size_t last = decisions_.size() - 1;
+  const std::uint32_t vni = decisions_[last].vni;
+  const auto [owner, first] = owners.try_emplace(vni, last);
+  if (first) {
+    return;
+  }
+  const bool wins = rank(decisions_[last]) < rank(decisions_[owner->second]);
+  Decision& loser = decisions_[wins ? std::exchange(owner->second, last) : last];
+  loser.vni = 0;
+  loser.publishable = false;
+  object(ProblemKind::vniWithTwoVlans, Table::logicalSwitch, switches.uuid(loser.logicalSwitch),
+         switches[loser.logicalSwitch].name.quoted() + " is left out: VNI " + std::to_string(vni) +
+             " belongs to " + switches[decisions_[owner->second].logicalSwitch].name.quoted());
 }
 
 void Topology::decideVlans(const RowStore& rows) {
@@ -167,8 +186,8 @@ void Topology::decideVlans(const RowStore& rows) {
     }
   }
   const auto name = [&](const Decision* decision) {
-    return std::pair(std::string_view{rows.logicalSwitches[decision->logicalSwitch].name},
-                     rows.logicalSwitches.key(decision->logicalSwitch));
+    return std::pair(std::cref(rows.logicalSwitches()[decision->logicalSwitch].name),
+                     rows.logicalSwitches().uuid(decision->logicalSwitch));
   };
   std::sort(bound.begin(), bound.end(),
             [&](const Decision* one, const Decision* other) { return name(one) < name(other); });
@@ -185,8 +204,8 @@ void Topology::decideVlans(const RowStore& rows) {
 }
 
 void Topology::decideTagged(const RowStore& rows, Decision& decision, const Bound& bound) {
-  const Uuid& uuid = rows.logicalSwitches.key(decision.logicalSwitch);
-  const std::string name = quoted(rows.logicalSwitches[decision.logicalSwitch].name);
+  const Uuid& uuid = rows.logicalSwitches().uuid(decision.logicalSwitch);
+  const std::string name = rows.logicalSwitches()[decision.logicalSwitch].name.quoted();
   const std::uint16_t vlan = *bound.tagged.begin();
   for (auto other = std::next(bound.tagged.begin()); other != bound.tagged.end(); ++other) {
     object(ProblemKind::vniWithTwoVlans, Table::logicalSwitch, uuid,
@@ -198,15 +217,15 @@ void Topology::decideTagged(const RowStore& rows, Decision& decision, const Boun
     decision.vlan = vlan;
     return;
   }
-  const Slot owner = rows.logicalSwitches.find(taken->second.logicalSwitch);
+  const Slot owner = rows.logicalSwitches().find(taken->second.logicalSwitch);
   object(ProblemKind::vlanWithTwoVnis, Table::logicalSwitch, uuid,
          name + " is not mapped: VLAN " + std::to_string(vlan) + " belongs to " +
-             quoted(rows.logicalSwitches[owner].name));
+             rows.logicalSwitches()[owner].name.quoted());
 }
 
 void Topology::decideUntagged(const RowStore& rows, const std::vector<Decision*>& decisions) {
   const auto take = [&](Decision& decision, std::uint16_t vlan) {
-    const Uuid& uuid = rows.logicalSwitches.key(decision.logicalSwitch);
+    const Uuid& uuid = rows.logicalSwitches().uuid(decision.logicalSwitch);
     decision.vlan = vlan;
     vlans_[vlan] = {decision.vni, uuid};
     return uuid;
@@ -214,7 +233,7 @@ void Topology::decideUntagged(const RowStore& rows, const std::vector<Decision*>
   const std::map<Uuid, std::uint16_t> before = std::exchange(assigned_, {});
   std::vector<Decision*> fresh;
   for (Decision* const decision : decisions) {
-    const auto known = before.find(rows.logicalSwitches.key(decision->logicalSwitch));
+    const auto known = before.find(rows.logicalSwitches().uuid(decision->logicalSwitch));
     if (known != before.end() && !tagged_.contains(known->second)) {
       assigned_[take(*decision, known->second)] = known->second;
     } else {
@@ -223,8 +242,8 @@ void Topology::decideUntagged(const RowStore& rows, const std::vector<Decision*>
   }
   const std::uint32_t size = options_.untaggedLast - options_.untaggedFirst + 1U;
   for (Decision* const decision : fresh) {
-    const RowStore::LogicalSwitch& row = rows.logicalSwitches[decision->logicalSwitch];
-    const std::uint32_t home = hashOf(row.name) % size;
+    const RowStore::LogicalSwitch& row = rows.logicalSwitches()[decision->logicalSwitch];
+    const std::uint32_t home = hashOf(row.name.kept()) % size;
     for (std::uint32_t step = 0; step < size && decision->vlan == 0; ++step) {
       const auto vlan = static_cast<std::uint16_t>(options_.untaggedFirst + (home + step) % size);
       if (!tagged_.contains(vlan) && !vlans_.contains(vlan)) {
@@ -233,8 +252,8 @@ void Topology::decideUntagged(const RowStore& rows, const std::vector<Decision*>
     }
     if (decision->vlan == 0) {
       object(ProblemKind::untaggedRangeFull, Table::logicalSwitch,
-             rows.logicalSwitches.key(decision->logicalSwitch),
-             quoted(row.name) + " is not mapped: no VLAN from " + std::to_string(options_.untaggedFirst) +
+             rows.logicalSwitches().uuid(decision->logicalSwitch),
+             row.name.quoted() + " is not mapped: no VLAN from " + std::to_string(options_.untaggedFirst) +
                  " to " + std::to_string(options_.untaggedLast) + " is left for its untagged ports");
     }
   }
@@ -246,8 +265,8 @@ void Topology::holdVlans(const RowStore& rows, const VlanMap& old, bool switchMi
     vnis.insert(entry.vni);
   }
   for (const auto& [vlan, entry] : old) {
-    const Slot slot = rows.logicalSwitches.find(entry.logicalSwitch);
-    const bool gone = switchMissing || slot == noSlot || !rows.logicalSwitches[slot].exists;
+    const Slot slot = rows.logicalSwitches().find(entry.logicalSwitch);
+    const bool gone = switchMissing || !rows.logicalSwitches().exists(slot);
     if (gone && !vlans_.contains(vlan) && vnis.insert(entry.vni).second) {
       vlans_[vlan] = entry;
     }

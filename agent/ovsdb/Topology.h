@@ -41,16 +41,16 @@ class Topology {
     bool publishable = false;  // whether its tunnel key is there, not only remembered
   };
 
-  explicit Topology(Options options) : options_(std::move(options)) {}
+  explicit Topology(Options options) : options_(std::move(options)), switchName_(options_.switchName) {}
 
   // Looks at all the rows. While `converging`, a logical switch that lost its tunnel key stands for the one
   // it had last, and VLANs whose logical switch is gone, or all if the physical switch is gone, stay.
-  void derive(RowStore& rows, bool converging);
+  void derive(const RowStore& rows, bool converging);
 
   const std::vector<Decision>& decisions() const { return decisions_; }
   const std::map<std::uint16_t, Vlan>& vlans() const { return vlans_; }
   Ipv4 localVtep() const { return localVtep_; }  // 0: none
-  const std::vector<Problem>& problems() const { return problems_; }
+  const ProblemList& problems() const { return problems_; }
 
  private:
   struct Bound {
@@ -62,22 +62,26 @@ class Topology {
   const RowStore::PhysicalSwitch* ownSwitch(const RowStore& rows, Uuid& uuid) const;
   void deriveTunnelIp(const RowStore::PhysicalSwitch& own, const Uuid& uuid);
   void readBindings(const RowStore& rows, const RowStore::PhysicalSwitch& own);
-  void decideVnis(RowStore& rows, bool converging);
+  std::uint32_t heldKey(const RowStore& rows, Slot slot, bool converging) const;
+  void decideVnis(const RowStore& rows, bool converging);
+  void settleOwner(const RowStore& rows, std::map<std::uint32_t, std::size_t>& owners);
   void decideVlans(const RowStore& rows);
   void decideTagged(const RowStore& rows, Decision& decision, const Bound& bound);
   void decideUntagged(const RowStore& rows, const std::vector<Decision*>& decisions);
   void holdVlans(const RowStore& rows, const VlanMap& old, bool switchMissing);
   void object(ProblemKind kind, Table table, const Uuid& row, std::string text) {
-    problems_.push_back({kind, table, row, std::move(text)});
+    problems_.add(kind, table, row, std::move(text));
   }
 
   Options options_;
+  BoundedText switchName_;
   std::vector<Decision> decisions_;
   VlanMap vlans_;
   Ipv4 localVtep_ = 0;
-  std::vector<Problem> problems_;
+  ProblemList problems_;
   std::map<Slot, Bound> bound_;
   std::set<std::uint16_t> tagged_;          // every VLAN that a port binds
+  std::map<Uuid, std::uint32_t> held_;      // the last valid tunnel key, by logical switch
   std::map<Uuid, std::uint16_t> assigned_;  // of the range, by logical switch
 };
 

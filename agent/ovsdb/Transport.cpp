@@ -23,6 +23,8 @@ namespace {
 
 // Encrypted bytes beyond which no more are taken.
 constexpr std::size_t mostBacklog = std::size_t{256} * 1024;
+// Bytes that are encrypted at a time.
+constexpr std::size_t mostEncrypted = std::size_t{64} * 1024;
 
 template <typename SocketAddress>
 std::string bytesOf(const SocketAddress& address) {
@@ -259,9 +261,10 @@ std::size_t Transport::write(std::string_view bytes) {
       flush();
       return 0;
     }
-    tls_->write(bytes);
+    const std::string_view piece = bytes.substr(0, mostEncrypted);
+    tls_->write(piece);
     flush();
-    return bytes.size();
+    return piece.size();
   }
   const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
   if (sent >= 0) {

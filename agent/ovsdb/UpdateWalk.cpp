@@ -1,8 +1,13 @@
 #include "agent/ovsdb/UpdateWalk.h"
 
+#include <algorithm>
+
 namespace Agent::Ovsdb {
 
 namespace {
+
+// Values that are stepped over as one item.
+constexpr std::size_t skippedAtOnce = 64;
 
 std::optional<Table> tableNamed(std::string_view name) {
   for (std::size_t index = 0; index < tableCount; ++index) {
@@ -33,6 +38,15 @@ Uuid readUuid(JsonReader& reader) {
   return restOfUuid(reader);
 }
 
+// Whether a column of this type holds one value at the most.
+bool holdsOne(ColumnType type) {
+  return type == ColumnType::optionalString || type == ColumnType::optionalInteger;
+}
+
+bool isMap(ColumnType type) {
+  return type == ColumnType::stringMap || type == ColumnType::bindingMap;
+}
+
 // Enters the second element of ["set", [...]] or ["map", [...]], of which the opening and the tag are read.
 void enterElements(JsonReader& reader) {
   if (!reader.nextElement()) {
@@ -47,108 +61,9 @@ void leaveElements(JsonReader& reader) {
   }
 }
 
-// A <set>: one atom by itself, or ["set", [atom, ...]]. `atom` reads one.
-template <typename ReadAtom>
-void readStringlikeSet(JsonReader& reader, ReadAtom atom) {
-  if (reader.peek() != '[') {
-    atom();
-    return;
-  }
-  reader.beginArray();
-  if (!reader.nextElement() || reader.string() != "set") {
-    reader.fail("want [\"set\", ...]");
-  }
-  enterElements(reader);
-  while (reader.nextElement()) {
-    atom();
-  }
-  leaveElements(reader);
-}
-
-// The same for UUIDs, of which one by itself is an array, too.
-void readUuidSet(JsonReader& reader, std::vector<Uuid>& out) {
-  reader.beginArray();
-  const std::string tag = reader.nextElement() ? reader.string() : std::string{};
-  if (tag == "uuid") {
-    out.push_back(restOfUuid(reader));
-    return;
-  }
-  if (tag != "set") {
-    reader.fail("want [\"set\", ...] or [\"uuid\", ...]");
-  }
-  enterElements(reader);
-  while (reader.nextElement()) {
-    out.push_back(readUuid(reader));
-  }
-  leaveElements(reader);
-}
-
-// A <map>: ["map", [[key, value], ...]]. `pair` reads key and value, between which it calls nextElement.
-template <typename ReadPair>
-void readMap(JsonReader& reader, ReadPair pair) {
-  reader.beginArray();
-  if (!reader.nextElement() || reader.string() != "map") {
-    reader.fail("want [\"map\", ...]");
-  }
-  enterElements(reader);
-  while (reader.nextElement()) {
-    reader.beginArray();
-    if (!reader.nextElement()) {
-      reader.fail("want a key");
-    }
-    pair();
-    leaveElements(reader);
-  }
-  leaveElements(reader);
-}
-
 void wantValue(JsonReader& reader) {
   if (!reader.nextElement()) {
     reader.fail("want a value");
-  }
-}
-
-void readCell(JsonReader& reader, ColumnType type, Cell& cell) {
-  cell.present = true;
-  switch (type) {
-    case ColumnType::string:
-      reader.string(cell.text);
-      return;
-    case ColumnType::optionalString:
-      readStringlikeSet(reader, [&] {
-        reader.string(cell.text);
-        cell.empty = false;
-      });
-      return;
-    case ColumnType::optionalInteger:
-      readStringlikeSet(reader, [&] {
-        cell.number = reader.integer();
-        cell.empty = false;
-      });
-      return;
-    case ColumnType::uuid:
-      cell.uuid = readUuid(reader);
-      return;
-    case ColumnType::stringSet:
-      readStringlikeSet(reader, [&] { cell.texts.push_back(reader.string()); });
-      return;
-    case ColumnType::uuidSet:
-      readUuidSet(reader, cell.uuids);
-      return;
-    case ColumnType::stringMap:
-      readMap(reader, [&] {
-        std::string key = reader.string();
-        wantValue(reader);
-        cell.pairs.emplace_back(std::move(key), reader.string());
-      });
-      return;
-    case ColumnType::bindingMap:
-      readMap(reader, [&] {
-        const std::int64_t vlan = reader.integer();
-        wantValue(reader);
-        cell.bindings.emplace_back(vlan, readUuid(reader));
-      });
-      return;
   }
 }
 
@@ -159,7 +74,7 @@ UpdateWalk::UpdateWalk(std::string_view text) : reader_(text) {
 }
 
 void UpdateWalk::fail(std::string_view why) const {
-  std::string where = "table " + name_;
+  std::string where = "table " + printable(name_);
   if (!row_.empty()) {
     where += ", row " + printable(row_);
   }
@@ -169,89 +84,229 @@ void UpdateWalk::fail(std::string_view why) const {
   throw ProtocolError(where + ": " + std::string{why});
 }
 
-// Enters the next table that is followed; false when there is none.
-bool UpdateWalk::openTable() {
-  row_.clear();
-  column_.clear();
-  while (reader_.nextMember(name_)) {
-    table_ = tableNamed(name_);
-    if (table_) {
-      reader_.beginObject();
-      inTable_ = true;
-      return true;
-    }
-    reader_.skip();
-  }
-  if (!reader_.atEnd()) {
-    reader_.fail("there is more behind the end of the table updates");
-  }
-  return false;
-}
-
-bool UpdateWalk::step(std::size_t rows, RowTaker& taker) {
-  for (; rows > 0; --rows) {
-    if (!inTable_ && !openTable()) {
+bool UpdateWalk::step(std::size_t items, RowTaker& taker) {
+  while (items > 0) {
+    const std::size_t from = reader_.offset();
+    if (!advance(taker)) {
       return false;
     }
-    if (reader_.nextMember(row_)) {
-      readRow(taker);
-    } else {
-      inTable_ = false;
-    }
+    items -= std::min(items, 1 + (reader_.offset() - from) / bytesPerItem);
   }
   return true;
 }
 
-void UpdateWalk::readRow(RowTaker& taker) {
+// One item; returns whether more may be left.
+bool UpdateWalk::advance(RowTaker& taker) {
+  if (state_ == State::tables) {
+    return nextTable();
+  }
+  bool whole = false;
+  try {
+    switch (state_) {
+      case State::rows:
+        whole = nextRow();
+        break;
+      case State::columns:
+        whole = nextColumn();
+        break;
+      case State::elements:
+        nextElement();
+        break;
+      default:
+        state_ = reader_.skipOn(skippedAtOnce) ? afterSkip_ : state_;
+        break;
+    }
+  } catch (const ProtocolError& error) {
+    fail(error.what());
+  }
+  if (whole) {
+    taker.row(event_);
+  }
+  return true;
+}
+
+// Enters the next table, or steps over one that is not followed; false when there is none.
+bool UpdateWalk::nextTable() {
+  row_.clear();
   column_.clear();
+  if (!reader_.nextMember(name_)) {
+    if (!reader_.atEnd()) {
+      reader_.fail("there is more behind the end of the table updates");
+    }
+    return false;
+  }
+  if (const std::optional<Table> table = tableNamed(name_)) {
+    event_.table = *table;
+    reader_.beginObject();
+    state_ = State::rows;
+  } else {
+    skip(State::tables);
+  }
+  return true;
+}
+
+void UpdateWalk::skip(State then) {
+  reader_.beginSkip();
+  afterSkip_ = then;
+  state_ = State::skipping;
+}
+
+// Enters the next row; returns whether it is whole already.
+bool UpdateWalk::nextRow() {
+  row_.clear();
+  column_.clear();
+  if (!reader_.nextMember(row_)) {
+    state_ = State::tables;
+    return false;
+  }
   const std::optional<Uuid> uuid = Uuid::parse(row_);
   if (!uuid) {
-    fail("the name of the row is not a UUID");
+    throw ProtocolError("the name of the row is not a UUID");
   }
-  event_.table = *table_;
   event_.uuid = *uuid;
   for (Cell& cell : event_.cells) {
     cell.clear();
   }
-  try {
-    reader_.beginObject();
-    if (!reader_.nextMember(change_)) {
-      fail("the row update is empty");
-    }
-    if (change_ == "delete") {
-      event_.change = RowChange::removed;
-      reader_.skip();
-    } else if (change_ == "initial" || change_ == "insert" || change_ == "modify") {
-      event_.change = change_ == "modify" ? RowChange::modified : RowChange::present;
-      readColumns();
-    } else {
-      fail("the row update is none of initial, insert, modify and delete");
-    }
-    if (reader_.nextMember(change_)) {
-      fail("the row update has more than one member");
-    }
-  } catch (const ProtocolError& error) {
-    const std::string text = error.what();
-    if (text.starts_with("table ")) {
-      throw;
-    }
-    fail(text);
+  reader_.beginObject();
+  if (!reader_.nextMember(change_)) {
+    throw ProtocolError("the row update is empty");
   }
-  taker.row(event_);
+  if (change_ == "delete") {
+    event_.change = RowChange::removed;
+    if (!reader_.null()) {
+      reader_.fail("want null");
+    }
+    endRow();
+    return true;
+  }
+  if (change_ != "initial" && change_ != "insert" && change_ != "modify") {
+    throw ProtocolError("the row update is none of initial, insert, modify and delete");
+  }
+  event_.change = change_ == "modify" ? RowChange::modified : RowChange::present;
+  reader_.beginObject();
+  state_ = State::columns;
+  return false;
 }
 
-void UpdateWalk::readColumns() {
+void UpdateWalk::endRow() {
+  if (reader_.nextMember(change_)) {
+    throw ProtocolError("the row update has more than one member");
+  }
+  state_ = State::rows;
+}
+
+// Reads the next column that has one value, or enters that of a set or map, or steps over one that is not
+// followed; returns whether the row is whole.
+bool UpdateWalk::nextColumn() {
   const TableSchema& schema = schemaOf(event_.table);
-  reader_.beginObject();
-  while (reader_.nextMember(column_)) {
+  for (;;) {
+    column_.clear();
+    if (!reader_.nextMember(column_)) {
+      endRow();
+      return true;
+    }
     std::size_t at = 0;
     while (at < schema.columns.size() && schema.columns[at].name != column_) {
       ++at;
     }
-    if (at < schema.columns.size()) {
-      readCell(reader_, schema.columns[at].type, event_.cells[at]);
-    } else {
-      reader_.skip();
+    if (at == schema.columns.size()) {
+      skip(State::columns);
+      return false;
+    }
+    type_ = schema.columns[at].type;
+    cell_ = &event_.cells[at];
+    if (cell_->present) {
+      throw ProtocolError("the column comes twice");
+    }
+    cell_->present = true;
+    elements_ = 0;
+    if (!beginCell()) {
+      return false;
+    }
+  }
+}
+
+// Reads a cell that is one value, or enters the elements of a <set> or <map>: ["set", [...]], ["map", [...]],
+// of which a set of one may stand by itself. Returns whether the cell is whole.
+bool UpdateWalk::beginCell() {
+  if (type_ == ColumnType::string || type_ == ColumnType::uuid) {
+    readElement();
+    return true;
+  }
+  if (type_ != ColumnType::uuidSet && !isMap(type_) && reader_.peek() != '[') {
+    readElement();
+    return true;
+  }
+  reader_.beginArray();
+  const std::string tag = reader_.nextElement() ? reader_.string() : std::string{};
+  if (type_ == ColumnType::uuidSet && tag == "uuid") {
+    cell_->uuids.push_back(restOfUuid(reader_));
+    return true;
+  }
+  if (tag != (isMap(type_) ? "map" : "set")) {
+    reader_.fail(isMap(type_)                   ? R"(want ["map", ...])"
+                 : type_ == ColumnType::uuidSet ? R"(want ["set", ...] or ["uuid", ...])"
+                                                : R"(want ["set", ...])");
+  }
+  enterElements(reader_);
+  state_ = State::elements;
+  return false;
+}
+
+void UpdateWalk::nextElement() {
+  if (!reader_.nextElement()) {
+    leaveElements(reader_);
+    state_ = State::columns;
+    return;
+  }
+  if (++elements_ > (holdsOne(type_) ? 1 : mostElements)) {
+    reader_.fail(holdsOne(type_) ? "want one value at the most"
+                                 : "more than " + std::to_string(mostElements) + " elements");
+  }
+  if (isMap(type_)) {
+    reader_.beginArray();
+    if (!reader_.nextElement()) {
+      reader_.fail("want a key");
+    }
+    readElement();
+    leaveElements(reader_);
+  } else {
+    readElement();
+  }
+}
+
+// One value of the column, or one key and its value.
+void UpdateWalk::readElement() {
+  switch (type_) {
+    case ColumnType::string:
+    case ColumnType::optionalString:
+      reader_.string(cell_->text);
+      cell_->empty = false;
+      return;
+    case ColumnType::optionalInteger:
+      cell_->number = reader_.integer();
+      cell_->empty = false;
+      return;
+    case ColumnType::uuid:
+      cell_->uuid = readUuid(reader_);
+      return;
+    case ColumnType::stringSet:
+      cell_->texts.push_back(reader_.string());
+      return;
+    case ColumnType::uuidSet:
+      cell_->uuids.push_back(readUuid(reader_));
+      return;
+    case ColumnType::stringMap: {
+      std::string key = reader_.string();
+      wantValue(reader_);
+      cell_->pairs.emplace_back(std::move(key), reader_.string());
+      return;
+    }
+    case ColumnType::bindingMap: {
+      const std::int64_t vlan = reader_.integer();
+      wantValue(reader_);
+      cell_->bindings.emplace_back(vlan, readUuid(reader_));
+      return;
     }
   }
 }

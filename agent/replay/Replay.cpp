@@ -1,7 +1,5 @@
 #include "agent/replay/Replay.h"
 
-#include <unistd.h>
-
 #include <sstream>
 
 #include "Kel/Activity.h"
@@ -12,6 +10,7 @@
 #include "agent/replay/Expectation.h"
 #include "agent/state/InputPatch.h"
 #include "agent/state/JsonChecks.h"
+#include "agent/state/ReplayTables.h"
 
 namespace Agent {
 namespace {
@@ -76,7 +75,7 @@ std::uint64_t turnsAt(const Place& place, const json& value) {
 
 Replay::Replay(std::string name, const Streams& streams, bool keepGoing)
     : name_(std::move(name)), streams_(streams), keepGoing_(keepGoing) {
-  table_ = "/vxlan-agent-replay-" + std::to_string(::getpid());
+  table_ = replayTable();
   Memtab::remove(table_);
   Kel::System::timeSourceIs(&time_);
   L2Rib::HostInput::Options hosts;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "agent/replay/Replay.h"
+#include "agent/state/ReplayTables.h"
 
 namespace Agent {
 namespace {
@@ -61,6 +62,8 @@ bool runFile(const std::string& file, const Options& options, ReplayResult& tota
 }
 
 int run(const Options& options) {
+  L2Rib::HostInput::endOnTruncation("vxlan-agent");
+  removeTablesOfDeadReplays();
   ReplayResult total;
   bool unreadable = false;
   for (const std::string& file : options.files) {

@@ -1,5 +1,7 @@
 // The input document, printed from the state database.
-#include "agent/state/InputPatch.h"
+#include "agent/state/InputDocument.h"
+
+#include "agent/state/Branches.h"
 
 namespace Agent {
 namespace {
@@ -38,23 +40,63 @@ json addressSet(const Addresses& addresses) {
   return set;
 }
 
-json mlag(const World& world) {
+json mlagAddresses(const World& world) {
   json addresses = json::object();
   for (auto&& address : world.mlagVxlanStatus->vtepAddr()) {
     addresses[address.key.text()] = address.value.text();
   }
-  json lists = json::object();
-  const Vxlan::BumStatus& peer = *world.mlagVxlanStatus->bumStatus();
-  for (auto&& list : peer.bumVtepList()) {
-    lists[std::to_string(list.key.vlan.value())][list.key.mac.text()] = {
-        {"bumVtepIpListType", static_cast<std::uint32_t>(list.value->bumVtepIpListType())},
-        {"remoteVtepAddr", addressSet(list.value->remoteVtepAddr())}};
+  return addresses;
+}
+
+// The BUM lists of the MLAG peer.
+class PeerLists final : public HostTable {
+ public:
+  explicit PeerLists(Kel::Ptr<Vxlan::BumStatus> status) : status_(std::move(status)) {}
+
+  std::optional<Key> next() override {
+    if (!begun_) {
+      at_ = status_->bumVtepList().begin();
+      begun_ = true;
+    } else if (at_) {
+      ++at_;
+    }
+    return at_ ? std::optional(Key{at_->key.mac, at_->key.vlan}) : std::nullopt;
   }
-  return {{"mlagState", static_cast<std::uint32_t>(world.mlagStatus->mlagState())},
-          {"vtepAddr", std::move(addresses)},
-          {"bumStatus",
-           {{"bumReplicationMode", static_cast<std::uint32_t>(peer.bumReplicationMode())},
-            {"bumVtepList", std::move(lists)}}}};
+  std::string record(const Key& key) override {
+    const Kel::Ptr<Vxlan::BumVtepList> list = status_->bumVtepList({key.mac, key.vlan});
+    if (!list) {
+      return {};
+    }
+    return recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
+                     {"remoteVtepAddr", addressSet(list->remoteVtepAddr())}})
+        .text;
+  }
+
+ private:
+  Kel::Ptr<Vxlan::BumStatus> status_;
+  Vxlan::BumStatus::Lists::Iterator at_{};
+  bool begun_ = false;
+};
+
+Part peerStatus(const World& world) {
+  auto members = std::make_unique<Members>();
+  members->add("bumReplicationMode", [&world] {
+    return recordOf(static_cast<std::uint32_t>(world.mlagVxlanStatus->bumStatus()->bumReplicationMode()));
+  });
+  members->add("bumVtepList", [&world] {
+    return Part(std::make_unique<VlansBranch>(
+        [&world] { return std::make_unique<PeerLists>(world.mlagVxlanStatus->bumStatus()); }));
+  });
+  return Part(std::move(members));
+}
+
+Part mlag(const World& world) {
+  auto members = std::make_unique<Members>();
+  members->add("bumStatus", [&world] { return peerStatus(world); });
+  members->add("mlagState",
+               [&world] { return recordOf(static_cast<std::uint32_t>(world.mlagStatus->mlagState())); });
+  members->add("vtepAddr", [&world] { return recordOf(mlagAddresses(world)); });
+  return Part(std::move(members));
 }
 
 json hardware(const World& world) {
@@ -63,67 +105,64 @@ json hardware(const World& world) {
              static_cast<std::uint32_t>(world.hwStatus->bumStatus()->bumReplicationMode())}}}};
 }
 
-json vniTables(const VxlanController::VniFdbStatusV2& status) {
-  json hosts = json::object();
-  for (auto&& host : status.macVtepTable()) {
-    hosts[host.key.text()] = {{"vtepIp", host.value.vtepIp.text()},
-                              {"moveCount", host.value.moveCount},
-                              {"hostAttr", static_cast<unsigned>(host.value.hostAttr)}};
-  }
-  json floodLists = json::object();
-  for (auto&& list : status.macVtepFloodListTable()) {
-    floodLists[list.key.text()] = addressSet(list.value->vtepIpFloodList());
-  }
-  json multiPaths = json::object();
-  for (auto&& entry : status.macVtepMultiPathTable()) {
-    json& vteps = multiPaths[entry.key.text()] = json::object();
-    for (const auto& [vtep, value] : entry.value.vtepIpList) {
-      vteps[vtep.text()] = value;
-    }
-  }
-  return {{"macVtepTable", std::move(hosts)},
-          {"macVtepFloodListTable", std::move(floodLists)},
-          {"macVtepMultiPathTable", std::move(multiPaths)}};
+Part hostRecord(const VxlanController::MacVtepV2& host) {
+  return Part("{\"hostAttr\":" + std::to_string(static_cast<unsigned>(host.hostAttr)) + ",\"moveCount\":" +
+              std::to_string(host.moveCount) + ",\"vtepIp\":\"" + host.vtepIp.text() + "\"}");
 }
 
-json controller(const World& world) {
-  json fdb = json::object();
-  for (auto&& entry : *world.fdb) {
-    const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entry.value);
-    fdb[entry.key.text()] = status ? vniTables(*status) : json("announced");
+Part multiPathRecord(const VxlanController::MacVtepMultiPathV2& entry) {
+  json vteps = json::object();
+  for (const auto& [vtep, value] : entry.vtepIpList) {
+    vteps[vtep.text()] = value;
   }
-  json state = json::object();
-  for (auto&& entry : *world.controllerState) {
-    const auto status = Kel::ptrCast<VxlanController::RmxStateV2>(entry.value);
-    state[entry.key.text()] =
-        status ? json{{"convergenceInProgress", status->convergenceInProgress()}} : json("announced");
-  }
-  return {{"fdb", std::move(fdb)}, {"state", std::move(state)}};
+  return recordOf(vteps);
 }
 
-using Section = json (*)(const World&);
-const std::map<std::string, Section>& sections() {
-  static const std::map<std::string, Section> all = {{"vtiStatus", vtiStatus},
-                                                     {"vlanVniMap", vlanVniMap},
-                                                     {"mlag", mlag},
-                                                     {"hardware", hardware},
-                                                     {"controller", controller}};
-  return all;
+Part vniTables(const Kel::Ptr<VxlanController::VniFdbStatusV2>& status) {
+  using List = Kel::Ptr<VxlanController::MacVtepFloodListV2>;
+  auto members = std::make_unique<Members>();
+  members->add("macVtepFloodListTable", [status] {
+    const auto record = [](const List& list) { return recordOf(addressSet(list->vtepIpFloodList())); };
+    return Part(collectionBranch(status, status->macVtepFloodListTable(), &Qnet::EthAddr::parse, record));
+  });
+  members->add("macVtepMultiPathTable", [status] {
+    return Part(
+        collectionBranch(status, status->macVtepMultiPathTable(), &Qnet::EthAddr::parse, &multiPathRecord));
+  });
+  members->add("macVtepTable", [status] {
+    return Part(collectionBranch(status, status->macVtepTable(), &Qnet::EthAddr::parse, &hostRecord));
+  });
+  return Part(std::move(members));
+}
+
+Part controller(const World& world) {
+  auto members = std::make_unique<Members>();
+  members->add("fdb", [&world] {
+    return Part(std::make_unique<DirBranch>(world.fdb, [](const Kel::Ptr<Kel::Entity>& entity) {
+      const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
+      return status ? vniTables(status) : recordOf("announced");
+    }));
+  });
+  members->add("state", [&world] {
+    return Part(std::make_unique<DirBranch>(world.controllerState, [](const Kel::Ptr<Kel::Entity>& entity) {
+      const auto status = Kel::ptrCast<VxlanController::RmxStateV2>(entity);
+      return recordOf(status ? json{{"convergenceInProgress", status->convergenceInProgress()}}
+                             : json("announced"));
+    }));
+  });
+  return Part(std::move(members));
 }
 
 }  // namespace
 
-json inputSection(const World& world, const std::string& section) {
-  const auto at = sections().find(section);
-  return at == sections().end() ? json() : at->second(world);
-}
-
-json inputDocument(const World& world) {
-  json document;
-  for (const auto& [name, section] : sections()) {
-    document[name] = section(world);
-  }
-  return document;
+Part inputPart(const World& world) {
+  auto members = std::make_unique<Members>();
+  members->add("controller", [&world] { return controller(world); });
+  members->add("hardware", [&world] { return recordOf(hardware(world)); });
+  members->add("mlag", [&world] { return mlag(world); });
+  members->add("vlanVniMap", [&world] { return recordOf(vlanVniMap(world)); });
+  members->add("vtiStatus", [&world] { return recordOf(vtiStatus(world)); });
+  return Part(std::move(members));
 }
 
 }  // namespace Agent

@@ -51,9 +51,4 @@ class InputPatch {
   std::deque<std::function<void()>> changes_;
 };
 
-// The input document as the state database holds it now: the whole, or, with a section's name ("vtiStatus",
-// "vlanVniMap", "mlag", "hardware", "controller"), that member.
-nlohmann::json inputDocument(const World& world);
-nlohmann::json inputSection(const World& world, const std::string& section);
-
 }  // namespace Agent

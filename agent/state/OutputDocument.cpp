@@ -2,12 +2,14 @@
 
 #include <algorithm>
 
-#include "agent/json/Text.h"
-
 namespace Agent {
 namespace {
 
 using nlohmann::json;
+
+std::string number(double value) {
+  return json(value).dump();
+}
 
 json clientSection(const World& world) {
   json vnis = json::array();
@@ -30,62 +32,186 @@ json clientSection(const World& world) {
           {"mlagBumStatus", world.client && world.client->rmxMlagBumStatusSm()}};
 }
 
-json printed(const Vxlan::ReceivedEntry& entry) {
-  return {{"intf", entry.intf.text()},
-          {"entryType", static_cast<unsigned>(entry.entryType)},
-          {"vtepIp", entry.vtepIp.text()},
-          {"moveCount", entry.moveCount},
-          {"hostAttr", static_cast<unsigned>(entry.hostAttr)},
-          {"lastUpdateTime", entry.lastUpdateTime},
-          {"markedForDel", entry.markedForDel}};
+// What a received host and one of the layer-2 RIB have in common, as the beginning of an object. Written by
+// hand, since it is printed for each of a hundred thousand hosts.
+std::string hostRecord(std::string_view intf, unsigned entryType, std::string_view vtepIp,
+                       std::uint32_t moveCount, unsigned hostAttr, double lastUpdateTime) {
+  std::string text = "{\"entryType\":" + std::to_string(entryType);
+  text += ",\"hostAttr\":" + std::to_string(hostAttr);
+  text += ",\"intf\":";
+  appendQuoted(text, intf);
+  text += ",\"lastUpdateTime\":" + number(lastUpdateTime);
+  text += ",\"moveCount\":" + std::to_string(moveCount);
+  text += ",\"vtepIp\":\"";
+  text += vtepIp;
+  text += '"';
+  return text;
 }
 
-json printed(const L2Rib::HostValue& host) {
-  return {{"intf", std::string(host.dest.intf().text())},
-          {"entryType", static_cast<std::uint32_t>(host.entryType)},
-          {"vtepIp", host.dest.vtepAddr(L2Rib::CiVtepIndex::First).v4().text()},
-          {"moveCount", host.moveCount},
-          {"hostAttr", static_cast<std::uint32_t>(host.hostAttr)},
-          {"lastUpdateTime", host.lastUpdateTime}};
+std::string recordOf(const Vxlan::ReceivedEntry& entry) {
+  return hostRecord(entry.intf.text(), static_cast<unsigned>(entry.entryType), entry.vtepIp.text(),
+                    entry.moveCount, static_cast<unsigned>(entry.hostAttr), entry.lastUpdateTime) +
+         (entry.markedForDel ? ",\"markedForDel\":true}" : ",\"markedForDel\":false}");
 }
 
-json floodSets(const World& world) {
-  json vlans = json::object();
-  for (auto&& vlan : world.floodSets->vlanFloodSet()) {
-    for (auto&& set : vlan.value->floodSet()) {
-      std::vector<Qnet::IpAddr> addresses;
-      for (auto&& dest : set.value->destSet()) {
-        addresses.push_back(dest.key.vxlan().vtepAddr().v4());
-      }
-      std::sort(addresses.begin(), addresses.end());
-      json dests = json::array();
-      for (const Qnet::IpAddr address : addresses) {
-        dests.push_back(address.text());
-      }
-      vlans[std::to_string(vlan.key.value())][set.key.text()] = {
-          {"floodSetType", static_cast<std::uint32_t>(set.value->floodSetType())},
-          {"dests", std::move(dests)}};
+std::string recordOf(const L2Rib::HostValue& host) {
+  return hostRecord(host.dest.intf().text(), static_cast<unsigned>(host.entryType),
+                    host.dest.vtepAddr(L2Rib::CiVtepIndex::First).v4().text(), host.moveCount,
+                    static_cast<unsigned>(host.hostAttr), host.lastUpdateTime) +
+         '}';
+}
+
+class ReceivedHosts final : public HostTable {
+ public:
+  explicit ReceivedHosts(Kel::Ptr<Vxlan::ReceivedHostTable> table) : table_(std::move(table)) {}
+
+  std::optional<Key> next() override {
+    if (!table_) {
+      return std::nullopt;
     }
+    if (!begun_) {
+      at_ = table_->receivedEntry().begin();
+      begun_ = true;
+    } else if (at_) {
+      ++at_;
+    }
+    return at_ ? std::optional(at_->key) : std::nullopt;
   }
-  return vlans;
+  std::string record(const Key& key) override {
+    const Vxlan::ReceivedEntry* entry = table_ ? table_->receivedEntry().find(key) : nullptr;
+    return entry != nullptr ? recordOf(*entry) : std::string();
+  }
+  std::optional<std::vector<Key>> fewOf(Bridging::VlanId vlan, std::size_t most) override {
+    std::vector<Key> keys;
+    if (table_) {
+      for (const Key& key : table_->receivedEntryOfVlan(vlan)) {
+        if (keys.size() == most) {
+          return std::nullopt;
+        }
+        keys.push_back(key);
+      }
+    }
+    return keys;
+  }
+  std::uint64_t stamp() const override { return table_ ? 1 + table_->receivedEntry().version() : 0; }
+
+ private:
+  Kel::Ptr<Vxlan::ReceivedHostTable> table_;
+  Vxlan::ReceivedHostTable::Entries::Iterator at_{};
+  bool begun_ = false;
+};
+
+// Its keys come from the writer, whose walk can pause; its records from the reader, if there is one.
+class L2RibHosts final : public HostTable {
+ public:
+  using Reader = Memtab::Reader<Bridging::MacVlanPair, L2Rib::HostValue>;
+
+  L2RibHosts(Kel::Ptr<L2Rib::HostInput> hosts, Reader* reader) : hosts_(std::move(hosts)), reader_(reader) {}
+
+  std::optional<Key> next() override {
+    const auto host = last_ ? hosts_->nextHost(*last_) : hosts_->firstHost();
+    if (!host) {
+      return std::nullopt;
+    }
+    last_ = host->key;
+    return last_;
+  }
+  std::string record(const Key& key) override {
+    if (reader_ != nullptr) {
+      const auto value = reader_->find(key);
+      return value ? recordOf(*value) : std::string();
+    }
+    const auto host = hosts_->host(key);
+    return host ? recordOf(*host) : std::string();
+  }
+
+ private:
+  Kel::Ptr<L2Rib::HostInput> hosts_;
+  Reader* reader_;
+  std::optional<Key> last_;
+};
+
+Part floodSetRecord(const L2Rib::FloodSet& set) {
+  std::vector<Qnet::IpAddr> addresses;
+  for (auto&& dest : set.destSet()) {
+    addresses.push_back(dest.key.vxlan().vtepAddr().v4());
+  }
+  std::sort(addresses.begin(), addresses.end());
+  json dests = json::array();
+  for (const Qnet::IpAddr address : addresses) {
+    dests.push_back(address.text());
+  }
+  return Agent::recordOf(
+      {{"floodSetType", static_cast<std::uint32_t>(set.floodSetType())}, {"dests", std::move(dests)}});
 }
 
-json hardware(const World& world) {
-  const Vxlan::BumStatus& status = *world.hwStatus->bumStatus();
-  json lists = json::object();
-  for (auto&& list : status.bumVtepList()) {
+// A VLAN without a flood set is not shown.
+class FloodSetsOfVlan final : public Branch {
+ public:
+  explicit FloodSetsOfVlan(std::unique_ptr<Branch> sets) : sets_(std::move(sets)) {}
+  Walked next(std::string& name, Part& part) override { return sets_->next(name, part); }
+  Part find(const std::string& name) override { return sets_->find(name); }
+  bool shownEmpty() const override { return false; }
+
+ private:
+  std::unique_ptr<Branch> sets_;
+};
+
+Part floodSets(const World& world) {
+  const auto ofVlan = [](const Kel::Ptr<L2Rib::VlanFloodSet>& vlan) {
+    const auto ofMac = [](const Kel::Ptr<L2Rib::FloodSet>& set) { return floodSetRecord(*set); };
+    return Part(std::make_unique<FloodSetsOfVlan>(
+        collectionBranch(vlan, vlan->floodSet(), &Qnet::EthAddr::parse, ofMac)));
+  };
+  return Part(
+      collectionBranch(world.floodSets, world.floodSets->vlanFloodSet(), &Bridging::VlanId::parse, ofVlan));
+}
+
+class BumVtepLists final : public HostTable {
+ public:
+  explicit BumVtepLists(Kel::Ptr<Vxlan::BumStatus> status) : status_(std::move(status)) {}
+
+  std::optional<Key> next() override {
+    if (!begun_) {
+      at_ = status_->bumVtepList().begin();
+      begun_ = true;
+    } else if (at_) {
+      ++at_;
+    }
+    return at_ ? std::optional(Key{at_->key.mac, at_->key.vlan}) : std::nullopt;
+  }
+  std::string record(const Key& key) override {
+    const Kel::Ptr<Vxlan::BumVtepList> list = status_->bumVtepList({key.mac, key.vlan});
+    if (!list) {
+      return {};
+    }
     json addresses = json::array();
-    for (auto&& address : list.value->remoteVtepAddr()) {
+    for (auto&& address : list->remoteVtepAddr()) {
       if (address.value) {
         addresses.push_back(address.key.text());
       }
     }
-    lists[std::to_string(list.key.vlan.value())][list.key.mac.text()] = {
-        {"bumVtepIpListType", static_cast<std::uint32_t>(list.value->bumVtepIpListType())},
-        {"remoteVtepAddr", std::move(addresses)}};
+    return Agent::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
+                            {"remoteVtepAddr", std::move(addresses)}})
+        .text;
   }
-  return {{"bumReplicationMode", static_cast<std::uint32_t>(status.bumReplicationMode())},
-          {"bumVtepList", std::move(lists)}};
+
+ private:
+  Kel::Ptr<Vxlan::BumStatus> status_;
+  Vxlan::BumStatus::Lists::Iterator at_{};
+  bool begun_ = false;
+};
+
+Part hardware(const World& world) {
+  auto members = std::make_unique<Members>();
+  members->add("bumReplicationMode", [&world] {
+    return Agent::recordOf(static_cast<std::uint32_t>(world.hwStatus->bumStatus()->bumReplicationMode()));
+  });
+  members->add("bumVtepList", [&world] {
+    return Part(std::make_unique<VlansBranch>(
+        [&world] { return std::make_unique<BumVtepLists>(world.hwStatus->bumStatus()); }));
+  });
+  return Part(std::move(members));
 }
 
 json convergenceStatus(const World& world) {
@@ -93,164 +219,74 @@ json convergenceStatus(const World& world) {
           {"bumDeferredDeletionInProgress", world.convergenceStatus->bumDeferredDeletionInProgress()}};
 }
 
-const std::array<const char*, 7> sectionNames{"client",   "receivedHosts", "markedForDelCount", "l2Rib",
-                                              "hardware", "clientView",    "convergenceStatus"};
+Kel::Ptr<Vxlan::ReceivedHostTable> receivedTable(const World& world) {
+  return world.client ? world.client->hostTable() : nullptr;
+}
 
 }  // namespace
 
 OutputDocument::OutputDocument(const World& world, const std::string& hostTable) : world_(world) {
   if (!hostTable.empty()) {
-    reader_.emplace(hostTable, L2Rib::hostSchema);
+    reader_ = std::make_unique<Reader>(hostTable, L2Rib::hostSchema);
   }
 }
 
-void OutputDocument::eachHost(const EachHost& call) {
-  if (reader_) {
-    reader_->walk([&](const Bridging::MacVlanPair& key, const L2Rib::HostValue& value) {
-      L2Rib::Host host;
-      static_cast<L2Rib::HostValue&>(host) = value;
-      host.key = key;
-      call(host);
-    });
-    return;
-  }
-  for (auto host = world_.hosts->firstHost(); host; host = world_.hosts->nextHost(host->key)) {
-    call(*host);
-  }
+Part OutputDocument::l2RibHosts() {
+  return Part(std::make_unique<VlansBranch>(
+      [this] { return std::make_unique<L2RibHosts>(world_.hosts, reader_.get()); }));
 }
 
-Kel::Ptr<Vxlan::ReceivedHostTable> OutputDocument::receivedTable() const {
-  return world_.client ? world_.client->hostTable() : nullptr;
+Part OutputDocument::receivedHosts() {
+  return Part(std::make_unique<VlansBranch>(
+      [this] { return std::make_unique<ReceivedHosts>(receivedTable(world_)); }));
 }
 
-// One host as the layer-2 RIB or the received host table has it; null if it does not.
-json OutputDocument::hostOf(const Bridging::MacVlanPair& key, bool l2Rib) {
-  if (!l2Rib) {
-    const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable();
-    const Vxlan::ReceivedEntry* entry = table ? table->receivedEntry().find(key) : nullptr;
-    return entry != nullptr ? printed(*entry) : json();
-  }
-  if (reader_) {
-    const auto value = reader_->find(key);
-    return value ? printed(*value) : json();
-  }
-  const auto host = world_.hosts->host(key);
-  return host ? printed(*host) : json();
+Part OutputDocument::l2Rib() {
+  auto members = std::make_unique<Members>();
+  members->add("floodSets", [this] { return floodSets(world_); });
+  members->add("hosts", [this] { return l2RibHosts(); });
+  return Part(std::move(members));
 }
 
-json OutputDocument::l2RibHosts() {
-  json vlans = json::object();
-  eachHost([&](const L2Rib::Host& host) {
-    vlans[std::to_string(host.key.vlan.value())][host.key.mac.text()] = printed(host);
+Part OutputDocument::part() {
+  auto members = std::make_unique<Members>();
+  members->add("client", [this] { return Agent::recordOf(clientSection(world_)); });
+  members->add("clientView", [this] {
+    return Agent::recordOf({{"convergenceInProgress", world_.clientView->convergenceInProgress()}});
   });
-  return vlans;
+  members->add("convergenceStatus", [this] { return Agent::recordOf(convergenceStatus(world_)); });
+  members->add("hardware", [this] { return hardware(world_); });
+  members->add("l2Rib", [this] { return l2Rib(); });
+  members->add("markedForDelCount", [this] {
+    const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable(world_);
+    return Agent::recordOf(table ? table->markedForDelCount() : 0);
+  });
+  members->add("receivedHosts", [this] { return receivedHosts(); });
+  return Part(std::move(members));
 }
 
-json OutputDocument::receivedHosts() {
-  json vlans = json::object();
-  if (const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable()) {
-    for (auto&& entry : table->receivedEntry()) {
-      vlans[std::to_string(entry.key.vlan.value())][entry.key.mac.text()] = printed(entry.value);
-    }
-  }
-  return vlans;
-}
-
-json OutputDocument::section(const std::string& name) {
-  if (name == "client") {
-    return clientSection(world_);
-  }
-  if (name == "receivedHosts") {
-    return receivedHosts();
-  }
-  if (name == "markedForDelCount") {
-    const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable();
-    return table ? table->markedForDelCount() : 0;
-  }
-  if (name == "l2Rib") {
-    return {{"hosts", l2RibHosts()}, {"floodSets", floodSets(world_)}};
-  }
-  if (name == "hardware") {
-    return hardware(world_);
-  }
-  if (name == "clientView") {
-    return {{"convergenceInProgress", world_.clientView->convergenceInProgress()}};
-  }
-  if (name == "convergenceStatus") {
-    return convergenceStatus(world_);
-  }
-  return {};
-}
-
-json OutputDocument::whole() {
-  json document;
-  for (const char* name : sectionNames) {
-    document[name] = section(name);
-  }
-  return document;
-}
-
-json OutputDocument::at(const std::string& text) {
-  if (text.empty()) {
-    return whole();
-  }
-  const std::size_t slash = text.find('/', 1);
-  const std::string name = text.substr(1, slash == std::string::npos ? slash : slash - 1);
-  return partAt({{name, section(name)}}, text);
-}
-
-// Calls back with each host of one VLAN. For the layer-2 RIB that takes a look at every host.
-void OutputDocument::eachHostIn(Bridging::VlanId vlan, bool l2Rib, const EachKey& call) {
-  if (l2Rib) {
-    eachHost([&](const L2Rib::Host& host) {
-      if (host.key.vlan == vlan) {
-        call(host.key);
-      }
-    });
-  } else if (const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable()) {
-    for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
-      call(key);
-    }
-  }
-}
-
-// One VLAN with all its hosts; nothing if it has none.
-json OutputDocument::wholeVlan(Bridging::VlanId vlan, bool l2Rib) {
-  json hosts;
-  eachHostIn(vlan, l2Rib,
-             [&](const Bridging::MacVlanPair& key) { hosts[key.mac.text()] = hostOf(key, l2Rib); });
-  return hosts;
-}
-
-// One VLAN with the hosts that are asked for by name; nothing if the VLAN has no host at all.
-json OutputDocument::vlanLike(Bridging::VlanId vlan, const json& expected, bool l2Rib) {
-  json hosts = json::object();
-  for (auto host = expected.begin(); host != expected.end(); ++host) {
-    const auto mac = Qnet::EthAddr::parse(host.key());
-    json value = mac ? hostOf({*mac, vlan}, l2Rib) : json();
-    if (!value.is_null()) {
-      hosts[host.key()] = std::move(value);
-    }
-  }
-  bool there = !hosts.empty();
-  if (!there) {
-    eachHostIn(vlan, l2Rib, [&](const Bridging::MacVlanPair&) { there = true; });
-  }
-  return there ? hosts : json();
-}
-
-json OutputDocument::hostsLike(const json& expected, bool l2Rib) {
+// The hosts that are asked for by name; of a VLAN that is asked for as a whole, all.
+json OutputDocument::hostsLike(const json& expected, Part hosts) {
   if (!expected.is_object()) {
-    return l2Rib ? l2RibHosts() : receivedHosts();
+    return jsonOf(std::move(hosts));
   }
   json vlans = json::object();
   for (auto vlan = expected.begin(); vlan != expected.end(); ++vlan) {
-    const auto number = Bridging::VlanId::parse(vlan.key());
-    json hosts = !number             ? json()
-                 : vlan->is_object() ? vlanLike(*number, *vlan, l2Rib)
-                                     : wholeVlan(*number, l2Rib);
-    if (!hosts.is_null()) {
-      vlans[vlan.key()] = std::move(hosts);
+    json& shown = vlans[vlan.key()] = json::object();
+    Part there = hosts.branch->find(vlan.key());
+    for (auto host = vlan->begin(); vlan->is_object() && there.branch && host != vlan->end(); ++host) {
+      if (const Part record = there.branch->find(host.key()); record.there()) {
+        shown[host.key()] = json::parse(record.text);
+      }
+    }
+    // A VLAN is absent if it has no host at all.
+    if (shown.empty()) {
+      json whole = jsonOf(std::move(there));
+      if (whole.is_null()) {
+        vlans.erase(vlan.key());
+      } else if (!vlan->is_object()) {
+        shown = std::move(whole);
+      }
     }
   }
   return vlans;
@@ -261,12 +297,13 @@ json OutputDocument::shapedLike(const json& expected) {
   for (auto member = expected.begin(); member != expected.end(); ++member) {
     const std::string& name = member.key();
     if (name == "receivedHosts") {
-      document[name] = hostsLike(*member, false);
+      document[name] = hostsLike(*member, receivedHosts());
     } else if (name == "l2Rib" && member->is_object()) {
       json& part = document[name] = json::object();
-      part["hosts"] = member->contains("hosts") ? hostsLike(member->at("hosts"), true) : json::object();
-      part["floodSets"] = member->contains("floodSets") ? floodSets(world_) : json::object();
-    } else if (json value = section(name); !value.is_null()) {
+      part["hosts"] =
+          member->contains("hosts") ? hostsLike(member->at("hosts"), l2RibHosts()) : json::object();
+      part["floodSets"] = member->contains("floodSets") ? jsonOf(floodSets(world_)) : json::object();
+    } else if (json value = jsonOf(part().branch->find(name)); !value.is_null()) {
       document[name] = std::move(value);
     }
   }

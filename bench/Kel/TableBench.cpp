@@ -12,6 +12,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "Kel/OrderedTable.h"
 #include "Kel/Table.h"
 #include "Size.h"
 

@@ -12,6 +12,7 @@
 #include "Kel/Error.h"
 #include "Kel/Export.h"
 #include "Kel/Name.h"
+#include "Kel/OrderedTable.h"
 #include "Kel/Ptr.h"
 #include "Kel/Reactor.h"
 #include "Kel/Table.h"

@@ -12,6 +12,9 @@ using Format::kBucketBit;
 using Format::kEnd;
 using Format::Life;
 
+/// So many turns and changes no table lives to see; what is derived of their numbers has room for these.
+constexpr std::uint64_t kMostTurns = std::uint64_t{1} << 56U;
+
 /// First looks at everything and changes nothing, then repairs.
 class Adoption {
  public:
@@ -27,15 +30,13 @@ class Adoption {
     examineSlots();
     examineList();
     repairTornWrite();
-    repairBuckets();
+    repairCounts();
     sweepList();
     return collect();
   }
 
  private:
-  [[noreturn]] void damaged(const std::string& what) const {
-    throw Error(segment_.name(), "damaged: " + what + "; remove it and start the writer anew");
-  }
+  [[noreturn]] void damaged(const std::string& what) const { throw Damaged(segment_.name(), what); }
 
   static std::uint32_t load(const Format::Half& half) { return half.load(std::memory_order_acquire); }
   Life lifeOf(std::uint32_t number) const {
@@ -50,20 +51,31 @@ class Adoption {
       damaged(std::to_string(used_) + " slots are said to be in use, there is room for " +
               std::to_string(d.slots));
     }
-    if (index_.buckets() == 0 || index_.buckets() > d.buckets) {
-      damaged(std::to_string(index_.buckets()) + " bucket heads are said to be in use, there is room for " +
+    if (const std::uint32_t buckets = load(segment_.state().buckets); buckets == 0 || buckets > d.buckets) {
+      damaged(std::to_string(buckets) + " bucket heads are said to be in use, there is room for " +
               std::to_string(d.buckets));
+    }
+    const std::uint64_t changes = segment_.state().changes.load(std::memory_order_acquire);
+    const std::uint64_t told = segment_.state().publishedChanges.load(std::memory_order_acquire);
+    if (published_ > kMostTurns || changes > kMostTurns || told > changes) {
+      damaged("turn " + std::to_string(published_) + " with " + std::to_string(told) + " of " +
+              std::to_string(changes) + " changes cannot be");
     }
   }
 
   /// A value's write was under way when its slot has an odd number; if it can be seen, the journal has the
   /// old words.
-  void examineSlots() const {
+  void examineSlots() {
     for (std::uint32_t number = 0; number < used_; ++number) {
       const Life life = lifeOf(number);
-      if (life.state() > Life::Dying) {
+      if (life.state() > Life::Dying || life.turn() > published_ + 1) {
         damaged("slot " + std::to_string(number) + " is in no known state");
       }
+      if (number + 1 < used_ && life.raw() == 0 && load(index_.slot(number)->seq) == 0) {
+        damaged("slot " + std::to_string(number) + " is said to be in use and was never written");
+      }
+      visible_ += live(life) ? 1U : 0U;
+      visibleNext_ += life.visibleAt(published_ + 1) ? 1U : 0U;
       if (load(index_.slot(number)->seq) % 2 != 0 && life.state() != Life::Free && !journalKeeps(number)) {
         damaged("slot " + std::to_string(number) + " is half written and the journal knows nothing of it");
       }
@@ -102,6 +114,9 @@ class Adoption {
       damaged("the list leads to bucket head " + std::to_string(bucket) + ", which is not in use");
     }
     heads_ += 1;
+    if (heads_ > index_.buckets() + 1) {
+      damaged("the list runs in a circle");
+    }
     extraHead_ = extraHead_ || bucket == index_.buckets();
     lastHead_ = lastHead_ || bucket + 1 == index_.buckets();
   }
@@ -125,6 +140,12 @@ class Adoption {
     if (!asCounted && !oneMore && !oneLess) {
       damaged("the list has " + std::to_string(heads_) + " bucket heads, " + std::to_string(counted) +
               " are in use");
+    }
+    // A writer's last acts may have been to count the turn that it was about to publish.
+    const std::uint64_t records = segment_.state().publishedRecords.load(std::memory_order_acquire);
+    if (records != visible_ && records != visibleNext_) {
+      damaged("it has " + std::to_string(visible_) + " records, " + std::to_string(records) +
+              " were counted");
     }
     for (std::uint32_t number = 0; number < used_; ++number) {
       if (live(lifeOf(number)) && !met[number]) {
@@ -159,7 +180,9 @@ class Adoption {
     }
   }
 
-  void repairBuckets() {
+  /// The records first: from here on it can only be the published turn.
+  void repairCounts() {
+    segment_.state().publishedRecords.store(visible_, std::memory_order_release);
     index_.bucketsAre(heads_);
     segment_.state().buckets.store(heads_, std::memory_order_release);
   }
@@ -206,6 +229,8 @@ class Adoption {
   Index<FoundShape> index_;
   std::uint64_t published_;
   std::uint32_t used_;
+  std::uint64_t visible_ = 0;      // records at the published turn
+  std::uint64_t visibleNext_ = 0;  // and at the one that was being written
   std::uint32_t heads_ = 0;
   bool extraHead_ = false;  // the head after the last that is counted is in the list
   bool lastHead_ = false;   // the last that is counted is in the list

@@ -16,8 +16,9 @@ struct Adopted {
 /// Brings a table whose writer ended, at whatever instruction, to the last published turn: a torn write is
 /// undone from the journal, additions and deletions of the unpublished turn are taken back, deleted records
 /// are swept out. Values replaced within the unpublished turn stay, whole, as readers have seen them already.
-/// Readers may read all the while. Raises Error, with the table unchanged, when it is damaged, as no writer's
-/// end leaves it.
+/// Readers may read all the while. Raises Damaged, with the table unchanged, when it is damaged, as no
+/// writer's end leaves it. What cannot be told from what a writer leaves is adopted: a value, a key that is
+/// in its place.
 Adopted adopt(const Segment& segment);
 
 }  // namespace Memtab

@@ -12,8 +12,10 @@ namespace Memtab {
 /// removed and made again, its successor.
 class Attachment {
  public:
-  /// To the table NAME of records with SCHEMA and SHAPE; an empty schema and no shape take any.
-  Attachment(std::string name, std::string schema, std::optional<Segment::Shape> shape);
+  /// To the table NAME of records with SCHEMA and SHAPE; an empty schema and no shape take any. It belongs to
+  /// one of OWNERS.
+  Attachment(std::string name, std::string schema, std::optional<Segment::Shape> shape,
+             const Files::Owners& owners = Files::Owners());
   /// To a segment of this process that outlives this.
   explicit Attachment(const Segment& own) : own_(&own) {}
 
@@ -24,7 +26,7 @@ class Attachment {
       return false;
     }
     return !segment_ || segment_.state().retired.load(std::memory_order_relaxed) != 0 ||
-           (++uses_ % kUsesBetweenLooks == 0 && segment_.unlinked());
+           (++uses_ % kUsesBetweenLooks == 0 && segment_.elsewhere());
   }
   /// As outdated(), and looks at the system at once.
   bool outdatedForSure();
@@ -41,6 +43,7 @@ class Attachment {
   std::string name_;
   std::string schema_;
   std::optional<Segment::Shape> shape_;
+  Files::Owners owners_;
   Segment segment_;
   const Segment* own_ = nullptr;
   std::uint32_t uses_ = 0;

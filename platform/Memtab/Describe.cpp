@@ -13,6 +13,7 @@ namespace {
 constexpr std::uint64_t kPage = 4096;
 constexpr std::size_t kLeastChanges = 1024;
 constexpr std::size_t kMostChanges = 65536;
+constexpr std::uint64_t kJournalAt = (sizeof(Format::Header) + 63) / 64 * 64;
 
 std::uint64_t pages(std::uint64_t bytes) {
   return (bytes + kPage - 1) / kPage * kPage;
@@ -34,6 +35,7 @@ void checkOptions(const Options& options, Segment::Shape shape) {
       "field description of " + std::to_string(options.fields.size()) + " bytes, at most 1023 are possible");
   refuseUnless(options.changes <= std::size_t{1} << 28U,
                "memory of " + std::to_string(options.changes) + " changes, at most 268435456 are possible");
+  refuseUnless((options.mode & 022U) == 0, "a mode that lets others write is not possible");
   refuseUnless(shape.keyBytes >= 1 && shape.keyBytes <= Format::kMaxKeyBytes,
                "key of " + std::to_string(shape.keyBytes) + " bytes, 1 to 256 are possible");
   refuseUnless(shape.valueBytes >= 1 && shape.valueBytes <= Format::kMaxValueBytes,
@@ -50,6 +52,43 @@ std::uint64_t newGeneration() {
   return Format::mixed(now ^ std::uint64_t{random()} << 32U ^ random()) | 1U;
 }
 
+/// Where everything lies follows from five figures.
+void layOut(Format::Description& d) {
+  const std::size_t keyWords = Format::wordsFor(d.keyBytes);
+  const std::size_t valueWords = Format::wordsFor(d.valueBytes);
+  d.headerBytes = sizeof(Format::Header);
+  d.slotBytes = static_cast<std::uint32_t>(sizeof(Format::Slot) + 8 * (keyWords + valueWords));
+  d.slots = d.limit * 2;
+  d.buckets = d.limit * Format::kBucketsPerRecord;
+  d.stripes = Format::kStripes;
+  d.journalAt = kJournalAt;
+  d.stripesAt = pages(d.journalAt + sizeof(Format::Journal) + 8 * valueWords);
+  d.ringAt = pages(d.stripesAt + sizeof(Format::Half) * d.stripes);
+  d.headsAt = pages(d.ringAt + 8 * keyWords * d.ringEntries);
+  d.slotsAt = pages(d.headsAt + sizeof(Format::Half) * d.buckets);
+  d.totalBytes = pages(d.slotsAt + std::uint64_t{d.slotBytes} * d.slots);
+}
+
+/// Whether this can be what the layout made of its figures, and all strings end.
+bool consistent(const Format::Description& d) {
+  if (d.limit < 1 || d.limit > Format::kMaxLimit || !std::has_single_bit(d.ringEntries) || d.keyBytes < 1 ||
+      d.keyBytes > Format::kMaxKeyBytes || d.valueBytes < 1 || d.valueBytes > Format::kMaxValueBytes ||
+      d.schema.back() != '\0' || d.fields.back() != '\0') {
+    return false;
+  }
+  Format::Description laidOut = d;
+  layOut(laidOut);
+  return std::memcmp(&laidOut, &d, sizeof d) == 0;
+}
+
+/// Whether this is, or was, a description of some version: two of the figures that all have are there.
+bool resemblesADescription(const Format::Description& d) {
+  const int right = (d.magic == Format::kMagic ? 1 : 0) + (d.version == Format::kVersion ? 1 : 0) +
+                    (d.headerBytes == sizeof(Format::Header) ? 1 : 0) +
+                    (d.stripes == Format::kStripes ? 1 : 0) + (d.journalAt == kJournalAt ? 1 : 0);
+  return right >= 2;
+}
+
 }  // namespace
 
 std::uint64_t checksumOf(const Format::Description& description) {
@@ -64,29 +103,17 @@ std::uint64_t checksumOf(const Format::Description& description) {
 
 Format::Description describe(const Options& options, Segment::Shape shape) {
   checkOptions(options, shape);
-  const std::size_t keyWords = Format::wordsFor(shape.keyBytes);
-  const std::size_t valueWords = Format::wordsFor(shape.valueBytes);
   const std::size_t changes =
       options.changes != 0 ? options.changes : std::clamp(options.limit / 16, kLeastChanges, kMostChanges);
 
   Format::Description d{};
   d.magic = Format::kMagic;
   d.version = Format::kVersion;
-  d.headerBytes = sizeof(Format::Header);
   d.keyBytes = static_cast<std::uint32_t>(shape.keyBytes);
   d.valueBytes = static_cast<std::uint32_t>(shape.valueBytes);
-  d.slotBytes = static_cast<std::uint32_t>(sizeof(Format::Slot) + 8 * (keyWords + valueWords));
   d.ringEntries = static_cast<std::uint32_t>(std::bit_ceil(changes));
   d.limit = static_cast<std::uint32_t>(options.limit);
-  d.slots = d.limit * 2;
-  d.buckets = d.limit * Format::kBucketsPerRecord;
-  d.stripes = Format::kStripes;
-  d.journalAt = (sizeof(Format::Header) + 63) / 64 * 64;
-  d.stripesAt = pages(d.journalAt + sizeof(Format::Journal) + 8 * valueWords);
-  d.ringAt = pages(d.stripesAt + sizeof(Format::Half) * d.stripes);
-  d.headsAt = pages(d.ringAt + 8 * keyWords * d.ringEntries);
-  d.slotsAt = pages(d.headsAt + sizeof(Format::Half) * d.buckets);
-  d.totalBytes = pages(d.slotsAt + std::uint64_t{d.slotBytes} * d.slots);
+  layOut(d);
   d.generation = newGeneration();
   d.seed = options.seed;
   d.createdAt =
@@ -99,19 +126,25 @@ Format::Description describe(const Options& options, Segment::Shape shape) {
 }
 
 void checkDescription(const std::string& name, const Format::Description& d, std::uint64_t segmentBytes) {
-  if (d.magic != Format::kMagic) {
+  if (!resemblesADescription(d)) {
     throw Error(name, "not a table: it does not begin with the mark of one");
   }
+  if (d.magic != Format::kMagic) {
+    throw Damaged(name, "it does not begin with the mark of a table");
+  }
   if (d.version != Format::kVersion) {
-    throw Error(name, "made by another version: its format is " + std::to_string(d.version) +
-                          ", this program has " + std::to_string(Format::kVersion));
+    throw Damaged(name, "its format is " + std::to_string(d.version) + ", this program knows " +
+                            std::to_string(Format::kVersion) + "; perhaps another version made it");
   }
   if (d.checksum != checksumOf(d)) {
-    throw Error(name, "damaged: the checksum of its header is wrong; remove it and start the writer anew");
+    throw Damaged(name, "the checksum of its header is wrong");
+  }
+  if (!consistent(d)) {
+    throw Damaged(name, "the figures in its header do not go together");
   }
   if (d.totalBytes != segmentBytes) {
-    throw Error(name, "damaged: it has " + std::to_string(segmentBytes) + " bytes, its header says " +
-                          std::to_string(d.totalBytes) + "; remove it and start the writer anew");
+    throw Damaged(name, "it has " + std::to_string(segmentBytes) + " bytes, its header says " +
+                            std::to_string(d.totalBytes));
   }
 }
 

@@ -15,7 +15,7 @@ Format::Description describe(const Options& options, Segment::Shape shape);
 std::uint64_t checksumOf(const Format::Description& description);
 
 /// Raises Error with what is wrong when DESCRIPTION, found in a segment of SEGMENTBYTES under NAME, is not a
-/// whole one of this format.
+/// whole one of this format: Damaged when it was one, or is one of another format; else it is no table.
 void checkDescription(const std::string& name, const Format::Description& description,
                       std::uint64_t segmentBytes);
 

@@ -20,6 +20,13 @@ class Full : public Error {
   Full(const std::string& table, std::size_t limit);
 };
 
+/// The table is not what any writer leaves behind. Whoever reads or writes it stops there; nothing is said of
+/// the records that were met before.
+class Damaged : public Error {
+ public:
+  Damaged(const std::string& table, const std::string& what);
+};
+
 /// Prints TEXT and aborts, in every build type, unless HOLDS: for what only this room itself can get wrong.
 inline void check(bool holds, const char* text);
 

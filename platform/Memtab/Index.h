@@ -4,6 +4,7 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "Memtab/Error.h"
 #include "Memtab/Segment.h"
@@ -21,6 +22,10 @@ namespace Memtab {
 ///  3. Each operation becomes visible by a single store, so that its end at any instruction leaves 1 and 2
 ///  true.
 ///  4. A slot that was taken out is not changed before the counter of its stripe has moved.
+///
+/// The list is in memory that others may have damaged: what is read of it leads nowhere else, and no way
+/// along it is endless. Damage that is met raises Damaged; the table may then be half changed and is not used
+/// further.
 template <class Shape>
 class Index {
  public:
@@ -41,24 +46,59 @@ class Index {
         counted_(&segment.state().buckets),
         seed_(segment.description().seed),
         room_(segment.description().buckets) {
-    bucketsAre(segment.state().buckets.load(std::memory_order_acquire));
+    bucketsAre(std::min(segment.state().buckets.load(std::memory_order_acquire), room_));
     taken_ = buckets_;
+    usedSlotsAre(segment.state().usedSlots.load(std::memory_order_acquire));
   }
 
   std::uint32_t buckets() const { return buckets_; }
+  /// Any slot, which the caller knows to be in use.
   Format::Slot* slot(std::uint32_t number) const { return slotAt(shape_, slots_, number); }
+  /// The slot that a link leads to. Raises Damaged when there is none.
+  Format::Slot* linked(std::uint32_t number) const {
+    if (number >= usedSlots_) [[unlikely]] {
+      damaged("a link leads to slot " + std::to_string(number) + ", which is not in use");
+    }
+    return slot(number);
+  }
+  /// The same for a bucket head.
+  const Format::Half* linkedHead(std::uint32_t bucket) const {
+    if (bucket >= buckets_) [[unlikely]] {
+      damaged("a link leads to bucket head " + std::to_string(bucket) + ", which is not in use");
+    }
+    return &heads_[bucket];
+  }
+  /// How many slots are in use, so that links lead to those alone.
+  void usedSlotsAre(std::uint32_t used) { usedSlots_ = used; }
+  [[noreturn]] void damaged(const std::string& what) const { throw Damaged(segment_->name(), what); }
+
+  /// Counts the steps of a way along the list: raises Damaged at one more than a list without a circle has.
+  class Way {
+   public:
+    explicit Way(const Index& index)
+        : index_(index), left_(std::uint64_t{index.usedSlots_} + index.buckets_ + 1) {}
+    void step() {
+      if (left_-- == 0) [[unlikely]] {
+        index_.damaged("the links run in a circle");
+      }
+    }
+
+   private:
+    const Index& index_;
+    std::uint64_t left_;
+  };
   std::uint64_t hash(const std::byte* key) const { return hashOf(shape_, key, seed_); }
   std::uint64_t hash(const Format::Slot* slot) const { return hashIn(shape_, slot, seed_); }
 
   Place locate(const std::byte* key) const {
     const std::uint64_t wanted = hash(key);
     Format::Half* link = &heads_[bucketOf(wanted)];
-    for (;;) {
+    for (Way way(*this);; way.step()) {
       const std::uint32_t to = load(link);
       if ((to & Format::kBucketBit) != 0) {
         return {link, Format::kEnd};
       }
-      Format::Slot* at = slot(to);
+      Format::Slot* at = linked(to);
       const int relation = compareTo(shape_, at, wanted, key, seed_);
       if (relation >= 0) {
         return {link, relation == 0 ? to : Format::kEnd};
@@ -78,9 +118,13 @@ class Index {
     Format::Slot* out = slot(number);
     const std::uint32_t bucket = bucketOf(hash(out));
     Format::Half* link = &heads_[bucket];
+    Way way(*this);
     for (std::uint32_t to = load(link); to != number; to = load(link)) {
-      check((to & Format::kBucketBit) == 0, "a slot to be taken out of the list is not in it");
-      link = &slot(to)->next;
+      if ((to & Format::kBucketBit) != 0) [[unlikely]] {
+        damaged("slot " + std::to_string(number) + " is not in the list");
+      }
+      link = &linked(to)->next;
+      way.step();
     }
     unlink(link, bucket, out);
   }
@@ -155,8 +199,8 @@ class Index {
   void split(std::uint32_t made, std::uint32_t bit) {
     Format::Half* link = &heads_[made ^ bit];
     std::uint32_t to = load(link);
-    while ((to & Format::kBucketBit) == 0) {
-      Format::Slot* at = slot(to);
+    for (Way way(*this); (to & Format::kBucketBit) == 0; way.step()) {
+      Format::Slot* at = linked(to);
       if ((hash(at) & bit) != 0) {
         break;
       }
@@ -189,9 +233,11 @@ class Index {
   void merge() {
     const std::uint32_t last = buckets_ - 1;
     Format::Half* link = &heads_[last ^ std::bit_floor(last)];
-    while (load(link) != (Format::kBucketBit | last)) {
-      check((load(link) & Format::kBucketBit) == 0, "a bucket head to be taken out of the list is not in it");
-      link = &slot(load(link))->next;
+    for (Way way(*this); load(link) != (Format::kBucketBit | last); way.step()) {
+      if ((load(link) & Format::kBucketBit) != 0) [[unlikely]] {
+        damaged("bucket head " + std::to_string(last) + " is not in the list");
+      }
+      link = &linked(load(link))->next;
     }
     link->store(load(&heads_[last]), std::memory_order_release);
     bucketsAre(last);
@@ -210,6 +256,7 @@ class Index {
   std::uint32_t taken_ = 0;
   std::uint32_t buckets_ = 1;
   std::uint32_t mask_ = 0;
+  std::uint32_t usedSlots_ = 0;
 };
 
 }  // namespace Memtab

@@ -1,12 +1,15 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 namespace Memtab {
 
-/// What a writer says about its table. Everything but `name` and `mode` is stored in the segment.
+/// What a writer says about its table. Schema, fields, limit, changes and seed are stored in the segment.
 struct Options {
   /// "/name" is a POSIX shared memory object; a path with a further slash is a file; an empty name is private
   /// memory of this process, without sharing.
@@ -24,8 +27,15 @@ struct Options {
   /// memory is taken as the table grows. An adopted segment keeps the limit it was created with.
   std::size_t limit = std::size_t{1} << 20;
 
-  /// Access of a new segment, as chmod(2) has it.
+  /// Access of a new segment, as chmod(2) has it; only the owner may write.
   unsigned mode = 0644;
+
+  /// One more user whose table is adopted; root's and the own user's always are, no others.
+  std::optional<uid_t> owner = {};
+
+  /// What happens to a damaged table, or one of another format: false refuses it; true leaves it to the
+  /// readers until then, and begins an empty one in its place (see Writer).
+  bool replaceDamaged = false;
 
   /// How many changed keys the table remembers for readers that follow it, rounded up to a power of two; 0
   /// chooses a sixteenth of the limit, between 1,024 and 65,536.

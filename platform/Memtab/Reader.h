@@ -1,5 +1,8 @@
 #pragma once
 
+#include <sys/types.h>
+
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -21,19 +24,32 @@ namespace Memtab {
 /// table under it the reader is empty, and when the table is removed and made again it goes over to the new
 /// one by itself; at once if it was removed by Memtab::remove(), else within 256 lookups or at the next walk
 /// or follow. Growth needs nothing. Each thread uses its own.
+///
+/// Names in shared memory are anybody's. A table is read only if it belongs to root, to the own user, or to
+/// the one more user that the reader is told of, and nobody else may write to it: what is in it was then
+/// written by one of them. The owner could still truncate it, which the system answers with SIGBUS (see
+/// BusError.h).
+///
+/// No damage in a table leads a reader outside of it or keeps it busy for more than moments: the operation
+/// that meets it raises Damaged, which names the slot where there is one. The reader remains fit for use,
+/// sees what is not damaged, and goes over to the table that its writer makes in place of this one.
 template <class Key, class Value>
 class Reader {
  public:
   static_assert(std::has_unique_object_representations_v<Key>,
                 "a key is compared by its bytes: no padding, no floats");
 
-  /// Of the table NAME, whose records have SCHEMA. Raises Error, now or at any later use, when what is under
-  /// that name is no table, has other records, or may not be read.
-  explicit Reader(const std::string& name, const std::string& schema)
-      : reading_(Attachment(name, schema, Segment::Shape{sizeof(Key), sizeof(Value)})) {}
+  /// Of the table NAME, whose records have SCHEMA, and which belongs to root, the own user, or OWNER. Raises
+  /// Error, now or at any later use, when what is under that name is no table, has other records, belongs to
+  /// another user, may be written to by others, or may not be read; Damaged when it is damaged.
+  explicit Reader(const std::string& name, const std::string& schema,
+                  const std::optional<uid_t>& owner = std::nullopt)
+      : reading_(Attachment(name, schema, Segment::Shape{sizeof(Key), sizeof(Value)}, Files::Owners(owner))) {
+  }
 
-  /// Of the table of a writer in this process, which outlives the reader: for another thread of it.
-  explicit Reader(const Writer<Key, Value>& writer) : reading_(Attachment(writer.table_.segment())) {}
+  /// Of the table of a writer in this process, which outlives the reader, and does not replace a damaged
+  /// table: for another thread of it.
+  explicit Reader(const Writer<Key, Value>& writer) : reading_(Attachment(writer.table_->segment())) {}
 
   /// Whether there is a table.
   bool attached() { return reading_.segment() != nullptr; }
@@ -44,10 +60,13 @@ class Reader {
     return segment != nullptr ? segment->description().generation : 0;
   }
 
-  /// Number of records at the last publication.
+  /// Number of records at the last publication, never more than the table may have.
   std::size_t size() {
     const Segment* segment = reading_.recentSegment();
-    return segment != nullptr ? segment->state().publishedRecords.load(std::memory_order_acquire) : 0;
+    return segment != nullptr
+               ? std::min<std::size_t>(segment->state().publishedRecords.load(std::memory_order_acquire),
+                                       segment->description().limit)
+               : 0;
   }
 
   /// Number of the last turn that was published; 0 while there is no table. Two lookups with the same number

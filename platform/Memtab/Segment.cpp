@@ -9,7 +9,9 @@
 #include <cstring>
 #include <utility>
 
+#include "Memtab/BusError.h"
 #include "Memtab/Describe.h"
+#include "Memtab/Name.h"
 
 namespace Memtab {
 namespace {
@@ -18,19 +20,33 @@ std::string reason() {
   return std::strerror(errno);
 }
 
-/// "/name" is an object of shm_open; anything with a further slash is a file.
-bool isFile(const std::string& name) {
-  return name.find('/', 1) != std::string::npos;
+/// Never through a link, and without waiting for the other end of what is no file.
+int openName(const std::string& name, int flags, mode_t mode = 0) {
+  return ::open(pathOf(name).c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
 }
 
-void checkName(const std::string& name) {
-  if (name.size() < 2 || name.front() != '/' || name.back() == '/') {
-    throw Error(name, "not a name: \"/name\" or an absolute path is needed");
+void checkFile(const std::string& name, int fd, const Files::Owners& owners) {
+  struct stat status {};
+  ::fstat(fd, &status);
+  const std::string against = owners.againstWritten(status);
+  if (!S_ISREG(status.st_mode)) {
+    throw Error(name, "not a table: it is no regular file");
+  }
+  if (!against.empty()) {
+    throw Error(name, "not to be trusted: it " + against +
+                          "; remove it, use another name, or say that its owner is right");
   }
 }
 
-int openName(const std::string& name, int flags, mode_t mode) {
-  return isFile(name) ? ::open(name.c_str(), flags | O_CLOEXEC, mode) : ::shm_open(name.c_str(), flags, mode);
+/// Why the table cannot be opened or removed, and whose it is where that may be the reason.
+std::string refusalOf(const std::string& name) {
+  const int failure = errno;
+  const std::string text = std::strerror(failure);
+  struct stat status {};
+  return (failure == EACCES || failure == EPERM) && ::lstat(pathOf(name).c_str(), &status) == 0
+             ? text + "; it belongs to " + Files::userText(status.st_uid)
+         : failure == ELOOP ? "it is a link"
+                            : text;
 }
 
 std::uint64_t sizeOf(int fd) {
@@ -38,28 +54,23 @@ std::uint64_t sizeOf(int fd) {
   return ::fstat(fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-/// Whether the maker of the table died, or is busy, before its description was whole: nothing in it counts
+/// Whether the maker of the table died, or is busy, before it was there for readers: nothing in it counts
 /// yet. The mark of that is its first word, so that without it all is zero.
 bool beingMade(int fd) {
-  Format::Description found{};
-  const ssize_t bytes = ::pread(fd, &found, sizeof found, 0);
+  Format::Header found{};
+  const ssize_t bytes = ::pread(fd, static_cast<void*>(&found), sizeof found, 0);
   if (bytes == 0) {
     return true;
   }
   static constexpr Format::Description kNothing{};
-  return bytes == sizeof found &&
-         (found.magic == Format::kMagicBeingMade || std::memcmp(&found, &kNothing, sizeof found) == 0);
+  const bool untouched = found.state.published.load() == 0 && found.state.usedSlots.load() == 0;
+  return bytes == sizeof found && untouched &&
+         (found.description.magic == Format::kMagicBeingMade ||
+          std::memcmp(&found.description, &kNothing, sizeof kNothing) == 0);
 }
 
-/// The lock of the one writer; the system lets go of it when the writer ends, however it ends.
-bool lockForWriter(int fd) {
-  struct flock lock {};
-  lock.l_type = F_WRLCK;
-  lock.l_whence = SEEK_SET;
-  return ::fcntl(fd, F_OFD_SETLK, &lock) == 0;
-}
-
-/// Tells the readers of the table open at FD, if it is one, that its name leads elsewhere by now.
+/// Tells the readers of the table open at FD, if it is one, that its name leads elsewhere by now; a damaged
+/// one may have readers too.
 void markRetired(int fd) {
   if (sizeOf(fd) >= sizeof(Format::Header)) {
     void* base = ::mmap(nullptr, sizeof(Format::Header), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
@@ -76,9 +87,9 @@ void markRetired(int fd) {
 }  // namespace
 
 bool remove(const std::string& name) {
-  checkName(name);
-  const int fd = openName(name, O_RDWR, 0);
-  const bool gone = (isFile(name) ? ::unlink(name.c_str()) : ::shm_unlink(name.c_str())) == 0;
+  const std::string path = pathOf(name);
+  const int fd = openName(name, O_RDWR);
+  const bool gone = ::unlink(path.c_str()) == 0;
   const int failure = errno;
   if (fd >= 0) {
     if (gone) {
@@ -89,6 +100,8 @@ bool remove(const std::string& name) {
   if (!gone && failure != ENOENT) {
     throw Error(name, std::string("cannot be removed: ") + std::strerror(failure));
   }
+  ::unlink(successorOf(path).c_str());
+  ::unlink(damagedOf(path).c_str());
   return gone;
 }
 
@@ -100,10 +113,15 @@ Segment& Segment::operator=(Segment&& other) noexcept {
 
 Segment::~Segment() {
   if (base_ != nullptr) {
+    addressesAreGone(base_);
     ::munmap(base_, bytes_);
   }
+  close();
+}
+
+void Segment::close() {
   if (fd_ >= 0) {
-    ::close(fd_);
+    ::close(std::exchange(fd_, -1));
   }
 }
 
@@ -113,6 +131,7 @@ void Segment::swap(Segment& other) noexcept {
   std::swap(bytes_, other.bytes_);
   std::swap(fd_, other.fd_);
   std::swap(adopted_, other.adopted_);
+  std::swap(description_, other.description_);
 }
 
 void Segment::map(std::size_t bytes, bool writable) {
@@ -120,11 +139,9 @@ void Segment::map(std::size_t bytes, bool writable) {
   if (base == MAP_FAILED) {
     throw Error(name_, "cannot be mapped, " + std::to_string(bytes) + " bytes: " + reason());
   }
-  if (base_ != nullptr) {
-    ::munmap(base_, bytes_);
-  }
   base_ = static_cast<std::byte*>(base);
   bytes_ = bytes;
+  addressesAre(base_, bytes_, name_);
 }
 
 void Segment::mapPrivate(std::size_t bytes) {
@@ -137,102 +154,151 @@ void Segment::mapPrivate(std::size_t bytes) {
   bytes_ = bytes;
 }
 
+/// Returns whether there is a table; one whose maker died makes room for another.
 bool Segment::openForWriter(const Options& options) {
-  checkName(options.name);
-  fd_ = openName(options.name, O_RDWR | O_CREAT, options.mode);
+  fd_ = openName(options.name, O_RDWR);
   if (fd_ < 0) {
-    throw Error(options.name, "cannot be opened for writing: " + reason());
+    if (errno == ENOENT) {
+      return false;
+    }
+    throw Error(options.name, "cannot be opened for writing: " + refusalOf(options.name));
   }
-  if (!lockForWriter(fd_)) {
-    throw Error(options.name, "another writer has it");
-  }
-  if (!unlinked()) {
+  checkFile(options.name, fd_, Files::Owners(options.owner));
+  if (!beingMade(fd_)) {
     return true;
   }
-  ::close(std::exchange(fd_, -1));  // removed between opening and locking: the name is free for a new one
+  close();
+  if (::unlink(pathOf(options.name).c_str()) != 0) {
+    throw Error(options.name, "cannot be made again: " + reason());
+  }
   return false;
 }
 
 Segment Segment::forWriter(const Options& options, Shape shape) {
   Segment segment;
   segment.name_ = options.name;
-  const Format::Description description = describe(options, shape);
+  segment.description_ = describe(options, shape);
   if (options.name.empty()) {
-    segment.mapPrivate(description.totalBytes);
-    segment.make(options, description);
-    return segment;
+    segment.mapPrivate(segment.description_.totalBytes);
+    segment.make(options);
+  } else if (segment.openForWriter(options)) {
+    segment.adopt(options, shape);
+  } else {
+    segment.makeFile(options);
   }
-  while (!segment.openForWriter(options)) {
-  }
-  if (beingMade(segment.fd_)) {
-    if (::ftruncate(segment.fd_, 0) != 0 ||
-        ::ftruncate(segment.fd_, static_cast<off_t>(description.totalBytes)) != 0) {
-      throw Error(options.name,
-                  "cannot be given " + std::to_string(description.totalBytes) + " bytes: " + reason());
-    }
-    segment.map(description.totalBytes, true);
-    segment.make(options, description);
-    return segment;
-  }
-  const std::uint64_t bytes = sizeOf(segment.fd_);
-  if (bytes < sizeof(Format::Header)) {
-    throw Error(options.name, "not a table: it does not begin with the mark of one");
-  }
-  segment.map(bytes, true);
-  checkDescription(options.name, segment.description(), bytes);
-  checkRecords(options.name, segment.description(), options.schema, shape);
-  segment.adopted_ = true;
   return segment;
 }
 
-void Segment::make(const Options& options, const Format::Description& description) {
+Segment Segment::successor(const Options& options, Shape shape) {
+  Segment segment;
+  segment.name_ = successorOf(options.name);
+  segment.description_ = describe(options, shape);
+  if (::unlink(pathOf(segment.name_).c_str()) != 0 && errno != ENOENT) {
+    throw Error(segment.name_, "cannot be removed, to be made again: " + refusalOf(segment.name_));
+  }
+  segment.makeFile(options);
+  return segment;
+}
+
+/// At each instant there is a table under the name.
+void Segment::takePlaceOf(const std::string& name) {
+  const std::string path = pathOf(name);
+  const int before = openName(name, O_RDWR);
+  ::unlink(damagedOf(path).c_str());
+  if (before >= 0 && ::link(path.c_str(), damagedOf(path).c_str()) != 0) {
+    static_cast<void>(::rename(path.c_str(), damagedOf(path).c_str()));  // where a file has one name only
+  }
+  const bool done = ::rename(pathOf(name_).c_str(), path.c_str()) == 0;
+  const std::string failure = reason();
+  if (before >= 0) {
+    if (done) {
+      markRetired(before);
+    }
+    ::close(before);
+  }
+  if (!done) {
+    throw Error(name, "the table that was made in its place cannot be given its name: " + failure);
+  }
+  name_ = name;
+}
+
+void Segment::adopt(const Options& options, Shape shape) {
+  const std::uint64_t bytes = sizeOf(fd_);
+  readDescription(bytes);
+  checkRecords(name_, description_, options.schema, shape);
+  map(bytes, true);
+  adopted_ = true;
+}
+
+void Segment::makeFile(const Options& options) {
+  fd_ = openName(name_, O_RDWR | O_CREAT | O_EXCL, options.mode);
+  if (fd_ < 0) {
+    throw Error(name_, "cannot be made: " + reason());
+  }
+  if (::ftruncate(fd_, static_cast<off_t>(description_.totalBytes)) != 0) {
+    throw Error(name_, "cannot be given " + std::to_string(description_.totalBytes) + " bytes: " + reason());
+  }
+  map(description_.totalBytes, true);
+  make(options);
+}
+
+void Segment::make(const Options& options) {
   if (fd_ >= 0) {
     static_cast<void>(::fchmod(fd_, options.mode));
   }
   take(0, sizeof(Format::Header));
   auto& mark = reinterpret_cast<Format::Word&>(header().description.magic);
   mark.store(Format::kMagicBeingMade, std::memory_order_release);
-  take(0, description.ringAt +
-              std::uint64_t{8} * Format::wordsFor(description.keyBytes) * description.ringEntries);
-  Format::Description rest = description;
+  take(0, description_.ringAt +
+              std::uint64_t{8} * Format::wordsFor(description_.keyBytes) * description_.ringEntries);
+  Format::Description rest = description_;
   rest.magic = Format::kMagicBeingMade;
   header().description = rest;
-  take(description.headsAt, sizeof(Format::Half));
+  take(description_.headsAt, sizeof(Format::Half));
   heads()[0].store(Format::kEnd, std::memory_order_relaxed);
   state().buckets.store(1, std::memory_order_relaxed);
   mark.store(Format::kMagic, std::memory_order_release);
 }
 
-Segment Segment::forReader(const std::string& name, const std::string& schema, const Shape* shape) {
-  checkName(name);
+/// Takes a copy of the description, and checks that.
+void Segment::readDescription(std::uint64_t bytes) {
+  Format::Description found{};  // zeros where there is less than that
+  static_cast<void>(::pread(fd_, &found, sizeof found, 0) < 0);
+  checkDescription(name_, found, bytes);
+  description_ = found;
+}
+
+Segment Segment::forReader(const std::string& name, const std::string& schema, const Shape* shape,
+                           const Files::Owners& owners) {
   Segment segment;
   segment.name_ = name;
-  segment.fd_ = openName(name, O_RDONLY, 0);
+  segment.fd_ = openName(name, O_RDONLY);
   if (segment.fd_ < 0) {
     if (errno == ENOENT) {
       return Segment();
     }
-    throw Error(name, "cannot be opened for reading: " + reason());
+    throw Error(name, "cannot be opened for reading: " + refusalOf(name));
   }
+  checkFile(name, segment.fd_, owners);
   const std::uint64_t bytes = sizeOf(segment.fd_);
   if (beingMade(segment.fd_)) {
     return Segment();
   }
-  if (bytes < sizeof(Format::Header)) {
-    throw Error(name, "not a table: it does not begin with the mark of one");
-  }
-  segment.map(bytes, false);
-  checkDescription(name, segment.description(), bytes);
+  segment.readDescription(bytes);
   if (shape != nullptr) {
     checkRecords(name, segment.description(), schema.empty() ? segment.description().schema.data() : schema,
                  *shape);
   }
+  segment.map(bytes, false);
   return segment;
 }
 
-bool Segment::unlinked() const {
-  struct stat status {};
-  return fd_ >= 0 && ::fstat(fd_, &status) == 0 && status.st_nlink == 0;
+bool Segment::elsewhere() const {
+  struct stat mine {};
+  struct stat there {};
+  return fd_ >= 0 && ::fstat(fd_, &mine) == 0 &&
+         (::lstat(pathOf(name_).c_str(), &there) != 0 || mine.st_dev != there.st_dev ||
+          mine.st_ino != there.st_ino);
 }
 
 void Segment::take(std::uint64_t from, std::uint64_t bytes) const {

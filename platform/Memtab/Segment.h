@@ -4,14 +4,16 @@
 #include <cstdint>
 #include <string>
 
+#include "Files/Owners.h"
 #include "Memtab/Error.h"
 #include "Memtab/Format.h"
 #include "Memtab/Options.h"
 
 namespace Memtab {
 
-/// Takes the table NAME away: readers that have it open notice, and look for a successor under the same name.
-/// False when there is none. Raises Error when it may not be removed.
+/// Takes the table NAME away, and what was left beside it: a damaged one, one that was being made. Readers
+/// that have it open notice, and look for a successor under the same name. False when there is none. Raises
+/// Error when it may not be removed.
 bool remove(const std::string& name);
 
 /// A mapped table, as bytes: finds or makes the object under a name, checks its description, maps all of its
@@ -32,21 +34,32 @@ class Segment {
   Segment& operator=(const Segment&) = delete;
   ~Segment();
 
-  /// Opens the table of OPTIONS for the one writer, or makes it. Raises Error when there is another writer,
-  /// when it was made for another format, schema or shape, or when it is damaged; it is unchanged then.
+  /// Opens the table of OPTIONS for its writer, who has the lock, or makes it. Raises Error when it belongs
+  /// to somebody whose table is not adopted, may be written to by others, or was made for another schema or
+  /// shape; Damaged when it is damaged or of another format. It is unchanged then.
   static Segment forWriter(const Options& options, Shape shape);
 
+  /// Makes an empty table that takes the place of the one of OPTIONS when it is told to: until then it is
+  /// there under another name (see successorOf), and readers do not find it. Raises Error when it cannot be
+  /// made.
+  static Segment successor(const Options& options, Shape shape);
+  /// Gives a successor its name NAME. What was there stays as damagedOf(NAME), and its readers come over.
+  void takePlaceOf(const std::string& name);
+
   /// Opens table NAME for reading; without effect on it. The result is empty when there is none (yet). Raises
-  /// Error when it cannot be read, is damaged, or when SCHEMA (unless empty) or SHAPE (unless null) differs.
-  static Segment forReader(const std::string& name, const std::string& schema, const Shape* shape);
+  /// Error when it cannot be read, belongs to none of OWNERS, may be written to by others, or when SCHEMA
+  /// (unless empty) or SHAPE (unless null) differs; Damaged when its header is damaged or of another format.
+  static Segment forReader(const std::string& name, const std::string& schema, const Shape* shape,
+                           const Files::Owners& owners = Files::Owners());
 
   explicit operator bool() const { return base_ != nullptr; }
   const std::string& name() const { return name_; }
   bool adopted() const { return adopted_; }
   /// Whether the name leads elsewhere by now, or nowhere.
-  bool unlinked() const;
+  bool elsewhere() const;
 
-  const Format::Description& description() const { return header().description; }
+  /// Checked, and a copy: what happens to the segment later leads nobody out of it.
+  const Format::Description& description() const { return description_; }
   Format::Header& header() const { return *reinterpret_cast<Format::Header*>(base_); }
   Format::State& state() const { return header().state; }
   Format::Journal& journal() const {
@@ -68,14 +81,19 @@ class Segment {
   void swap(Segment& other) noexcept;
   void map(std::size_t bytes, bool writable);
   void mapPrivate(std::size_t bytes);
-  void make(const Options& options, const Format::Description& description);
+  void make(const Options& options);
+  void makeFile(const Options& options);
+  void adopt(const Options& options, Shape shape);
+  void readDescription(std::uint64_t bytes);
   bool openForWriter(const Options& options);
+  void close();
 
   std::string name_;
   std::byte* base_ = nullptr;
   std::size_t bytes_ = 0;
   int fd_ = -1;
   bool adopted_ = false;
+  Format::Description description_{};
 };
 
 }  // namespace Memtab

@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <utility>
 
 #include "Memtab/Adoption.h"
 #include "Memtab/Error.h"
 #include "Memtab/Index.h"
-#include "Memtab/Options.h"
 #include "Memtab/Segment.h"
 #include "Memtab/SlotQueue.h"
 
@@ -24,7 +25,8 @@ namespace Memtab {
 template <class Shape>
 class Table {
  public:
-  Table(const Options& options, Segment::Shape bytes, Shape shape);
+  /// Upon a table that is empty, or is adopted; the latter raises Damaged.
+  Table(Segment segment, Shape shape);
   Table(const Table&) = delete;
   Table& operator=(const Table&) = delete;
   ~Table() { segment_.state().writerPid.store(0, std::memory_order_release); }
@@ -43,11 +45,16 @@ class Table {
   const Format::Slot* first() const { return nextFrom(&segment_.heads()[0]); }
   const Format::Slot* next(const std::byte* key) const {
     const auto place = index_.locate(key);
-    return nextFrom(place.found() ? &index_.slot(place.slot)->next : place.link);
+    const Format::Slot* next = nextFrom(place.found() ? &index_.slot(place.slot)->next : place.link);
+    if (next != nullptr && compareTo(shape_, next, index_.hash(key), key, segment_.description().seed) <= 0) {
+      index_.damaged("the list is out of order");  // a walk from key to key might not end
+    }
+    return next;
   }
 
   std::size_t size() const { return size_; }
   const Segment& segment() const { return segment_; }
+  Segment& segment() { return segment_; }
 
  private:
   using Life = Format::Life;
@@ -71,6 +78,7 @@ class Table {
   void fill(Format::Slot* slot, const std::byte* key, const std::byte* value);
   void note(const std::byte* key);
   void checkRoom() const;
+  void countDown(std::size_t& count);
   std::uint32_t freeSlot();
   std::uint32_t freshSlot();
   void sweepUntilFree();
@@ -98,11 +106,11 @@ class Table {
 std::uint32_t ownPid();
 
 template <class Shape>
-Table<Shape>::Table(const Options& options, Segment::Shape bytes, Shape shape)
-    : segment_(Segment::forWriter(options, bytes)),
+Table<Shape>::Table(Segment segment, Shape shape)
+    : segment_(std::move(segment)),
       shape_(shape),
       index_(segment_, shape),
-      queue_(options.name, segment_.description().slots),
+      queue_(segment_.name(), segment_.description().slots),
       ring_(segment_.ring()),
       ringMask_(segment_.description().ringEntries - 1) {
   Format::State& state = segment_.state();
@@ -113,8 +121,10 @@ Table<Shape>::Table(const Options& options, Segment::Shape bytes, Shape shape)
     index_.bucketsAre(state.buckets.load(std::memory_order_relaxed));
     changes_ = state.changes.load(std::memory_order_relaxed);
     used_ = taken_ = state.usedSlots.load(std::memory_order_relaxed);
+    index_.usedSlotsAre(used_);
     turn_ = state.published.load(std::memory_order_relaxed) + 1;
   }
+  state.retired.store(0, std::memory_order_release);
   state.writerPid.store(ownPid(), std::memory_order_release);
   publishedChanges_ = changes_ + 1;  // the first turn is published even if it is empty: the table is there
   publish();
@@ -243,7 +253,7 @@ bool Table<Shape>::del(const std::byte* key) {
   if (!life.queued()) {
     queue_.push(place.slot);
   }
-  size_ -= 1;
+  countDown(size_);
   return true;
 }
 
@@ -277,7 +287,7 @@ bool Table<Shape>::sweepOne() {
     lifeIs(number, Life(Life::Born, life.turn(), false));
   } else if (life.turn() < turn_) {
     index_.unlink(number);
-    linked_ -= 1;
+    countDown(linked_);
     index_.fit(linked_);
     lifeIs(number, Life(Life::Free, 0, false));
     index_.slot(number)->next.store(freeSlots_, std::memory_order_release);
@@ -302,8 +312,21 @@ std::uint32_t Table<Shape>::freeSlot() {
     return freshSlot();
   }
   const std::uint32_t number = freeSlots_;
-  freeSlots_ = index_.slot(number)->next.load(std::memory_order_relaxed);
+  const Format::Slot* slot = index_.linked(number);
+  if (lifeOf(number).state() != Life::Free) [[unlikely]] {
+    index_.damaged("slot " + std::to_string(number) + " is among the free ones and is not free");
+  }
+  freeSlots_ = slot->next.load(std::memory_order_relaxed);
   return number;
+}
+
+/// More can only go than are there where a slot has changed behind the writer's back.
+template <class Shape>
+void Table<Shape>::countDown(std::size_t& count) {
+  if (count == 0) [[unlikely]] {
+    index_.damaged("more records go than were there");
+  }
+  count -= 1;
 }
 
 /// All slots are linked. If the table is not full, one of those that wait can be swept: at most the limit
@@ -320,6 +343,9 @@ void Table<Shape>::sweepUntilFree() {
 
 template <class Shape>
 std::uint32_t Table<Shape>::freshSlot() {
+  if (used_ == segment_.description().slots) [[unlikely]] {
+    index_.damaged("no slot is free and none can be swept");
+  }
   if (used_ == taken_) {
     const auto more = static_cast<std::uint32_t>(std::min<std::uint64_t>(
         std::max<std::uint64_t>(kBytesAtOnce / shape_.slotBytes(), 1), segment_.description().slots - used_));
@@ -328,20 +354,21 @@ std::uint32_t Table<Shape>::freshSlot() {
     taken_ = used_ + more;
   }
   segment_.state().usedSlots.store(used_ + 1, std::memory_order_release);
+  index_.usedSlotsAre(used_ + 1);
   return used_++;
 }
 
 template <class Shape>
 const Format::Slot* Table<Shape>::nextFrom(const Format::Half* link) const {
-  for (;;) {
+  for (typename Index<Shape>::Way way(index_);; way.step()) {
     const std::uint32_t to = link->load(std::memory_order_relaxed);
     if (to == Format::kEnd) {
       return nullptr;
     }
     if ((to & Format::kBucketBit) != 0) {
-      link = &segment_.heads()[to & ~Format::kBucketBit];
+      link = index_.linkedHead(to & ~Format::kBucketBit);
     } else {
-      const Format::Slot* slot = index_.slot(to);
+      const Format::Slot* slot = index_.linked(to);
       if (Life(slot->life.load(std::memory_order_relaxed)).state() == Life::Born) {
         return slot;
       }

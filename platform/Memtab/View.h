@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -23,7 +24,10 @@ class View {
         shape_(shape),
         seed_(segment.description().seed),
         slots_(segment.slots()),
-        room_(segment.description().slots) {}
+        heads_(segment.heads()),
+        stripes_(segment.stripes()),
+        room_(segment.description().slots),
+        buckets_(segment.description().buckets) {}
 
   /// Copies the value of KEY to VALUE. False when KEY cannot be seen.
   bool find(const std::byte* key, std::uint64_t* value) const;
@@ -40,7 +44,9 @@ class View {
  private:
   using Life = Format::Life;
   static constexpr int kStepsBetweenChecks = 64;
-  static constexpr std::uint32_t kMostAttempts = 1U << 30U;
+  /// Each attempt after the first means that the writer has got on, between two instructions of this reader:
+  /// so often in a row only in a table that is damaged.
+  static constexpr std::uint32_t kMostAttempts = 1U << 16U;
   using KeyWords = std::array<std::uint64_t, Format::kMaxKeyBytes / 8>;
 
   enum class Search { Found, Absent, Disturbed };
@@ -60,39 +66,40 @@ class View {
     return slotAt(shape_, slots_, number);
   }
   const Format::Half* head(std::uint32_t bucket) const {
-    if (bucket >= segment_->description().buckets) [[unlikely]] {
+    if (bucket >= buckets_) [[unlikely]] {
       damaged("a link leads outside of it");
     }
-    return &segment_->heads()[bucket];
+    return &heads_[bucket];
   }
   std::uint32_t bucketOf(std::uint64_t hash) const {
-    const std::uint32_t buckets = segment_->state().buckets.load(std::memory_order_acquire);
+    const std::uint32_t buckets =
+        std::min(segment_->state().buckets.load(std::memory_order_acquire), buckets_);
     return Format::bucketOf(hash, buckets, Format::maskOf(buckets));
   }
-  const Format::Half& stripeOf(std::uint32_t bucket) const {
-    return segment_->stripes()[bucket % Format::kStripes];
-  }
+  const Format::Half& stripeOf(std::uint32_t bucket) const { return stripes_[bucket % Format::kStripes]; }
   std::uint64_t published() const { return segment_->state().published.load(std::memory_order_acquire); }
-  [[noreturn]] void damaged(const std::string& what) const {
-    throw Error(segment_->name(), "damaged: " + what);
-  }
+  [[noreturn]] void damaged(const std::string& what) const { throw Damaged(segment_->name(), what); }
 
   const Segment* segment_ = nullptr;
   [[no_unique_address]] Shape shape_;
   std::uint64_t seed_ = 0;
   const std::byte* slots_ = nullptr;
+  const Format::Half* heads_ = nullptr;
+  const Format::Half* stripes_ = nullptr;
   std::uint32_t room_ = 0;
+  std::uint32_t buckets_ = 0;
 };
 
 template <class Shape>
 bool View<Shape>::find(const std::byte* key, std::uint64_t* value) const {
   const std::uint64_t hash = hashOf(shape_, key, seed_);
-  for (;;) {  // each further attempt means that the writer has got on
+  for (std::uint32_t attempt = 0; attempt < kMostAttempts; ++attempt) {
     const Search result = search(key, hash, value);
     if (result != Search::Disturbed) {
       return result == Search::Found;
     }
   }
+  damaged("a key is looked up without an end");
 }
 
 /// One way along the list. A record that was found is right by itself; that there is none is right only if no
@@ -141,7 +148,7 @@ template <class Shape>
 bool View<Shape>::onTheWay(std::uint64_t hash, std::uint32_t bucket, std::uint32_t stripe,
                            std::uint32_t steps) const {
   const bool same = undisturbed(hash, bucket, stripe);
-  if (same && steps > room_ + segment_->description().buckets) {
+  if (same && steps > room_ + buckets_) {
     damaged("the links run in a circle");
   }
   return same;
@@ -219,6 +226,9 @@ template <class Visit>
 bool View<Shape>::changes(std::uint64_t from, std::uint64_t to, std::uint64_t* key,
                           const Visit& visit) const {
   const std::uint64_t entries = segment_->description().ringEntries;
+  if (to - from > entries) {
+    return false;
+  }
   for (std::uint64_t change = from; change < to; ++change) {
     loadWords(key, segment_->ring() + (change & (entries - 1)) * shape_.keyWords(), shape_.keyWords());
     // The entry that the writer is about to write is not to be trusted either: it is counted after it is

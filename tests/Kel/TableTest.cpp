@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Kel/OrderedTable.h"
 #include "Kel/Table.h"
 #include "Random.h"
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "Kel/OrderedTable.h"
 #include "Kel/Table.h"
 #include "Random.h"
 

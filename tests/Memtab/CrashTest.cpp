@@ -163,6 +163,47 @@ TEST(Crash, LeavesEverythingPublishedWholeWhileTheTableGrowsAndShrinks) {
   adoptCopies(2, 3, 60, 50);
 }
 
+/// The end of a writer while it adopts, of a table whose writer had counted the turn that it did not publish
+/// any more.
+TEST(Crash, OfTheNextWriterWhileItAdoptsLosesNothingEither) {
+  constexpr std::size_t kLimit = 30;
+  const Name name;
+  const Name copy;
+  Stamps content;
+  {
+    HostWriter writer(optionsFor(name, kLimit));
+    for (Key key = 0; key < 12; ++key) {
+      writer.is(key, hostOf(key, key));
+      content[key] = key;
+    }
+    writer.publish();
+    for (Key key = 0; key < 5; ++key) {
+      writer.del(key);
+      writer.is(key + 20, hostOf(key + 20, 1));
+      writer.is(key + 40, hostOf(key + 40, 1));
+    }
+  }
+  constexpr std::uint64_t kCounted = 12 - 5 + 10;
+  const int fd = ::open(name.path().c_str(), O_RDWR | O_CLOEXEC);
+  ASSERT_EQ(::pwrite(fd, &kCounted, sizeof kCounted,
+                     offsetof(Format::Header, state) + offsetof(Format::State, publishedRecords)),
+            ssize_t{sizeof kCounted});
+  ::close(fd);
+  Copied copied(name);
+  std::size_t instants = 0;
+  stepThrough([&] { const HostWriter next(optionsFor(name, kLimit)); },
+              [&] {
+                if (copied.changed()) {
+                  instants += 1;
+                  copied.writeTo(copy);
+                  const HostWriter writer(optionsFor(copy, kLimit));
+                  ASSERT_TRUE(writer.adopted());
+                  ASSERT_EQ(contentOf(writer), content) << "instant " << instants;
+                }
+              });
+  EXPECT_GT(instants, 20u);
+}
+
 /// What the killer and the killed share.
 struct Progress {
   std::atomic<std::uint64_t> changes{0};

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
@@ -47,6 +48,9 @@ inline Host hostOf(Key key, std::uint64_t stamp) {
 inline bool whole(Key key, const Host& host) {
   return host.key == key && host.checksum == checksumOf(host);
 }
+
+/// Tables that others may write to are refused, also those that a test makes by hand.
+inline const mode_t kUmaskBefore = ::umask(022);
 
 inline constexpr const char* kSchema = "test-host 1";
 

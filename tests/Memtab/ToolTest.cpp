@@ -2,15 +2,20 @@
 
 #ifdef MEMTAB_TOOL
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
 #include "Hosts.h"
+#include "Memtab/Describe.h"
+#include "testing/Files/Strangers.h"
 
 namespace Memtab::Test {
 namespace {
@@ -188,6 +193,36 @@ TEST_F(Tool, RemovesATable) {
   const Result again = memtab("remove " + name_.text());
   EXPECT_EQ(again.status, 2);
   EXPECT_EQ(again.out, "memtab " + name_.text() + ": there is no such table\n");
+}
+
+TEST_F(Tool, NamesTheSlotOfARecordThatIsNeverWhole) {
+  given(100, 1);
+  const Format::Description description = describe(options(name_.text()), {sizeof(Route), sizeof(Host4)});
+  const int fd = ::open(name_.path().c_str(), O_RDWR | O_CLOEXEC);
+  const std::uint32_t odd = 77;
+  ASSERT_EQ(::pwrite(fd, &odd, sizeof odd, static_cast<off_t>(description.slotsAt)), ssize_t{sizeof odd});
+  ::close(fd);
+  const Result result = memtab("dump " + name_.text());
+  EXPECT_EQ(result.status, 2);
+  EXPECT_EQ(result.out, "memtab " + name_.text() + ": damaged: the record in slot 0 is never whole\n");
+}
+
+TEST_F(Tool, RemovesATableThatItWouldNotRead) {
+  const Name name;
+  { const Writer<Route, Host4> writer(options(name.text())); }
+  ::chmod(name.path().c_str(), 0666);
+  EXPECT_THAT(memtab("info " + name.text()).out, HasSubstr("not to be trusted"));
+  EXPECT_EQ(memtab("remove " + name.text()).status, 0);
+}
+
+TEST_F(Tool, ReadsTheTableOfTheUserThatIsNamed) {
+  NEEDS_A_STRANGER();
+  given(100, 1);
+  ASSERT_EQ(::chown(name_.path().c_str(), TestFiles::stranger, TestFiles::stranger), 0);
+  EXPECT_EQ(memtab("dump " + name_.text()).status, 2);
+  EXPECT_THAT(memtab("dump --table-owner 65533 " + name_.text()).out, HasSubstr("vlan=100"));
+  EXPECT_EQ(memtab("dump --table-owner no-such-user " + name_.text()).out,
+            "memtab: there is no user \"no-such-user\"\n");
 }
 
 TEST_F(Tool, SaysWhatIsWrong) {

@@ -1,8 +1,10 @@
 #pragma once
 
 #include <functional>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -21,6 +23,7 @@ class FakeService : public Agent::Control::Service {
 
   void patch(json&& patch, std::string_view who, Answer answer) override {
     lastWho = who;
+    throwIfAsked(patch.dump());
     if (takesItsTime) {
       later.emplace_back(
           [this, patch = std::move(patch), name = std::string(who), answer] { answer(apply(patch, name)); });
@@ -41,19 +44,19 @@ class FakeService : public Agent::Control::Service {
     return std::nullopt;
   }
 
-  json get(const std::string& pointer) override {
+  Agent::Part part(const std::string& pointer) override {
     ++reads;
     if (onGet) {
       onGet();
     }
-    const json::json_pointer at{pointer};
-    if (!document.contains(at)) {
-      throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");
+    if (const auto found = parts.find(pointer); found != parts.end()) {
+      return found->second();
     }
-    return document.at(at);
+    return Agent::partAt(Agent::partOf(document), pointer);
   }
 
   json call(const std::string& method, const json& params) override {
+    throwIfAsked(method);
     if (method == "echo") {
       return params;
     }
@@ -81,12 +84,20 @@ class FakeService : public Agent::Control::Service {
   Agent::Control::Ownership ownership;
   std::string lastWho;
   std::function<void()> onGet;
+  std::map<std::string, std::function<Agent::Part()>> parts;  // instead of those of the document, by pointer
+  std::string throwsAt;                                       // patches and methods with this text throw
   int reads = 0;
   int flushes = 0;
   bool takesItsTime = false;                 // patches wait in `later`
   std::vector<std::function<void()>> later;  // which carry them out and answer them
 
  private:
+  void throwIfAsked(const std::string& text) const {
+    if (!throwsAt.empty() && text.find(throwsAt) != std::string::npos) {
+      throw std::runtime_error("boom");
+    }
+  }
+
   std::function<void()> listener_;
 };
 

@@ -157,7 +157,7 @@ TEST_F(ServerTest, AStrangerIsToldAndDropped) {
 }
 
 TEST_F(ServerTest, MoreClientsThanThereIsRoomForAreTurnedAway) {
-  options.mostClients = 2;
+  options.places.all = 2;
   serve();
   const auto first = connect();
   const auto second = connect();

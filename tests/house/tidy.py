@@ -15,8 +15,8 @@ import subprocess
 import sys
 
 # The rooms and what each may include, in the direction of the includes: those before it, and itself.
-ROOMS = ["RingLog", "Memtab", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
-ROOM_FOLDERS = {"platform/RingLog": "RingLog", "platform/Memtab": "Memtab", "platform/Kel": "Kel",
+ROOMS = ["Files", "RingLog", "Memtab", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
+ROOM_FOLDERS = {"platform/Files": "Files", "platform/RingLog": "RingLog", "platform/Memtab": "Memtab", "platform/Kel": "Kel",
                 "platform/Entdb": "Entdb", "Vxlan/types": "Vxlan/types", "Vxlan/framework": "Vxlan/framework",
                 "Vxlan": "Vxlan", "agent": "agent", "tools": "tools"}
 # Neither of these two stands on the other.
@@ -272,6 +272,15 @@ def rule_own_assertion(tree):
                 yield name, number, "assert(); use the fatal assertion, which holds in every build"
 
 
+def rule_json_from_outside(tree):
+    """Texts from outside are read by agent/json, which bounds their nesting."""
+    for name in tree.sources():
+        if name.startswith(("agent/", "tools/")) and not name.startswith("agent/json/"):
+            for number, line in enumerate(masked(tree.text(name)).splitlines(), 1):
+                if re.search(r"\bjson::(parse|accept|sax_parse|from_\w+)\s*\(", line):
+                    yield name, number, "a JSON text is read past agent/json; use parseJson"
+
+
 def rule_no_sleep(tree):
     """Tests wait for what happens, never for time to pass."""
     for name in tree.sources():
@@ -280,6 +289,34 @@ def rule_no_sleep(tree):
                 found = re.search(r"\b(sleep_for|sleep_until|usleep|nanosleep|sleep)\s*\(", line)
                 if found:
                     yield name, number, f"{found.group(1)}() in a test"
+
+
+def test_names(tree):
+    """The tests that the page may name: Suite.Name, and FOLDER.FILE.SCENARIO of those that are run as a whole."""
+    names = set()
+    for name in tree.files:
+        if name.startswith("tests/") and name.endswith(".cpp"):
+            names.update(".".join(found) for found in re.findall(r"^TEST(?:_F|_P)?\(\s*(\w+)\s*,\s*(\w+)\s*\)", tree.text(name),
+                                                                 re.MULTILINE))
+        scenarios = re.fullmatch(r"tests/(\w+)/(\w+)\.py", name)
+        if scenarios:
+            names.update(".".join([*scenarios.groups(), found])
+                         for found in re.findall(r"^def scenario_(\w+)", tree.text(name), re.MULTILINE))
+    return names
+
+
+def rule_shown_by_tests(tree):
+    """The page of threats names tests that there are, and a test in each row of its tables."""
+    page = "docs/security.md"
+    if page not in tree.files:
+        return
+    tests = test_names(tree)
+    for number, line in tree.lines(page):
+        named = re.findall(r"`(\w+\.[A-Za-z]\w+(?:\.\w+)?)`", line)
+        yield from ((page, number, f"there is no test {name}") for name in named if name not in tests)
+        row = line.startswith("|") and not re.match(r"\| it may \||\|-", line)
+        if row and not named:
+            yield page, number, "no test shows it"
 
 
 def rule_runnable(tree):

@@ -72,6 +72,15 @@ class Rules(unittest.TestCase):
         self.write("platform/Kel/A.cpp", "#include <nlohmann/json.hpp>\n")
         self.red(tidy.rule_no_foreign_library, 2)
 
+    def test_json_from_outside_is_read_in_one_place(self):
+        self.write("agent/json/Text.cpp", "auto a = nlohmann::json::parse(text);\n")
+        self.write("tests/A.cpp", "auto a = json::parse(text);\n")
+        self.write("agent/B.cpp", "auto a = Request::parse(text);\nauto b = parseJson(text);\n")
+        self.green(tidy.rule_json_from_outside)
+        self.write("agent/B.cpp", "auto a = json::parse(text);\n")
+        self.write("tools/C.cpp", "const bool fits = nlohmann::json::accept(text);\n")
+        self.red(tidy.rule_json_from_outside, 2)
+
     def test_no_include_climbs(self):
         self.write("tests/Kel/A.cpp", '#include "Kel/Ptr.h"\n')
         self.green(tidy.rule_no_parent_include)
@@ -160,6 +169,20 @@ class Rules(unittest.TestCase):
         self.green(tidy.rule_no_sleep)
         self.write("tests/B.cpp", "std::this_thread::sleep_for(1s);\nusleep(1);\nsleep(1);\n")
         self.red(tidy.rule_no_sleep, 3)
+
+    def test_threats_are_shown_by_tests_that_there_are(self):
+        self.green(tidy.rule_shown_by_tests)
+        self.write("tests/control/A.cpp", "TEST(Suite, Name) {\nTEST_F( Fixture , DoesIt ) {\n// TEST(Other, Name)\n")
+        self.write("tests/live/kill.py", "def scenario_of_many(rig):\n    pass\n\n\ndef helper():\n    pass\n")
+        head = "| it may | at worst | shown by |\n|---|---|---|\n"
+        self.write("docs/security.md", "As `Suite.Name` is. `--option`, `/dev/shm`, `a`.\n" + head
+                   + "| a | b | `Suite.Name`, `Fixture.DoesIt` |\n| a | b | `live.kill.of_many` |\n")
+        self.green(tidy.rule_shown_by_tests)
+        for row in ["`Suite.Gone`", "`Suite.Name`, `Fixture.Gone`", "`live.kill.of_few`", "`live.kill.helper`", "`Other.Name`",
+                    "nothing"]:
+            with self.subTest(row):
+                self.write("docs/security.md", head + f"| a | b | {row} |\n")
+                self.red(tidy.rule_shown_by_tests)
 
     def test_scripts_can_be_run(self):
         self.write("scripts/run", "#!/bin/sh\n", 0o755)

@@ -30,13 +30,22 @@ std::string texts(const std::vector<Ip4>& vteps) {
 
 class Story {
  public:
-  explicit Story(unsigned seed) : random_(seed) { restart(); }
+  // Two worlds: with an odd seed nobody is taken for a rival, with an even one others leave nexthops alone (a
+  // flood destination is known for ours by the nexthop object of its VTEP, which is missing while it is held
+  // back).
+  explicit Story(unsigned seed) : random_(seed), rivals_(seed % 2 == 0) { restart(); }
 
   void step();
   void calm();
   std::string there() const { return kernel_.text(); }
   std::string wanted() const;
-  const FakeKernel& kernel() const { return kernel_; }
+  std::string problems() const {
+    std::string out;
+    for (const Problem& problem : engine_->problems(100).first) {
+      out += problem.what + ": " + problem.why + "\n";
+    }
+    return out;
+  }
 
  private:
   unsigned pick(unsigned below) { return std::uniform_int_distribution<unsigned>(0, below - 1)(random_); }
@@ -55,6 +64,7 @@ class Story {
   void wantedRows(Vlan vlan, std::set<std::string>& lines) const;
 
   std::mt19937 random_;
+  bool rivals_;
   FakeKernel kernel_;
   std::optional<Engine> engine_;
   Wanted wanted_;
@@ -70,7 +80,12 @@ std::vector<Ip4> Story::vteps() {
 }
 
 void Story::restart() {
-  engine_.emplace(Options{});
+  Options options;
+  if (!rivals_) {
+    options.contendedAtOnce = 1000;
+    options.contendedBurst = 1000000;
+  }
+  engine_.emplace(options);
   kernel_.reconnect();
   if (pick(2) == 0) kernel_.run(*engine_, now_);
   tell();
@@ -160,7 +175,9 @@ void Story::othersStep() {
         auto at =
             std::next(kernel_.nexthops().begin(), pick(static_cast<unsigned>(kernel_.nexthops().size())));
         NexthopId id = at->first;
-        (void)kernel_.apply(NexthopDel{id});
+        if (!rivals_) {
+          (void)kernel_.apply(NexthopDel{id});
+        }
       }
       break;
     case 3:
@@ -291,7 +308,7 @@ TEST_P(EngineRandomTest, TheKernelComesToWhatIsWantedAndKeepsWhatIsOthers) {
   for (int part = 0; part < 8; ++part) {
     for (int n = 0; n < 60; ++n) story.step();
     story.calm();
-    ASSERT_EQ(story.there(), story.wanted()) << "in part " << part;
+    ASSERT_EQ(story.there(), story.wanted()) << "in part " << part << "\n" << story.problems();
   }
 }
 

@@ -40,6 +40,20 @@ TEST_F(EngineTest, WaitsForTheMappingBeforeItProgramsAHost) {
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.2"));
 }
 
+TEST_F(EngineTest, LeavesOutAHostWithAGroupAddressAndSaysSoUntilItGoes) {
+  mapVlan10();
+  engine().hostIs(10, kGroup, kA);
+  engine().hostIs(10, kHost, kA);
+  run();
+  EXPECT_THAT(kernel_.text(), Not(HasSubstr(kGroup.text())));
+  EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.2"));
+  EXPECT_THAT(problems(), HasSubstr("VLAN 10 host " + kGroup.text()));
+  EXPECT_EQ(engine().explain(10, kGroup).problem, "a host has a unicast address");
+  engine().hostDel(10, kGroup);
+  run();
+  EXPECT_EQ(problems(), "");
+}
+
 TEST_F(EngineTest, MovesAHostWithoutAMomentWithoutARow) {
   givenHostAt(kA);
   for (int n = 0; n < 100; ++n) {

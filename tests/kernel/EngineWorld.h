@@ -30,6 +30,7 @@ inline Mac mac(const char* text) {
 inline const Mac kAll{};
 inline const Mac kHost = mac("02:00:00:00:00:01");
 inline const Mac kOther = mac("02:00:00:00:00:02");
+inline const Mac kGroup = mac("01:00:5e:00:00:01");
 inline const Ip4 kLocal = ip("10.0.0.1");
 inline const Ip4 kA = ip("10.0.0.2");
 inline const Ip4 kB = ip("10.0.0.3");
@@ -64,6 +65,26 @@ class EngineTest : public ::testing::Test {
     engine().settled();
     run();
     kernel_.forgetGaps();
+  }
+
+  /// Goes on until the engine has asked for a dump of the rows and it is not over.
+  void goOnIntoADumpOfRows() {
+    now_ += seconds(61);
+    while (!kernel_.dumpingRows()) {
+      (void)kernel_.turn(engine(), now_);
+    }
+  }
+  Tally tally(const std::string& kind) {
+    for (const Tally& tally : engine().tallies()) {
+      if (tally.kind == kind) {
+        return tally;
+      }
+    }
+    ADD_FAILURE() << "no tally of " << kind;
+    return {};
+  }
+  Row bridgeRow(Mac mac, const std::string& port) const {
+    return {Table::bridge, index(port), index("vxb10"), mac, {}, 0, false, false};
   }
 
   FakeKernel kernel_;

@@ -20,6 +20,19 @@ void FakeKernel::deleteLink(IfIndex index) {
   (void)apply(LinkDel{index});
 }
 
+void FakeKernel::rename(IfIndex index, const std::string& name) {
+  links_.at(index).name = name;
+  reportLink(index);
+}
+
+void FakeKernel::portLearningIs(IfIndex port, bool learning) {
+  Link& link = links_.at(port);
+  link.portLearning = learning;
+  report([told = BridgePort{port, link.master, learning, link.portIsolated}](Engine& engine) {
+    engine.portIs(told);
+  });
+}
+
 const Link* FakeKernel::link(const std::string& name) const {
   for (const auto& [index, link] : links_) {
     if (link.name == name) return &link;
@@ -314,6 +327,7 @@ void FakeKernel::dumpPart(Engine& engine) {
 }
 
 bool FakeKernel::turn(Engine& engine, Time now) {
+  engine.timeIs(now);
   bool happened = !reports_.empty() || dumping_ || lost_;
   if (dumping_) dumpPart(engine);
   while (!reports_.empty()) {
@@ -322,7 +336,7 @@ bool FakeKernel::turn(Engine& engine, Time now) {
     report.tell(engine);
   }
   if (std::exchange(lost_, false)) engine.overrun();
-  const Batch& batch = engine.batch(now);
+  const Batch& batch = engine.batch();
   for (std::size_t at = 0; at < batch.size(); ++at) {
     happened = true;
     ++requests_;

@@ -34,6 +34,9 @@ class FakeKernel {
   // What the tests do to it, or have others do.
   IfIndex port(const std::string& name);
   void deleteLink(IfIndex index);
+  void rename(IfIndex index, const std::string& name);
+  /// What `bridge link set` does: the bridge reports its port, and the device nothing.
+  void portLearningIs(IfIndex port, bool learning);
   int apply(const Request& request);
   void learn(IfIndex bridge, IfIndex port, Mac mac);
   void age(IfIndex bridge, Mac mac);
@@ -64,6 +67,8 @@ class FakeKernel {
   const std::vector<std::string>& gaps() const { return gaps_; }
   void forgetGaps() { gaps_.clear(); }
   std::size_t requestCount() const { return requests_; }
+  /// A dump of rows has begun and is not over.
+  bool dumpingRows() const { return dumping_ && dumped_ == Dump::What::rows; }
 
  private:
   struct Report {

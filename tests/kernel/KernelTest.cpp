@@ -63,6 +63,8 @@ class KernelTest : public ::testing::Test {
   }
   void start(Options options = {}) {
     options.netns = leaf_->path();
+    options.lockFolder = ::testing::TempDir() + "kernel-test-locks";
+    adapter_.reset();
     adapter_.emplace(options);
   }
   /// Lets the adapter work until it has nothing more to do at once.
@@ -78,7 +80,7 @@ class KernelTest : public ::testing::Test {
   }
   std::size_t differing() const {
     std::size_t count = 0;
-    for (const Tally& tally : adapter_->engine().tallies()) count += tally.differing;
+    for (const Tally& tally : adapter_->engine().tallies()) count += tally.differing + tally.unknown;
     return count;
   }
   void givenHostAtA() {
@@ -217,6 +219,49 @@ TEST_F(KernelTest, RebuildsDevicesThatOthersDelete) {
   EXPECT_EQ(differing(), 0U);
 }
 
+TEST_F(KernelTest, ABridgeThatIsRenamedKeepsItsRows) {
+  givenHostAtA();
+  leaf_->run("ip link set vxb10 down");
+  leaf_->run("ip link set vxb10 name elsewhere");
+  leaf_->run("ip link set elsewhere up");
+  run();
+  EXPECT_THAT(leaf_->rows({kHost, "vx5010", "master", "elsewhere"}), SizeIs(1));
+  EXPECT_THAT(leaf_->run("ip link show"), ::testing::Not(HasSubstr("vxb10")));
+  EXPECT_EQ(differing(), 0U);
+}
+
+TEST_F(KernelTest, LearningThatIsSetAtThePortIsTakenBackAtOnce) {
+  givenHostAtA();
+  leaf_->run("bridge link set dev vx5010 learning on");
+  EXPECT_THAT(leaf_->run("ip -d link show vx5010"), HasSubstr("learning on"));
+  run();
+  EXPECT_THAT(leaf_->run("ip -d link show vx5010"), HasSubstr("learning off"));
+  EXPECT_EQ(adapter_->engine().counters().audits, 1U) << "by the report";
+}
+
+TEST_F(KernelTest, ASecondAgentInTheNamespaceIsRefused) {
+  Options options;
+  options.netns = leaf_->path();
+  options.lockFolder = ::testing::TempDir() + "kernel-test-locks";
+  EXPECT_THROW(Adapter second(options), LockError);
+  const Namespace other;
+  options.netns = other.path();
+  EXPECT_NO_THROW(Adapter second(options));
+}
+
+TEST_F(KernelTest, SaysWhenItHasComparedAndWhatItDoesNotKnow) {
+  adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {});
+  const nlohmann::json before = adapter_->status()["kinds"]["devices"];
+  EXPECT_EQ(before["unknown"], 2);
+  EXPECT_TRUE(before["differing"].is_null() && before["compared"].is_null());
+  run();
+  const nlohmann::json after = adapter_->status()["kinds"]["devices"];
+  EXPECT_EQ(after["unknown"], 0);
+  EXPECT_EQ(after["differing"], 0);
+  EXPECT_THAT(after["compared"].get<std::string>(),
+              ::testing::MatchesRegex("[0-9]+-[0-9]+-[0-9]+T[0-9]+:[0-9]+:[0-9]+Z"));
+}
+
 TEST_F(KernelTest, AdoptsAfterARestartWithoutATouch) {
   givenHostAtA();
   adapter_->hostIs(10, mac(kOther), kB);
@@ -318,7 +363,7 @@ TEST(KernelSocketTest, SaysWhichNamespaceCannotBeEntered) {
   try {
     Adapter adapter(options);
     FAIL() << "there is no such namespace";
-  } catch (const SocketError& error) {
+  } catch (const std::runtime_error& error) {
     EXPECT_THAT(error.what(),
                 HasSubstr("network namespace /nowhere/at/all: cannot be entered: No such file"));
   }

@@ -25,6 +25,18 @@ def scenario_what_others_delete_comes_back(rig):
         print(f"{command}: {leaf.get('/agent/kernelStatus/counters/repairs') - repairs} repairs")
 
 
+def scenario_a_renamed_bridge_and_learning_at_a_port(rig):
+    bed = Bed(rig)
+    leaf = bed.leaves[1]
+    leaf.change("ip link set vxb10 name elsewhere")
+    until("all is there", lambda: all_is_there(leaf))
+    check(bed.reaches("h1a", "h2a") and bed.reaches("h1a", "h3a"), "nobody is reached by the renamed bridge")
+    check("vxb10" not in leaf.devices(), "there is a second bridge")
+    leaf.change("bridge link set dev vx5010 learning on")
+    until("it does not learn any more",
+          lambda: leaf.kernel("bridge -d link show dev vx5010")[0]["learning"] is False and all_is_there(leaf))
+
+
 def scenario_what_others_turn_elsewhere_is_turned_back(rig):
     bed = Bed(rig)
     leaf = bed.leaves[1]

@@ -47,3 +47,40 @@ def scenario_explain_follows_a_mac_from_its_row(rig):
     check(row["step"] == "controller database" and row["ok"] is True, f"{row}")
     check(row["detail"].endswith("behind 10.0.0.2 counts; published"), f"the row in words: {row}")
     check(row["account"]["logicalSwitches"][0]["unicast"]["published"] is not None, "and as members")
+
+
+def scenario_what_the_database_owns_cannot_be_patched(rig):
+    """From the start on, also before the database has been reached."""
+    agent = Agent(rig).follows("unix:" + rig.path("nobody.sock")).start()
+    for patch, pointer in (({"vtiStatus": {"Vxlan1": {"controllerClientMode": False}}}, "/vtiStatus/Vxlan1/controllerClientMode"),
+                           ({"vtiStatus": {"Vxlan0": {}}}, "/vtiStatus/Vxlan0"),
+                           ({"vlanVniMap": {"Vxlan0": {"20": 2}}}, "/vlanVniMap/Vxlan0/20"),
+                           ({"vlanVniMap": None}, "/vlanVniMap"),
+                           ({"controller": {"state": {"mine": {}}}}, "/controller/state/mine"),
+                           ({"controller": {"state": None}}, "/controller/state"),
+                           ({"controller": {"fdb": {"1": "announced"}}}, "/controller/fdb/1"),
+                           ({"hardware": {"bumStatus": {"bumReplicationMode": 0}}}, "/hardware/bumStatus/bumReplicationMode")):
+        answer = agent.ask({"patch": patch})
+        check(answer.get("error") == {"kind": "refused", "pointer": pointer, "reason": "owned by ovsdb"}, f"{patch}: {answer}")
+    check(agent.ask({"patch": {"mlag": {"mlagState": 1}}}) == {"ok": True}, "the rest may be")
+
+
+def scenario_vtis_that_do_not_map_the_same_vnis_are_refused(rig):
+    """What would end the agent at the next convergence."""
+    agent = Agent(rig).start()
+    given = {"vtiStatus": {"Vxlan1": {"controllerClientMode": True}}, "hardware": {"bumStatus": {"bumReplicationMode": 3}},
+             "vlanVniMap": {"Vxlan1": {"10": 1}},
+             "controller": {"state": {"s": {}}, "fdb": {"1": {"macVtepFloodListTable": {"ff:ff:ff:ff:ff:ff": {"10.0.0.1": True}}}}}}
+    check(agent.ask({"patch": given}) == {"ok": True}, "one VTI")
+    answer = agent.ask({"patch": {"vlanVniMap": {"Vxlan0": {"20": 2}}}})
+    check(answer["error"] == {
+        "kind": "refused", "pointer": "/vlanVniMap",
+        "reason": "VTI Vxlan0 lacks VNI 1; VTI Vxlan1 lacks VNI 2: VTIs that map anything map the same VNIs"}, f"{answer}")
+    check(agent.ask({"patch": {"vlanVniMap": {"Vxlan0": {}}}}) == {"ok": True}, "a map of nothing")
+    more = {"controller": {"fdb": {"1": {"macVtepFloodListTable": {"ff:ff:ff:ff:ff:ff": {"10.0.0.2": True}}}}}}
+    check(agent.ask({"patch": more}) == {"ok": True}, "the flood list grows")
+    for converging in (True, False):
+        flag = {"controller": {"state": {"s": {"convergenceInProgress": converging}}}}
+        check(agent.ask({"patch": flag}) == {"ok": True}, "a convergence")
+    until("it is over", lambda: not agent.get("/output/convergenceStatus/bumDeferredDeletionInProgress"))
+    check(agent.get("/output/l2Rib/floodSets/10/ff:ff:ff:ff:ff:ff/dests") == ["10.0.0.1", "10.0.0.2"], "it has grown")

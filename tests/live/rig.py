@@ -80,7 +80,8 @@ class Rig:
         """Starts a process; what it says is in NAME.log."""
         with open(self.path(name + ".log"), "ab") as log:
             more.setdefault("stdout", log)
-            process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stderr=log, preexec_fn=end_with_parent, **more)
+            more.setdefault("stdin", subprocess.DEVNULL)
+            process = subprocess.Popen(command, stderr=log, preexec_fn=end_with_parent, **more)
         self.processes.append(process)
         return process
 
@@ -129,12 +130,12 @@ class Lines:
 
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(PATIENCE)
         try:
-            self.socket.connect(path)
+            self.socket.connect(path)  # waits where many wait to be let in; with a time limit it would not
         except OSError:
             self.socket.close()
             raise
+        self.socket.settimeout(PATIENCE)
         self.file = self.socket.makefile("rwb")
 
     def say(self, request):

@@ -9,6 +9,7 @@
 #include <memory>
 
 #include "Live.h"
+#include "Schemas.h"
 
 namespace Agent::Ovsdb::Testing {
 
@@ -224,11 +225,15 @@ TEST_F(LiveTest, aMessageOfAHundredMegabytesNeverHoldsTheLoopUp) {
   ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::checking; }));
   const int peer = impostor.accept();
   fcntl(peer, F_SETFL, O_NONBLOCK);
+  const std::string answers = json{{"id", "schema"}, {"result", goodSchema()}, {"error", nullptr}}.dump() +
+                              R"({"id":"server","result":null,"error":"unknown database"})";
+  ASSERT_EQ(write(peer, answers.data(), answers.size()), static_cast<ssize_t>(answers.size()));
+  ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::requesting; }));
   std::string piece;
   while (piece.size() < 1'000'000) {
     piece += "\"xxxxxxxxxxxxxxxx\",";
   }
-  std::string message = R"({"id":"schema","error":null,"result":[)";
+  std::string message = R"({"id":"rows","error":null,"result":[)";
   message.reserve(101'000'000);
   for (int i = 0; i < 100; ++i) {
     message += piece;
@@ -246,9 +251,40 @@ TEST_F(LiveTest, aMessageOfAHundredMegabytesNeverHoldsTheLoopUp) {
     sent += size > 0 ? static_cast<std::size_t>(size) : 0;
     return !log.empty();
   }));
-  EXPECT_THAT(log.front(), HasSubstr("the schema is larger than 1 MiB"));
+  EXPECT_THAT(log.front(), HasSubstr("want true or false"));
   EXPECT_EQ(sent, message.size());
   EXPECT_GT(timersBetween, 10) << "other work goes on meanwhile";
+  close(peer);
+}
+
+TEST_F(LiveTest, aPeerThatReadsLateIsHeldBackAndAnsweredInTheEnd) {
+  const Impostor impostor(folder / "db.sock");
+  agentStarts("unix:" + folder / "db.sock");
+  ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::checking; }));
+  const int peer = impostor.accept();
+  fcntl(peer, F_SETFL, O_NONBLOCK);
+  std::string requests;
+  for (int i = 0; i < 60; ++i) {
+    requests += R"({"id":1,"method":"echo","params":[")" + std::string(100'000, 'x') + "\"]}";
+  }
+  std::size_t sent = 0;
+  const auto send = [&] {
+    const ssize_t size = ::send(peer, requests.data() + sent, requests.size() - sent, MSG_NOSIGNAL);
+    sent += size > 0 ? static_cast<std::size_t>(size) : 0;
+    return size > 0;
+  };
+  int blocked = 0;
+  ASSERT_TRUE(becomes([&] { return (blocked = send() ? 0 : blocked + 1) == 10; }));
+  EXPECT_LT(sent, std::size_t{4} << 20);
+  std::vector<char> bytes(1 << 20);
+  std::size_t answered = 0;
+  EXPECT_TRUE(becomes([&] {
+    send();
+    const ssize_t size = recv(peer, bytes.data(), bytes.size(), 0);
+    answered += size > 0 ? static_cast<std::size_t>(size) : 0;
+    return answered >= 60 * 100'000;
+  }));
+  EXPECT_TRUE(log.empty());
   close(peer);
 }
 

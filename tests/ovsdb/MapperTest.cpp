@@ -397,8 +397,8 @@ TEST_F(MapperTest, aRemovedLogicalSwitchTakesItsVniAndVlanAlong) {
   EXPECT_EQ(vlans(), json::object());
   EXPECT_FALSE(converging());
   EXPECT_EQ(mapper.publishedHosts(), 0U);
-  EXPECT_EQ(mapper.rows().hosts.size(), 0U);
-  EXPECT_EQ(mapper.rows().logicalSwitches.size(), 0U);
+  EXPECT_EQ(mapper.rows().hosts().entries(), 0U);
+  EXPECT_EQ(mapper.rows().logicalSwitches().size(), 0U);
 }
 
 TEST_F(MapperTest, aLogicalSwitchWithoutATunnelKeyIsNotPublished) {

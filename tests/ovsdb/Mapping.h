@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 #include <string>
@@ -42,13 +43,13 @@ class Mapping {
   void timePasses(double seconds) {
     now += seconds;
     mapper.tick(now);
-    while (mapper.settle(3, now)) {
-    }
+    settle();
     patchesAreTaken();
   }
 
   void patchesAreTaken() {
     while (std::optional<nlohmann::json> patch = mapper.next(2)) {
+      mostInAPatch = std::max(mostInAPatch, mapper.lastSpent());
       document.merge_patch(*patch);
       patches.push_back(std::move(*patch));
     }
@@ -60,7 +61,13 @@ class Mapping {
     while (walk.step(2, mapper)) {
     }
     mapper.endUpdate(now);
-    while (mapper.settle(3, now)) {
+    settle();
+  }
+  void settle() {
+    for (bool more = true; more;) {
+      more = mapper.settle(stepsPerTurn, now);
+      mostInATurn = std::max(mostInATurn, mapper.lastSpent());
+      inAllTurns += mapper.lastSpent();
     }
   }
 
@@ -96,6 +103,11 @@ class Mapping {
   double now = 1000;
   nlohmann::json document = nlohmann::json::object();
   std::vector<nlohmann::json> patches;
+  // what the turns looked at
+  std::size_t stepsPerTurn = 3;
+  std::size_t mostInATurn = 0;
+  std::size_t inAllTurns = 0;
+  std::size_t mostInAPatch = 0;
 };
 
 }  // namespace Agent::Ovsdb::Testing

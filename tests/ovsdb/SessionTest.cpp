@@ -1,9 +1,9 @@
-#include "agent/ovsdb/Session.h"
-
 #include <gmock/gmock.h>
 
 #include <fstream>
 #include <nlohmann/json.hpp>
+
+#include "SessionRig.h"
 
 namespace Agent::Ovsdb::Testing {
 
@@ -12,124 +12,6 @@ namespace {
 using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-constexpr const char* rowId = "11111111-1111-4111-8111-111111111111";
-constexpr const char* noTransaction = "00000000-0000-0000-0000-000000000000";
-constexpr const char* transaction = "99999999-9999-4999-8999-999999999999";
-
-// A schema with just what is followed.
-json goodSchema() {
-  const auto column = [](const json& type) { return json{{"type", type}}; };
-  const json uuid{{"key", {{"type", "uuid"}}}};
-  const json strings{{"key", "string"}, {"min", 0}, {"max", "unlimited"}};
-  const json uuids{{"key", {{"type", "uuid"}}}, {"min", 0}, {"max", "unlimited"}};
-  const json map{{"key", "string"}, {"value", "string"}, {"min", 0}, {"max", "unlimited"}};
-  const json bindings{
-      {"key", {{"type", "integer"}}}, {"value", {{"type", "uuid"}}}, {"min", 0}, {"max", "unlimited"}};
-  json tables;
-  tables["Global"]["columns"] = {{"other_config", column(map)}};
-  tables["Physical_Switch"]["columns"] = {
-      {"name", column("string")}, {"ports", column(uuids)}, {"tunnel_ips", column(strings)}};
-  tables["Physical_Port"]["columns"] = {{"name", column("string")}, {"vlan_bindings", column(bindings)}};
-  tables["Logical_Switch"]["columns"] = {
-      {"name", column("string")},
-      {"tunnel_key", column(json{{"key", "integer"}, {"min", 0}, {"max", 1}})},
-      {"replication_mode", column(json{{"key", "string"}, {"min", 0}})}};
-  tables["Physical_Locator"]["columns"] = {{"dst_ip", column("string")}};
-  tables["Physical_Locator_Set"]["columns"] = {{"locators", column(uuids)}};
-  for (const auto& [table, last] :
-       {std::pair{"Ucast_Macs_Remote", "locator"}, {"Mcast_Macs_Remote", "locator_set"}}) {
-    tables[table]["columns"] = {
-        {"MAC", column("string")}, {"logical_switch", column(uuid)}, {last, column(uuid)}};
-  }
-  return {{"name", "hardware_vtep"}, {"version", "1.7.0"}, {"tables", tables}};
-}
-
-// Writes down what it is told.
-class Taker : public UpdateTaker {
- public:
-  void beginUpdate(bool whole, double) override { told.emplace_back(whole ? "whole" : "part"); }
-  void row(const RowEvent& event) override { told.push_back("row " + std::string{nameOf(event.table)}); }
-  void endUpdate(double) override { told.emplace_back("end"); }
-  void sessionLost(double) override { told.emplace_back("lost"); }
-  std::vector<std::string> told;
-};
-
-// A session with a peer that the test plays, message by message, on time that the test moves.
-class SessionTest : public testing::Test {
- protected:
-  static SessionOptions options() {
-    SessionOptions options;
-    options.remotes = Remote::parseList("unix:/one,unix:/two,unix:/three");
-    options.largestMessage = 1 << 20;
-    return options;
-  }
-
-  std::string connects() {
-    const std::optional<Remote> remote = session.connectTo(now);
-    if (!remote) {
-      return "not now";
-    }
-    session.connecting(now);
-    session.connected(now);
-    return remote->text();
-  }
-  void comes(std::string_view bytes) {
-    while (!bytes.empty() && session.state() >= SessionState::checking) {
-      const std::string_view piece = bytes.substr(0, 50'000);
-      const std::span<char> room = session.room(piece.size());
-      std::copy(piece.begin(), piece.end(), room.begin());
-      session.received(piece.size(), now);
-      bytes.remove_prefix(piece.size());
-      while (session.work(1, now)) {
-      }
-    }
-  }
-  void comesMessage(const json& message) { comes(message.dump()); }
-  // The messages that went out since the last look.
-  std::vector<json> goesOut() {
-    std::vector<json> messages;
-    std::string bytes{session.output()};
-    session.written(bytes.size());
-    Framer framer;
-    while (framer.scan(bytes)) {
-      messages.push_back(json::parse(bytes.substr(0, framer.length())));
-      bytes.erase(0, framer.length());
-      framer.next();
-    }
-    EXPECT_EQ(bytes, "");
-    return messages;
-  }
-  void answers(const std::string& id, const json& result) {
-    comesMessage(json{{"id", id}, {"result", result}, {"error", nullptr}});
-  }
-  void refuses(const std::string& id, const json& error) {
-    comesMessage(json{{"id", id}, {"result", nullptr}, {"error", error}});
-  }
-  void serverSays(bool isConnected) {
-    answers(
-        "server",
-        json::array({false,
-                     noTransaction,
-                     {{"Database",
-                       {{rowId, {{"initial", {{"name", "hardware_vtep"}, {"connected", isConnected}}}}}}}}}));
-  }
-  static json oneRow() { return {{"Physical_Locator", {{rowId, {{"insert", {{"dst_ip", "10.0.0.2"}}}}}}}}; }
-  void follows() {
-    connects();
-    answers("schema", goodSchema());
-    serverSays(true);
-    goesOut();
-    answers("rows", json::array({false, transaction, json::object()}));
-    ASSERT_EQ(session.state(), SessionState::following);
-    taker.told.clear();
-  }
-
-  double now = 100;
-  Taker taker;
-  std::vector<std::string> log;
-  Session session{options(), taker, [this](const std::string& line) { log.push_back(line); }};
-};
 
 }  // namespace
 
@@ -307,14 +189,18 @@ TEST_F(SessionTest, garbageIsNamedAndLeavesNothingBehind) {
       {R"({"id":"other","result":[],"error":null})",
        "an answer came to a request that was not made: id \"other\""},
       {R"({"id":"schema","result":{]],"error":null})", "the schema is not JSON"},
-      {R"({"id":"rows","result":[],"error":null})",
-       "an answer came to a request that was not made: id \"rows\""},
-      {R"({"method":"update3","params":["rows","x",{}],"id":null})",
-       "an update came for a monitor that was not asked for: rows"},
+      {R"({"method":"update3","params":["other","x",{}],"id":null})",
+       "an update came for a monitor that was not asked for: other"},
       {R"({"method":"update3","params":[],"id":null})", "at byte 2: want three elements"},
-      {R"({"method":"update3","params":["rows","x",{"Global":7}}})", "want three elements"},
-      {R"({"method":"echo","params":[)" + std::string(1'100'000, '1') + "]}",
-       "a message is larger than the 1 MiB allowed"},
+      {R"({"method":"update2","params":["rows",{}],"id":null})",
+       "the server may not ask for this: method \"update2\""},
+      {R"({"method":"echo","params":[)" + std::string(70'000, '1') + "]}",
+       "more than 64 KiB of white space or of one number"},
+      {R"({"method":"echo","params":[1,],"id":1})", "an echo request is not JSON: at byte 3: want a value"},
+      {R"({"method":"echo","id":1})", "an echo request is not JSON"},
+      {R"({"method":"echo","id":1,"params":[]7})", "there is more behind its end"},
+      {R"({"method":"echo","params":[],"id":1,"id":2})", "a message has the member \"id\" twice"},
+      {R"({"method":"echo","params":[],"id":1,"result":1})", "neither a request nor an answer"},
   };
   for (const auto& [bytes, text] : cases) {
     now += 100;
@@ -327,25 +213,6 @@ TEST_F(SessionTest, garbageIsNamedAndLeavesNothingBehind) {
   }
   now += 100;
   follows();
-}
-
-TEST_F(SessionTest, anAnswerThatIsTooLargeForItsKindIsRefused) {
-  SessionOptions large = options();
-  large.largestMessage = Framer::defaultMessage;
-  Session other(large, taker, [](const std::string&) {});
-  other.connecting(now);
-  other.connected(now);
-  std::string text = R"({"id":"schema","error":null,"result":[)";
-  while (text.size() < 2'000'000) {
-    text += "\"x\",";
-  }
-  text += "1]}";
-  const std::span<char> room = other.room(text.size());
-  std::copy(text.begin(), text.end(), room.begin());
-  other.received(text.size(), now);
-  while (other.work(100, now)) {
-  }
-  EXPECT_EQ(other.lastError(), "unix:/one: the schema is larger than 1 MiB");
 }
 
 TEST_F(SessionTest, anUpdateThatBreaksOffIsFollowedByEverything) {

@@ -75,6 +75,26 @@ TEST(SlotMapTest, anErasedSlotIsUsedAgainWithADefaultValue) {
   EXPECT_EQ(map[slot], 0);
 }
 
+TEST(SlotMapTest, anIdDoesNotFindTheNextEntryOfItsSlot) {
+  SlotMap<std::uint32_t, int> map;
+  const Slot slot = map.insert(1).first;
+  const SlotId id = map.id(slot);
+  EXPECT_EQ(map.slotOf(id), slot);
+  map.erase(slot);
+  EXPECT_EQ(map.slotOf(id), noSlot);
+  ASSERT_EQ(map.insert(2).first, slot);
+  EXPECT_EQ(map.slotOf(id), noSlot);
+  EXPECT_EQ(map.slotOf(SlotId()), noSlot);
+}
+
+TEST(SlotMapDeathTest, anEntryThatIsGoneIsNotUsed) {
+  SlotMap<std::uint32_t, int> map;
+  const Slot slot = map.insert(1).first;
+  map.erase(slot);
+  EXPECT_DEATH(map[slot] = 1, "an entry is used that is not there");
+  EXPECT_DEATH(static_cast<void>(map.key(slot)), "an entry is used that is not there");
+}
+
 TEST(SlotMapDeathTest, erasingWhatIsNotThereIsAMistake) {
   SlotMap<std::uint32_t, int> map;
   EXPECT_DEATH(map.erase(0), "an entry is erased that is not there");

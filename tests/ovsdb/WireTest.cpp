@@ -117,6 +117,61 @@ TEST(Framing, aStringOverTheLimitIsRefusedBeforeItEnds) {
             "a string is longer than the 1000 bytes allowed");
 }
 
+TEST(Framing, aMessageHasAHandfulOfMembers) {
+  const auto refusal = [](const std::string& text) {
+    return errorOf([&] {
+      Framer framer;
+      framer.scan(text);
+    });
+  };
+  EXPECT_EQ(refusal(R"({"a":1,"b":1,"c":1,"d":1,"e":1,"f":1,"g":1,"h":1})"), "no error");
+  EXPECT_EQ(refusal(R"({"a":1,"b":1,"c":1,"d":1,"e":1,"f":1,"g":1,"h":1,"i":1,)"),
+            "a message has more than 8 members");
+  EXPECT_EQ(refusal(R"({"a":{"b":1,"c":1,"d":1,"e":1,"f":1,"g":1,"h":1,"i":1,"j":1}})"), "no error");
+  EXPECT_EQ(refusal("{:,:,:,"), "no error");
+  EXPECT_EQ(refusal("{:1:"), "a message is not JSON: a member has two colons");
+  EXPECT_EQ(refusal("{,"), "a message is not JSON: a member has no value");
+  EXPECT_EQ(refusal("{:1,}"), "a message is not JSON: a member has no value");
+  EXPECT_EQ(refusal("{ }"), "no error");
+}
+
+TEST(Framing, nestingIsBoundedHoweverTheStreamIsCut) {
+  const std::string deepest = R"({"a":)" + std::string(63, '[') + std::string(63, ']') + "}";
+  for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{1000}}) {
+    Framer framer;
+    std::string pending;
+    for (std::size_t at = 0; at < deepest.size(); at += piece) {
+      pending += deepest.substr(at, piece);
+      EXPECT_EQ(framer.scan(pending), pending.size() == deepest.size());
+    }
+  }
+  Framer framer;
+  EXPECT_EQ(errorOf([&] { framer.scan(R"({"a":)" + std::string(64, '[')); }),
+            "a message is nested deeper than 64 levels");
+}
+
+TEST(Framing, whiteSpaceAndNumbersAreBounded) {
+  const std::string least(Framer::mostBetweenMarks, ' ');
+  const std::string digits(Framer::mostBetweenMarks, '1');
+  Framer fits;
+  EXPECT_TRUE(fits.scan(least + R"({"a":)" + digits + "}"));
+  const std::string cases[] = {least + " ", "{" + least + " ", R"({"a")" + least + " ",
+                               R"({"a":)" + digits + "1"};
+  for (const std::string& text : cases) {
+    for (const std::size_t piece : {std::size_t{1000}, text.size()}) {
+      Framer framer;
+      std::string pending;
+      const std::string error = errorOf([&] {
+        for (std::size_t at = 0; at < text.size(); at += piece) {
+          pending += text.substr(at, piece);
+          framer.scan(pending);
+        }
+      });
+      EXPECT_THAT(error, HasSubstr("white space"));
+    }
+  }
+}
+
 TEST(ReceiveBufferTest, bytesStayWhileTheBufferGrowsAndShrinks) {
   ReceiveBuffer buffer;
   std::string expected;
@@ -133,6 +188,32 @@ TEST(ReceiveBufferTest, bytesStayWhileTheBufferGrowsAndShrinks) {
   EXPECT_GT(buffer.capacity(), 1U << 20);
   buffer.clear();
   EXPECT_EQ(buffer.capacity(), 0U) << "given back";
+}
+
+TEST(ReceiveBufferTest, lessThanTwiceOfWhatIsThereIsHeld) {
+  constexpr std::size_t mebibyte = std::size_t{1} << 20;
+  ReceiveBuffer buffer;
+  const std::string piece(mebibyte / 4, 'x');
+  std::size_t there = 0;
+  const auto check = [&] { ASSERT_LE(buffer.capacity(), there + there / 4 + mebibyte) << there; };
+  for (int i = 0; i < 256; ++i) {
+    buffer.append(piece);
+    there += piece.size();
+    check();
+  }
+  for (int i = 0; i < 1000; ++i) {  // a message goes while the next one comes
+    buffer.consume(piece.size() + 1000);
+    there -= piece.size() + 1000;
+    buffer.append(piece);
+    there += piece.size();
+    check();
+  }
+  while (there > 3 * mebibyte) {
+    buffer.consume(mebibyte);
+    there -= mebibyte;
+    check();
+  }
+  EXPECT_EQ(buffer.unread(), std::string(there, 'x'));
 }
 
 // --- JSON
@@ -277,6 +358,64 @@ TEST(Rows, whatIsNotInTheFormIsRefusedWithTableRowAndColumn) {
   EXPECT_THAT(refusal(update("Ucast_Macs_Remote", R"({"insert":{"locator":["uuid","x"]}})")),
               HasSubstr("column locator: at byte"));
   EXPECT_EQ(refusal("{} x"), "at byte 3: there is more behind the end of the table updates");
+}
+
+TEST(Rows, aWalkTakesAsManyItemsAsItIsTold) {
+  std::string ports;
+  for (int i = 0; i < 1000; ++i) {
+    ports += (i > 0 ? "," : "") + std::string{R"(["uuid",")"} + id2 + R"("])";
+  }
+  std::string skipped = "0";
+  for (int i = 0; i < 5000; ++i) {
+    skipped += ",[]";
+  }
+  const std::string text = R"({"Tunnel":{")" + std::string{id1} + R"(":{"insert":{"a":[)" + skipped +
+                           R"(]}}},"Physical_Switch":{")" + id1 + R"(":{"insert":{"ports":["set",[)" + ports +
+                           R"(]],"other":[)" + skipped + R"(],"name":"leaf"}},")" + id2 +
+                           R"(":{"delete":null}}})";
+  Rows rows;
+  UpdateWalk walk(text);
+  int steps = 0;
+  while (walk.step(10, rows)) {
+    ++steps;
+  }
+  ASSERT_EQ(rows.events.size(), 2U);
+  EXPECT_EQ(rows.events[0].cells[At::switchPorts].uuids.size(), 1000U);
+  EXPECT_EQ(rows.events[0].cells[At::switchName].text, "leaf");
+  EXPECT_EQ(rows.events[1].change, RowChange::removed);
+  EXPECT_GE(steps, 100 + 2 * 5000 / 640);
+}
+
+TEST(Rows, aStepEndsWithALargeText) {
+  std::string text = R"({"Physical_Locator":{)";
+  for (int i = 0; i < 100; ++i) {
+    text += (i > 0 ? ",\"" : "\"") + std::string{"11111111-1111-4111-8111-1111111111"} +
+            std::to_string(i + 100).substr(1) + R"(":{"insert":{"dst_ip":")" + std::string(10'000, 'x') +
+            "\"}}";
+  }
+  Rows rows;
+  UpdateWalk walk(text += "}}");
+  EXPECT_TRUE(walk.step(20, rows));
+  EXPECT_LE(rows.events.size(), 3U);
+}
+
+TEST(Rows, aColumnHoldsABoundedNumberOfElementsOnce) {
+  const auto refusal = [](const std::string& text) { return errorOf([&] { rowsOf(text); }); };
+  const auto texts = [](std::size_t count) {
+    std::string all = "\"\"";
+    for (std::size_t i = 1; i < count; ++i) {
+      all += ",\"\"";
+    }
+    return update("Physical_Switch", R"({"insert":{"tunnel_ips":["set",[)" + all + "]]}}");
+  };
+  EXPECT_EQ(refusal(texts(UpdateWalk::mostElements)), "no error");
+  EXPECT_THAT(refusal(texts(UpdateWalk::mostElements + 1)),
+              HasSubstr("column tunnel_ips: at byte 49243: more than 16384 elements"));
+  EXPECT_THAT(refusal(update("Logical_Switch", R"({"insert":{"tunnel_key":["set",[1,2]]}})")),
+              HasSubstr("column tunnel_key: at byte 92: want one value at the most"));
+  EXPECT_THAT(refusal(update("Logical_Switch", R"({"insert":{"name":"a","name":"b"}})")),
+              HasSubstr("column name: the column comes twice"));
+  EXPECT_THAT(refusal(update("Logical_Switch", R"({"delete":{"a":1}})")), HasSubstr("want null"));
 }
 
 // --- the schema

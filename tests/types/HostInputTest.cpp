@@ -2,6 +2,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <optional>
 
 #include "Memtab/Reader.h"
@@ -236,6 +237,43 @@ TEST_F(HostInputTest, ATableOfOtherRecordsIsRefused) {
   EXPECT_THROW(open(), Memtab::Error);
   Memtab::Reader<std::uint64_t, std::uint64_t> reads(name, "Other/1");
   EXPECT_EQ(reads.find(1), 2U);
+}
+
+// A damaged table is refused, or, where that is asked for, replaced once its hosts are written again.
+TEST_F(HostInputTest, ADamagedTableIsReplacedWhenItsHostsAreWrittenAgain) {
+  open();
+  input->hostIs(host(1));
+  input = nullptr;
+  HostReader reads = reader();
+  ASSERT_EQ(reads.find(key(1)), host(1));
+  std::fstream file("/dev/shm" + name, std::ios::in | std::ios::out | std::ios::binary);
+  file.seekp(24).put('x');  // in the header
+  file.close();
+
+  EXPECT_THROW(open(), Memtab::Damaged);
+  input = Kel::make<HostInput>(HostInput::Options{.name = name, .limit = 1024, .replaceDamaged = true});
+  EXPECT_THAT(input->damage(), testing::HasSubstr("checksum"));
+  EXPECT_TRUE(input->replacing());
+  EXPECT_EQ(input->hosts(), 0U);
+  input->hostIs(host(2));
+  EXPECT_EQ(reads.find(key(1)), host(1)) << "readers keep what they have";
+  input->takePlace();
+  EXPECT_FALSE(input->replacing());
+  EXPECT_EQ(reads.find(key(2)), host(2));
+  EXPECT_FALSE(reads.find(key(1)));
+}
+
+// The table of another user is refused unless he is named.
+TEST_F(HostInputTest, TheTableOfAnotherUserIsRefusedUnlessHeIsNamed) {
+  if (::geteuid() != 0) {
+    GTEST_SKIP() << "only root can give a file away";
+  }
+  open();
+  input = nullptr;
+  ASSERT_EQ(::chown(("/dev/shm" + name).c_str(), 65533, 65533), 0);
+  EXPECT_THROW(open(), Memtab::Error);
+  input = Kel::make<HostInput>(HostInput::Options{.name = name, .limit = 1024, .owner = uid_t{65533}});
+  EXPECT_EQ(input->hosts(), 0U);
 }
 
 // Without a name the hosts are in memory of this process alone.

@@ -197,14 +197,15 @@ TEST_F(ShowTest, ProblemsAreNamedAndSorted) {
 }
 
 TEST_F(ShowTest, KernelObjectsAreWantedThereOrDiffer) {
-  agent.document = json::parse(R"({"agent":{"kernel":{"fdb":{"wanted":100,"there":98,"differing":2},
-      "devices":{"wanted":1,"there":1,"differing":0}}}})");
+  agent.document = json::parse(R"({"agent":{"kernel":{
+      "fdb":{"wanted":100,"there":98,"differing":null,"unknown":2,"compared":null},
+      "devices":{"wanted":1,"there":1,"differing":0,"unknown":0,"compared":"2026-01-31T23:59:59Z"}}}})");
   startAgent();
   EXPECT_EQ(run({"show", "kernel"}), 0) << err;
   EXPECT_EQ(out,
-            "KIND     WANTED  THERE  DIFFERING\n"
-            "devices       1      1          0\n"
-            "fdb         100     98          2\n");
+            "KIND     WANTED  THERE  DIFFERING  UNKNOWN  COMPARED\n"
+            "devices       1      1          0        0  2026-01-31T23:59:59Z\n"
+            "fdb         100     98          -        2  -\n");
 }
 
 TEST_F(ShowTest, OfAnAgentThatHasNothingIsAHeaderOnly) {

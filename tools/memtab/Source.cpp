@@ -2,16 +2,12 @@
 
 #include "Memtab/Error.h"
 
-namespace {
-
 std::string fullName(const std::string& name) {
   return name.starts_with('/') ? name : "/" + name;
 }
 
-}  // namespace
-
-Source::Source(const std::string& name)
-    : name_(fullName(name)), reading_(Memtab::Attachment(name_, "", std::nullopt)) {
+Source::Source(const std::string& name, const Files::Owners& owners)
+    : name_(fullName(name)), reading_(Memtab::Attachment(name_, "", std::nullopt, owners)) {
   static_cast<void>(segmentIfAny());
 }
 

@@ -4,14 +4,18 @@
 #include <string>
 #include <vector>
 
+#include "Files/Owners.h"
 #include "Memtab/Fields.h"
 #include "Memtab/Reading.h"
+
+/// The name of a table as the library has it, of one as on the command line: "/name", "name", or a path.
+std::string fullName(const std::string& name);
 
 /// A table of whatever records, as bytes, with the description of its fields.
 class Source {
  public:
-  /// NAME as on the command line: "/name", "name", or a path.
-  explicit Source(const std::string& name);
+  /// NAME as on the command line: "/name", "name", or a path. It belongs to one of OWNERS.
+  Source(const std::string& name, const Files::Owners& owners);
 
   const std::string& name() const { return name_; }
 

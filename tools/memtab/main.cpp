@@ -6,9 +6,12 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "Follower.h"
+#include "Memtab/BusError.h"
 #include "Memtab/Error.h"
 #include "Printer.h"
 #include "Source.h"
@@ -24,6 +27,9 @@ constexpr const char* kAbout =
 
 constexpr const char* kDetails =
     "NAME is that of a shared memory object, with or without the leading slash, or the path of a file.\n"
+    "\n"
+    "A table is read only if it belongs to root, to you, or to the user of --table-owner, and nobody else\n"
+    "may write to it: anybody can make a table of that name.\n"
     "\n"
     "Records are printed with the field names that the table describes itself with, else as bytes.\n"
     "\n"
@@ -41,15 +47,27 @@ constexpr const char* kDetails =
     "  memtab dump vxlan-l2rib-hosts --json | jq '.[] | select(.vlan == 100)'\n"
     "  memtab follow vxlan-l2rib-hosts";
 
+/// Whose tables are read, beside root's and the own user's, unless the command line says otherwise.
+constexpr const char* kUsualOwner = "vxlan-agent";
+
 struct Request {
   std::string name;
+  std::string owner;
   bool json = false;
   int intervalMs = 100;
   std::uint64_t count = 0;
 };
 
+Source sourceOf(const Request& request) {
+  const std::optional<uid_t> owner = Files::userOf(request.owner.empty() ? kUsualOwner : request.owner);
+  if (!owner && !request.owner.empty()) {
+    throw std::invalid_argument("memtab: there is no user \"" + request.owner + "\"");
+  }
+  return Source(request.name, Files::Owners(owner));
+}
+
 void info(const Request& request) {
-  Source source(request.name);
+  Source source = sourceOf(request);
   const nlohmann::ordered_json all = infoOf(source);
   if (request.json) {
     fmt::print("{}\n", all.dump(2));
@@ -61,7 +79,7 @@ void info(const Request& request) {
 }
 
 void dump(const Request& request) {
-  Source source(request.name);
+  Source source = sourceOf(request);
   bool first = true;
   source.walk([&] {
     if (request.json) {
@@ -77,7 +95,7 @@ void dump(const Request& request) {
 }
 
 void follow(const Request& request) {
-  Source source(request.name);
+  Source source = sourceOf(request);
   if (source.segmentIfAny() == nullptr) {
     fmt::print(stderr, "memtab {}: there is no such table yet, waiting for it\n", source.name());
   }
@@ -91,9 +109,9 @@ void follow(const Request& request) {
 }
 
 void remove(const Request& request) {
-  const Source source(request.name);
-  if (!Memtab::remove(source.name())) {
-    throw Memtab::Error(source.name(), "there is no such table");
+  const std::string name = fullName(request.name);  // without a look at it: it may be damaged or a stranger's
+  if (!Memtab::remove(name)) {
+    throw Memtab::Error(name, "there is no such table");
   }
 }
 
@@ -107,6 +125,8 @@ void addCommands(CLI::App& app, Request& request) {
   const auto addJson = [&](CLI::App* command) {
     command->add_flag("--json", request.json, "JSON instead of text");
   };
+  app.add_option("--table-owner", request.owner,
+                 "Read the table of this user, too, not only of root and yourself; default: vxlan-agent");
   addJson(add("info", "Prints what there is to know besides the records", info));
   addJson(add("dump", "Prints all records, in the order of memory", dump));
   CLI::App* following = add("follow", "Prints all records, then what changes", follow);
@@ -125,6 +145,8 @@ int main(int argc, char** argv) {
   CLI::App app(kAbout, "memtab");
   app.footer(kDetails);
   app.require_subcommand(1);
+  app.fallthrough();
+  Memtab::endOnTruncation("memtab");
   Request request;
   addCommands(app, request);
   try {

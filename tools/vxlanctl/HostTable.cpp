@@ -66,8 +66,9 @@ class Wanted {
 
 }  // namespace
 
-Sheet hostsInTable(const std::string& tableName, const std::map<std::string, std::string>& filters) {
-  Memtab::Reader<Bridging::MacVlanPair, L2Rib::HostValue> table(tableName, L2Rib::hostSchema);
+Sheet hostsInTable(const std::string& tableName, const std::map<std::string, std::string>& filters,
+                   std::optional<uid_t> owner) {
+  Memtab::Reader<Bridging::MacVlanPair, L2Rib::HostValue> table(tableName, L2Rib::hostSchema, owner);
   if (!table.attached()) {
     throw NoTable("no host table " + tableName + " in shared memory: no agent has made it");
   }

@@ -174,6 +174,8 @@ std::unique_ptr<CLI::App> commandLine(Request& request) {
   app->add_option("--table", request.table, "The host table in shared memory")
       ->envname("VXLANCTL_TABLE")
       ->default_val(Agent::Defaults::hostTable);
+  app->add_option("--table-owner", request.tableOwner,
+                  "Read the table of this user, too, not only of root and yourself; default: vxlan-agent");
   addShows(*app, request);
   addQuestions(*app, request);
   addActions(*app, request);

@@ -12,6 +12,7 @@ namespace Vxlanctl {
 struct Request {
   std::string socket;
   std::string table;
+  std::string tableOwner;
   std::string command;  // "show", "explain", ...
   bool json = false;
 

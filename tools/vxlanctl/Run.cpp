@@ -9,6 +9,7 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "Files/Owners.h"
 #include "Memtab/Error.h"
 #include "RingLog/Reader.h"
 #include "agent/control/Client.h"
@@ -61,6 +62,15 @@ std::string vlanOf(std::uint32_t vni, const Part& part) {
   throw Refused("notFound", "", fmt::format("VNI {} is mapped to no VLAN", vni));
 }
 
+std::optional<uid_t> tableOwner(const Request& request) {
+  const bool told = !request.tableOwner.empty();
+  const std::optional<uid_t> owner = Files::userOf(told ? request.tableOwner : Agent::Defaults::tableOwner);
+  if (told && !owner) {
+    throw std::invalid_argument("--table-owner: there is no user \"" + request.tableOwner + "\"");
+  }
+  return owner;
+}
+
 // The agent is asked only when a part is: "show hosts" does without.
 Sheet sheetOf(Request& request) {
   std::optional<Client> client;
@@ -74,7 +84,8 @@ Sheet sheetOf(Request& request) {
     if (request.vni) {
       request.filters["vlan"] = vlanOf(*request.vni, part);
     }
-    return request.received ? showReceivedHosts(part) : hostsInTable(request.table, request.filters);
+    return request.received ? showReceivedHosts(part)
+                            : hostsInTable(request.table, request.filters, tableOwner(request));
   }
   if (request.what == "problems") {
     return showProblems(Client(request.socket).call("problems"));

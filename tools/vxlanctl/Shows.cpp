@@ -206,13 +206,17 @@ Sheet showKernel(const Part& part) {
   Sheet sheet({{"kind", "KIND"},
                {"wanted", "WANTED", true},
                {"there", "THERE", true},
-               {"differing", "DIFFERING", true}});
+               {"differing", "DIFFERING", true},
+               {"unknown", "UNKNOWN", true},
+               {"compared", "COMPARED"}});
   const json kinds = objectAt(part, "/agent/kernel");
   for (const auto& [kind, status] : kinds.items()) {
     sheet.add({{"kind", kind},
                {"wanted", member(status, "wanted")},
                {"there", member(status, "there")},
-               {"differing", member(status, "differing")}});
+               {"differing", member(status, "differing")},
+               {"unknown", member(status, "unknown")},
+               {"compared", member(status, "compared")}});
   }
   return sheet;
 }

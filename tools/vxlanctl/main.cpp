@@ -4,10 +4,12 @@
 #include <string>
 #include <vector>
 
+#include "Memtab/BusError.h"
 #include "tools/vxlanctl/Run.h"
 
 int main(int argc, char** argv) {
   std::ios::sync_with_stdio(false);
+  Memtab::endOnTruncation("vxlanctl");
   const std::vector<std::string> arguments(argv + 1, argv + argc);
   const Vxlanctl::ExitCode code = Vxlanctl::run(arguments, std::cin, std::cout, std::cerr);
   std::cout.flush();

@@ -16,6 +16,7 @@
 #include "Kel/System.h"
 #include "Kel/TraceHelper.h"
 #include "Vxlan/framework/Trace.h"
+#include "agent/daemon/Delivery.h"
 #include "agent/state/JsonChecks.h"
 #include "agent/state/ReplayTables.h"
 
@@ -348,14 +349,10 @@ void Daemon::tellOfRecording() {
   }
 }
 
-// An error out of a handler is told, and the agent goes on: queue and collections are consistent, the rest is
+// An error out of a handler is told, and the agent goes on: collections are consistent, the rest is
 // delivered.
 void Daemon::guarded(const char* what, const std::function<void()>& work) {
-  try {
-    work();
-  } catch (const std::exception& error) {
-    noteError(what, error.what());
-  }
+  carryThrough(work, [&](const std::exception& error) { noteError(what, error.what()); });
 }
 
 void Daemon::noteError(std::string_view where, std::string_view what) {

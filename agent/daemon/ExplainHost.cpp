@@ -127,7 +127,7 @@ bool tellReceived(Story& story, const World& world, const Bridging::MacVlanPair&
 
 bool tellL2Rib(Story& story, const World& world, const Bridging::MacVlanPair& key,
                const RefusedWrites* refused) {
-  const auto host = world.hosts->host(key);
+  const auto host = world.hosts->findHost(key);
   if (refused != nullptr && refused->waits(key)) {
     story.end("layer-2 RIB", "the write to the shared-memory table was refused and waits, with " +
                                  std::to_string(refused->waiting() - 1) +

@@ -135,7 +135,7 @@ TEST_F(RefusedWritesTest, HaveTheirLatestValue) {
   EXPECT_EQ(refused.waiting(), 1U);
   hosts->hostDel(key(0));
   pass(1s);
-  EXPECT_EQ(hosts->host(key(4))->moveCount, 7U);
+  EXPECT_EQ(hosts->findHost(key(4))->moveCount, 7U);
 }
 
 TEST_F(RefusedWritesTest, AreForgottenWhenTheyAreDeletedOrWrittenByOthers) {

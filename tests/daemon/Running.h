@@ -11,6 +11,7 @@
 
 #include "Kel/Activity.h"
 #include "Kel/System.h"
+#include "agent/daemon/Delivery.h"
 #include "agent/daemon/PatchQueue.h"
 #include "agent/state/OutputDocument.h"
 
@@ -95,11 +96,7 @@ class Running {
   }
   // A handler's error is counted, and the agent goes on.
   void guarded(const std::function<void()>& work) {
-    try {
-      work();
-    } catch (const std::exception&) {
-      ++errors;
-    }
+    Agent::carryThrough(work, [this](const std::exception&) { ++errors; });
   }
 
   Time time_;

@@ -65,6 +65,8 @@ TEST_F(AgreedMapsTest, RenewsWhatIsKeptWhereAVtiCeasesToMapAnything) {
   EXPECT_EQ(
       renewed(R"({"vlanVniMap": {"Vxlan1": {"10": null, "11": null}, "Vxlan2": {"20": null, "22": 1}}})"),
       json::parse(R"({"Vxlan2": {"21": 2}})"));
+  EXPECT_EQ(renewed(R"({"vlanVniMap": {"Vxlan1": null, "Vxlan2": {"21": 3}}})"),
+            json::parse(R"({"Vxlan2": {"20": 1}})"));
   EXPECT_EQ(renewed(R"({"vlanVniMap": {"Vxlan1": {"10": 3}, "Vxlan2": {"20": 3}}})"), json());
   EXPECT_EQ(renewed(R"({"vlanVniMap": null})"), json());
 }

@@ -99,14 +99,40 @@ void HostInput::takePlace() {
   table_.takePlace();
 }
 
+void HostInput::refusalsAre(Refusals refusals) {
+  refusals_ = std::move(refusals);
+}
+
+// False when the table refused the host and somebody looks after it.
+bool HostInput::write(const Host& host) {
+  if (!refusals_.refused) {
+    table_.is(host.key, host);
+    return true;
+  }
+  try {
+    table_.is(host.key, host);
+  } catch (const Memtab::Error& why) {
+    refusals_.refused(host, why);
+    return false;
+  }
+  refusals_.done(host.key, false);
+  return true;
+}
+
 void HostInput::hostIs(const Host& host) {
-  table_.is(host.key, host);
+  if (!write(host)) {
+    return;
+  }
   signal(host.key);
   Kel::ActivityLoop::instance().turnHasWritten();
 }
 
 void HostInput::hostDel(const Bridging::MacVlanPair& key) {
-  if (table_.del(key)) {
+  const bool removed = table_.del(key);
+  if (refusals_.done) {
+    refusals_.done(key, true);
+  }
+  if (removed) {
     signal(key);
     Kel::ActivityLoop::instance().turnHasWritten();
   }

@@ -3,6 +3,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -32,6 +33,13 @@ class KEL_API HostInput final : public Kel::Entity {
     bool replaceDamaged = false;               // begins an empty one in place of a damaged one
   };
 
+  // Somebody who looks after the writes that the table refuses.
+  struct Refusals {
+    std::function<void(const Host& host, const Memtab::Error& why)> refused;
+    // A host was written, or removed.
+    std::function<void(const Bridging::MacVlanPair& key, bool removed)> done;
+  };
+
   // Creates the table, or adopts what is there. Raises Memtab::Error when it cannot be used: another process
   // writes it, it belongs to a stranger, it has other records, or it is damaged and not to be replaced; the
   // text says why.
@@ -48,13 +56,16 @@ class KEL_API HostInput final : public Kel::Entity {
   // Bytes of memory that the table takes at present.
   std::uint64_t bytesTaken() const;
 
-  // Inserts or replaces the host under its key. Raises Memtab::Full when there is no room; what is there
-  // stays.
+  // Inserts or replaces the host under its key. Raises Memtab::Full when there is no room, Memtab::Error when
+  // there is no memory; what is there stays. While somebody looks after refusals he is told instead.
   void hostIs(const Host& host);
   // Removes a host; an absent key is no error.
   void hostDel(const Bridging::MacVlanPair& key);
   // Removes every host: gives the whole-collection callback, and one callback for each host removed.
   void hostDelAll();
+
+  // Who looks after refused writes from now on; both functions empty: nobody.
+  void refusalsAre(Refusals refusals);
 
   // A damaged table that is replaced, be the damage found at the start or later: from then on an empty one is
   // written, while readers keep the damaged one. What was wrong; whether readers still have it; and, when all
@@ -80,7 +91,10 @@ class KEL_API HostInput final : public Kel::Entity {
   static void publish(void* self);
   void signal(const Bridging::MacVlanPair& key);
 
+  bool write(const Host& host);
+
   Table table_;
+  Refusals refusals_;
   Kel::Notification<Bridging::MacVlanPair, &Reactor::onHost, &Reactor::onHostkelImmediate> changed_{*this};
 };
 

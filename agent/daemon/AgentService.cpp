@@ -112,7 +112,7 @@ json AgentService::explain(const json& params) {
       throw RequestError(RequestError::Kind::notFound, "",
                          "nothing is known of " + mac->text() + " in any VLAN of this switch");
     }
-    return explainHost(world_, *mac, vlans.front(), database_, kernel_);
+    return explainHost(world_, *mac, vlans.front(), database_, kernel_, refused_);
   } catch (const Refused& refused) {
     throw RequestError(RequestError::Kind::refused, refused.pointer(), refused.what());
   } catch (const json::exception& error) {

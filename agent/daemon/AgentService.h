@@ -10,6 +10,7 @@
 #include "agent/control/Ownership.h"
 #include "agent/control/Service.h"
 #include "agent/daemon/PatchQueue.h"
+#include "agent/daemon/RefusedWrites.h"
 #include "agent/kernel/Adapter.h"
 #include "agent/ovsdb/Adapter.h"
 #include "agent/state/OutputDocument.h"
@@ -34,6 +35,7 @@ class AgentService final : public Control::Service {
   // The adapters, null where there is none; they outlive the service or are taken back.
   void databaseIs(const Ovsdb::Adapter* database) { database_ = database; }
   void kernelIs(Kernel::Adapter* kernel) { kernel_ = kernel; }
+  void refusedWritesAre(const RefusedWrites* refused) { refused_ = refused; }
   Control::Ownership& ownership() { return ownership_; }
 
   void patch(nlohmann::json&& patch, std::string_view who, Answer answer) override;
@@ -61,13 +63,15 @@ class AgentService final : public Control::Service {
   Control::Ownership ownership_;
   const Ovsdb::Adapter* database_ = nullptr;
   Kernel::Adapter* kernel_ = nullptr;
+  const RefusedWrites* refused_ = nullptr;
   std::function<void()> listener_;
 };
 
 // Follows one MAC in one VLAN from the controller to the layer-2 RIB and, with a kernel adapter, to the
 // kernel: the answer to the method "explain", {mac, vlan, vni, steps, verdict, published}.
 nlohmann::json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId vlan,
-                           const Ovsdb::Adapter* database, Kernel::Adapter* kernel);
+                           const Ovsdb::Adapter* database, Kernel::Adapter* kernel,
+                           const RefusedWrites* refused);
 // The VLANs in which something is known of the MAC, ascending.
 std::vector<Bridging::VlanId> vlansKnowing(const World& world, const Qnet::EthAddr& mac);
 

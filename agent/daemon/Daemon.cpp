@@ -8,13 +8,13 @@
 #include <algorithm>
 #include <charconv>
 #include <csignal>
-#include <iostream>
+#include <ctime>
 #include <limits>
 
 #include "Files/Owners.h"
 #include "Kel/Activity.h"
 #include "Kel/System.h"
-#include "Memtab/Error.h"
+#include "Kel/TraceHelper.h"
 #include "Vxlan/framework/Trace.h"
 #include "agent/daemon/Delivery.h"
 #include "agent/state/JsonChecks.h"
@@ -30,10 +30,6 @@ constexpr std::size_t adoptedPerSlice = 256;
 constexpr std::chrono::milliseconds kernelSlice{4};
 // Of the client's paced deletions. What a slice deletes is exported when it ends, which takes as long again.
 constexpr double clientSlice = 0.004;
-
-void log(const std::string& text) {
-  std::cerr << "vxlan-agent: " << text << '\n';
-}
 
 L2Rib::HostInput::Options hostTable(const RunOptions& options) {
   L2Rib::HostInput::Options hosts;
@@ -102,6 +98,17 @@ std::vector<Ovsdb::Remote> remotesOf(const RunOptions& options) {
   return remotes;
 }
 
+// Sends the formatted lines of the trace, which KEL_TRACE asks for, to a log.
+class TraceTo {
+ public:
+  explicit TraceTo(Log& log) {
+    Kel::traceSinkIs([&log](std::string_view line) { log.trace(line); });
+  }
+  ~TraceTo() { Kel::traceSinkIs(nullptr); }
+  TraceTo(const TraceTo&) = delete;
+  TraceTo& operator=(const TraceTo&) = delete;
+};
+
 std::string joined(const std::vector<std::string>& names) {
   std::string text;
   for (const std::string& name : names) {
@@ -128,10 +135,12 @@ class Daemon::Activity final : public EventLoop::Embedded {
   Daemon& daemon_;
 };
 
-Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
+Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments, Log& log)
     : options_(options),
       arguments_(std::move(arguments)),
+      log_(log),
       world_(hostTable(options)),
+      refused_(loop_, world_.hosts, [this](const Bridging::MacVlanPair& key) { return isWanted(key); }),
       activity_(std::make_unique<Activity>(*this)),
       repair_(world_,
               [this](const std::string& text) { noteProblem("table-damaged", options_.table, text); }),
@@ -139,8 +148,9 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
                {[this] { finishPatch(); },
                 [this](const std::function<void()>& change) { guarded("a patch", change); },
                 [this](const json& patch) { record(patch); }}),
-      recorder_(options.record, Kel::System::loopTime()),
+      recorder_(options.record, Kel::System::loopTime(), std::time(nullptr)),
       started_(Kel::System::loopTime()) {
+  loop_.containErrors([this](std::string_view where, std::string_view what) { noteError(where, what); });
   loop_.onSignal(SIGTERM, [this] { loop_.stop(); });
   loop_.onSignal(SIGINT, [this] { loop_.stop(); });
   loop_.onSignal(SIGHUP, [this] { readConfigurationAgain(); });
@@ -150,11 +160,15 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
   openKernel();
   openDatabase();
   if (!options_.metrics.empty()) {
-    metrics_ = std::make_unique<MetricsEndpoint>(options_.metrics);
+    metrics_ = std::make_unique<MetricsEndpoint>(loop_, options_.metrics, [this] {
+      Metrics numbers;
+      guarded("the metrics", [&] { numbers = metrics(); });
+      return numbers;
+    });
   }
   if (world_.hosts->hosts() != 0 && database_ != nullptr) {
-    log("the host table has " + std::to_string(world_.hosts->hosts()) +
-        " hosts of an earlier run; they stay until the controller's state is in");
+    log_.line("the host table has " + std::to_string(world_.hosts->hosts()) +
+              " hosts of an earlier run; they stay until the controller's state is in");
     adoption_ = std::make_unique<Adoption>(world_);
   } else {
     world_.clientIs();
@@ -175,6 +189,7 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments)
 }
 
 Daemon::~Daemon() {
+  metrics_ = nullptr;
   database_ = nullptr;
   server_ = nullptr;
   follower_ = nullptr;
@@ -184,10 +199,11 @@ Daemon::~Daemon() {
 
 void Daemon::run() {
   ::sd_notify(0, "READY=1");
-  log("ready");
+  log_.line("ready");
   loop_.run();
   ::sd_notify(0, "STOPPING=1");
-  log("ends; the forwarding state stays");
+  recorder_.ends();
+  log_.line("ends; the forwarding state stays");
 }
 
 void Daemon::openControl() {
@@ -199,12 +215,13 @@ void Daemon::openControl() {
   hooks.agentSection = [this] { return agentSection(); };
   hooks.problems = [this] { return problems(); };
   service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));
+  service_->refusedWritesAre(&refused_);
   Control::ServerOptions server;
   server.path = options_.socket;
   server.access = accessOf(options_);
-  server.log = [](std::string_view text) { log(std::string(text)); };
+  server.log = [this](std::string_view text) { log_.line(text); };
   server.failed = [this](std::string_view where, std::string_view text) {
-    noteProblem("error", "a request of " + std::string(where), std::string(text));
+    noteError("a request of " + std::string(where), text);
   };
   server_ = std::make_unique<Control::Server>(loop_, *service_, std::move(server));
 }
@@ -269,7 +286,7 @@ void Daemon::openDatabase() {
           databaseWork_ = loop_.addWork([this] { return takeFromDatabase(); });
         }
       },
-      [](const std::string& text) { log(text); });
+      [this](const std::string& text) { log_.line(text); });
   for (const std::string& pointer : Ovsdb::Adapter::ownedPointers()) {
     service_->ownership().claim(pointer, "ovsdb");
   }
@@ -288,12 +305,11 @@ bool Daemon::takeFromDatabase() {
   return true;
 }
 
-// Carries out the next change of the database's patch, if there is one; when none is left it is recorded.
+// Carries out the next change of the database's patch, if there is one.
 void Daemon::stepPatch() {
   guarded("a change of the database", [this] {
     if (patch_ && !patch_->step()) {
       patch_.reset();
-      record(patchText_);
     }
   });
 }
@@ -306,8 +322,11 @@ bool Daemon::nextDatabasePatch() {
   patchText_ = std::move(*next);
   try {
     patch_.emplace(world_, patchText_);
+    record(patchText_);
   } catch (const Refused& refused) {
     noteProblem("refused", refused.pointer(), refused.what());
+  } catch (const std::exception& error) {
+    noteError("a patch of the database", error.what());
   }
   return true;
 }
@@ -333,14 +352,19 @@ void Daemon::tellOfRecording() {
 // An error out of a handler is told, and the agent goes on: collections are consistent, the rest is
 // delivered.
 void Daemon::guarded(const char* what, const std::function<void()>& work) {
-  carryThrough(work, [&](const std::exception& error) {
-    if (dynamic_cast<const Memtab::Full*>(&error) != nullptr) {
-      tableWasFull_ = true;
-      noteProblem("table-full", options_.table, error.what());
-    } else {
-      noteProblem("error", what, error.what());
-    }
-  });
+  carryThrough(work, [&](const std::exception& error) { noteError(what, error.what()); });
+}
+
+void Daemon::noteError(std::string_view where, std::string_view what) {
+  ++errors_;
+  noteProblem("error", std::string(where), std::string(what));
+}
+
+// Whether the client still wants a host in the table that the table has refused.
+bool Daemon::isWanted(const Bridging::MacVlanPair& key) const {
+  const Kel::Ptr<const Vxlan::ReceivedHostTable> received =
+      world_.client ? world_.client->hostTable() : nullptr;
+  return received && received->receivedEntry().contains(key);
 }
 
 void Daemon::noteProblem(const std::string& kind, const std::string& where, const std::string& text) {
@@ -348,7 +372,7 @@ void Daemon::noteProblem(const std::string& kind, const std::string& where, cons
   if (std::find(problems_.begin(), problems_.end(), problem) != problems_.end()) {
     return;
   }
-  log(kind + " in " + where + ": " + text);
+  log_.line(kind + " in " + where + ": " + text);
   problems_.push_back(problem);
   if (problems_.size() > mostProblems) {
     problems_.pop_front();
@@ -405,29 +429,18 @@ void Daemon::cleanAdopted() {
   });
 }
 
-// When all hosts fit into the table that was full, those that were left out of it are written.
-void Daemon::writeLeftOut() {
-  const Kel::Ptr<const Vxlan::ReceivedHostTable> received =
-      world_.client ? world_.client->hostTable() : nullptr;
-  if (!tableWasFull_ || adoption_ != nullptr || !received ||
-      received->receivedEntrys() > world_.hosts->limit()) {
-    return;
-  }
-  tableWasFull_ = false;
-  std::erase_if(problems_, [](const json& problem) { return problem.at("kind") == "table-full"; });
-  // An exporter that is made reconciles what is there, in one piece; the client's own follows the changes.
-  guarded("hosts that were left out",
-          [&] { Vxlan::receivedHostTableToL2RibHostInputSmFactory(received, world_.hosts); });
-}
-
 void Daemon::everySecond() {
+  loop_.after(std::chrono::seconds(1), [this] { everySecond(); });  // first, whatever is thrown below
   repairTable();
-  writeLeftOut();
-  if (metrics_ != nullptr) {
-    metrics_->publish(metrics());
-  }
   ::sd_notify(0, "WATCHDOG=1");
-  loop_.after(std::chrono::seconds(1), [this] { everySecond(); });
+  log_.flush();
+  if (!world_.client) {
+    refused_.clear();
+  }
+  if ((refused_.waiting() != 0) != std::exchange(toldRefused_, refused_.waiting() != 0)) {
+    log_.line(toldRefused_ ? std::string(refused_.kind()) + " in " + options_.table + ": " + refused_.text()
+                           : "every host has its place in the table again");
+  }
 }
 
 void Daemon::readConfigurationAgain() {
@@ -436,19 +449,21 @@ void Daemon::readConfigurationAgain() {
     const std::vector<std::string> now = differences(options_, fresh, Changeable::atRunTime);
     const std::vector<std::string> later = differences(options_, fresh, Changeable::atTheNextStart);
     if (now.empty() && later.empty()) {
-      log("the configuration is as it was");
+      log_.line("the configuration is as it was");
       return;
     }
     takeUp(fresh);
     if (!now.empty()) {
-      log("the configuration has changed, in effect now: " + joined(now));
+      log_.line("the configuration has changed, in effect now: " + joined(now));
     }
     if (!later.empty()) {
-      log("the configuration has changed, in effect at the next start, which keeps the forwarding state: " +
+      log_.line(
+          "the configuration has changed, in effect at the next start, which keeps the forwarding state: " +
           joined(later));
     }
   } catch (const std::exception& error) {
-    log("the configuration cannot be: " + std::string(error.what()) + "; the agent goes on with the old one");
+    log_.line("the configuration cannot be: " + std::string(error.what()) +
+              "; the agent goes on with the old one");
   }
 }
 
@@ -474,17 +489,19 @@ void Daemon::takeUp(const RunOptions& fresh) {
 }
 
 int runDaemon(const RunOptions& options, const std::vector<std::string>& arguments) {
+  Log log(STDERR_FILENO);
+  const TraceTo trace(log);
   if (!options.traceDir.empty()) {
     Vxlan::vccRlDirectoryIs(options.traceDir);
   }
   L2Rib::HostInput::endOnTruncation("vxlan-agent");
   removeTablesOfDeadReplays();
   try {
-    Daemon daemon(options, arguments);
+    Daemon daemon(options, arguments, log);
     daemon.run();
     return 0;
   } catch (const std::exception& error) {
-    log(error.what());
+    log.line(error.what());
     return 2;
   }
 }

@@ -12,8 +12,10 @@
 #include "agent/daemon/Adoption.h"
 #include "agent/daemon/AgentService.h"
 #include "agent/daemon/KernelFollower.h"
+#include "agent/daemon/Log.h"
 #include "agent/daemon/PatchQueue.h"
 #include "agent/daemon/Recorder.h"
+#include "agent/daemon/RefusedWrites.h"
 #include "agent/daemon/RunOptions.h"
 #include "agent/daemon/TableRepair.h"
 #include "agent/loop/EventLoop.h"
@@ -31,8 +33,9 @@ namespace Agent {
 // then what is stale goes, some at a time.
 class Daemon {
  public:
-  // Raises std::exception for what cannot be had: the host table, the socket, the recording.
-  Daemon(const RunOptions& options, std::vector<std::string> arguments);
+  // Raises std::exception for what cannot be had: the host table, the socket, the recording. `log` outlives
+  // this.
+  Daemon(const RunOptions& options, std::vector<std::string> arguments, Log& log);
   ~Daemon();
   Daemon(const Daemon&) = delete;
   Daemon& operator=(const Daemon&) = delete;
@@ -54,12 +57,13 @@ class Daemon {
   void stepPatch();
   void finishPatch();
   void guarded(const char* what, const std::function<void()>& work);
+  void noteError(std::string_view where, std::string_view what);
+  bool isWanted(const Bridging::MacVlanPair& key) const;
   void noteProblem(const std::string& kind, const std::string& where, const std::string& text);
   bool settled() const;
   void settleStart();
   void repairTable();
   void cleanAdopted();
-  void writeLeftOut();
   void runKernel();
   void armKernel();
   void everySecond();
@@ -73,8 +77,10 @@ class Daemon {
 
   RunOptions options_;
   std::vector<std::string> arguments_;
+  Log& log_;
   EventLoop loop_;
   World world_;
+  RefusedWrites refused_;
   std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
   std::unique_ptr<Activity> activity_;
   TableRepair repair_;
@@ -94,8 +100,9 @@ class Daemon {
   EventLoop::WorkId kernelWork_ = EventLoop::WorkId::none;
   EventLoop::TimerId kernelTimer_ = EventLoop::TimerId::none;
   bool kernelSettled_ = false;
-  bool tableWasFull_ = false;  // so that hosts were left out of it
-  std::uint64_t toldOf_ = 0;   // notifications delivered when the listeners were told last
+  bool toldRefused_ = false;  // that hosts wait for a place in the table
+  std::uint64_t errors_ = 0;  // exceptions that were contained
+  std::uint64_t toldOf_ = 0;  // notifications delivered when the listeners were told last
   std::deque<nlohmann::json> problems_;
   double started_;
   bool readyTold_ = false;

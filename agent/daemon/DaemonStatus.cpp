@@ -15,18 +15,20 @@ using nlohmann::json;
 
 json Daemon::agentSection() const {
   const LoopStall& stall = loop_.stall();
-  json section = {
-      {"pid", ::getpid()},
-      {"uptime", Kel::System::loopTime() - started_},
-      {"table",
-       {{"name", options_.table}, {"hosts", world_.hosts->hosts()}, {"limit", world_.hosts->limit()}}},
-      {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
-      {"waitingForController", adoption_ != nullptr},
-      {"outOfService", !world_.client},
-      {"loop",
-       {{"turns", stall.turns},
-        {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
-        {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
+  json section = {{"pid", ::getpid()},
+                  {"uptime", Kel::System::loopTime() - started_},
+                  {"table",
+                   {{"name", options_.table},
+                    {"hosts", world_.hosts->hosts()},
+                    {"limit", world_.hosts->limit()},
+                    {"waiting", refused_.waiting()}}},
+                  {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
+                  {"waitingForController", adoption_ != nullptr},
+                  {"outOfService", !world_.client},
+                  {"loop",
+                   {{"turns", stall.turns},
+                    {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
+                    {"notifications", Kel::ActivityLoop::instance().delivered()}}}};
   if (server_ != nullptr) {
     const Control::ServerStats stats = server_->stats();
     section["control"] = {
@@ -60,6 +62,9 @@ json Daemon::problems() const {
           {{"kind", "kernel"}, {"where", problem.value("what", "")}, {"text", problem.value("why", "")}});
     }
   }
+  if (refused_.waiting() != 0) {
+    all.push_back({{"kind", refused_.kind()}, {"where", options_.table}, {"text", refused_.text()}});
+  }
   for (const json& problem : problems_) {
     all.push_back(problem);
   }
@@ -85,6 +90,13 @@ Metrics Daemon::metrics() const {
   numbers.loop = loop_.stall();
   numbers.tableRecords = world_.hosts->hosts();
   numbers.tableLimit = world_.hosts->limit();
+  numbers.tableWaiting = refused_.waiting();
+  numbers.tableRefused = refused_.refused();
+  numbers.errors = errors_;
+  numbers.logLeftOut = log_.leftOut();
+  if (refused_.waiting() != 0) {
+    numbers.problems[refused_.kind()] = refused_.waiting();
+  }
   if (database_ != nullptr) {
     const Ovsdb::AdapterStatus status = database_->status();
     numbers.sessions["ovsdb"] = {status.session == Ovsdb::SessionState::following, status.reconnects};

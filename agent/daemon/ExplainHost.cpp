@@ -125,8 +125,15 @@ bool tellReceived(Story& story, const World& world, const Bridging::MacVlanPair&
   return true;
 }
 
-bool tellL2Rib(Story& story, const World& world, const Bridging::MacVlanPair& key) {
+bool tellL2Rib(Story& story, const World& world, const Bridging::MacVlanPair& key,
+               const RefusedWrites* refused) {
   const auto host = world.hosts->findHost(key);
+  if (refused != nullptr && refused->waits(key)) {
+    story.end("layer-2 RIB", "the write to the shared-memory table was refused and waits, with " +
+                                 std::to_string(refused->waiting() - 1) +
+                                 " others, to be tried again: " + refused->why());
+    return static_cast<bool>(host);
+  }
   story.step("layer-2 RIB", static_cast<bool>(host),
              host ? "exported, behind " + host->dest.vtepAddr(L2Rib::CiVtepIndex::First).text()
                   : "not in the shared-memory table");
@@ -136,7 +143,7 @@ bool tellL2Rib(Story& story, const World& world, const Bridging::MacVlanPair& ke
 }  // namespace
 
 json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId vlan,
-                 const Ovsdb::Adapter* database, Kernel::Adapter* kernel) {
+                 const Ovsdb::Adapter* database, Kernel::Adapter* kernel, const RefusedWrites* refused) {
   const Bridging::MacVlanPair key{mac, vlan};
   const Mapped mapped = mappingOf(world, vlan);
   Story story;
@@ -153,7 +160,7 @@ json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId 
     tellOwnVtep(story, world, host, mapped);
   }
   const bool received = tellReceived(story, world, key);
-  const bool exported = tellL2Rib(story, world, key);
+  const bool exported = tellL2Rib(story, world, key, refused);
   if (kernel != nullptr) {
     const json account = kernel->explain(vlan.value(), {mac.value()});
     story.step("kernel", kernelTold(account), account);

@@ -66,23 +66,28 @@ bool PatchQueue::slice() {
 
 // A step of the first patch: a piece is checked, or a change made.
 void PatchQueue::advance() {
-  hooks_.begin();
-  Patch& patch = patches_.front();
   bool carriedOut = false;
   try {
-    if (!patch.checked) {
-      check(patch);
-    } else if (!patch.pieces.empty()) {
-      carryOut(patch);
-    } else {
-      carriedOut = true;
-    }
+    hooks_.begin();
+    carriedOut = !step(patches_.front());
   } catch (const std::exception& error) {
     end(&error);
   }
   if (carriedOut) {
     end(nullptr);
   }
+}
+
+// False when the patch is carried out.
+bool PatchQueue::step(Patch& patch) {
+  if (!patch.checked) {
+    check(patch);
+  } else if (!patch.pieces.empty()) {
+    carryOut(patch);
+  } else {
+    return false;
+  }
+  return true;
 }
 
 void PatchQueue::check(Patch& patch) {
@@ -103,6 +108,7 @@ void PatchQueue::check(Patch& patch) {
 void PatchQueue::carryOut(Patch& patch) {
   if (!patch.current) {
     patch.current.emplace(world_, patch.pieces.front());
+    hooks_.record(patch.pieces.front());
   }
   bool more = true;
   do {
@@ -111,7 +117,6 @@ void PatchQueue::carryOut(Patch& patch) {
   if (!more) {
     patch.headIsOut = true;
     patch.current.reset();
-    hooks_.record(patch.pieces.front());
     patch.pieces.pop_front();
     renewMaps(patch);
   }

@@ -15,15 +15,16 @@ namespace Agent {
 
 // Carries out patches one after the other: a small one at once, a large one in pieces, in slices of the
 // loop's bulk work, so that the loop goes on while it is checked and carried out. All pieces are checked
-// before the first is carried out. The first has all but the VNIs and is carried out at once, since others
-// may change meanwhile what it was checked against, and so that no clock fires between the maps of two VTIs.
-// VTIs that map anything map the same VNIs: that is judged on the whole patch, before it is cut.
+// before the first is carried out, and recorded before it is carried out. The first has all but the VNIs and
+// is carried out at once, since others may change meanwhile what it was checked against, and so that no clock
+// fires between the maps of two VTIs. VTIs that map anything map the same VNIs: that is judged on the whole
+// patch, before it is cut. Whatever is thrown on the way ends that patch, with an answer that says so.
 class PatchQueue {
  public:
   struct Hooks {
     std::function<void()> begin;  // before something is checked or changed: nothing else is half done then
     std::function<void(const std::function<void()>& change)> guarded;  // keeps what a change throws
-    std::function<void(const nlohmann::json& patch)> record;           // one that is carried out
+    std::function<void(const nlohmann::json& patch)> record;           // before it is carried out
   };
   // Told why a patch was refused (Refused) or what else stopped it, or null when it was carried out.
   using Done = std::function<void(const std::exception*)>;
@@ -54,6 +55,7 @@ class PatchQueue {
 
   bool slice();
   void advance();
+  bool step(Patch& patch);
   void check(Patch& patch);
   void carryOut(Patch& patch);
   void renewMaps(Patch& patch);

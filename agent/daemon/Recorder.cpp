@@ -1,38 +1,28 @@
 #include "agent/daemon/Recorder.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <system_error>
 
+#include "agent/daemon/Recordings.h"
+
 namespace Agent {
 
-namespace {
-
-// What an earlier run recorded stays, under another name: it may be what led to its end.
-void keepEarlier(const std::string& path) {
-  struct stat there {};
-  if (::stat(path.c_str(), &there) == 0 && S_ISREG(there.st_mode) && there.st_size != 0) {
-    static_cast<void>(std::rename(path.c_str(), (path + ".1").c_str()));
-  }
-}
-
-}  // namespace
-
-Recorder::Recorder(const std::string& path, double now) : last_(now) {
+Recorder::Recorder(const std::string& path, double now, std::int64_t wallClock) : last_(now) {
   if (path.empty()) {
     return;
   }
-  keepEarlier(path);
-  file_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC, 0640);
+  const EarlierRuns earlier = Recordings(path).makeRoom(wallClock);
+  // A new file, so that nothing that somebody puts there meanwhile is followed, waited for or written to.
+  file_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC,
+                 0640);
   if (file_ < 0) {
     throw std::system_error(errno, std::generic_category(), "the recording \"" + path + "\" cannot be made");
   }
-  write("# Inputs of vxlan-agent, recorded; times are seconds since the line before.\n");
+  write(RecordingMarks::head(wallClock, earlier));
 }
 
 Recorder::~Recorder() {
@@ -51,7 +41,13 @@ void Recorder::patch(const nlohmann::json& patch, double now) {
     text = nlohmann::json{{"advance", now - last_}}.dump() + '\n';
     last_ = now;
   }
-  write(text + nlohmann::json{{"patch", patch}}.dump() + '\n');
+  // Text that is no UTF-8 is no reason to lose the line.
+  constexpr auto replace = nlohmann::json::error_handler_t::replace;
+  write(text + nlohmann::json{{"patch", patch}}.dump(-1, ' ', false, replace) + '\n');
+}
+
+void Recorder::ends() {
+  write(RecordingMarks::end());
 }
 
 void Recorder::write(const std::string& text) {
@@ -62,7 +58,7 @@ void Recorder::write(const std::string& text) {
       done += static_cast<std::size_t>(written);
     } else if (errno != EINTR) {
       problem_ = "the recording ends here: " + std::string(std::strerror(errno));
-      // Without the part of a line that was written yet; what is no regular file cannot be cut, and need not.
+      // Without the part of a line that was written yet.
       static_cast<void>(::ftruncate(file_, whole_) == 0);
       ::close(file_);
       file_ = -1;

@@ -3,25 +3,30 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <string>
 
 namespace Agent {
 
-// Writes every change of the inputs as a line of a journal, with the time that passed since the one before.
-// Each line is written whole and at once, so that a kill -9 loses nothing. When the disk is full, or the file
-// cannot be written any more, the recording ends behind the last whole line, and problem() says why.
+// Writes every change of the inputs as a line of a journal, with the time that passed since the one before,
+// before it is carried out, so that the one that ends the agent is in it too. Each line is written whole and
+// at once, so that a kill -9 loses nothing. When the disk is full, or the file cannot be written any more,
+// the recording ends behind the last whole line, and problem() says why.
 class Recorder {
  public:
-  // An empty path records nothing. Raises std::system_error when the file cannot be made. What an earlier run
-  // recorded there is kept as PATH.1, in place of what that was.
-  Recorder(const std::string& path, double now);
+  // An empty path records nothing. `now` is the loop's time and `wallClock` the seconds since 1970.
+  // Recordings of earlier runs are kept beside the new one, see Recordings. Raises std::runtime_error when
+  // the file cannot be made, or when what is there is no regular file.
+  Recorder(const std::string& path, double now, std::int64_t wallClock);
   ~Recorder();
   Recorder(const Recorder&) = delete;
   Recorder& operator=(const Recorder&) = delete;
 
-  // Records a patch that was carried out at this time (seconds).
+  // Records a patch that is about to be carried out at this time (seconds).
   void patch(const nlohmann::json& patch, double now);
+  // Says that the agent ends because it was told to.
+  void ends();
   // Why the recording ended early; empty while it goes on.
   const std::string& problem() const { return problem_; }
 

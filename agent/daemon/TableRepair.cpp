@@ -18,6 +18,9 @@ void TableRepair::look(bool settled) {
     // An exporter that is made writes all that is missing, in one piece; the client's own follows the
     // changes.
     Vxlan::receivedHostTableToL2RibHostInputSmFactory(world_.client->hostTable(), world_.hosts);
+    if (hosts.hosts() < world_.client->hostTable()->receivedEntrys()) {
+      return;  // the new one has refused some, which wait; readers keep what they have until it takes them
+    }
   }
   hosts.takePlace();
   told_.clear();

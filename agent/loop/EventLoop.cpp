@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cmath>
 #include <csignal>
+#include <exception>
 #include <system_error>
 
 #include "agent/loop/Fatal.h"
@@ -69,12 +70,17 @@ void EventLoop::watch(int fd, std::uint32_t events, FdHandler handler) {
     raise("watch a descriptor");
   }
   ids_[fd] = id;
-  watches_[id] = std::make_shared<Watch>(Watch{fd, std::move(handler)});
+  watches_[id] = std::make_shared<Watch>(Watch{fd, std::move(handler), events});
 }
 
 void EventLoop::change(int fd, std::uint32_t events) {
   const auto found = ids_.find(fd);
   require(found != ids_.end(), "only a watched descriptor's events can change");
+  Watch& watch = *watches_.at(found->second);
+  watch.events = events;
+  if (watch.resting) {
+    return;
+  }
   epoll_event event{};
   event.events = events;
   event.data.u64 = found->second;
@@ -124,7 +130,8 @@ bool EventLoop::dropWork(WorkId id) {
     running_ = WorkId::none;
     return true;
   }
-  return std::erase_if(works_, [id](const Work& work) { return work.id == id; }) != 0;
+  return std::erase_if(works_, [id](const Work& work) { return work.id == id; }) != 0 ||
+         resting_.erase(id) != 0;
 }
 
 bool EventLoop::budgetLeft() const {
@@ -183,9 +190,71 @@ void EventLoop::readSignals() {
     const auto found = signalHandlers_.find(static_cast<int>(info.ssi_signo));
     if (found != signalHandlers_.end()) {
       const std::shared_ptr<Handler> call = found->second;
-      (*call)();
+      contained("a signal", [&] { (*call)(); });
     }
   }
+}
+
+// Calls a callback; false when it threw and that was contained.
+template <typename Call>
+bool EventLoop::contained(const char* where, const Call& call) {
+  if (!onError_) {
+    call();
+    return true;
+  }
+  try {
+    call();
+    return true;
+  } catch (const std::exception& error) {
+    tell(where, error.what());
+  } catch (...) {
+    tell(where, "an exception of an unknown type");
+  }
+  return false;
+}
+
+void EventLoop::tell(const char* where, const char* what) noexcept {
+  ++errors_;
+  try {
+    onError_(where, what);
+  } catch (...) {  // NOLINT(bugprone-empty-catch): who cannot take an error can take no other either
+  }
+}
+
+// Takes a descriptor whose handler threw out of the poll for a moment; it would be ready again at once.
+void EventLoop::rest(std::uint64_t watchId) {
+  const auto found = watches_.find(watchId);
+  if (found == watches_.end()) {
+    return;
+  }
+  found->second->resting = true;
+  epoll_ctl(epoll_, EPOLL_CTL_DEL, found->second->fd, nullptr);
+  after(restAfterError, [this, watchId] { wake(watchId); });
+}
+
+void EventLoop::wake(std::uint64_t watchId) {
+  const auto found = watches_.find(watchId);
+  if (found == watches_.end()) {
+    return;
+  }
+  Watch& watch = *found->second;
+  watch.resting = false;
+  epoll_event event{};
+  event.events = watch.events;
+  event.data.u64 = watchId;
+  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, watch.fd, &event) < 0) {
+    raise("watch a descriptor again");
+  }
+}
+
+void EventLoop::rest(Work work) {
+  const WorkId id = work.id;
+  resting_.emplace(id, std::move(work));
+  after(restAfterError, [this, id] {
+    if (auto rested = resting_.extract(id); !rested.empty()) {
+      works_.push_back(std::move(rested.mapped()));
+    }
+  });
 }
 
 void EventLoop::run() {
@@ -219,7 +288,9 @@ void EventLoop::runOnce(nanoseconds timeout) {
     const std::uint64_t id = event.data.u64;  // out of the packed event, before anything refers to it
     if (const auto found = watches_.find(id); found != watches_.end()) {
       const std::shared_ptr<Watch> watch = found->second;  // lives through its own forget()
-      watch->handler(event.events);
+      if (!contained("a descriptor", [&] { watch->handler(event.events); })) {
+        rest(id);
+      }
     }
   }
   fireTimers(turn.began, lastArmed);
@@ -258,7 +329,7 @@ void EventLoop::fireTimers(Clock::time_point now, std::uint64_t lastArmed) {
     const Handler handler = std::move(first->second);
     timers_.erase(first);
     due_.erase(id);
-    handler();
+    contained("a timer", [&] { handler(); });
   }
 }
 
@@ -268,7 +339,8 @@ void EventLoop::turnEmbedded() {
   const std::size_t count = embedded_.size();  // a loop embedded meanwhile begins with the next turn
   for (std::size_t i = 0; i < count; ++i) {
     if (embedded_[i] != nullptr) {
-      due = embedded_[i]->turn() || due;
+      Embedded& loop = *embedded_[i];
+      contained("an embedded loop", [&] { due = loop.turn() || due; });
     }
   }
   embeddedDue_ = due || embedded_.size() > count;
@@ -297,8 +369,14 @@ void EventLoop::runOneSlice() {
       loop.running_ = WorkId::none;
     }
   } slicing{*this};
-  const bool more = work.slice();
-  if (more && running_ != WorkId::none) {
+  bool more = false;
+  const bool well = contained("bulk work", [&] { more = work.slice(); });
+  if (running_ == WorkId::none) {
+    return;
+  }
+  if (!well) {
+    rest(std::move(work));
+  } else if (more) {
     works_.push_back(std::move(work));
   }
 }
@@ -307,7 +385,7 @@ void EventLoop::runHooks() {
   const std::size_t count = hooks_.size();  // a hook added by a hook begins with the next turn
   for (std::size_t i = 0; i < count; ++i) {
     if (const std::shared_ptr<Handler> call = hooks_[i].call) {
-      (*call)();
+      contained("a turn hook", [&] { (*call)(); });
     }
   }
   std::erase_if(hooks_, [](const Hook& hook) { return !hook.call; });

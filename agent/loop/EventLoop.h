@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -56,7 +57,10 @@ struct LoopStall {
 // before does not see events of the old one.
 //
 // An exception that a callback throws leaves through run() or runOnce(); the loop stays whole, and what was
-// not yet called is called when it is run again. Work whose slice throws is dropped.
+// not yet called is called when it is run again. Work whose slice throws is dropped. After containErrors() no
+// exception of a callback leaves: it is counted and told, the rest of the turn goes on, and a descriptor or
+// a work that threw rests for a moment and is called again then, so that an error that stays does not keep
+// the loop from all else.
 //
 // Time is monotonic. The loop belongs to one thread: no operation may be called from another.
 class EventLoop {
@@ -66,6 +70,8 @@ class EventLoop {
   using Handler = std::function<void()>;
   using FdHandler = std::function<void(std::uint32_t events)>;
   using Slice = std::function<bool()>;
+  // Takes what a callback threw: what it was called for, such as "a timer", and the text.
+  using ErrorHandler = std::function<void(std::string_view where, std::string_view what)>;
   enum class TimerId : std::uint64_t { none = 0 };
   enum class WorkId : std::uint64_t { none = 0 };
   enum class HookId : std::uint64_t { none = 0 };
@@ -115,7 +121,7 @@ class EventLoop {
   std::chrono::nanoseconds workBudget() const { return workBudget_; }
   // Whether the work budget of this turn is not yet used up. False outside a slice.
   bool budgetLeft() const;
-  std::size_t works() const { return works_.size() + (sliceRuns_ ? 1 : 0); }
+  std::size_t works() const { return works_.size() + resting_.size() + (sliceRuns_ ? 1 : 0); }
 
   // Runs a turn of `loop` in each turn, until it is removed. It must outlive its stay here.
   void embed(Embedded& loop);
@@ -128,6 +134,14 @@ class EventLoop {
   // signal is blocked in the calling thread and in threads it starts later, so this comes before other
   // threads. Raises std::system_error.
   void onSignal(int signal, Handler handler);
+
+  // From now on no exception of a callback leaves the loop; `handler` is told of each. What the handler
+  // itself throws is dropped.
+  void containErrors(ErrorHandler handler) { onError_ = std::move(handler); }
+  // How many exceptions of callbacks were contained.
+  std::uint64_t errors() const { return errors_; }
+  // How long a descriptor or a work that threw is not called.
+  static constexpr std::chrono::milliseconds restAfterError{100};
 
   // Turns until stop(). Returns at once if the loop has been stopped before.
   void run();
@@ -144,6 +158,8 @@ class EventLoop {
   struct Watch {
     int fd;
     FdHandler handler;
+    std::uint32_t events;
+    bool resting = false;  // its handler threw, and it is not polled for a moment
   };
   struct Work {
     WorkId id;
@@ -162,6 +178,12 @@ class EventLoop {
   void runOneSlice();
   void runHooks();
   void readSignals();
+  template <typename Call>
+  bool contained(const char* where, const Call& call);
+  void tell(const char* where, const char* what) noexcept;
+  void rest(std::uint64_t watchId);
+  void wake(std::uint64_t watchId);
+  void rest(Work work);
 
   TimeSource now_;
   int epoll_ = -1;
@@ -178,7 +200,8 @@ class EventLoop {
   std::map<TimerKey, Handler> timers_;
   std::unordered_map<TimerId, Clock::time_point> due_;  // of the armed timers
 
-  std::deque<Work> works_;  // front runs next
+  std::deque<Work> works_;          // front runs next
+  std::map<WorkId, Work> resting_;  // whose slice threw
   bool sliceRuns_ = false;
   WorkId running_ = WorkId::none;  // none: dropped by its own slice
   std::chrono::nanoseconds workBudget_ = std::chrono::milliseconds{5};
@@ -188,6 +211,8 @@ class EventLoop {
   bool embeddedDue_ = false;
   std::vector<Hook> hooks_;
   std::map<int, std::shared_ptr<Handler>> signalHandlers_;
+  ErrorHandler onError_;
+  std::uint64_t errors_ = 0;
 };
 
 }  // namespace Agent

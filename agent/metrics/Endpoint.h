@@ -1,37 +1,68 @@
 #pragma once
 
-#include <memory>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <map>
 #include <string>
 
+#include "agent/loop/EventLoop.h"
 #include "agent/metrics/Metrics.h"
-
-namespace prometheus {
-class Exposer;
-}
 
 namespace Agent {
 
-// The page that Prometheus scrapes, at http://ADDRESS/metrics. It is served by threads of its own, which see
-// nothing but the numbers that the loop's thread publishes: never the state itself.
+// The page that Prometheus scrapes, at http://ADDRESS/metrics, served from the agent's own loop: one request,
+// one answer, and the connection is closed. A client has a bounded time for all of it, and a request a
+// bounded size; where more come than there are places, the one that has been there longest goes, so that
+// those who only hold a connection keep nobody out.
 class MetricsEndpoint {
  public:
-  // Listens at `address`, "HOST:PORT" or "PORT" (of all interfaces); port 0 takes any. Its threads inherit
-  // the signal mask, so signals are blocked before. Raises std::runtime_error, with the address, when it
-  // cannot be had.
-  explicit MetricsEndpoint(const std::string& address);
+  // What a client may take.
+  struct Limits {
+    std::size_t clients = 16;
+    std::size_t request = 8'192;                              // bytes, of a request's head
+    std::chrono::nanoseconds time = std::chrono::seconds(5);  // from the connection to the end of the answer
+  };
+
+  // Listens at `address`, "HOST:PORT" or "PORT" (of all interfaces); port 0 takes any. `numbers` gives the
+  // numbers of the moment, for each answer. `loop` outlives this. Raises std::runtime_error, with the
+  // address, when it cannot be had.
+  MetricsEndpoint(EventLoop& loop, const std::string& address, std::function<Metrics()> numbers)
+      : MetricsEndpoint(loop, address, std::move(numbers), Limits()) {}
+  MetricsEndpoint(EventLoop& loop, const std::string& address, std::function<Metrics()> numbers,
+                  const Limits& limits);
   ~MetricsEndpoint();
   MetricsEndpoint(const MetricsEndpoint&) = delete;
   MetricsEndpoint& operator=(const MetricsEndpoint&) = delete;
 
-  // What is served from now on; called as often as the numbers shall be fresh.
-  void publish(Metrics metrics);
   int port() const;
+  std::size_t clients() const { return clients_.size(); }
 
  private:
-  class Page;
+  struct Client {
+    int fd;
+    std::string request{};
+    std::string answer{};
+    std::size_t sent = 0;
+    EventLoop::TimerId end = EventLoop::TimerId::none;
+  };
+  using ClientId = std::uint64_t;
 
-  std::shared_ptr<Page> page_;
-  std::unique_ptr<prometheus::Exposer> exposer_;
+  void accept();
+  void admit(int fd);
+  void onReady(ClientId id);
+  bool read(Client& client) const;
+  bool write(Client& client);
+  std::string answer(const std::string& request) const;
+  void drop(ClientId id);
+
+  EventLoop& loop_;
+  std::function<Metrics()> numbers_;
+  Limits limits_;
+  int listener_;
+  ClientId lastClient_ = 0;
+  std::map<ClientId, Client> clients_;  // the oldest first
+  EventLoop::TimerId resting_ = EventLoop::TimerId::none;
 };
 
 }  // namespace Agent

@@ -35,6 +35,11 @@ struct Metrics {
 
   std::uint64_t tableRecords = 0;  // in the shared-memory table
   std::uint64_t tableLimit = 0;    // that it may hold at most
+  std::uint64_t tableWaiting = 0;  // hosts that it has refused and that wait to be tried again
+  std::uint64_t tableRefused = 0;  // counter: writes that it refused, tries included
+
+  std::uint64_t errors = 0;      // counter: exceptions that the agent contained
+  std::uint64_t logLeftOut = 0;  // counter: lines of the log that were left out
 
   std::uint64_t controlClients = 0;
   std::uint64_t controlRequests = 0;  // counter

@@ -81,6 +81,14 @@ void renderNetwork(Sheet& sheet, const Metrics& metrics) {
   sheet.gauge("table_limit", "Records that the shared-memory table may hold", metrics.tableLimit);
 }
 
+void renderTrouble(Sheet& sheet, const Metrics& metrics) {
+  sheet.gauge("table_waiting", "Hosts that the shared-memory table refused and that wait to be tried again",
+              metrics.tableWaiting);
+  sheet.counter("table_refused_total", "Writes that the shared-memory table refused", metrics.tableRefused);
+  sheet.counter("errors_total", "Errors of the agent that were contained", metrics.errors);
+  sheet.counter("log_left_out_total", "Lines of the log that were left out", metrics.logLeftOut);
+}
+
 void renderWork(Sheet& sheet, const Metrics& metrics) {
   sheet.counter("slices_total", "Slices that long work was cut into", metrics.slices);
   sheet.gauge("slice_longest_seconds", "The longest slice", metrics.longestSliceSeconds);
@@ -109,6 +117,7 @@ void renderPeers(Sheet& sheet, const Metrics& metrics) {
 std::vector<MetricFamily> render(const Metrics& metrics) {
   Sheet sheet;
   renderNetwork(sheet, metrics);
+  renderTrouble(sheet, metrics);
   renderWork(sheet, metrics);
   renderPeers(sheet, metrics);
   return sheet.take();

@@ -67,6 +67,7 @@ class Replay {
   void patch(const nlohmann::json& patch);
   void advance(double seconds);
   void runTurns(std::uint64_t turns);
+  void runUntilIdle();
   void expect(const nlohmann::json& expected);
   void dump(const nlohmann::json& what);
   void showProgress();
@@ -76,6 +77,7 @@ class Replay {
   bool keepGoing_;
   std::string table_;
   Kel::SimulatedTime time_;
+  double tickPerRead_ = 0;
   std::unique_ptr<World> world_;
   std::unique_ptr<OutputDocument> output_;
   ReplayResult result_;

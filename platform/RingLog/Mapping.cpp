@@ -9,6 +9,8 @@
 #include <system_error>
 #include <utility>
 
+#include "RingLog/Earlier.h"
+
 namespace RingLog::detail {
 
 namespace {
@@ -17,12 +19,16 @@ namespace {
   throw std::system_error(error, std::generic_category(), "RingLog: " + what);
 }
 
-// A file descriptor, closed at the end of its scope: the mapping does not need it.
+// A file descriptor, closed at the end of its scope unless it is taken.
 struct Descriptor {
   explicit Descriptor(int number) : fd(number) {}
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
-  ~Descriptor() { ::close(fd); }
+  ~Descriptor() {
+    if (fd >= 0) {
+      ::close(fd);
+    }
+  }
   int fd;
 };
 
@@ -55,12 +61,14 @@ Mapping Mapping::memory(std::size_t size) {
 
 Mapping Mapping::file(const std::string& path, std::size_t size) {
   const std::string temporary = path + "." + std::to_string(::getpid()) + ".new";
-  const Descriptor file(create(temporary));
+  Descriptor file(create(temporary));
+  markLiving(file.fd);
   try {
     if (const int error = ::posix_fallocate(file.fd, 0, static_cast<off_t>(size)); error != 0) {
       fail(error, "cannot allocate " + std::to_string(size) + " bytes for " + temporary);
     }
     Mapping mapping(map(file.fd, MAP_SHARED, size, temporary), size);
+    mapping.fd_ = std::exchange(file.fd, -1);
     mapping.path_ = path;
     mapping.temporary_ = temporary;
     return mapping;
@@ -73,12 +81,16 @@ Mapping Mapping::file(const std::string& path, std::size_t size) {
 Mapping::Mapping(Mapping&& other) noexcept
     : data_(std::exchange(other.data_, nullptr)),
       size_(other.size_),
+      fd_(std::exchange(other.fd_, -1)),
       path_(std::move(other.path_)),
       temporary_(std::exchange(other.temporary_, {})) {}
 
 Mapping::~Mapping() {
   if (data_ != nullptr) {
     ::munmap(data_, size_);
+  }
+  if (fd_ >= 0) {
+    ::close(fd_);
   }
   if (!temporary_.empty()) {
     ::unlink(temporary_.c_str());
@@ -89,10 +101,7 @@ void Mapping::publish() {
   if (temporary_.empty()) {
     return;
   }
-  const std::string previous = path_ + ".1";
-  if (std::rename(path_.c_str(), previous.c_str()) != 0 && errno != ENOENT) {
-    fail(errno, "cannot keep " + path_ + " as " + previous);
-  }
+  keepEarlier(path_);
   if (std::rename(temporary_.c_str(), path_.c_str()) != 0) {
     fail(errno, "cannot rename " + temporary_ + " to " + path_);
   }

@@ -20,9 +20,8 @@ class Mapping {
   Mapping& operator=(Mapping&&) = delete;
   ~Mapping();  // unmaps; a file that was never published is removed
 
-  // Gives the file its name. A file that has the name is renamed to path + ".1" first, over an older one
-  // there; a process that still writes to it goes on undisturbed. Nothing to do for memory.
-  // Raises std::system_error.
+  // Gives the file its name. A file that has the name is kept under another one first, see keepEarlier(); a
+  // process that still writes to it goes on undisturbed. Nothing to do for memory. Raises std::system_error.
   void publish();
 
   std::byte* data() const { return data_; }
@@ -33,6 +32,7 @@ class Mapping {
 
   std::byte* data_;
   std::size_t size_;
+  int fd_ = -1;  // open while the file is written to, see markLiving()
   std::string path_;
   std::string temporary_;  // empty once published
 };

@@ -1,10 +1,15 @@
 // Where a trace goes.
 
+#include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <csignal>
 #include <fstream>
 
+#include "RingLog/Earlier.h"
 #include "Scenario.h"
 
 using testing::ElementsAre;
@@ -75,15 +80,87 @@ TEST(TraceFile, TellsWhoWroteIt) {
   EXPECT_EQ(info.program, processName());
 }
 
-TEST(TraceFile, KeepsTheOneOfTheRunBefore) {
-  const Directory directory;
-  for (const unsigned run : {1U, 2U, 3U}) {
+// A run that records its number: it ends in good order, or is killed.
+void runToItsEnd(const Directory& directory, unsigned run) {
+  const auto log = openIn(directory);
+  RINGLOG(*log, 8, "run ", run);
+}
+void runAndDie(const Directory& directory, unsigned run) {
+  const pid_t child = fork();
+  if (child == 0) {
     const auto log = openIn(directory);
     RINGLOG(*log, 8, "run ", run);
+    ::kill(getpid(), SIGKILL);
   }
-  EXPECT_THAT(directory.files(), UnorderedElementsAre("Test.rl", "Test.rl.1"));
-  EXPECT_THAT(messages(RingLog::Trace::read(directory.file("Test.rl"))), ElementsAre("run 3"));
-  EXPECT_THAT(messages(RingLog::Trace::read(directory.file("Test.rl.1"))), ElementsAre("run 2"));
+  waitpid(child, nullptr, 0);
+}
+std::string runIn(const std::string& file) {
+  return messages(RingLog::Trace::read(file)).at(0);
+}
+
+TEST(TraceFile, KeepsThoseOfTheLastThreeRuns) {
+  const Directory directory;
+  for (const unsigned run : {1U, 2U, 3U, 4U, 5U, 6U}) {
+    runToItsEnd(directory, run);
+  }
+  EXPECT_THAT(directory.files(), UnorderedElementsAre("Test.rl", "Test.rl.1", "Test.rl.2", "Test.rl.3"));
+  EXPECT_EQ(runIn(directory.file("Test.rl")), "run 6");
+  EXPECT_EQ(runIn(directory.file("Test.rl.1")), "run 5");
+  EXPECT_EQ(runIn(directory.file("Test.rl.3")), "run 3");
+}
+
+TEST(TraceFile, KeepsTheLatestCrashHoweverManyRunsCameAfterIt) {
+  const Directory directory;
+  runAndDie(directory, 1);
+  runAndDie(directory, 2);
+  for (unsigned run = 3; run < 20; ++run) {
+    runToItsEnd(directory, run);
+  }
+  EXPECT_THAT(directory.files(),
+              UnorderedElementsAre("Test.rl", "Test.rl.1", "Test.rl.2", "Test.rl.3", "Test.rl.4"));
+  EXPECT_EQ(runIn(directory.file("Test.rl.4")), "run 2");
+}
+
+TEST(TraceFile, OfALivingProcessStays) {
+  const Directory directory;
+  const auto log = openIn(directory);
+  RINGLOG(*log, 8, "run ", 0);
+  for (unsigned run = 1; run < 10; ++run) {
+    runToItsEnd(directory, run);
+  }
+  EXPECT_EQ(runIn(directory.file("Test.rl.4")), "run 0") << "behind the three last that have ended";
+  EXPECT_THAT(directory.files(), testing::SizeIs(5));
+}
+
+TEST(TraceFile, RemovesWhatOthersLeftUnfinished) {
+  const Directory directory;
+  const auto make = [&](const std::string& name, bool old) {
+    std::ofstream(directory.file(name)) << "unfinished";
+    if (old) {
+      std::filesystem::last_write_time(directory.file(name),
+                                       std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+    }
+  };
+  make("Test.rl.123.new", true);
+  make("Test.rl.124.new", false);
+  make("Test.rl.x.new", true);
+  make("Other.rl.123.new", true);
+  const auto log = openIn(directory);
+  EXPECT_THAT(directory.files(),
+              UnorderedElementsAre("Test.rl", "Test.rl.124.new", "Test.rl.x.new", "Other.rl.123.new"))
+      << "what may still be made, and what is no trace, stays";
+}
+
+TEST(TraceFile, LeavesAloneWhatAnotherProcessIsMaking) {
+  const Directory directory;
+  const std::string name = directory.file("Test.rl.123.new");
+  const int making = ::open(name.c_str(), O_CREAT | O_RDWR | O_CLOEXEC, 0600);
+  RingLog::detail::markLiving(making);
+  std::filesystem::last_write_time(name,
+                                   std::filesystem::file_time_type::clock::now() - std::chrono::hours(1));
+  const auto log = openIn(directory);
+  EXPECT_THAT(directory.files(), UnorderedElementsAre("Test.rl", "Test.rl.123.new"));
+  ::close(making);
 }
 
 TEST(TraceFile, GoesOnForALogThatAnotherHasReplaced) {

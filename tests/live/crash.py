@@ -1,5 +1,7 @@
 """The agent is killed, and started again over the table that it left."""
 
+import json
+import os
 import random
 
 from database import Published, Server, behind, mac, published
@@ -109,3 +111,41 @@ def scenario_hosts_of_an_earlier_run_stay_until_the_state_is_in(rig):
     until("the table is what the database publishes", lambda: reader.vteps() == published(database.session()))
     check(reader.gone == {(10, address) for address in MACS[:20]}, "what was withdrawn has gone, and nothing else")
     reader.never_missed({(10, address) for address in MACS[20:]})
+
+
+def scenario_the_recordings_of_a_crash_loop(rig):
+    """The first end of the loop stays to be looked at, with the last three."""
+    agent = Agent(rig, "--record", rig.path("journal"))
+    for run in range(7):
+        agent.start()
+        check(agent.ask({"patch": {"mlag": {"mlagState": run + 1}}}) == {"ok": True}, "the agent takes a patch")
+        agent.kill()
+    agent.start()
+
+    def recorded(name):
+        lines = [line for line in rig.text(name).splitlines() if not line.startswith("#") and "patch" in line]
+        return [json.loads(line)["patch"]["mlag"]["mlagState"] for line in lines]
+    kept = {name: recorded(name) for name in sorted(os.listdir(rig.folder)) if name.startswith("journal.")}
+    check(kept == {"journal.1": [7], "journal.2": [6], "journal.3": [5], "journal.first": [1]}, lambda: f"{kept}")
+    agent.stop()
+    check(rig.text("journal").splitlines()[-1].startswith('# {"ended"'), "an end as told is in the recording")
+
+
+def scenario_the_traces_of_agents_that_are_gone(rig):
+    """The last three stay and the latest crash; that of a living agent stays whatever is started beside it."""
+    folder = rig.path("traces")
+    os.mkdir(folder)
+    agent = Agent(rig, "--trace-dir", folder)
+    for _ in range(6):
+        agent.start()
+        agent.kill()
+    agent.start()
+    name = os.path.join(folder, "UbeVxlanControllerSm.rl")
+    living = os.stat(name).st_ino
+    for _ in range(8):
+        rig.run([rig.programs["agent"], "replay", "-"], input="{}\n", env={**os.environ, "RINGLOG_DIR": folder})
+    there = {os.stat(os.path.join(folder, file)).st_ino for file in os.listdir(folder)}
+    check(living in there, "the agent's own is there")
+    check(len(there) <= 6, lambda: f"and few others: {sorted(os.listdir(folder))}")
+    check(not [file for file in os.listdir(folder) if file.endswith(".new")], "and none that was not finished")
+    agent.stop()

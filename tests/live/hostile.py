@@ -1,13 +1,15 @@
 """What the world does to an agent: peers that are no database, clients that do not read, disks that are full. Each gives a
 clear message, and the agent goes on answering."""
 
+import fcntl
 import json
 import os
+import signal
 import socket
 import subprocess
 
 from database import SCHEMA, Published, Server, behind, free_ports, mac, tools
-from rig import Agent, Lines, check, until
+from rig import Agent, Lines, end_with_parent, check, until
 
 OTHER_NAME = {"name": "pets", "version": "1.0.0", "tables": {"Cat": {"columns": {"name": {"type": "string"}}}}}
 
@@ -144,15 +146,16 @@ def scenario_a_table_that_is_full(rig):
     until("nothing is wrong any more", lambda: "table-full" not in agent.problems())
 
 
-def scenario_a_recording_at_dev_full(rig):
-    """The recording ends, with a message; what it was recording goes on."""
-    database = Server(rig).start()
-    controller = Published(database.session())
-    agent = Agent(rig, "--record", "/dev/full").follows(database.remote).start()
-    goes_on(agent, "the recording ends here", "/dev/full", "No space left on device")
-    check(agent.log().count("No space left on device") == 1, "said once")
-    controller.hosts(10, {mac(1): "10.0.0.2"})
-    until("the host is there", lambda: agent.get(f"/output/l2Rib/hosts/10/{mac(1)}"))
+def scenario_a_recording_that_is_no_file(rig):
+    """A FIFO without a reader, a device, a link: the agent does not start, and does not hang."""
+    os.mkfifo(rig.path("fifo"), 0o600)
+    os.symlink(rig.path("elsewhere"), rig.path("link"))
+    for path in (rig.path("fifo"), rig.path("link"), "/dev/full"):
+        agent = Agent(rig, "--record", path)
+        agent.begin()
+        check(agent.process.wait(60) == 2, "the agent does not start")
+        check(path in agent.log() and "not a regular file" in agent.log(), agent.log())
+    check(not os.path.exists(rig.path("elsewhere")), "and follows no link")
 
 
 def scenario_a_disk_that_becomes_full(rig):
@@ -189,7 +192,96 @@ def scenario_a_second_agent_by_mistake(rig):
     check("mlagState" in recorded and rig.text("journal") == recorded, "the recording is as it was")
     first.stop()
     first.start()
-    check(rig.text("journal.1") == recorded, "and kept by the next run")
+    check(rig.text("journal.1").startswith(recorded), "and kept by the next run")
+
+
+def scenario_memory_that_is_full_for_a_moment(rig):
+    """The hosts that the table refused are in it as soon as there is memory again, and are told of until then."""
+    disk = rig.disk("memory", "6m")
+    database = Server(rig).start()
+    controller = Published(database.session())
+    agent = Agent(rig, "--table-limit", "40000").follows(database.remote)
+    agent.options[agent.options.index("--table") + 1] = os.path.join(disk, "table")
+    agent.start()
+    filler = os.path.join(disk, "filler")
+    try:
+        with open(filler, "wb", buffering=0) as file:
+            while True:
+                file.write(bytes(4096))
+    except OSError:
+        pass
+    hosts = [mac(number) for number in range(20_000)]
+    for first in range(0, len(hosts), 2000):
+        controller.hosts(10, behind(hosts[first:first + 2000], ["10.0.0.2"]))
+    until("the agent has read all rows", lambda: agent.database()["rows"]["Ucast_Macs_Remote"] == len(hosts))
+    until("hosts wait", lambda: agent.get("/agent/table/waiting", 0) + agent.get("/agent/table/hosts") == len(hosts))
+    goes_on(agent, "table-memory", "hosts wait for a place in the table", "No space left on device")
+    there = agent.get("/output/l2Rib/hosts/10", {})
+    absent = next(address for address in hosts if address not in there)
+    told = agent.ask({"call": "explain", "params": {"mac": absent, "vlan": 10}})["value"]
+    check("refused and waits" in told["verdict"] and not told["published"], lambda: f"explain says so: {told['verdict']}")
+    os.unlink(filler)
+    until("all hosts are in the table", lambda: agent.get("/agent/table/hosts") == len(hosts))
+    check("table-memory" not in agent.problems(), "and nothing is wrong any more")
+
+
+def _with_stderr(rig, agent, writer):
+    """Starts an agent that says what it says to a descriptor."""
+    agent.process = subprocess.Popen([rig.programs["agent"], "run", *agent.options], stdin=subprocess.DEVNULL,
+                                     stdout=subprocess.DEVNULL, stderr=writer, preexec_fn=end_with_parent)
+    rig.processes.append(agent.process)
+    os.close(writer)
+    until("the agent answers", agent.answers)
+
+
+def _says_much(agent, lines):
+    for _ in range(lines):
+        agent.process.send_signal(signal.SIGHUP)
+        check(agent.ask({"get": "/agent/pid"}) == {"value": agent.process.pid}, "the agent answers")
+
+
+def scenario_nobody_reads_what_the_agent_says(rig):
+    """A pipe that is full holds up nothing, and what does not fit is counted."""
+    agent = Agent(rig)
+    reader, writer = os.pipe()
+    fcntl.fcntl(writer, fcntl.F_SETPIPE_SZ, 4096)
+    _with_stderr(rig, agent, writer)
+    _says_much(agent, 3000)
+    with os.fdopen(reader, "rb", buffering=0) as log:
+        said = b""
+        while b"lines were left out here" not in said:
+            some = log.read(65536)
+            check(some, "the agent is there")
+            said += some
+            agent.process.send_signal(signal.SIGHUP)
+    agent.stop()
+
+
+def scenario_the_reader_of_what_the_agent_says_has_gone(rig):
+    agent = Agent(rig)
+    reader, writer = os.pipe()
+    _with_stderr(rig, agent, writer)
+    os.close(reader)
+    _says_much(agent, 20)
+    agent.stop()
+
+
+def scenario_a_request_for_metrics_that_never_ends(rig):
+    """Nobody else waits, and the agent's end does not either."""
+    port = free_ports(1)[0]
+    agent = Agent(rig, "--metrics", f"127.0.0.1:{port}").start()
+    halves = []
+    for _ in range(40):
+        half = socket.create_connection(("127.0.0.1", port), timeout=60)
+        half.sendall(b"GET /metrics HT")
+        halves.append(half)
+    with socket.create_connection(("127.0.0.1", port), timeout=60) as client:
+        client.sendall(b"GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n")
+        page = b"".join(iter(lambda: client.recv(65536), b""))
+    check(page.startswith(b"HTTP/1.1 200 OK") and b"\nvxlan_agent_hosts 0\n" in page, lambda: f"the page is served: {page[:200]}")
+    agent.stop()
+    for half in halves:
+        half.close()
 
 
 def _memory(agent):

@@ -50,7 +50,8 @@ def until(what, condition, patience=PATIENCE):
         time.sleep(0.01)
 
 
-def _end_with_parent():
+def end_with_parent():
+    """What a child process does first: it ends with this one."""
     ctypes.CDLL(None).prctl(1, signal.SIGKILL)  # PR_SET_PDEATHSIG
 
 
@@ -80,7 +81,7 @@ class Rig:
         with open(self.path(name + ".log"), "ab") as log:
             more.setdefault("stdout", log)
             more.setdefault("stdin", subprocess.DEVNULL)
-            process = subprocess.Popen(command, stderr=log, preexec_fn=_end_with_parent, **more)
+            process = subprocess.Popen(command, stderr=log, preexec_fn=end_with_parent, **more)
         self.processes.append(process)
         return process
 

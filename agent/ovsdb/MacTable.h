@@ -25,6 +25,7 @@ struct MacKey {
   Mac mac = 0;
   friend bool operator==(const MacKey&, const MacKey&) = default;
 };
+// Slots are small numbers and MACs fill the low 48 bits.
 struct MacKeyHash {
   std::size_t operator()(const MacKey& key) const noexcept {
     return (std::uint64_t{key.logicalSwitch} << 48 ^ key.logicalSwitch) * 0x9e3779b97f4a7c15ULL ^ key.mac;

@@ -214,7 +214,6 @@ void Mapper::withdrawWhatLostHosts() {
     row.lostHosts = false;
     if (row.published) {
       publisher_.withdraw(slot);
-      publisher_.enqueue(slot);
     }
   }
 }

@@ -1,4 +1,6 @@
 // Rows that name rows that are not there: yet, any more, or ever.
+#include <set>
+
 #include "Mapping.h"
 
 namespace Agent::Ovsdb::Testing {
@@ -111,6 +113,72 @@ TEST_F(DanglingTest, aFloodRowWithoutItsSetCanBeModifiedAndWaitsForIt) {
   database.remove(missing2);
   changesCome();
   EXPECT_TRUE(vni(5010)["macVtepFloodListTable"].empty());
+}
+
+TEST_F(DanglingTest, anAddressThatTwoLocatorsOfASetHaveIsTakenOnce) {
+  json elements = json::array();
+  for (int i = 0; i < 2; ++i) {
+    elements.push_back(reference(database.insert("Physical_Locator", {{"dst_ip", "10.0.0.2"}})));
+  }
+  const auto set = database.insert("Physical_Locator_Set", {{"locators", json::array({"set", elements})}});
+  database.insert(
+      "Mcast_Macs_Remote",
+      {{"MAC", "01:00:5e:00:00:01"}, {"logical_switch", reference(ls10())}, {"locator_set", reference(set)}});
+  changesCome();
+  const json told = mapper.explain(0x01005e000001, std::nullopt, std::nullopt);
+  EXPECT_EQ(told["logicalSwitches"][0]["flood"]["published"], json::parse(R"(["10.0.0.2"])"));
+}
+
+TEST_F(DanglingTest, theMacOfAHostIsNeitherZeroNorAGroup) {
+  const auto locator = database.insert("Physical_Locator", {{"dst_ip", "10.0.0.2"}});
+  insertHost("00:00:00:00:00:00", ls10(), locator);
+  insertHost("01:00:5e:00:00:01", ls10(), locator);
+  changesCome();
+  EXPECT_EQ(hostsInDocument(), 0U);
+  EXPECT_EQ(problems(ProblemKind::badMac), 2U);
+}
+
+TEST_F(DanglingTest, aPartOnTopOfAnUpdateThatDidNotEndIsAnErrorOfTheSession) {
+  mapper.beginUpdate(false, now);
+  EXPECT_THROW(mapper.beginUpdate(false, now), ProtocolError);
+  mapper.beginUpdate(true, now);
+}
+
+TEST_F(DanglingTest, vnisThatGoWithManyHostsGoInSeveralPatches) {
+  database.logicalSwitch("ls20", 5020, "source_node");
+  for (const char* const name : {"ls10", "ls20"}) {
+    for (int i = 0; i < 4; ++i) {
+      database.host(name, "02:00:00:00:01:0" + std::to_string(i), "10.0.0.2");
+    }
+  }
+  changesCome();
+  patches.clear();
+  database.removeLogicalSwitch("ls10");
+  database.removeLogicalSwitch("ls20");
+  changesCome();
+  ASSERT_EQ(patches.size(), 2U);
+  EXPECT_EQ(patches[0]["controller"]["fdb"], json::parse(R"({"5010": null})"));
+}
+
+TEST_F(DanglingTest, noVniIsOnTwoVlansWhileVlansSwap) {
+  for (int vlan = 1; vlan < 4; ++vlan) {
+    const std::string name = "swap" + std::to_string(vlan);
+    database.logicalSwitch(name, 7000 + vlan);
+    database.bind("leaf1", "t9", vlan, name);
+  }
+  changesCome();
+  json seen = vlans();
+  patches.clear();
+  for (int vlan = 1; vlan < 4; ++vlan) {
+    database.key("swap" + std::to_string(vlan), 7000 + vlan % 3 + 1);
+  }
+  changesCome();
+  for (const json& patch : patches) {
+    seen.merge_patch(patch.value("/vlanVniMap/Vxlan1"_json_pointer, json::object()));
+    const std::set<int> distinct(seen.begin(), seen.end());
+    EXPECT_EQ(distinct.size(), seen.size()) << seen.dump();
+  }
+  EXPECT_EQ(vlans(), json::parse(R"({"1": 7002, "2": 7003, "3": 7001})"));
 }
 
 }  // namespace Agent::Ovsdb::Testing

@@ -102,4 +102,24 @@ TEST_F(NamesTest, otherKeysBesideTheFlagAreNotFollowed) {
   EXPECT_TRUE(converging());
 }
 
+TEST_F(NamesTest, theFlagThatIsGoneFromAWholeUpdateIsGone) {
+  database.converging("true");
+  everythingComes();
+  database.converging("");
+  sessionIsLost();
+  everythingComes();
+  timePasses(2.1);
+  EXPECT_FALSE(converging());
+}
+
+TEST_F(NamesTest, theFlagThatStandsDoesNotBeginAgainWithEveryChange) {
+  everythingComes();
+  database.converging("true");
+  changesCome();
+  const std::uint64_t cycles = mapper.convergence().cycles();
+  database.logicalSwitch("ls1", 5001);
+  changesCome();
+  EXPECT_EQ(mapper.convergence().cycles(), cycles);
+}
+
 }  // namespace Agent::Ovsdb::Testing

@@ -2,8 +2,10 @@
 // published against a plain look at the rows.
 #include <algorithm>
 #include <cstdlib>
+#include <functional>
 #include <iostream>
 #include <random>
+#include <set>
 #include <tuple>
 
 #include "Mapping.h"
@@ -65,12 +67,15 @@ json hostsOf(const FakeDatabase& database, const std::string& logicalSwitch) {
   return found;
 }
 
+json elementsOf(const json& set) {
+  return set[0] == "set" ? set[1] : json::array({set});
+}
+
 json addressesOf(const FakeDatabase& database, const json& reference) {
   json addresses = json::object();
   const json* const set = find(database, sets, reference);
   if (set != nullptr) {
-    const json& value = (*set)["locators"];
-    for (const json& locator : value[0] == "set" ? value[1] : json::array({value})) {
+    for (const json& locator : elementsOf((*set)["locators"])) {
       if (const std::string address = addressOf(database, locator); !address.empty()) {
         addresses[address] = true;
       }
@@ -122,6 +127,66 @@ json published(const Mapping& mapping) {
                  {"multipaths", entry.value("macVtepMultiPathTable", json::object())}};
   }
   return look;
+}
+
+// How many rows of a table have which problem. `judge` takes a row and returns its problem, and whether it
+// can be used all the same; of the rows of one MAC those below the newest that can be used are duplicates.
+template <typename Judge>
+void countProblems(const FakeDatabase& database, const char* table, Judge judge, ProblemCounts& counts) {
+  std::map<std::pair<std::string, std::string>, std::map<std::uint64_t, const json*, std::greater<>>> chains;
+  for (const auto& [id, row] : database.rows(table)) {
+    if (row["MAC"] == "no mac") {
+      ++counts[static_cast<std::size_t>(ProblemKind::badMac)];
+    } else {
+      chains[{row["logical_switch"][1], row["MAC"]}][database.arrival(id)] = &row;
+    }
+  }
+  for (const auto& [mac, chain] : chains) {
+    bool decided = false;
+    for (const auto& [arrival, row] : chain) {
+      const auto [problem, usable] = decided ? std::pair(ProblemKind::duplicateMac, true) : judge(*row);
+      counts[static_cast<std::size_t>(problem)] += problem == ProblemKind::none ? 0U : 1U;
+      decided |= usable;
+    }
+  }
+}
+
+ProblemCounts plainProblems(const FakeDatabase& database) {
+  ProblemCounts counts{};
+  const auto judgeLocator = [&](const json& reference) {
+    return find(database, locators, reference) == nullptr ? ProblemKind::referenceMissing
+           : addressOf(database, reference).empty()       ? ProblemKind::locatorUnusable
+                                                          : ProblemKind::none;
+  };
+  const auto judgeHost = [&](const json& row) {
+    const ProblemKind problem = find(database, switches, row["logical_switch"]) == nullptr
+                                    ? ProblemKind::referenceMissing
+                                    : judgeLocator(row["locator"]);
+    return std::pair(problem, problem == ProblemKind::none);
+  };
+  const auto judgeFlood = [&](const json& row) {
+    const json* const set = find(database, sets, row["locator_set"]);
+    if (find(database, switches, row["logical_switch"]) == nullptr || set == nullptr) {
+      return std::pair(ProblemKind::referenceMissing, false);
+    }
+    std::set<std::string> ids;
+    for (const json& locator : elementsOf((*set)["locators"])) {
+      ids.insert(locator[1].get<std::string>());
+    }
+    ProblemKind problem = ProblemKind::none;
+    for (const std::string& id : ids) {
+      const ProblemKind objection = judgeLocator(json::array({"uuid", id}));
+      problem = objection == ProblemKind::none ? problem : objection;
+    }
+    return std::pair(problem, !addressesOf(database, row["locator_set"]).empty());
+  };
+  for (const auto& [id, row] : database.rows(locators)) {
+    const bool bad = !row["dst_ip"].get<std::string>().starts_with("10.");
+    counts[static_cast<std::size_t>(ProblemKind::locatorNotIpv4)] += bad ? 1U : 0U;
+  }
+  countProblems(database, hosts, judgeHost, counts);
+  countProblems(database, floods, judgeFlood, counts);
+  return counts;
 }
 
 // --- random rows
@@ -180,7 +245,9 @@ class RandomRows {
               {"replication_mode", below(2) == 0 ? "source_node" : "service_node"}};
     }
     if (table == locators) {
-      return {{"dst_ip", below(8) == 0 ? "2001:db8::1" : "10.0.0." + std::to_string(1 + below(4))}};
+      return {{"dst_ip", below(8) == 0   ? "2001:db8::1"
+                         : below(9) == 0 ? "224.0.0.1"
+                                         : "10.0.0." + std::to_string(1 + below(4))}};
     }
     if (table == sets) {
       json elements = json::array();
@@ -239,6 +306,7 @@ void runSeed(std::uint32_t seed, int updates) {
     mapping.timePasses(200);
     ASSERT_FALSE(mapping.converging());
     ASSERT_EQ(published(mapping), plainLook(mapping.database));
+    ASSERT_EQ(mapping.mapper.rows().problemCounts(), plainProblems(mapping.database));
   }
   rows.removeAll();
   mapping.changesCome();

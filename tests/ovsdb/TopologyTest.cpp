@@ -170,8 +170,8 @@ TEST_F(TopologyTest, ofSeveralSwitchesOfOneNameTheLowestUuidCounts) {
     database.row("Physical_Switch", id) = {{"name", "leaf1"},
                                            {"ports", nlohmann::json::array({"set", nlohmann::json::array()})},
                                            {"tunnel_ips", id[0] == 'f' ? "10.0.0.8" : "10.0.0.9"}};
+    derive();
   }
-  derive();
   EXPECT_EQ(topology.localVtep(), 0x0a000009U);
 }
 

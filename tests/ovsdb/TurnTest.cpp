@@ -100,6 +100,14 @@ TEST_F(TurnTest, floodRowsOfOneMacComeAndAreSweptInTurns) {
   EXPECT_EQ(problems(ProblemKind::duplicateMac), 0U);
 }
 
+TEST_F(TurnTest, oneMoreRowOfAMacWithManyDuplicatesIsLookedAtWithTheNextOneAlone) {
+  comes(small() + "," + hostsOfOneMac());
+  comes(R"("Ucast_Macs_Remote":{")" + name('b', 1) + R"(":{"insert":{)" + hostColumns("02:00:00:00:00:01") +
+        "}}}");
+  EXPECT_LE(inAllTurns, 10U);
+  EXPECT_EQ(problems(ProblemKind::duplicateMac), many);
+}
+
 TEST_F(TurnTest, hostRowsOfOneMacFollowTheirLocatorInTurns) {
   comes(small() + "," + hostsOfOneMac());
   expectBoundedAndLinear(2);

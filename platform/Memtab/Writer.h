@@ -132,6 +132,7 @@ class Writer {
     if (options.name.empty()) {
       return {};
     }
+    static_cast<void>(pathOf(options.name));  // a name at all
     try {
       return Files::LockFile(pathOf(lockOf(options.name)), Files::Owners(options.owner));
     } catch (const Files::LockHeld& holder) {

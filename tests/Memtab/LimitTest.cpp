@@ -115,9 +115,9 @@ TEST(Limit, WhatCannotBeIsRefusedAndNothingIsMade) {
   EXPECT_THAT(refusal([](Options& o) { o.fields = "key:u64"; }),
               HasSubstr("covers 8 bytes, a record has 112"));
   EXPECT_THAT(refusal([](Options& o) { o.name = "name"; }), HasSubstr("memtab name: not a name"));
-  EXPECT_THAT(
-      refusal([](Options& o) { o.name = "/no/such/folder/table"; }),
-      HasSubstr("memtab /no/such/folder/table: cannot be opened for writing: No such file or directory"));
+  EXPECT_THAT(refusal([](Options& o) { o.name = "/no/such/folder/table"; }),
+              HasSubstr("memtab /no/such/folder/table: its lock file /no/such/folder/table.lock cannot be "
+                        "made: no such folder"));
   EXPECT_FALSE(Memtab::remove(name.text()));
 }
 

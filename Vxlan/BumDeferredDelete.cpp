@@ -41,11 +41,12 @@ Published publishedBy(const VxlanController::MacVtepFloodListV2& list) {
 }
 
 // Removes what the controller does not list any more. Returns whether anything went.
-bool pruneFloodSet(L2Rib::FloodSet& set, const Published& published) {
+bool pruneFloodSet(L2Rib::FloodSet& set, const Published& published, const char* operation) {
   if (set.destSets() == published.count) {
     return false;
   }
-  VCC_TRACE(traceOrdinary, " flood dest count mismatch ", set.destSets(), " > ", published.count);
+  VCC_LINE_OF(operation, traceOrdinary, " flood dest count mismatch ", set.destSets(), " > ",
+              published.count);
   Kel::fatalUnless(set.destSets() >= published.count, published.notFewer);
   bool pruned = false;
   for (auto&& dest : set.destSet()) {
@@ -86,7 +87,7 @@ void VxlanControllerClientSm::handleBumReplicationMode() {
     return;
   }
   if (bumReplicationMode() != BumReplicationMode::Controller) {
-    VCC_TRACE(traceOrdinary, " Replication Mode is not rmx ");
+    VCC_LINE(traceOrdinary, " Replication Mode is not rmx ");
     deleteBumVtepListTable();
     return;
   }
@@ -107,37 +108,37 @@ void VxlanControllerClientSm::processBumDeferredDeletes() {
   VCC_TRACE(traceOrdinary, " init: ", initialized(), " convergence in progress: ", converging(),
             " vlan flood list count: ", vlans, " bum replication mode: ", bumReplicationMode());
   if (vlans == 0 || bumReplicationMode() != BumReplicationMode::Controller) {
-    VCC_TRACE(traceOrdinary, " no bumDeferredDeletion ");
+    VCC_LINE(traceOrdinary, " no bumDeferredDeletion ");
     bumDeferredDeleteBookmarkValidIs(false);
     setBumDeferredDeletionInProgress(false);
     return;
   }
   if (converging()) {
-    VCC_TRACE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
+    VCC_LINE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
     return;
   }
   const double deadline = Kel::System::currentTime() + maxProcessTime();
   Bridging::VlanIdOrNone startKey;
   std::size_t deleted = 0;
-  for (auto at = bumStartPosition();;) {
+  for (auto at = bumStartPosition(__PRETTY_FUNCTION__);;) {
     const Bridging::VlanId vlan = at->key;
-    VCC_TRACE(traceOrdinary, " iter vlan ", vlan);
+    VCC_LINE(traceOrdinary, " iter vlan ", vlan);
     if (!startKey) {
       startKey = Bridging::VlanIdOrNone(vlan.value());
-      VCC_TRACE(traceOrdinary, " startKey vlan ", startKey);
+      VCC_LINE(traceOrdinary, " startKey vlan ", startKey);
     }
-    deleted += pruneVlanFloodSet(vlan);
+    deleted += pruneVlanFloodSet(vlan, __PRETTY_FUNCTION__);
     if (startKey.value() == vlan.value() && !rmxSde_->vlanFloodSet(vlan)) {
       startKey =
           Bridging::VlanIdOrNone();  // the walk would never come round to it: the next one takes its place
     }
     ++at;
     if (!at) {
-      VCC_TRACE(traceOrdinary, " reached end, resume from first entry");
+      VCC_LINE(traceOrdinary, " reached end, resume from first entry");
       at = rmxSde_->vlanFloodSet().begin();
     }
     if (!at || at->key.value() == startKey.value()) {
-      finishBumDeferredDeletes(deleted);
+      finishBumDeferredDeletes(deleted, __PRETTY_FUNCTION__);
       return;
     }
     if (deleted == 0) {
@@ -148,27 +149,28 @@ void VxlanControllerClientSm::processBumDeferredDeletes() {
       bumDeferredDeleteBookmark_ = Bridging::VlanId(at->key);
       bumDeferredDeleteBookmarkValidIs(true);
       bumDeferredDeleteClock()->timeMinIs(now);
-      VCC_TRACE(traceOrdinary, " reschedule, resume later from vlan ", bumDeferredDeleteBookmark(),
-                " Deleted count ", deleted);
+      VCC_LINE(traceOrdinary, " reschedule, resume later from vlan ", bumDeferredDeleteBookmark(),
+               " Deleted count ", deleted);
       return;
     }
   }
 }
 
-void VxlanControllerClientSm::finishBumDeferredDeletes(std::size_t deleted) {
-  VCC_TRACE(traceOrdinary, " flood list deferred delete complete. Deleted ", deleted);
+void VxlanControllerClientSm::finishBumDeferredDeletes(std::size_t deleted, const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, " flood list deferred delete complete. Deleted ", deleted);
   bumDeferredDeleteBookmarkValidIs(false);
   setBumDeferredDeletionInProgress(false);
 }
 
-L2Rib::SourceDirEntry::VlanFloodSets::Iterator VxlanControllerClientSm::bumStartPosition() const {
+L2Rib::SourceDirEntry::VlanFloodSets::Iterator VxlanControllerClientSm::bumStartPosition(
+    const char* operation) const {
   if (bumDeferredDeleteBookmarkValid()) {
     if (const auto at = rmxSde_->vlanFloodSet().at(bumDeferredDeleteBookmark())) {
-      VCC_TRACE(traceOrdinary, " starting at bookmark vlan ", bumDeferredDeleteBookmark());
+      VCC_LINE_OF(operation, traceOrdinary, " starting at bookmark vlan ", bumDeferredDeleteBookmark());
       return at;
     }
   } else {
-    VCC_TRACE(traceOrdinary, " no bookmark. start fresh");
+    VCC_LINE_OF(operation, traceOrdinary, " no bookmark. start fresh");
   }
   return rmxSde_->vlanFloodSet().begin();
 }
@@ -185,7 +187,7 @@ Kel::Ptr<RmxPerVniFdbStatusSmBase> VxlanControllerClientSm::machineOfVlan(Bridgi
 
 // Removes from one VLAN what the controller does not publish. Returns how many MACs lost their flood set, or
 // destinations of it.
-std::size_t VxlanControllerClientSm::pruneVlanFloodSet(Bridging::VlanId vlan) {
+std::size_t VxlanControllerClientSm::pruneVlanFloodSet(Bridging::VlanId vlan, const char* operation) {
   const Kel::Ptr<L2Rib::VlanFloodSet> vlanSet = rmxSde_->vlanFloodSet(vlan);
   const Kel::Ptr<RmxPerVniFdbStatusSmBase> machine = machineOfVlan(vlan);
   if (!machine || !machine->rmxVniFdbStatusV2()) {
@@ -202,11 +204,11 @@ std::size_t VxlanControllerClientSm::pruneVlanFloodSet(Bridging::VlanId vlan) {
     const Kel::Ptr<VxlanController::MacVtepFloodListV2> floodList =
         vniFdbStatus.macVtepFloodListTable(macAddr);
     if (multiPath.vtepIpLists() != 0) {
-      deleted += pruneFloodSet(*set, publishedBy(multiPath)) ? 1U : 0U;
+      deleted += pruneFloodSet(*set, publishedBy(multiPath), operation) ? 1U : 0U;
     } else if (floodList) {
-      deleted += pruneFloodSet(*set, publishedBy(*floodList)) ? 1U : 0U;
+      deleted += pruneFloodSet(*set, publishedBy(*floodList), operation) ? 1U : 0U;
     } else {
-      VCC_TRACE(traceOrdinary, " deleting vlan ", vlan, " mac ", macAddr, " flood set");
+      VCC_LINE_OF(operation, traceOrdinary, " deleting vlan ", vlan, " mac ", macAddr, " flood set");
       vlanSet->floodSetDel(macAddr);
       ++deleted;
     }

@@ -62,8 +62,8 @@ void BumVtepListSm::handleRemoteVtepAddr() {
   if (!local) {
     local = status->bumVtepListIs(key);
   } else {
-    VCC_TRACE(traceOrdinary, "bumVtepList of ", key.mac, ":", key.vlan,
-              " pre-exists in vxlan h/w bum sts. Deleting obsolete remoteVtepAddrs");
+    VCC_LINE(traceOrdinary, "bumVtepList of ", key.mac, ":", key.vlan,
+             " pre-exists in vxlan h/w bum sts. Deleting obsolete remoteVtepAddrs");
     for (auto&& address : local->remoteVtepAddr()) {
       const Qnet::IpAddr ip = address.key;
       if (!bumVtepList_ || !bumVtepList_->remoteVtepAddr(ip)) {
@@ -83,8 +83,8 @@ void BumVtepListSm::handleRemoteVtepAddr(Qnet::IpAddr ip) {
   const MacVlanPair& key = macVlanPair();
   VCC_TRACE(traceOrdinary, "handleRemoteVtepAddr ", key.mac, ":", key.vlan, " ", ip);
   if (rmxMlagBumStatusSm_->bumRepMode() != BumReplicationMode::Controller || !vlanVniMapExists()) {
-    VCC_TRACE(traceOrdinary, "handleRemoteVtepAddr ", " bumRepMode ", rmxMlagBumStatusSm_->bumRepMode(),
-              " vlanVniMapExists ", vlanVniMapExists());
+    VCC_LINE(traceOrdinary, "handleRemoteVtepAddr ", " bumRepMode ", rmxMlagBumStatusSm_->bumRepMode(),
+             " vlanVniMapExists ", vlanVniMapExists());
     return;
   }
   // The gate makes sure that the local list is bound: the VLAN's flag becomes true only where it is bound

@@ -27,41 +27,43 @@ void MacVtepFloodListTableSmBase::hasNotificationActiveIs(bool active) {
   StateMachine::hasNotificationActiveIs(active);
 }
 
-bool MacVtepFloodListTableSmBase::mayWrite() const {
-  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+bool MacVtepFloodListTableSmBase::mayWrite(const char* operation) const {
   if (!owner().checkBumStatus()) {
     return false;
   }
   if (owner().rmxVniFdbStatusV2()->hasMultiPath(macAddr())) {
-    VCC_TRACE(traceOrdinary, " mac ", macAddr(), " found in macVtepMultiPathTable");
+    VCC_LINE_OF(operation, traceOrdinary, " mac ", macAddr(), " found in macVtepMultiPathTable");
     return false;
   }
   return true;
 }
 
 // Past the gating there is nothing that the base may do.
-void MacVtepFloodListTableSmBase::actInBase() const {
-  if (mayWrite()) {
+void MacVtepFloodListTableSmBase::actInBase(const char* operation) const {
+  if (mayWrite(operation)) {
     const std::vector<Qnet::IntfId>& vtis = owner().vtis();
-    Kel::fatalUnless(vtis.empty() || !owner().floodVlan(vtis.front()), "false");
+    Kel::fatalUnless(vtis.empty() || !owner().floodVlan(vtis.front(), operation), "false");
   }
 }
 
-void MacVtepFloodListTableSmBase::handleVtepIpFloodList(Qnet::IpAddr ip) {
-  VCC_TRACE(traceOrdinary, " ip ", ip);
-  actInBase();
+void MacVtepFloodListTableSmBase::handleVtepIpFloodList(Qnet::IpAddr) {
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  actInBase(__PRETTY_FUNCTION__);
 }
 
 void MacVtepFloodListTableSmBase::cleanup() {
-  actInBase();
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  actInBase(__PRETTY_FUNCTION__);
 }
 
 void MacVtepFloodListTableSmBase::handleInitialized() {
-  actInBase();
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  actInBase(__PRETTY_FUNCTION__);
 }
 
 void MacVtepFloodListTableSmBase::handleVtepIpFloodList() {
-  if (!mayWrite() || !macVtepFloodListTable_) {
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  if (!mayWrite(__PRETTY_FUNCTION__) || !macVtepFloodListTable_) {
     return;
   }
   const Kel::Ptr<const VxlanController::MacVtepFloodListV2> list = macVtepFloodListTable();
@@ -107,24 +109,25 @@ Kel::Ptr<L2Rib::FloodSet> VccMacVtepFloodListTableSm::floodSetOfAll(Bridging::Vl
 }
 
 void VccMacVtepFloodListTableSm::handleInitialized() {
-  if (!mayWrite() || !rmxSde_ || !macVtepFloodListTable()) {
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  if (!mayWrite(__PRETTY_FUNCTION__) || !rmxSde_ || !macVtepFloodListTable()) {
     return;
   }
   for (const Qnet::IntfId& vti : owner().vtis()) {
-    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti);
+    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti, __PRETTY_FUNCTION__);
     if (!vlan) {
       return;
     }
-    writeList(*vlan);
+    writeList(*vlan, __PRETTY_FUNCTION__);
   }
   initializedIs(true);
 }
 
 // Brings the flood set of one VLAN in line with the whole list.
-void VccMacVtepFloodListTableSm::writeList(Bridging::VlanId vlan) {
+void VccMacVtepFloodListTableSm::writeList(Bridging::VlanId vlan, const char* operation) {
   const VxlanController::MacVtepFloodListV2& list = *macVtepFloodListTable();
   const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(vlan);
-  VCC_TRACE(traceOrdinary, "listType: sendToAll", " vtepAddr len ", list.vtepIpFloodList().size());
+  VCC_LINE_OF(operation, traceOrdinary, "listType: sendToAll", " vtepAddr len ", list.vtepIpFloodLists());
   if (!owner().converging()) {
     for (auto&& dest : set->destSet()) {
       if (!list.vtepIpFloodList(dest.key.vxlan().vtepAddr().v4())) {
@@ -139,32 +142,34 @@ void VccMacVtepFloodListTableSm::writeList(Bridging::VlanId vlan) {
 }
 
 void VccMacVtepFloodListTableSm::handleVtepIpFloodList(Qnet::IpAddr ip) {
-  if (!mayWrite() || !rmxSde_ || !macVtepFloodListTable()) {
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  if (!mayWrite(__PRETTY_FUNCTION__) || !rmxSde_ || !macVtepFloodListTable()) {
     return;
   }
   const L2Rib::Dest dest = L2Rib::Dest::ofVtep(ip);
   for (const Qnet::IntfId& vti : owner().vtis()) {
-    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti);
+    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti, __PRETTY_FUNCTION__);
     if (!vlan) {
       return;
     }
     const Kel::Ptr<L2Rib::FloodSet> set = floodSetOfAll(*vlan);
     if (macVtepFloodListTable()->vtepIpFloodList(ip)) {
-      VCC_TRACE(traceOrdinary, " adding ", ip, " to remoteVtepAddr");
+      VCC_LINE(traceOrdinary, " adding ", ip, " to remoteVtepAddr");
       set->destSetIs(dest, true);
     } else if (set->hasDest(dest)) {
-      VCC_TRACE(traceOrdinary, " removing ", ip, " from flood set");
+      VCC_LINE(traceOrdinary, " removing ", ip, " from flood set");
       set->destSetDel(dest);
     }
   }
 }
 
 void VccMacVtepFloodListTableSm::cleanup() {
-  if (!mayWrite() || !rmxSde_) {
+  VCC_TRACE(traceOrdinary, " init? ", owner().initialized());
+  if (!mayWrite(__PRETTY_FUNCTION__) || !rmxSde_) {
     return;
   }
   for (const Qnet::IntfId& vti : owner().vtis()) {
-    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti);
+    const std::optional<Bridging::VlanId> vlan = owner().floodVlan(vti, __PRETTY_FUNCTION__);
     if (!vlan) {
       return;
     }
@@ -173,7 +178,7 @@ void VccMacVtepFloodListTableSm::cleanup() {
       continue;
     }
     if (vlanSet->floodSet(macAddr())) {
-      VCC_TRACE(traceOrdinary, " deleting ", macAddr(), " from vlan ", *vlan);
+      VCC_LINE(traceOrdinary, " deleting ", macAddr(), " from vlan ", *vlan);
       vlanSet->floodSetDel(macAddr());
     }
     if (vlanSet->floodSets() == 0) {

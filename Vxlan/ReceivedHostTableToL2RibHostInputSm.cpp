@@ -40,6 +40,7 @@ Kel::Ptr<ReceivedHostTableToL2RibHostInputSm>
 ReceivedHostTableToL2RibHostInputSm::ReceivedHostTableToL2RibHostInputSmIs(
     const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
     const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput) {
+  vccRlHandleInit();
   return Kel::live<ReceivedHostTableToL2RibHostInputSm>(receivedHostTable, l2RibRmxInput);
 }
 
@@ -80,7 +81,7 @@ void ReceivedHostTableToL2RibHostInputSm::handleReceivedHostEntry() {
       l2RibRmxInput_->hostDel(host->key);
     }
   }
-  VCC_TRACE(traceOrdinary, " updating L2Rib input based on existing entries in received host table");
+  VCC_LINE(traceOrdinary, " updating L2Rib input based on existing entries in received host table");
   for (auto&& entry : receivedHostTable_->receivedEntry()) {
     handleReceivedHostEntry(entry.key);
   }

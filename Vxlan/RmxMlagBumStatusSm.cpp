@@ -27,6 +27,7 @@ RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBase(const Kel::Ptr<const Mlag::VxlanS
 Kel::Ptr<RmxMlagBumStatusSmBase> RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBaseIs(
     const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
     const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+  vccRlHandleInit();
   return Kel::live<RmxMlagBumStatusSmBase>(mlagVxlanStatus, vxlanHwStatusDir);
 }
 
@@ -61,12 +62,12 @@ void RmxMlagBumStatusSmBase::handleBumVtepList(MacVlanPair key) {
     return;  // the peer has not reported yet
   }
   if (const Kel::Ptr<const BumVtepList> list = remoteBumStatus_->bumVtepList(key)) {
-    VCC_TRACE(traceOrdinary, "Creating local bumVtepList");
+    VCC_LINE(traceOrdinary, "Creating local bumVtepList");
     bumVtepListSmIs(key, list, this);
     return;
   }
   bumVtepListSmDel(key);
-  VCC_TRACE(traceOrdinary, "Deleting local bumVtepList");
+  VCC_LINE(traceOrdinary, "Deleting local bumVtepList");
   if (localBumStatus_) {
     localBumStatus_->bumVtepListDel(key);
   }
@@ -97,7 +98,7 @@ void RmxMlagBumStatusSmBase::handleBumReplicationMode() {
   }
   bumRepModeIs(BumReplicationMode::Controller);
   for (auto&& member : bumVtepListSm_) {
-    VCC_TRACE(traceOrdinary, "handling vtep ", member.key.mac, ":", member.key.vlan);
+    VCC_LINE(traceOrdinary, "handling vtep ", member.key.mac, ":", member.key.vlan);
     member.value->handleInit();
   }
 }
@@ -110,18 +111,18 @@ void RmxMlagBumStatusSmBase::markAndSweep(Bridging::VlanId vlan) {
   const Kel::Ptr<BumStatus> local = localBumStatus_.get();
   for (auto&& list : local->bumVtepList()) {
     if (list.key.vlan == vlan) {
-      sweepList(list.key);
+      sweepList(list.key, __PRETTY_FUNCTION__);
     }
   }
 }
 
 // Makes one local list a subset of the peer's. Nothing is added here: that is the work of the list's own
 // machine.
-void RmxMlagBumStatusSmBase::sweepList(const MacVlanPair& listKey) {
+void RmxMlagBumStatusSmBase::sweepList(const MacVlanPair& listKey, const char* operation) {
   const MacVlanPair key = listKey;
   const Kel::Ptr<const BumVtepList> remote = remoteBumStatus_->bumVtepList(key);
   if (!remote) {
-    VCC_TRACE(traceOrdinary, "Sweeping ", key.mac, ":", key.vlan);
+    VCC_LINE_OF(operation, traceOrdinary, "Sweeping ", key.mac, ":", key.vlan);
     bumVtepListSmDel(key);
     localBumStatus_->bumVtepListDel(key);
     return;
@@ -130,7 +131,7 @@ void RmxMlagBumStatusSmBase::sweepList(const MacVlanPair& listKey) {
   for (auto&& address : local->remoteVtepAddr()) {
     const Qnet::IpAddr ip = address.key;
     if (!remote->remoteVtepAddr(ip)) {
-      VCC_TRACE(traceOrdinary, "Sweeping ", ip, " from ", key.mac, ":", key.vlan);
+      VCC_LINE_OF(operation, traceOrdinary, "Sweeping ", ip, " from ", key.mac, ":", key.vlan);
       local->remoteVtepAddrDel(ip);
     }
   }

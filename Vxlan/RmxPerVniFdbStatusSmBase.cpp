@@ -39,7 +39,7 @@ void RmxPerVniFdbStatusSmBase::hasNotificationActiveIs(bool active) {
 
 void RmxPerVniFdbStatusSmBase::handleInitialized() {
   VCC_TRACE(traceOrdinary, " init? ", initialized());
-  initialized_ = true;
+  initializedIs(true);
   handleRmxHostTable();
   handleMacVtepMultiPathTable();
   handleMacVtepFloodListTable();
@@ -59,39 +59,40 @@ void RmxPerVniFdbStatusSmBase::handleRmxHostTable(Qnet::EthAddr mac) {
   for (const Qnet::IntfId& vti : vtis()) {
     const Bridging::VlanIdOrNone vlan = owner().vlanForVni(vti, vni());
     if (!vlan) {
-      VCC_TRACE(traceOrdinary, "Returning as no valid vlan-vni map found");
+      VCC_LINE(traceOrdinary, "Returning as no valid vlan-vni map found");
       continue;
     }
-    VCC_TRACE(traceOrdinary, "vniId: ", vni(), "vlanId: ", vlan);
+    VCC_LINE(traceOrdinary, "vniId: ", vni(), "vlanId: ", vlan);
     const Bridging::MacVlanPair key{mac, Bridging::VlanId(vlan)};
     if (!published(host)) {
-      withdraw(*table, key);
+      withdraw(*table, key, __PRETTY_FUNCTION__);
     } else if (owner().isVtepIpMine(vni(), host.vtepIp, vti)) {
-      removeLocal(*table, key, host.vtepIp);
+      removeLocal(*table, key, host.vtepIp, __PRETTY_FUNCTION__);
     } else {
-      addRemote(*table, key, vti, host);
+      addRemote(*table, key, vti, host, __PRETTY_FUNCTION__);
     }
   }
 }
 
 // A MAC behind one of the switch's own addresses is no remote host; a stale entry of it goes at once.
 void RmxPerVniFdbStatusSmBase::removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key,
-                                           Qnet::IpAddr vtepIp) {
-  VCC_TRACE(traceOrdinary, "Ignoring since it's a local entry, ", "received vtepIp: ", vtepIp);
+                                           Qnet::IpAddr vtepIp, const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, "Ignoring since it's a local entry, ", "received vtepIp: ", vtepIp);
   if (table.receivedEntry().contains(key)) {
-    VCC_TRACE(traceOrdinary, " delete stale macVtepPair ", key.mac, " vlan ", key.vlan);
+    VCC_LINE_OF(operation, traceOrdinary, " delete stale macVtepPair ", key.mac, " vlan ", key.vlan);
     owner().deleteReceivedTableEntry(key);
   }
 }
 
 void RmxPerVniFdbStatusSmBase::addRemote(ReceivedHostTable& table, const Bridging::MacVlanPair& key,
-                                         const Qnet::IntfId& vti, const VxlanController::MacVtepV2& host) {
-  VCC_TRACE(traceOrdinary, "Adding remote host entry for mac: ", key.mac, " vlan: ", key.vlan,
-            " vtepIp: ", host.vtepIp, " moveCount: ", host.moveCount);
+                                         const Qnet::IntfId& vti, const VxlanController::MacVtepV2& host,
+                                         const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, "Adding remote host entry for mac: ", key.mac, " vlan: ", key.vlan,
+              " vtepIp: ", host.vtepIp, " moveCount: ", host.moveCount);
   const ReceivedEntry* present = table.receivedEntry().find(key);
   const bool wasMarked = present != nullptr && present->markedForDel;
   if (wasMarked) {
-    VCC_TRACE(traceOrdinary, "Re-add, entry was marked for delete");
+    VCC_LINE_OF(operation, traceOrdinary, "Re-add, entry was marked for delete");
   }
   ReceivedEntry entry;
   entry.key = key;
@@ -104,12 +105,14 @@ void RmxPerVniFdbStatusSmBase::addRemote(ReceivedHostTable& table, const Bridgin
   table.receivedEntryIs(entry);
   if (wasMarked) {
     table.markedForDelCountDec(1);
-    VCC_TRACE(traceOrdinary, " new marked for deletion count ", table.markedForDelCount());
+    VCC_LINE_OF(operation, traceOrdinary, " new marked for deletion count ", table.markedForDelCount());
   }
 }
 
-void RmxPerVniFdbStatusSmBase::withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key) {
-  VCC_TRACE(traceOrdinary, "Evaluating delete of remote host entry for mac: ", key.mac, " vlan: ", key.vlan);
+void RmxPerVniFdbStatusSmBase::withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key,
+                                        const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, "Evaluating delete of remote host entry for mac: ", key.mac,
+              " vlan: ", key.vlan);
   const ReceivedEntry* present = table.receivedEntry().find(key);
   Kel::fatalUnless(present == nullptr || !present->markedForDel,
                    "!receivedHostTable->receivedEntry( key ).markedForDel()");
@@ -210,13 +213,14 @@ const std::vector<Qnet::IntfId>& RmxPerVniFdbStatusSmBase::vtis() const {
   return owner().getVtiIterator();
 }
 
-std::optional<Bridging::VlanId> RmxPerVniFdbStatusSmBase::floodVlan(const Qnet::IntfId& vti) const {
+std::optional<Bridging::VlanId> RmxPerVniFdbStatusSmBase::floodVlan(const Qnet::IntfId& vti,
+                                                                    const char* operation) const {
   const Bridging::VlanIdOrNone vlan = owner().vlanForVni(vti, vni());
   if (!vlan) {
-    VCC_TRACE(traceOrdinary, " no vlan-vni map found for vni: ", vni());
+    VCC_LINE_OF(operation, traceOrdinary, " no vlan-vni map found for vni: ", vni());
     return std::nullopt;
   }
-  VCC_TRACE(traceOrdinary, " vni: ", vni(), " vlan: ", vlan);
+  VCC_LINE_OF(operation, traceOrdinary, " vni: ", vni(), " vlan: ", vlan);
   return Bridging::VlanId(vlan);
 }
 

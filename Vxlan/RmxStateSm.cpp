@@ -36,7 +36,7 @@ void RmxStateSm::handleInitialized() {
 }
 
 void RmxStateSm::handleConvergenceInProgress() {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleConvergenceInProgress", " init ", initialized());
   if (!initialized() || !rmxState_) {
     return;
   }
@@ -50,7 +50,7 @@ void RmxStateSm::handleConvergenceInProgress() {
 }
 
 void RmxStateSm::cleanup() {
-  VCC_TRACE(traceOrdinary, " convergence window ",
+  VCC_TRACE(traceOrdinary, "cleanup", " convergence window ",
             rmxStateClientView_ && rmxStateClientView_->convergenceInProgress());
   if (rmxStateClientView_) {
     rmxStateClientView_->convergenceInProgressIs(false);
@@ -72,6 +72,7 @@ RmxStateSmWrapper::RmxStateSmWrapper(
 Kel::Ptr<RmxStateSmWrapper> RmxStateSmWrapper::RmxStateSmWrapperIs(
     const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
     const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
+  vccRlHandleInit();
   return Kel::live<RmxStateSmWrapper>(vtiStatusDir, rmxStateBaseDir, rmxStateClientView);
 }
 
@@ -81,13 +82,13 @@ RmxStateSmWrapper::~RmxStateSmWrapper() {
 }
 
 void RmxStateSmWrapper::handleInitialized() {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleInitialized");
   initialized_ = true;
   handleRmxStateBaseDir();
 }
 
 void RmxStateSmWrapper::handleRmxStateBaseDir() {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
   if (!initialized() || !rmxStateBaseDir_) {
     return;
   }
@@ -97,21 +98,21 @@ void RmxStateSmWrapper::handleRmxStateBaseDir() {
 }
 
 void RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name name) {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
   if (!initialized() || !rmxStateBaseDir_) {
     return;
   }
   if (!rmxStateBaseDir_->hasEntry(name) || !vxlanControllerClientMode()) {
-    VCC_TRACE(traceOrdinary, " entry subdir deleted for ", name);
+    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir deleted for ");
     rmxStateSmDel();
     return;
   }
   const Kel::Ptr<Kel::Entity> entity = rmxStateBaseDir_->entityPtr(name);
   if (!entity) {
-    VCC_TRACE(traceOrdinary, " entry subdir added, but not instantiated ", name);
+    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added, but not instantiated ");
     return;
   }
-  VCC_TRACE(traceOrdinary, " entry subdir added ", name);
+  VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added ");
   if (const auto state = Kel::ptrCast<VxlanController::RmxStateV2>(entity)) {
     rmxStateSmIs(state, rmxStateClientView_.get());
   }

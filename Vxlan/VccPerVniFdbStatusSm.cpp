@@ -46,24 +46,25 @@ void VccPerVniFdbStatusSm::handleMacVtepMultiPathTable(Qnet::EthAddr mac) {
     return;
   }
   for (const Qnet::IntfId& vti : vtis()) {
-    const std::optional<Bridging::VlanId> vlan = floodVlan(vti);
+    const std::optional<Bridging::VlanId> vlan = floodVlan(vti, __PRETTY_FUNCTION__);
     if (!vlan) {
       return;
     }
     if (rmxVniFdbStatusV2()->hasMultiPath(mac)) {
-      writeMultiPath(*vlan, rmxVniFdbStatusV2()->macVtepMultiPathTable(mac));
+      writeMultiPath(*vlan, rmxVniFdbStatusV2()->macVtepMultiPathTable(mac), __PRETTY_FUNCTION__);
     } else {
-      removeMultiPath(*vlan, mac);
+      removeMultiPath(*vlan, mac, __PRETTY_FUNCTION__);
     }
   }
 }
 
 void VccPerVniFdbStatusSm::writeMultiPath(Bridging::VlanId vlan,
-                                          const VxlanController::MacVtepMultiPathV2& entry) {
+                                          const VxlanController::MacVtepMultiPathV2& entry,
+                                          const char* operation) {
   const Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(entry.macAddr);
   set->floodSetTypeIs(L2Rib::FloodSetType::SendToAny);
-  VCC_TRACE(traceOrdinary, "(", set->floodSetType(), ") listType: sendToAny", " vtepAddr len ",
-            entry.vtepIpLists());
+  VCC_LINE_OF(operation, traceOrdinary, "(", set->floodSetType(), ") listType: sendToAny", " vtepAddr len ",
+              entry.vtepIpLists());
   if (!converging()) {
     for (auto&& dest : set->destSet()) {
       if (!entry.vtepIpList.contains(dest.key.vxlan().vtepAddr().v4())) {
@@ -76,8 +77,9 @@ void VccPerVniFdbStatusSm::writeMultiPath(Bridging::VlanId vlan,
   }
 }
 
-void VccPerVniFdbStatusSm::removeMultiPath(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
-  VCC_TRACE(traceOrdinary, " deleting ", mac, " from vlanFloodSet");
+void VccPerVniFdbStatusSm::removeMultiPath(Bridging::VlanId vlan, const Qnet::EthAddr& mac,
+                                           const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, " deleting ", mac, " from vlanFloodSet");
   if (const Kel::Ptr<L2Rib::VlanFloodSet> vlanSet = rmxSde_->vlanFloodSet(vlan)) {
     vlanSet->floodSetDel(mac);
     if (vlanSet->floodSets() == 0) {
@@ -85,7 +87,7 @@ void VccPerVniFdbStatusSm::removeMultiPath(Bridging::VlanId vlan, const Qnet::Et
     }
   }
   if (rmxVniFdbStatusV2()->macVtepFloodListTable(mac)) {
-    VCC_TRACE(traceOrdinary, " mac ", mac, " found in macVtepFloodListTable");
+    VCC_LINE_OF(operation, traceOrdinary, " mac ", mac, " found in macVtepFloodListTable");
     // A machine that does not exist yet will initialize itself when it is made.
     if (const Kel::Ptr<MacVtepFloodListTableSmBase> machine = macVtepFloodListTableSm(mac)) {
       machine->handleInitialized();
@@ -111,8 +113,8 @@ Kel::Ptr<VccMacVtepFloodListTableSm> VccPerVniFdbStatusSm::vccMacVtepFloodListTa
   if (present && present->macVtepFloodListTable() != list) {
     VCC_TRACE(traceRebuilt, "Reinstantiating the pointer interface where constructor parameter attribute ",
               "_macVtepFloodListTable", " has a different value of ", static_cast<const void*>(list.get()),
-              " than the current value of ",
-              static_cast<const void*>(present->macVtepFloodListTable().get()));
+              " than the current value of ", static_cast<const void*>(present->macVtepFloodListTable().get()),
+              " not allowed");
     vccMacVtepFloodListTableSmDel(mac);
   }
   return vccMacVtepFloodListTableSm_.shadowIs(mac, list, owner, sde);

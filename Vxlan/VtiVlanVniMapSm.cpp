@@ -30,23 +30,23 @@ void VtiVlanVniMapSmBase::handleInitialized() {
   VCC_TRACE(traceOrdinary, " Init ? ", initialized());
 }
 
-void VtiVlanVniMapSmBase::rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, Qnet::IntfId vti) {
-  VCC_TRACE(traceOrdinary, "vlan: ", vlan, " vti: ", vti);
+void VtiVlanVniMapSmBase::rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, Qnet::IntfId) {
+  VCC_TRACE(traceOrdinary, "vlan: ", vlan);
   if (!owner().vxlanControllerClientMode()) {
-    VCC_TRACE(traceOrdinary, "Returning: controllerMode = ", owner().vxlanControllerClientMode());
+    VCC_LINE(traceOrdinary, "Returning: controllerMode = ", owner().vxlanControllerClientMode());
     return;
   }
   const VniExtOrNone vni = vniForVlan(vlan);
   if (vni) {
-    VCC_TRACE(traceOrdinary, "Create rmxPerVniFdbStatusSm for ", vni);
+    VCC_LINE(traceOrdinary, "Create rmxPerVniFdbStatusSm for ", vni);
     owner().vxlanControllerScanVniStatus(VniExt(vni));
     return;
   }
-  VCC_TRACE(traceOrdinary, "vlan-vni map has been deleted ");
+  VCC_LINE(traceOrdinary, "vlan-vni map has been deleted ");
   for (auto&& machine : owner().rmxPerVniFdbStatusSm()) {
     const VniExt mapped = machine.key;
     if (!vlanForVni(mapped)) {
-      VCC_TRACE(traceOrdinary, "Deleting rmxPerVniFdbStatusSm ", "for vni ", mapped);
+      VCC_LINE(traceOrdinary, "Deleting rmxPerVniFdbStatusSm ", "for vni ", mapped);
       owner().deleteRmxPerVniFdbStatusSm(mapped);
     }
   }

@@ -116,14 +116,14 @@ void VxlanControllerClientSm::updateControllerClientMode() {
     return;
   }
   if (datapathLearningMode()) {
-    deleteRemoteMacsOfMappedVlans();
+    deleteRemoteMacsOfMappedVlans(__PRETTY_FUNCTION__);
   }
   handleControllerVniBaseDir();
   handleMlagState();
 }
 
-void VxlanControllerClientSm::deleteRemoteMacsOfMappedVlans() {
-  VCC_TRACE(traceOrdinary, " Deleting remote MACs learnt from RMX");
+void VxlanControllerClientSm::deleteRemoteMacsOfMappedVlans(const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, " Deleting remote MACs learnt from RMX");
   for (const Qnet::IntfId& vti : getVtiIterator()) {
     const Kel::Ptr<const VlanVniMap> map = vlanVniMaps()->vlanVniMap(vti);
     for (auto&& mapping : map->vlanToVsp()) {
@@ -135,7 +135,7 @@ void VxlanControllerClientSm::deleteRemoteMacsOfMappedVlans() {
 // The controller's state.
 
 void VxlanControllerClientSm::handleRmxStateBaseDir() {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
   if (!initialized() || !rmxStateBaseDir_) {
     return;
   }
@@ -146,21 +146,21 @@ void VxlanControllerClientSm::handleRmxStateBaseDir() {
 }
 
 void VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name name) {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
   if (!initialized() || !rmxStateBaseDir_) {
     return;
   }
   if (!rmxStateBaseDir_->hasEntry(name) || !vxlanControllerClientMode()) {
-    VCC_TRACE(traceOrdinary, " entry subdir deleted for ", name);
+    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir deleted for ");
     rmxStateSmDel();
     return;
   }
   const Kel::Ptr<Kel::Entity> entity = rmxStateBaseDir_->entityPtr(name);
   if (!entity) {
-    VCC_TRACE(traceOrdinary, " entry subdir added, but not instantiated ", name);
+    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added, but not instantiated ");
     return;
   }
-  VCC_TRACE(traceOrdinary, " entry subdir added ", name);
+  VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added ");
   if (const auto state = Kel::ptrCast<VxlanController::RmxStateV2>(entity)) {
     rmxStateSmIs(state, rmxStateClientView());
   }

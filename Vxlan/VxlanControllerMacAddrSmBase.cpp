@@ -114,7 +114,7 @@ void VxlanControllerMacAddrSmBase::processBumDeferredDeletes() {
             " bum vtep list count: ", kel_BumStatusIn_ ? kel_BumStatusIn_->bumVtepList().size() : 0,
             " bum replication mode: ", bumReplicationMode());
   if (converging()) {
-    VCC_TRACE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
+    VCC_LINE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
   }
 }
 
@@ -144,8 +144,8 @@ void VxlanControllerMacAddrSmBase::setUnicastDeferredDeletionInProgress(bool) {
 
 // Hooks for derived machines.
 
-void VxlanControllerMacAddrSmBase::handleActivatedVti(Qnet::IntfId vti) {
-  VCC_TRACE(traceOrdinary, " Init? ", initialized(), " vti ", vti);
+void VxlanControllerMacAddrSmBase::handleActivatedVti(Qnet::IntfId) {
+  VCC_TRACE(traceOrdinary, " Init? ", initialized());
 }
 void VxlanControllerMacAddrSmBase::handleActivatedVti() {
   VCC_TRACE(traceOrdinary);
@@ -180,7 +180,7 @@ void VxlanControllerMacAddrSmBase::handleMlagState() {
 }
 
 void VxlanControllerMacAddrSmBase::handleConvergenceInProgress() {
-  VCC_TRACE(traceOrdinary, " init ", initialized());
+  VCC_TRACE(traceOrdinary, "handleConvergenceInProgress", " init ", initialized());
   if (!initialized()) {
     return;
   }
@@ -192,7 +192,7 @@ void VxlanControllerMacAddrSmBase::handleConvergenceInProgress() {
     return;
   }
   const double now = Kel::System::currentTime();
-  VCC_TRACE(traceOrdinary, "handleConvergenceInProgress", " schedule deferred deletes");
+  VCC_LINE(traceOrdinary, "handleConvergenceInProgress", " schedule deferred deletes");
   setUnicastDeferredDeletionInProgress(true);
   setBumDeferredDeletionInProgress(true);
   unicastDeferredDeleteClock_->timeMinIs(now);
@@ -227,23 +227,23 @@ void VxlanControllerMacAddrSmBase::handleControllerVniBaseDir(Kel::Name name) {
     return;
   }
   if (controllerStatusBaseDir_ && controllerStatusBaseDir_->hasEntry(name) && vxlanControllerClientMode()) {
-    addVni(name);
+    addVni(name, __PRETTY_FUNCTION__);
     return;
   }
-  VCC_TRACE(traceOrdinary, " entry subdir deleted for ", name);
+  VCC_LINE(traceOrdinary, " entry subdir deleted for ", name);
   const VniExt vni = vniOf(name);
   if (rmxPerVniFdbStatusSm_.contains(vni)) {
-    removeVni(vni);
+    removeVni(vni, __PRETTY_FUNCTION__);
   }
 }
 
-void VxlanControllerMacAddrSmBase::addVni(const Kel::Name& name) {
+void VxlanControllerMacAddrSmBase::addVni(const Kel::Name& name, const char* operation) {
   const Kel::Ptr<Kel::Entity> entity = controllerStatusBaseDir_->entityPtr(name);
   if (!entity) {
-    VCC_TRACE(traceOrdinary, name, " entry subdir added, but not instantiated ");
+    VCC_LINE_OF(operation, traceOrdinary, name, " entry subdir added, but not instantiated ");
     return;
   }
-  VCC_TRACE(traceOrdinary, name, " entry subdir added ");
+  VCC_LINE_OF(operation, traceOrdinary, name, " entry subdir added ");
   const Kel::Ptr<const VxlanController::VniFdbStatusV2> status =
       Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
   if (!status) {
@@ -253,15 +253,15 @@ void VxlanControllerMacAddrSmBase::addVni(const Kel::Name& name) {
   Kel::fatalUnless(!!vniId.value(), "!!vniId");
   const Kel::Ptr<RmxPerVniFdbStatusSmBase> present = rmxPerVniFdbStatusSm(vniId);
   if (present && present->rmxVniFdbStatusV2() != status) {
-    removeVni(vniId);  // the machine follows an entity that was replaced
+    removeVni(vniId, operation);  // the machine follows an entity that was replaced
   }
   for (const Qnet::IntfId& vti : getVtiIterator()) {
     const Bridging::VlanIdOrNone vlan = vlanForVni(vti, vniId);
-    VCC_TRACE(traceOrdinary, "vniId: ", vniId, " localmap: ", vlan);
+    VCC_LINE_OF(operation, traceOrdinary, "vniId: ", vniId, " localmap: ", vlan);
     if (!vlan) {
       continue;
     }
-    VCC_TRACE(traceOrdinary, " vni-vlan map found for vni ", vniId);
+    VCC_LINE_OF(operation, traceOrdinary, " vni-vlan map found for vni ", vniId);
     if (const Kel::Ptr<RmxPerVniFdbStatusSmBase> machine = rmxPerVniFdbStatusSm(vniId)) {
       machine->handleRmxHostTable();
     } else {
@@ -270,8 +270,8 @@ void VxlanControllerMacAddrSmBase::addVni(const Kel::Name& name) {
   }
 }
 
-void VxlanControllerMacAddrSmBase::removeVni(VniExt vni) {
-  VCC_TRACE(traceOrdinary, " Deleting the corresponding SM");
+void VxlanControllerMacAddrSmBase::removeVni(VniExt vni, const char* operation) {
+  VCC_LINE_OF(operation, traceOrdinary, " Deleting the corresponding SM");
   cleanupRmxPerVniFdbStatusSm(vni, true);
   deleteRmxPerVniFdbStatusSm(vni);
 }
@@ -282,7 +282,7 @@ void VxlanControllerMacAddrSmBase::cleanupRmxPerVniFdbStatusSm(VniExt vni, bool 
   for (const Qnet::IntfId& vti : getVtiIterator()) {
     const Bridging::VlanIdOrNone mapped = vlanForVni(vti, vni);
     if (!mapped) {
-      VCC_TRACE(traceOrdinary, "Missing vlan-to-vni mapping");
+      VCC_LINE(traceOrdinary, "Missing vlan-to-vni mapping");
       return;
     }
     const Bridging::VlanId vlan(mapped);
@@ -313,7 +313,7 @@ void VxlanControllerMacAddrSmBase::vxlanControllerScanVniStatus(VniExt vni) {
     machine->handleInitialized();
     return;
   }
-  VCC_TRACE(traceOrdinary, "creating vniStatusSm");
+  VCC_LINE(traceOrdinary, "creating vniStatusSm");
   handleControllerVniBaseDir(Kel::Name(std::to_string(vni.value())));
 }
 
@@ -329,7 +329,7 @@ void VxlanControllerMacAddrSmBase::deleteRemoteMacFromController(Bridging::VlanI
     return;
   }
   for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
-    VCC_TRACE(traceOrdinary, " Deleting: Mac: ", key.mac, " Vlan: ", key.vlan, " deferDel ", deferDel);
+    VCC_LINE(traceOrdinary, " Deleting: Mac: ", key.mac, " Vlan: ", key.vlan, " deferDel ", deferDel);
     if (deferDel) {
       deferDeleteReceivedTableEntry(key);
     } else {
@@ -347,10 +347,10 @@ void VxlanControllerMacAddrSmBase::deferDeleteReceivedTableEntry(const Bridging:
   }
   ReceivedEntry marked = *present;
   marked.markedForDel = true;
-  VCC_TRACE(traceOrdinary, "defer delete of ", key.mac, " vlan ", key.vlan, " old vtep: ", marked.vtepIp);
+  VCC_LINE(traceOrdinary, "defer delete of ", key.mac, " vlan ", key.vlan, " old vtep: ", marked.vtepIp);
   table->receivedEntryIs(marked);
   table->markedForDelCountInc(1);
-  VCC_TRACE(traceOrdinary, "new marked for deletion count ", table->markedForDelCount());
+  VCC_LINE(traceOrdinary, "new marked for deletion count ", table->markedForDelCount());
 }
 
 void VxlanControllerMacAddrSmBase::deleteReceivedTableEntry(const Bridging::MacVlanPair& key) {
@@ -362,7 +362,7 @@ void VxlanControllerMacAddrSmBase::deleteReceivedTableEntry(const Bridging::MacV
   const ReceivedEntry* present = table->receivedEntry().find(key);
   if (present != nullptr && present->markedForDel) {
     table->markedForDelCountDec(1);
-    VCC_TRACE(traceOrdinary, " new marked for deletion count ", table->markedForDelCount());
+    VCC_LINE(traceOrdinary, " new marked for deletion count ", table->markedForDelCount());
   }
   table->receivedEntryDel(key);
 }
@@ -375,28 +375,28 @@ void VxlanControllerMacAddrSmBase::processUnicastDeferredDeletes() {
   VCC_TRACE(traceOrdinary, " init ", initialized(), " convergence state ", converging(),
             " marked for del count ", table->markedForDelCount());
   if (converging()) {
-    VCC_TRACE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
+    VCC_LINE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
     return;
   }
   if (table->markedForDelCount() == 0) {
     finishUnicastDeferredDeletes();
-    VCC_TRACE(traceOrdinary, " no markedForDel entries");
+    VCC_LINE(traceOrdinary, " no markedForDel entries");
     return;
   }
   const Bridging::MacVlanPair bookmark = unicastDeferredDeleteBookmark();
   auto at = table->receivedEntry().begin();
   if (const auto marked = table->receivedEntry().at(bookmark);
       bookmark != Bridging::MacVlanPair() && marked) {
-    VCC_TRACE(traceOrdinary, " starting at bookmark ", bookmark.mac, " vlan ", bookmark.vlan);
+    VCC_LINE(traceOrdinary, " starting at bookmark ", bookmark.mac, " vlan ", bookmark.vlan);
     at = marked;
   } else {
-    VCC_TRACE(traceOrdinary, " no bookmark. start fresh");
+    VCC_LINE(traceOrdinary, " no bookmark. start fresh");
   }
   const double deadline = Kel::System::currentTime() + maxProcessTime();
-  VCC_TRACE(traceOrdinary, " initial count ", table->markedForDelCount());
+  VCC_LINE(traceOrdinary, " initial count ", table->markedForDelCount());
   while (table->markedForDelCount() != 0) {
     if (!at) {
-      VCC_TRACE(traceOrdinary, " reached end, resume from first entry");
+      VCC_LINE(traceOrdinary, " reached end, resume from first entry");
       at = table->receivedEntry().begin();
       // Cannot be reached while the count is right: it never exceeds the number of entries.
       Kel::fatalUnless(static_cast<bool>(at), "iter");
@@ -405,8 +405,8 @@ void VxlanControllerMacAddrSmBase::processUnicastDeferredDeletes() {
     const double now = Kel::System::currentTime();
     if (now >= deadline) {
       unicastDeferredDeleteBookmark_ = key;
-      VCC_TRACE(traceOrdinary, " reschedule, resume later from ", key.mac, " vlan ", key.vlan,
-                " Remaining count ", table->markedForDelCount());
+      VCC_LINE(traceOrdinary, " reschedule, resume later from ", key.mac, " vlan ", key.vlan,
+               " Remaining count ", table->markedForDelCount());
       unicastDeferredDeleteClock_->timeMinIs(now);
       return;
     }
@@ -431,15 +431,15 @@ bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp,
   if (!status) {
     return false;
   }
-  VCC_TRACE(traceOrdinary, "local vtepIp: ", status->localVtepAddr(),
-            " local dgw vtepIp: ", status->dgwVtepAddr());
+  VCC_LINE(traceOrdinary, "local vtepIp: ", status->localVtepAddr(),
+           " local dgw vtepIp: ", status->dgwVtepAddr());
   if (vtepIp == status->localVtepAddr() || vtepIp == status->dgwVtepAddr()) {
     return true;
   }
   if (mlagVxlanStatus_) {
     for (auto&& address : mlagVxlanStatus_->vtepAddr()) {
       if (address.value == vtepIp) {
-        VCC_TRACE(traceOrdinary, "vtepIp: ", vtepIp);
+        VCC_LINE(traceOrdinary, "vtepIp: ", vtepIp);
         return true;
       }
     }
@@ -508,9 +508,15 @@ void VxlanControllerMacAddrSmBase::mlagStatusDel() {
   mlagStatus_.del();
 }
 void VxlanControllerMacAddrSmBase::unicastDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock) {
+  if (!clock) {
+    Kel::throwNullParameter(className, "unicastDeferredDeleteClock");
+  }
   unicastDeferredDeleteClock_.is(clock);
 }
 void VxlanControllerMacAddrSmBase::bumDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock) {
+  if (!clock) {
+    Kel::throwNullParameter(className, "bumDeferredDeleteClock");
+  }
   bumDeferredDeleteClock_.is(clock);
 }
 

@@ -1,4 +1,10 @@
 // The state machines of the VXLAN controller client, and the factories that make them.
+//
+// An attribute is read by the accessor of its name, one that holds a machine or an entity by a pointer. All
+// that is public here is exported: whoever has the client reaches every machine of it.
+//
+// Some private steps take `operation`: the signature of the operation that they work for, under which they
+// trace.
 #pragma once
 
 #include <array>
@@ -28,7 +34,7 @@ class RmxPerVniFdbStatusSmBase;
 class VxlanControllerMacAddrSmBase;
 
 // The tracker of one VTI's VLAN-VNI map, as its owner knows it: a VTI and its owner.
-class VtiVlanVniMapSmBase : public Kel::StateMachine {
+class KEL_API VtiVlanVniMapSmBase : public Kel::StateMachine {
  public:
   VtiVlanVniMapSmBase(const Qnet::IntfId& vtiIntfId, VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm);
   static const Kel::TypeNode type;
@@ -47,6 +53,7 @@ class VtiVlanVniMapSmBase : public Kel::StateMachine {
   void rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, Qnet::IntfId vti);
 
   const Qnet::IntfId& vtiIntfId() const { return vtiIntfId_; }
+  VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm() const { return vxlanControllerMacAddrSm_; }
   bool initialized() const { return initialized_; }
 
  protected:
@@ -63,7 +70,7 @@ class VtiVlanVniMapSmBase : public Kel::StateMachine {
 // the entry of a VLAN is complete, it brings the state of the controller in line: a VLAN that lost its VNI
 // loses its remote MACs at once, one that has a VNI gets that VNI's machine created or refreshed. It is inert
 // until its owner is initialized.
-class VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
+class KEL_API VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_vxlanControllerMacAddrSm", "_vlanVniMap"};
 
@@ -100,7 +107,7 @@ class VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
 // passes: flood sets are written only while the controller drives BUM replication, a MAC with multipath
 // destinations is left alone, and the first VTI that does not map the VNI ends the operation. It writes
 // nothing itself: getting past the gating here is a fatal assertion.
-class MacVtepFloodListTableSmBase : public Kel::StateMachine {
+class KEL_API MacVtepFloodListTableSmBase : public Kel::StateMachine {
  public:
   MacVtepFloodListTableSmBase(
       const Qnet::EthAddr& macAddr,
@@ -125,12 +132,13 @@ class MacVtepFloodListTableSmBase : public Kel::StateMachine {
   const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable() const {
     return macVtepFloodListTable_.get();
   }
+  RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm() const { return rmxPerVniFdbStatusSm_; }
   bool initialized() const { return initialized_; }
 
  protected:
   // Whether flood sets of this MAC are to be written now: the controller drives BUM replication and there is
   // no multipath entry.
-  bool mayWrite() const;
+  bool mayWrite(const char* operation) const;
   RmxPerVniFdbStatusSmBase& owner() const { return *rmxPerVniFdbStatusSm_; }
   void initializedIs(bool initialized) { initialized_ = initialized; }
 
@@ -142,7 +150,7 @@ class MacVtepFloodListTableSmBase : public Kel::StateMachine {
     void onVtepIpFloodList(Qnet::IpAddr ip) override { owner().handleVtepIpFloodList(ip); }
     void onVtepIpFloodList() override { owner().handleVtepIpFloodList(); }
   };
-  void actInBase() const;
+  void actInBase(const char* operation) const;
 
   Kel::Own<Qnet::EthAddr> macAddr_;
   Kel::Input<const VxlanController::MacVtepFloodListV2, KelMacVtepFloodListTable> macVtepFloodListTable_{
@@ -154,7 +162,7 @@ class MacVtepFloodListTableSmBase : public Kel::StateMachine {
 // Mirrors the flood list that the controller publishes for one MAC of one VNI into the L2 RIB: into the flood
 // set of that MAC, type "send to all", in every VLAN to which a VTI maps the VNI. While the controller
 // converges a full evaluation removes nothing; a change of a single address acts at once.
-class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
+class KEL_API VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
  public:
   static constexpr Kel::Parameters<3> parameterNames{"_macVtepFloodListTable", "_rmxPerVniFdbStatusSm",
                                                      "_rmxSde"};
@@ -180,13 +188,14 @@ class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
   void handleInitialized() override;
   void kelDoZombieReactors(bool zombie) override { MacVtepFloodListTableSmBase::kelDoZombieReactors(zombie); }
 
+  const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
   std::array<const void*, 3> parameters() const {
     return {macVtepFloodListTable().get(), &owner(), rmxSde_.get().get()};
   }
 
  private:
   Kel::Ptr<L2Rib::FloodSet> floodSetOfAll(Bridging::VlanId vlan);
-  void writeList(Bridging::VlanId vlan);
+  void writeList(Bridging::VlanId vlan, const char* operation);
 
   Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
 };
@@ -196,7 +205,7 @@ class VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
 // the entries of MACs that are withdrawn. A MAC behind one of the switch's own addresses is never added, and
 // a stale entry of it goes at once. It owns a machine for each flood list. This class has the inputs and the
 // hosts; flood lists and multipath destinations are the derived class's.
-class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
+class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
  public:
   using FloodListSms = Kel::Children<Kel::OrderedTable, Qnet::EthAddr, MacVtepFloodListTableSmBase>;
 
@@ -239,7 +248,9 @@ class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   bool checkBumStatus() const;
 
   const VniExt& vni() const { return vni_; }
+  VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm() const { return vxlanControllerMacAddrSm_; }
   bool initialized() const { return initialized_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
   const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2() const {
     return rmxVniFdbStatusV2_.get();
   }
@@ -257,8 +268,8 @@ class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   // The VTIs, in the order in which they are evaluated.
   const std::vector<Qnet::IntfId>& vtis() const;
   // The VLAN of this VTI in which flood state is written, or none if it does not map the VNI. None ends the
-  // operation that asks: flood state is not written past such a VTI.
-  std::optional<Bridging::VlanId> floodVlan(const Qnet::IntfId& vti) const;
+  // operation that asks, whose signature this is: flood state is not written past such a VTI.
+  std::optional<Bridging::VlanId> floodVlan(const Qnet::IntfId& vti, const char* operation) const;
   // Whether the controller is converging, as the client view has it.
   bool converging() const;
 
@@ -293,10 +304,11 @@ class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
     void onDgwVtepAddr() override { owner().handleDgwVtepAddr(); }
   };
 
-  void removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key, Qnet::IpAddr vtepIp);
+  void removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key, Qnet::IpAddr vtepIp,
+                   const char* operation);
   void addRemote(ReceivedHostTable& table, const Bridging::MacVlanPair& key, const Qnet::IntfId& vti,
-                 const VxlanController::MacVtepV2& host);
-  void withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key);
+                 const VxlanController::MacVtepV2& host, const char* operation);
+  void withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key, const char* operation);
 
   Kel::Own<VniExt> vni_;
   Kel::Input<const VxlanController::VniFdbStatusV2, KelRmxVniFdbStatusV2> rmxVniFdbStatusV2_{
@@ -311,8 +323,10 @@ class RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
 
 // The machine of one VNI that runs: adds the flood lists and the multipath entries, which become flood sets
 // of the L2 RIB. It is live and fully synchronised as soon as it is built.
-class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
+class KEL_API VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
  public:
+  using VccFloodListSms = Kel::Children<Kel::OrderedTable, Qnet::EthAddr, VccMacVtepFloodListTableSm>;
+
   static constexpr Kel::Parameters<5> parameterNames{
       "_rmxVniFdbStatusV2", "_vtiStatusDir", "_vxlanHwStatusDir", "_vxlanControllerMacAddrSm", "_rmxSde"};
 
@@ -337,6 +351,7 @@ class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   void deleteMacVtepFloodListTableSm(Qnet::EthAddr mac) override;
   void kelDoZombieReactors(bool zombie) override { RmxPerVniFdbStatusSmBase::kelDoZombieReactors(zombie); }
 
+  const VccFloodListSms& vccMacVtepFloodListTableSm() const { return vccMacVtepFloodListTableSm_; }
   // The flood list machine of a MAC, or none. Each is also entered in macVtepFloodListTableSm.
   Kel::Ptr<VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSm(const Qnet::EthAddr& mac) const {
     return vccMacVtepFloodListTableSm_(mac);
@@ -349,18 +364,19 @@ class VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   void vccMacVtepFloodListTableSmDel(const Qnet::EthAddr& mac) { vccMacVtepFloodListTableSm_.del(mac); }
   void vccMacVtepFloodListTableSmDelAll() { vccMacVtepFloodListTableSm_.delAll(); }
 
+  const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
   std::array<const void*, 5> parameters() const {
     return {rmxVniFdbStatusV2().get(), vtiStatusDir().get(), vxlanHwStatusDir().get(), &owner(),
             rmxSde_.get().get()};
   }
 
  private:
-  void writeMultiPath(Bridging::VlanId vlan, const VxlanController::MacVtepMultiPathV2& entry);
-  void removeMultiPath(Bridging::VlanId vlan, const Qnet::EthAddr& mac);
+  void writeMultiPath(Bridging::VlanId vlan, const VxlanController::MacVtepMultiPathV2& entry,
+                      const char* operation);
+  void removeMultiPath(Bridging::VlanId vlan, const Qnet::EthAddr& mac, const char* operation);
 
   Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
-  Kel::Children<Kel::OrderedTable, Qnet::EthAddr, VccMacVtepFloodListTableSm> vccMacVtepFloodListTableSm_{
-      *this, "vccMacVtepFloodListTableSm"};
+  VccFloodListSms vccMacVtepFloodListTableSm_{*this, "vccMacVtepFloodListTableSm"};
 };
 
 // Copies the received host table into the controller's input to the L2 RIB. Every entry becomes one host of
@@ -387,6 +403,8 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
   // hosts as they are.
   void receivedHostTableIs(const Kel::Ptr<const ReceivedHostTable>& table) { receivedHostTable_.is(table); }
   void receivedHostTableDel() { receivedHostTable_.del(); }
+  const Kel::Ptr<const ReceivedHostTable>& receivedHostTable() const { return receivedHostTable_.get(); }
+  const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput() const { return l2RibRmxInput_.get(); }
   bool initialized() const { return initialized_; }
   std::array<const void*, 2> parameters() const {
     return {receivedHostTable_.get().get(), l2RibRmxInput_.get().get()};
@@ -407,7 +425,7 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
 
 // Follows the controller's state and echoes its convergence flag into the switch's client view, as it stands.
 // When it goes away it writes false: no reader may be left waiting for a convergence that nobody will end.
-class RmxStateSm final : public Kel::StateMachine {
+class KEL_API RmxStateSm final : public Kel::StateMachine {
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_rmxState", "_rmxStateClientView"};
 
@@ -428,6 +446,9 @@ class RmxStateSm final : public Kel::StateMachine {
   // Follows another state from now on and echoes its flag; or none, which leaves the view as it is.
   void rmxStateIs(const Kel::Ptr<const VxlanController::RmxStateV2>& state) { rmxState_.is(state); }
   void rmxStateDel() { rmxState_.del(); }
+  const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView() const {
+    return rmxStateClientView_.get();
+  }
   bool initialized() const { return initialized_; }
   std::array<const void*, 2> parameters() const {
     return {rmxState_.get().get(), rmxStateClientView_.get().get()};
@@ -474,10 +495,15 @@ class KEL_API RmxStateSmWrapper final : public Kel::StateMachine {
   void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
                     const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
   void rmxStateSmDel();
+  const Kel::Ptr<const VtiStatusDir>& vtiStatusDir() const { return vtiStatusDir_.get(); }
   void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
   void vtiStatusDirDel();
+  const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir() const { return rmxStateBaseDir_.get(); }
   void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) { rmxStateBaseDir_.is(dir); }
   void rmxStateBaseDirDel() { rmxStateBaseDir_.del(); }
+  const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView() const {
+    return rmxStateClientView_.get();
+  }
 
  private:
   class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, RmxStateSmWrapper> {
@@ -521,7 +547,7 @@ class RmxMlagBumStatusSmBase;
 //   idle      | no local list bound                         | construction, gate closed or no VNI found
 //   mirroring | list bound, address changes are copied      | handleInit, gate open and a VNI found
 //   frozen    | list bound, only type changes are copied    | gate closed, or the VLAN lost its mapping
-class BumVtepListSm final : public Kel::StateMachine {
+class KEL_API BumVtepListSm final : public Kel::StateMachine {
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_bumVtepList", "_rmxMlagBumStatusSm"};
 
@@ -544,6 +570,7 @@ class BumVtepListSm final : public Kel::StateMachine {
   void handleListType();
 
   const MacVlanPair& macVlanPair() const { return macVlanPair_; }
+  RmxMlagBumStatusSmBase* rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_; }
   const Kel::Ptr<const BumVtepList>& bumVtepList() const { return bumVtepList_.get(); }
   // Follows another list of the peer from now on, or none.
   void bumVtepListIs(const Kel::Ptr<const BumVtepList>& list) { bumVtepList_.is(list); }
@@ -617,8 +644,6 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
   void mlagVxlanStatusDel();
   void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
   void vxlanHwStatusDirDel();
-
- protected:
   const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
   const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
 
@@ -649,7 +674,7 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
   void rebindRemote();
   void rebindLocal();
   void sweepMappedVlans();
-  void sweepList(const MacVlanPair& key);
+  void sweepList(const MacVlanPair& key, const char* operation);
 
   Kel::Input<const Mlag::VxlanStatus, KelMlagVxlanStatus> mlagVxlanStatus_{*this, "mlagVxlanStatus"};
   Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
@@ -662,7 +687,7 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
 };
 
 // The MLAG BUM status machine that runs: knows the VLAN-VNI maps of the VTIs and follows them.
-class RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
+class KEL_API RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
  public:
   // Whichever parameter differs, the owner's attribute is what cannot be made anew.
   static constexpr Kel::Parameters<3> parameterNames{"_rmxMlagBumStatusSm", "_rmxMlagBumStatusSm",
@@ -682,6 +707,7 @@ class RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
   std::vector<Bridging::VlanId> getVlanIterator(Qnet::IntfId vti) const override;
   VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const override;
 
+  const Kel::Ptr<const VlanVniMaps>& vlanVniMaps() const { return vlanVniMaps_.get(); }
   void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
   void vlanVniMapsDel();
   std::array<const void*, 3> parameters() const {
@@ -792,6 +818,7 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   virtual void vxlanHwStatusDirDel();
   virtual void mlagStatusIs(const Kel::Ptr<const Mlag::Status>& status);
   virtual void mlagStatusDel();
+  // Another clock for a job; binding it counts as its time. Null raises the range error: a job has a clock.
   virtual void unicastDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock);
   virtual void bumDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock);
 
@@ -928,8 +955,8 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
 
   void vtiStatusReconcile();
   void kel_BumStatusInRebind();
-  void addVni(const Kel::Name& name);
-  void removeVni(VniExt vni);
+  void addVni(const Kel::Name& name, const char* operation);
+  void removeVni(VniExt vni, const char* operation);
   void finishUnicastDeferredDeletes();
 
   Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
@@ -965,6 +992,9 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
 // on and MLAG is active.
 class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBase {
  public:
+  using TrackerShadow = Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSm>;
+  using PerVniShadow = Kel::Children<Kel::Table, VniExt, VccPerVniFdbStatusSm>;
+
   VxlanControllerClientSm(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
                           const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
                           const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
@@ -1018,12 +1048,17 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   void handleVlanVniMapVti(Qnet::IntfId vti);
   void handleVlanVniMapVti();
 
+  const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir() const { return rmxStateBaseDir_.get(); }
   void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir);
   void rmxStateBaseDirDel();
   void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
   void vlanVniMapsDel();
   const Kel::Ptr<const VlanVniMaps>& vlanVniMaps() const { return vlanVniMaps_.get(); }
   const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
+  const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput() const { return l2RibRmxInput_.get(); }
+  const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus() const {
+    return rmxConvergenceStatus_.get();
+  }
   const Kel::Ptr<RmxStateSm>& rmxStateSm() const { return rmxStateSm_.get(); }
   void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
                     const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
@@ -1031,18 +1066,34 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   // The received host table; `hostTableIs` makes it under this name, once.
   const Kel::Ptr<ReceivedHostTable>& hostTable() const { return hostTable_.get(); }
   Kel::Ptr<ReceivedHostTable> hostTableIs(const Kel::Name& name);
+  // What copies that table into l2RibRmxInput.
+  const Kel::Ptr<ReceivedHostTableToL2RibHostInputSm>& receivedHostTableToL2RibHostInputSm() const {
+    return receivedHostTableToL2RibHostInputSm_.get();
+  }
   Bridging::VlanId bumDeferredDeleteBookmark() const { return bumDeferredDeleteBookmark_; }
 
+  // The children by their concrete classes. Each is also entered in the collection of its base class.
+  const TrackerShadow& vlanVniMapSmShadow() const { return vlanVniMapSmShadow_; }
+  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadow(const Qnet::IntfId& vti) const {
+    return vlanVniMapSmShadow_(vti);
+  }
   Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(Qnet::IntfId vti, VxlanControllerMacAddrSmBase* owner,
                                                  const Kel::Ptr<const VlanVniMap>& map);
   void vlanVniMapSmShadowDel(const Qnet::IntfId& vti) { vlanVniMapSmShadow_.del(vti); }
   void vlanVniMapSmShadowDelAll() { vlanVniMapSmShadow_.delAll(); }
+  const PerVniShadow& vccPerVniFdbStatusSmShadow() const { return vccPerVniFdbStatusSmShadow_; }
+  Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadow(VniExt vni) const {
+    return vccPerVniFdbStatusSmShadow_(vni);
+  }
   Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadowIs(
       VniExt vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status,
       const Kel::Ptr<const VtiStatusDir>& dir, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
       VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde);
   void vccPerVniFdbStatusSmShadowDel(VniExt vni) { vccPerVniFdbStatusSmShadow_.del(vni); }
   void vccPerVniFdbStatusSmShadowDelAll() { vccPerVniFdbStatusSmShadow_.delAll(); }
+  const Kel::Ptr<RmxMlagBumStatusSm>& rmxMlagBumStatusSmShadow() const {
+    return rmxMlagBumStatusSmShadow_.get();
+  }
   Kel::Ptr<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadowIs(const Kel::Ptr<const Mlag::VxlanStatus>& status,
                                                           const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
                                                           const Kel::Ptr<const VlanVniMaps>& maps);
@@ -1062,11 +1113,11 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
     void onVlanVniMapkelImmediate() override { owner().handleVlanVniMapVti(); }
   };
 
-  void deleteRemoteMacsOfMappedVlans();
-  L2Rib::SourceDirEntry::VlanFloodSets::Iterator bumStartPosition() const;
-  std::size_t pruneVlanFloodSet(Bridging::VlanId vlan);
+  void deleteRemoteMacsOfMappedVlans(const char* operation);
+  L2Rib::SourceDirEntry::VlanFloodSets::Iterator bumStartPosition(const char* operation) const;
+  std::size_t pruneVlanFloodSet(Bridging::VlanId vlan, const char* operation);
   Kel::Ptr<RmxPerVniFdbStatusSmBase> machineOfVlan(Bridging::VlanId vlan) const;
-  void finishBumDeferredDeletes(std::size_t deleted);
+  void finishBumDeferredDeletes(std::size_t deleted, const char* operation);
 
   Kel::Input<const Kel::Dir, KelRmxStateBaseDir> rmxStateBaseDir_{*this, "rmxStateBaseDir"};
   Kel::Input<const VlanVniMaps, KelVlanVniMaps> vlanVniMaps_{*this, "vlanVniMaps"};
@@ -1074,10 +1125,8 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   Kel::Held<L2Rib::HostInput> l2RibRmxInput_;
   Kel::Held<VxlanClientConvergenceStatus> rmxConvergenceStatus_;
   Kel::Child<RmxStateSm> rmxStateSm_{*this, "rmxStateSm"};
-  Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSm> vlanVniMapSmShadow_{*this,
-                                                                                      "vlanVniMapSmShadow"};
-  Kel::Children<Kel::Table, VniExt, VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadow_{
-      *this, "vccPerVniFdbStatusSmShadow"};
+  TrackerShadow vlanVniMapSmShadow_{*this, "vlanVniMapSmShadow"};
+  PerVniShadow vccPerVniFdbStatusSmShadow_{*this, "vccPerVniFdbStatusSmShadow"};
   Kel::Held<ReceivedHostTable> hostTable_{*this, "hostTable"};
   Kel::Child<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSm_{
       *this, "receivedHostTableToL2RibHostInputSm"};

@@ -14,7 +14,7 @@ function(vcc_shared_library target)
   cmake_parse_arguments(LIB "" "" "ROOMS;SOURCES" ${ARGN})
   add_library(${target} SHARED ${LIB_SOURCES})
   set_target_properties(${target} PROPERTIES
-    VERSION "${PROJECT_VERSION}" SOVERSION "${PROJECT_VERSION_MAJOR}"
+    VERSION "${PROJECT_VERSION}" SOVERSION "${VCC_SOVERSION}"
     CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
     VCC_ROOMS "${LIB_ROOMS}")
   target_compile_features(${target} PUBLIC cxx_std_20)

@@ -66,7 +66,7 @@ if(TARGET VxlanControllerClient)
 endif()
 
 set(own_version "(= ${PROJECT_VERSION})")
-set(library_package "libvxlan-controller-client${PROJECT_VERSION_MAJOR}")
+set(library_package "libvxlan-controller-client${VCC_SOVERSION}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME "${library_package}")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)

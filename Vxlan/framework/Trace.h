@@ -1,5 +1,5 @@
-// The system's trace: one compact record of every handler in the ring file, and a formatted line where that
-// is enabled.
+// The system's trace. An operation that is entered writes one compact record into the ring file; all that it
+// says on its way is formatted lines, where these are enabled.
 #pragma once
 
 #include <cstdint>
@@ -53,27 +53,31 @@ void traceInto(Kel::TraceHelper& line, const Piece& piece) {
 }  // namespace detail
 }  // namespace Vxlan
 
-// Traces at this place: VCC_TRACE(traceOrdinary, " vlanId ", vlan), in the ring and, where that is enabled,
-// as a line that begins with the signature of the operation and a blank. Literals are stored once for the
-// place; the rest is recorded in binary.
+// What an operation traces when it is entered: VCC_TRACE(traceOrdinary, " vlanId ", vlan), in the ring and,
+// where that is enabled, as a line that begins with the signature of the operation and a blank. Literals are
+// stored once for the place; the rest is recorded in binary.
 #define VCC_TRACE(level, ...)                     \
   do {                                            \
     VCC_RECORD(level __VA_OPT__(, ) __VA_ARGS__); \
     VCC_LINE(level __VA_OPT__(, ) __VA_ARGS__);   \
   } while (false)
 
-// The two halves, for the few places where record and line read differently.
+// The record alone, for the few further records with values of their own.
 #define VCC_RECORD(level, ...)                                          \
   do {                                                                  \
     if (::Vxlan::vccRlHandle != nullptr) [[likely]] {                   \
       RINGLOG(*::Vxlan::vccRlHandle, level __VA_OPT__(, ) __VA_ARGS__); \
     }                                                                   \
   } while (false)
-#define VCC_LINE(level, ...)                                                              \
+// The line alone: what an operation says behind its first words.
+#define VCC_LINE(level, ...) VCC_LINE_OF(__PRETTY_FUNCTION__, level __VA_OPT__(, ) __VA_ARGS__)
+// The same in a step of an operation: the line begins with the signature of the operation that the step works
+// for, which hands its own down as __PRETTY_FUNCTION__.
+#define VCC_LINE_OF(operation, level, ...)                                                \
   do {                                                                                    \
     if (::Vxlan::vccTraceFacility.enabled(level)) [[unlikely]] {                          \
       auto vccLine = Kel::TraceHelper::createIfEnabled(::Vxlan::vccTraceFacility, level); \
-      vccLine << __PRETTY_FUNCTION__ << ' ';                                              \
+      vccLine << (operation) << ' ';                                                      \
       [&vccLine](const auto&... pieces) {                                                 \
         (::Vxlan::detail::traceInto(vccLine, pieces), ...);                               \
       }(__VA_ARGS__);                                                                     \

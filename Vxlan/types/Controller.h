@@ -53,6 +53,7 @@ class KEL_API MacVtepFloodListV2 final : public Kel::Entity {
   // Whether the address is a key with the value true.
   bool vtepIpFloodList(Qnet::IpAddr vtep) const { return vtepIpFloodList_.get(vtep); }
   const Addresses& vtepIpFloodList() const { return vtepIpFloodList_; }
+  std::size_t vtepIpFloodLists() const { return vtepIpFloodList_.size(); }
   void vtepIpFloodListIs(Qnet::IpAddr vtep, bool flood) { vtepIpFloodList_.is(vtep, flood); }
   void vtepIpFloodListDel(Qnet::IpAddr vtep) { vtepIpFloodList_.del(vtep); }
   void vtepIpFloodListDelAll() { vtepIpFloodList_.delAll(); }

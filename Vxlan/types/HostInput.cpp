@@ -52,9 +52,51 @@ HostInput::~HostInput() {
   table_.publish();
 }
 
-std::optional<Host> HostInput::host(const Bridging::MacVlanPair& key) const {
+void HostInput::publish(void* self) {
+  static_cast<HostInput*>(self)->table_.publish();
+}
+
+void HostInput::signal(const Bridging::MacVlanPair& key) {
+  if (reactors() != 0) {
+    changed_.signal(key);
+  }
+}
+
+Host HostInput::host(const Bridging::MacVlanPair& key) const {
+  return findHost(key).value_or(Host());
+}
+
+std::optional<Host> HostInput::findHost(const Bridging::MacVlanPair& key) const {
   const auto value = table_.find(key);
   return value ? std::optional(hostOf(key, *value)) : std::nullopt;
+}
+
+bool HostInput::hasHost(const Bridging::MacVlanPair& key) const {
+  return table_.contains(key);
+}
+
+std::size_t HostInput::hosts() const {
+  return table_.size();
+}
+
+std::size_t HostInput::limit() const {
+  return table_.limit();
+}
+
+std::uint64_t HostInput::bytesTaken() const {
+  return table_.bytesTaken();
+}
+
+const std::string& HostInput::damage() const {
+  return table_.damage();
+}
+
+bool HostInput::replacing() const {
+  return table_.replacing();
+}
+
+void HostInput::takePlace() {
+  table_.takePlace();
 }
 
 void HostInput::hostIs(const Host& host) {
@@ -68,6 +110,20 @@ void HostInput::hostDel(const Bridging::MacVlanPair& key) {
     signal(key);
     Kel::ActivityLoop::instance().turnHasWritten();
   }
+}
+
+// As of any collection: a handler of its own, so that the keyed callbacks come behind the whole one, and all
+// of it is one turn for readers.
+void HostInput::hostDelAll() {
+  if (table_.empty()) {
+    return;
+  }
+  Kel::ActivityLoop::instance().asHandler([&] {
+    for (auto host = table_.first(); host; host = table_.next(host->first)) {
+      hostDel(host->first);
+    }
+    changed_.signalWhole();
+  });
 }
 
 void HostInput::endOnTruncation(const char* program) {

@@ -21,6 +21,7 @@ class KEL_API HostInput final : public Kel::Entity {
  public:
   struct Reactor : Kel::Reactor {
     virtual void onHost(Bridging::MacVlanPair) {}
+    virtual void onHostkelImmediate() {}
   };
 
   struct Options {
@@ -37,25 +38,30 @@ class KEL_API HostInput final : public Kel::Entity {
   explicit HostInput(const Options& options);
   ~HostInput() override;
 
+  // The host of this key; the default one, which counts as empty, if it is absent.
+  Host host(const Bridging::MacVlanPair& key) const;
   // The host of this key, or nothing.
-  std::optional<Host> host(const Bridging::MacVlanPair& key) const;
-  bool hasHost(const Bridging::MacVlanPair& key) const { return table_.contains(key); }
-  std::size_t hosts() const { return table_.size(); }
-  std::size_t limit() const { return table_.limit(); }
-  std::uint64_t bytesTaken() const { return table_.bytesTaken(); }
+  std::optional<Host> findHost(const Bridging::MacVlanPair& key) const;
+  bool hasHost(const Bridging::MacVlanPair& key) const;
+  std::size_t hosts() const;
+  std::size_t limit() const;
+  // Bytes of memory that the table takes at present.
+  std::uint64_t bytesTaken() const;
 
   // Inserts or replaces the host under its key. Raises Memtab::Full when there is no room; what is there
   // stays.
   void hostIs(const Host& host);
   // Removes a host; an absent key is no error.
   void hostDel(const Bridging::MacVlanPair& key);
+  // Removes every host: gives the whole-collection callback, and one callback for each host removed.
+  void hostDelAll();
 
   // A damaged table that is replaced, be the damage found at the start or later: from then on an empty one is
   // written, while readers keep the damaged one. What was wrong; whether readers still have it; and, when all
   // hosts are written again, the end of that: the new table gets the name. See Memtab::Writer.
-  const std::string& damage() const { return table_.damage(); }
-  bool replacing() const { return table_.replacing(); }
-  void takePlace() { table_.takePlace(); }
+  const std::string& damage() const;
+  bool replacing() const;
+  void takePlace();
 
   // For programs: a table that is truncated while it is in use ends the process with a message that begins
   // with `program`, and status 2, instead of by the signal alone.
@@ -71,15 +77,11 @@ class KEL_API HostInput final : public Kel::Entity {
  private:
   using Table = Memtab::Writer<Bridging::MacVlanPair, HostValue>;
 
-  static void publish(void* self) { static_cast<HostInput*>(self)->table_.publish(); }
-  void signal(const Bridging::MacVlanPair& key) {
-    if (reactors() != 0) {
-      changed_.signal(key);
-    }
-  }
+  static void publish(void* self);
+  void signal(const Bridging::MacVlanPair& key);
 
   Table table_;
-  Kel::Notification<Bridging::MacVlanPair, &Reactor::onHost> changed_{*this};
+  Kel::Notification<Bridging::MacVlanPair, &Reactor::onHost, &Reactor::onHostkelImmediate> changed_{*this};
 };
 
 }  // namespace L2Rib

@@ -69,7 +69,7 @@ class CiDest {
 // What the table in shared memory keeps of a host beside its key. Plain bytes without padding, at fixed
 // places: other programs read it.
 struct HostValue {
-  double lastUpdateTime = 0;   // seconds of the writer's time
+  double lastUpdateTime = 0;   // seconds of the writer's time, Kel::System::currentTime()
   std::uint64_t sequence = 0;  // not written by the controller client
   std::uint32_t moveCount = 0;
   HostAttr hostAttr = HostAttr::None;

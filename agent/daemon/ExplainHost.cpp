@@ -126,7 +126,7 @@ bool tellReceived(Story& story, const World& world, const Bridging::MacVlanPair&
 }
 
 bool tellL2Rib(Story& story, const World& world, const Bridging::MacVlanPair& key) {
-  const auto host = world.hosts->host(key);
+  const auto host = world.hosts->findHost(key);
   story.step("layer-2 RIB", static_cast<bool>(host),
              host ? "exported, behind " + host->dest.vtepAddr(L2Rib::CiVtepIndex::First).text()
                   : "not in the shared-memory table");

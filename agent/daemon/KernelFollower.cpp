@@ -1,6 +1,6 @@
 #include "agent/daemon/KernelFollower.h"
 
-#include <algorithm>
+#include <utility>
 
 namespace Agent {
 namespace {
@@ -34,41 +34,6 @@ class KernelFollower::HostReactor final : public Kel::Follows<L2Rib::HostInput> 
 
  private:
   KernelFollower& follower_;
-};
-
-class KernelFollower::FloodReactor final : public Kel::Follows<L2Rib::SourceDirEntry> {
- public:
-  explicit FloodReactor(KernelFollower& follower) : follower_(follower) {}
-  void onVlanFloodSet(Bridging::VlanId vlan) override { follower_.vlanFloods(vlan); }
-  void onVlanFloodSetkelImmediate() override {
-    for (auto&& vlan : notifier()->vlanFloodSet()) {
-      follower_.vlanFloods(vlan.key);
-    }
-  }
-
- private:
-  KernelFollower& follower_;
-};
-
-class KernelFollower::VlanFloodReactor final : public Kel::Follows<L2Rib::VlanFloodSet> {
- public:
-  VlanFloodReactor(KernelFollower& follower, Bridging::VlanId vlan) : follower_(follower), vlan_(vlan) {}
-  void onFloodSet(Qnet::EthAddr mac) override { follower_.flood(vlan_, mac); }
-
- private:
-  KernelFollower& follower_;
-  Bridging::VlanId vlan_;
-};
-
-class KernelFollower::SetReactor final : public Kel::Follows<L2Rib::FloodSet> {
- public:
-  SetReactor(KernelFollower& follower, const Bridging::MacVlanPair& key) : follower_(follower), key_(key) {}
-  void onFloodSetType() override { follower_.tellFlood(key_.vlan, key_.mac); }
-  void onDestSet() override { follower_.tellFlood(key_.vlan, key_.mac); }
-
- private:
-  KernelFollower& follower_;
-  Bridging::MacVlanPair key_;
 };
 
 class KernelFollower::MapsReactor final : public Kel::Follows<Vxlan::VlanVniMaps> {
@@ -131,24 +96,21 @@ KernelFollower::KernelFollower(const World& world, Kernel::Adapter& kernel, Port
   }
   hosts_ = Kel::make<HostReactor>(*this);
   hosts_->notifierIs(world.hosts);
-  floods_ = Kel::make<FloodReactor>(*this);
-  floods_->notifierIs(world.floodSets);
+  floods_ = std::make_unique<FloodFollower>(world, static_cast<FloodFollower::Sink&>(*this));
 }
 
 KernelFollower::~KernelFollower() {
   const auto always = [](const auto&) { return true; };
   hosts_->notifierIs(nullptr);
-  floods_->notifierIs(nullptr);
+  floods_ = nullptr;
   maps_->notifierIs(nullptr);
   statusDir_->notifierIs(nullptr);
-  dropIf(vlanFloods_, always);
-  dropIf(sets_, always);
   dropIf(vtiMaps_, always);
   dropIf(statuses_, always);
 }
 
 void KernelFollower::host(const Bridging::MacVlanPair& key) {
-  const auto host = world_.hosts->host(key);
+  const auto host = world_.hosts->findHost(key);
   if (host) {
     kernel_.hostIs(key.vlan.value(), kernelMac(key.mac),
                    kernelIp(host->dest.vtepAddr(L2Rib::CiVtepIndex::First).v4()));
@@ -157,60 +119,20 @@ void KernelFollower::host(const Bridging::MacVlanPair& key) {
   }
 }
 
-void KernelFollower::vlanFloods(Bridging::VlanId vlan) {
-  const Kel::Ptr<L2Rib::VlanFloodSet> floods = world_.floodSets->vlanFloodSet(vlan);
-  if (floods) {
-    auto& reactor = vlanFloods_[vlan];
-    if (!reactor) {
-      reactor = Kel::make<VlanFloodReactor>(*this, vlan);
-    }
-    reactor->notifierIs(floods);
-  } else {
-    dropIf(vlanFloods_, [&](Bridging::VlanId gone) { return gone == vlan; });
+void KernelFollower::floodIs(Bridging::VlanId vlan, const Qnet::EthAddr& mac, L2Rib::FloodSetType type,
+                             std::vector<Qnet::IpAddr> vteps) {
+  std::vector<Kernel::Ip4> addresses;
+  addresses.reserve(vteps.size());
+  for (const Qnet::IpAddr vtep : vteps) {
+    addresses.push_back(kernelIp(vtep));
   }
-  // Those of before that are not in the set that is there now.
-  std::vector<Qnet::EthAddr> gone;
-  for (const auto& [key, reactor] : sets_) {
-    if (key.vlan == vlan && !(floods && floods->floodSet(key.mac))) {
-      gone.push_back(key.mac);
-    }
-  }
-  for (const Qnet::EthAddr& mac : gone) {
-    flood(vlan, mac);
-  }
-}
-
-void KernelFollower::flood(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
-  const Bridging::MacVlanPair key{mac, vlan};
-  const Kel::Ptr<L2Rib::VlanFloodSet> floods = world_.floodSets->vlanFloodSet(vlan);
-  const Kel::Ptr<L2Rib::FloodSet> set = floods ? floods->floodSet(mac) : nullptr;
-  if (set) {
-    auto& reactor = sets_[key];
-    if (!reactor) {
-      reactor = Kel::make<SetReactor>(*this, key);
-    }
-    reactor->notifierIs(set);
-  } else {
-    dropIf(sets_, [&](const Bridging::MacVlanPair& gone) { return gone == key; });
-  }
-  tellFlood(vlan, mac);
-}
-
-void KernelFollower::tellFlood(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
-  const Kel::Ptr<L2Rib::VlanFloodSet> floods = world_.floodSets->vlanFloodSet(vlan);
-  const Kel::Ptr<L2Rib::FloodSet> set = floods ? floods->floodSet(mac) : nullptr;
-  if (!set) {
-    kernel_.floodDel(vlan.value(), kernelMac(mac));
-    return;
-  }
-  std::vector<Kernel::Ip4> vteps;
-  for (auto&& dest : set->destSet()) {
-    vteps.push_back(kernelIp(dest.key.vxlan().vtepAddr().v4()));
-  }
-  std::sort(vteps.begin(), vteps.end());
-  const bool any = set->floodSetType() == L2Rib::FloodSetType::SendToAny;
+  const bool any = type == L2Rib::FloodSetType::SendToAny;
   kernel_.floodIs(vlan.value(), kernelMac(mac), any ? Kernel::FloodType::any : Kernel::FloodType::all,
-                  std::move(vteps));
+                  std::move(addresses));
+}
+
+void KernelFollower::floodDel(Bridging::VlanId vlan, const Qnet::EthAddr& mac) {
+  kernel_.floodDel(vlan.value(), kernelMac(mac));
 }
 
 void KernelFollower::map(const Qnet::IntfId& intf) {
@@ -272,6 +194,9 @@ void KernelFollower::vni(const Qnet::IntfId& intf, Bridging::VlanId vlan) {
                   kernelIp(status ? status->localVtepAddr() : Qnet::IpAddr()),
                   ports == ports_.end() ? std::vector<std::string>() : ports->second);
     vnis_.insert_or_assign(vlan, std::pair(intf, vni.value()));
+  }
+  if (floods_) {
+    floods_->mappingChanged(vlan);
   }
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/daemon/FloodFollower.h"
 #include "agent/kernel/Adapter.h"
 #include "agent/state/World.h"
 
@@ -15,30 +16,27 @@ namespace Agent {
 // Follows the outputs as any reader would, the hosts of the layer-2 RIB, the flood sets, and the VLAN-VNI
 // maps with the addresses of their VTIs, and tells the kernel adapter what should be there. What an earlier
 // run left in the host table is told at the start.
-class KernelFollower {
+class KernelFollower final : private FloodFollower::Sink {
  public:
   // Interfaces to enslave, by VLAN.
   using Ports = std::map<std::uint16_t, std::vector<std::string>>;
 
   KernelFollower(const World& world, Kernel::Adapter& kernel, Ports ports);
-  ~KernelFollower();
+  ~KernelFollower() override;
   KernelFollower(const KernelFollower&) = delete;
   KernelFollower& operator=(const KernelFollower&) = delete;
 
  private:
   class HostReactor;
-  class FloodReactor;
-  class VlanFloodReactor;
-  class SetReactor;
   class MapsReactor;
   class MapReactor;
   class StatusDirReactor;
   class StatusReactor;
 
   void host(const Bridging::MacVlanPair& key);
-  void vlanFloods(Bridging::VlanId vlan);
-  void flood(Bridging::VlanId vlan, const Qnet::EthAddr& mac);
-  void tellFlood(Bridging::VlanId vlan, const Qnet::EthAddr& mac);
+  void floodIs(Bridging::VlanId vlan, const Qnet::EthAddr& mac, L2Rib::FloodSetType type,
+               std::vector<Qnet::IpAddr> vteps) override;
+  void floodDel(Bridging::VlanId vlan, const Qnet::EthAddr& mac) override;
   void map(const Qnet::IntfId& vti);
   void vti(const Qnet::IntfId& vti);
   void vni(const Qnet::IntfId& vti, Bridging::VlanId vlan);
@@ -48,9 +46,7 @@ class KernelFollower {
   Ports ports_;
   std::map<Bridging::VlanId, std::pair<Qnet::IntfId, std::uint32_t>> vnis_;  // what was told, by VLAN
   Kel::Ptr<HostReactor> hosts_;
-  Kel::Ptr<FloodReactor> floods_;
-  std::map<Bridging::VlanId, Kel::Ptr<VlanFloodReactor>> vlanFloods_;
-  std::map<Bridging::MacVlanPair, Kel::Ptr<SetReactor>> sets_;
+  std::unique_ptr<FloodFollower> floods_;
   Kel::Ptr<MapsReactor> maps_;
   std::map<Qnet::IntfId, Kel::Ptr<MapReactor>> vtiMaps_;
   Kel::Ptr<StatusDirReactor> statusDir_;

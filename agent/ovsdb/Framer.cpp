@@ -80,7 +80,6 @@ void Framer::outside(std::string_view pending) {
                           std::to_string(static_cast<unsigned char>(c)) + " instead of '{'");
     }
     begun_ = true;
-    gapBegin_ = scanned_;
   }
   // Bounded, so that the size of the message is looked at every so often.
   const std::size_t stop = std::min(pending.size(), scanned_ + 65536);

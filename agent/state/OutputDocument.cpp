@@ -121,7 +121,7 @@ class L2RibHosts final : public HostTable {
       const auto value = reader_->find(key);
       return value ? recordOf(*value) : std::string();
     }
-    const auto host = hosts_->host(key);
+    const auto host = hosts_->findHost(key);
     return host ? recordOf(*host) : std::string();
   }
 

@@ -68,7 +68,7 @@ class ExporterTest : public Scenario {
 TEST_F(ExporterTest, EveryFieldIsAsItShouldBe) {
   startExporter();
   table->receivedEntryIs(entry(1));
-  const auto host = handles.l2RibRmxInput->host(key(1, 10));
+  const auto host = handles.l2RibRmxInput->findHost(key(1, 10));
   ASSERT_TRUE(host);
   EXPECT_EQ(host->key, key(1, 10));
   EXPECT_EQ(host->moveCount, 7U);

@@ -292,7 +292,7 @@ class RandomTest : public Scenario {
   void checkExport() {
     EXPECT_EQ(handles.l2RibRmxInput->hosts(), client->hostTable()->receivedEntrys());
     for (auto&& entry : client->hostTable()->receivedEntry()) {
-      const auto host = handles.l2RibRmxInput->host(entry.key);
+      const auto host = handles.l2RibRmxInput->findHost(entry.key);
       ASSERT_TRUE(host) << entry.key << " is not exported";
       EXPECT_EQ(host->dest.intf().text(), entry.value.intf.text());
       EXPECT_EQ(host->dest.vtepAddr(L2Rib::CiVtepIndex::First).v4(), entry.value.vtepIp);

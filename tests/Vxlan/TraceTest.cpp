@@ -60,18 +60,21 @@ TEST_F(TraceTest, AWithdrawnHost) {
 TEST_F(TraceTest, AConvergence) {
   controllerConverges(true);
   expectTraced(
-      {"RmxStateSm::handleConvergenceInProgress()  init 1",
+      {"RmxStateSm::handleConvergenceInProgress() handleConvergenceInProgress init 1",
        "RmxStateSm::handleConvergenceInProgress() handleConvergenceInProgress init 1 convergence state 1",
-       "VxlanControllerMacAddrSmBase::handleConvergenceInProgress()  init 1"});
+       "VxlanControllerMacAddrSmBase::handleConvergenceInProgress() handleConvergenceInProgress init 1"});
   controllerStateGoes();
   expectTraced(
-      {"VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name)  init 1",
-       "VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name)  entry subdir deleted for controller",
-       "RmxStateSm::cleanup()  convergence window 1"});
+      {"VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name) handleRmxStateBaseDir init 1",
+       "VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name) handleRmxStateBaseDir entry subdir deleted "
+       "for ",
+       "RmxStateSm::cleanup() cleanup convergence window 1"});
   controllerConverges(true);
-  expectTraced({"VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name)  entry subdir added "});
+  expectTraced(
+      {"VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name) handleRmxStateBaseDir entry subdir "
+       "added "});
   client->handleRmxStateBaseDir();
-  expectTraced({"VxlanControllerClientSm::handleRmxStateBaseDir()  init 1"});
+  expectTraced({"VxlanControllerClientSm::handleRmxStateBaseDir() handleRmxStateBaseDir init 1"});
 }
 
 TEST_F(TraceTest, AHostThatIsMarkedAndComesBack) {
@@ -138,7 +141,7 @@ TEST_F(TraceTest, TheModes) {
                 " Deleting remote MACs learnt from RMX"});
   vtiStatus("Vxlan1")->controllerClientModeIs(false);
   expectTraced({"handleControllerClientMode()  init? 1 vxlanControllerClientMode is 1",
-                " entry subdir deleted for controller", "cleanup()  convergence window 0"});
+                "handleRmxStateBaseDir entry subdir deleted for ", "cleanup() cleanup convergence window 0"});
   mlagIs(Mlag::MlagState::Active);
   expectTraced({"handleMlagState()  4", "VxlanControllerClientSm::deleteRmxMlagBumStatusSm()"});
   vtiStatus("Vxlan1")->controllerClientModeIs(true);

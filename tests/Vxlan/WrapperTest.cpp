@@ -99,14 +99,15 @@ TEST_F(WrapperTest, ItTracesItsEvaluation) {
   traceFromNow();
   startWrapper();
   for (const char* text :
-       {"RmxStateSmWrapper::handleInitialized() ", "RmxStateSmWrapper::handleRmxStateBaseDir()  init 1",
-        "RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name)  init 1",
-        "RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name)  entry subdir added "}) {
+       {"RmxStateSmWrapper::handleInitialized() handleInitialized",
+        "RmxStateSmWrapper::handleRmxStateBaseDir() handleRmxStateBaseDir init 1",
+        "RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name) handleRmxStateBaseDir init 1",
+        "RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name) handleRmxStateBaseDir entry subdir added "}) {
     EXPECT_EQ(tracedLines(text), 1U) << text;
   }
   controllerStateGoes();
-  EXPECT_EQ(tracedLines("(Kel::Name)  entry subdir deleted for "), 1U);
-  EXPECT_EQ(tracedLines("RmxStateSm::cleanup()  convergence window 1"), 1U);
+  EXPECT_EQ(tracedLines("(Kel::Name) handleRmxStateBaseDir entry subdir deleted for "), 1U);
+  EXPECT_EQ(tracedLines("RmxStateSm::cleanup() cleanup convergence window 1"), 1U);
 }
 
 // An entity of another type is ignored.

@@ -25,6 +25,7 @@ class Scripts(unittest.TestCase):
             os.makedirs(os.path.dirname(os.path.join(self.root, name)), exist_ok=True)
             shutil.copy(os.path.join(PROJECT, name), os.path.join(self.root, name))
         self.script("scripts/setup", "exit 0\n")
+        self.script("scripts/abi", "exit 0\n")
         self.script("bin/cmake", "exit 0\n")
         self.script("bin/ctest", SUMMARY)
 
@@ -89,9 +90,9 @@ class Scripts(unittest.TestCase):
 
     def test_ci_adds_up_its_parts(self):
         self.everything_is_fine()
-        self.ends(0, "17 passed, 0 failed", ".ci/run")
+        self.ends(0, "18 passed, 0 failed", ".ci/run")
         self.ci = ""
-        self.ends(0, "19 passed, 0 failed", ".ci/run")
+        self.ends(0, "20 passed, 0 failed", ".ci/run")
 
     def test_ci_fails_with_any_part(self):
         self.everything_is_fine()
@@ -100,7 +101,8 @@ class Scripts(unittest.TestCase):
                            ("bin/cmake", 'case "$*" in *verify*) exit 1 ;; esac\n'),
                            ("bin/cmake", 'case "$*" in *clang*) exit 1 ;; esac\n'),
                            ("bin/cmake", 'case "$*" in *tsan*) exit 1 ;; esac\n'),
-                           ("bin/cmake", 'case "$*" in *release*) exit 1 ;; esac\n')]:
+                           ("bin/cmake", 'case "$*" in *release*) exit 1 ;; esac\n'),
+                           ("bin/cmake", 'case "$*" in *abi*) exit 1 ;; esac\n'), ("scripts/abi", "exit 1\n")]:
             with self.subTest(name + ": " + body):
                 path = os.path.join(self.root, name)
                 with open(path, encoding="utf-8") as file:
@@ -114,7 +116,7 @@ class Scripts(unittest.TestCase):
     def test_ci_goes_on_after_a_failure(self):
         self.everything_is_fine()
         self.script("scripts/test", "exit 1\n")
-        self.ends(1, "10 passed, 1 failed", ".ci/run")
+        self.ends(1, "11 passed, 1 failed", ".ci/run")
 
     def test_a_demo_runs_its_steps_in_order_and_tells_what_it_left_out(self):
         self.script("scripts/demo.d/20-second.sh", "# The second step.\necho two\n")

@@ -198,7 +198,7 @@ std::string DishonestServer::says() {
   if (temper_ >= Temper::liar && below(200) == 0) {
     deaf_ = 20;
   }
-  hangsUp_ = hangsUp_ || below(temper_ >= Temper::liar ? 300 : 600) == 0;
+  hangsUp_ = hangsUp_ || below(temper_ >= Temper::liar ? 300 : 150) == 0;
   if (toSay_.empty() && follows_) {
     const bool bad = below(1000) < (temper_ == Temper::vandal ? 300U : temper_ == Temper::liar ? 10U : 0U);
     toSay_.push_back(bad ? mischief() : updateText());

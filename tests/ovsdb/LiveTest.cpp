@@ -274,7 +274,7 @@ TEST_F(LiveTest, aPeerThatReadsLateIsHeldBackAndAnsweredInTheEnd) {
     return size > 0;
   };
   int blocked = 0;
-  ASSERT_TRUE(becomes([&] { return (blocked = send() ? 0 : blocked + 1) == 10; }));
+  ASSERT_TRUE(becomes([&] { return (blocked = send() ? 0 : blocked + 1) >= 10; }));
   EXPECT_LT(sent, std::size_t{4} << 20);
   std::vector<char> bytes(1 << 20);
   std::size_t answered = 0;

@@ -1,8 +1,10 @@
 // Random rows that name each other, or what is not there, or what comes later; after each update, what is
 // published against a plain look at the rows.
+#include <algorithm>
 #include <cstdlib>
 #include <iostream>
 #include <random>
+#include <tuple>
 
 #include "Mapping.h"
 
@@ -41,11 +43,11 @@ std::map<int, std::string> owners(const FakeDatabase& database) {
       known->second = first ? rank : std::min(known->second, rank);
     }
   }
-  std::map<int, std::string> owners;
+  std::map<int, std::string> found;
   for (const auto& [vni, rank] : best) {
-    owners[vni] = rank.second;
+    found[vni] = rank.second;
   }
-  return owners;
+  return found;
 }
 
 json hostsOf(const FakeDatabase& database, const std::string& logicalSwitch) {
@@ -108,8 +110,8 @@ json plainLook(const FakeDatabase& database) {
 
 json published(const Mapping& mapping) {
   json look = json::object();
-  const json fdb = mapping.at("/controller/fdb");
-  for (const auto& [vni, entry] : (fdb.is_null() ? json::object() : fdb).items()) {
+  const json fdb = mapping.document.value("/controller/fdb"_json_pointer, json::object());
+  for (const auto& [vni, entry] : fdb.items()) {
     json found = json::object();
     const json table = entry.value("macVtepTable", json::object());
     for (const auto& [mac, host] : table.items()) {

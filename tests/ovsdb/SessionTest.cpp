@@ -196,9 +196,11 @@ TEST_F(SessionTest, garbageIsNamedAndLeavesNothingBehind) {
        "the server may not ask for this: method \"update2\""},
       {R"({"method":"echo","params":[)" + std::string(70'000, '1') + "]}",
        "more than 64 KiB of white space or of one number"},
-      {R"({"method":"echo","params":[1,],"id":1})", "an echo request is not JSON: at byte 3: want a value"},
+      {R"({"method":"echo","params":[1,],"id":1})", "an echo request is not JSON at byte 4"},
       {R"({"method":"echo","id":1})", "an echo request is not JSON"},
-      {R"({"method":"echo","id":1,"params":[]7})", "there is more behind its end"},
+      {"{\"method\":\"echo\",\"id\":1,\"params\":[\"\xff\"]}", "an echo request is not JSON at byte 3"},
+      {"{\"method\":\"echo\",\"id\":{\"\xff\":1},\"params\":[]}", "an id is not JSON at byte 3"},
+      {R"({"method":"echo","id":1,"params":[]7})", "an echo request is not JSON at byte 3"},
       {R"({"method":"echo","params":[],"id":1,"id":2})", "a message has the member \"id\" twice"},
       {R"({"method":"echo","params":[],"id":1,"result":1})", "neither a request nor an answer"},
   };

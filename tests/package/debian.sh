@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # Makes the Debian packages of a build and looks into them: names, dependencies, and where the files would go.
 #
-#   debian.sh BUILD CPACK VERSION
+#   debian.sh BUILD CPACK VERSION SOVERSION
 
 set -euo pipefail
-build=$1 cpack=$2 version=$3
+build=$1 cpack=$2 version=$3 soversion=$4
 scratch=$(mktemp -d)
 trap 'rm -rf "$scratch"' EXIT
 
@@ -33,20 +33,20 @@ depends() {
   dpkg-deb -f "$(the_package "$1")" Depends | grep -qE "$2" || { echo "$1 does not depend on $2"; exit 1; }
 }
 
-major=${version%%.*}
-holds "libvxlan-controller-client$major" "^./usr/lib/.*/?libVxlanControllerClient\.so\.$major$"
-depends "libvxlan-controller-client$major" 'libstdc\+\+6'
+library=libvxlan-controller-client$soversion
+holds "$library" "^./usr/lib/.*/?libVxlanControllerClient\.so\.$soversion$"
+depends "$library" 'libstdc\+\+6'
 holds libvxlan-controller-client-dev '^./usr/include/vxlan-controller-client/Kel/' \
   '/libVxlanControllerClient\.so$' '/VxlanControllerClientConfig\.cmake$' '/vxlan-controller-client\.pc$'
-depends libvxlan-controller-client-dev "libvxlan-controller-client$major \(= $version\)"
+depends libvxlan-controller-client-dev "$library \(= $version\)"
 holds vxlan-agent '^./usr/bin/vxlan-agent$' '^./usr/bin/vxlanctl$' '^./usr/bin/ringlog$' '^./usr/bin/memtab$' \
   '^./usr/share/man/man8/vxlan-agent\.8$' '^./usr/lib/systemd/system/vxlan-agent\.service$' \
   '^./usr/lib/sysusers\.d/vxlan-agent\.conf$' '^./etc/vxlan-agent/vxlan-agent\.conf$' '/completions/vxlanctl$'
-depends vxlan-agent "libvxlan-controller-client$major \(= $version\)"
+depends vxlan-agent "$library \(= $version\)"
 
 # The operator's configuration survives an upgrade, and the user that the service runs as is made.
 dpkg-deb -e "$(the_package vxlan-agent)" "$scratch/control"
 grep -qx /etc/vxlan-agent/vxlan-agent.conf "$scratch/control/conffiles" || { echo "no conffile"; exit 1; }
 grep -q systemd-sysusers "$scratch/control/postinst" || { echo "nothing makes the user"; exit 1; }
-dpkg-deb -e "$(the_package "libvxlan-controller-client$major")" "$scratch/library"
+dpkg-deb -e "$(the_package "$library")" "$scratch/library"
 grep -q ldconfig "$scratch/library/postinst" || { echo "the loader is not told of the library"; exit 1; }

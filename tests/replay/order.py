@@ -20,7 +20,7 @@ MARKS = {
     "peer mode": r"RmxMlagBumStatusSmBase::handleBumReplicationMode\(\) handleBumReplicationModeinited()",
     "mlag": r"handleMlagState\(\)  (\d+)$",
     "own mode": r"VxlanControllerClientSm::handleBumReplicationMode\(\)  init()",
-    "state": r"handleRmxStateBaseDir\(Kel::Name\)  entry subdir (added|deleted)",
+    "state": r"handleRmxStateBaseDir\(Kel::Name\) handleRmxStateBaseDir entry subdir (added|deleted)",
     "vni": r"handleControllerVniBaseDir\(Kel::Name\)  name (\d+)$",
     "host": r"RmxPerVniFdbStatusSmBase::handleRmxHostTable\(Qnet::EthAddr\) macAddr: (\S+)",
     "multipath": r"VccPerVniFdbStatusSm::handleMacVtepMultiPathTable\(Qnet::EthAddr\)  init()",

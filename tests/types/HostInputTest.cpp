@@ -4,6 +4,7 @@
 
 #include <fstream>
 #include <optional>
+#include <utility>
 
 #include "Memtab/Reader.h"
 #include "Memtab/Segment.h"
@@ -66,7 +67,8 @@ class HostInputTest : public testing::Test {
 // What is written is read back, replaced and removed; an absent key is no error.
 TEST_F(HostInputTest, HostsComeChangeAndGo) {
   open();
-  EXPECT_FALSE(input->host(key(1)));
+  EXPECT_FALSE(input->findHost(key(1)));
+  EXPECT_EQ(input->host(key(1)), Host()) << "as any look-up, the default";
   EXPECT_FALSE(input->firstHost());
   input->hostIs(host(1));
   EXPECT_EQ(input->host(key(1)), host(1));
@@ -80,6 +82,40 @@ TEST_F(HostInputTest, HostsComeChangeAndGo) {
   EXPECT_FALSE(input->hasHost(key(1)));
   EXPECT_EQ(input->limit(), 1024U);
   EXPECT_GT(input->bytesTaken(), 0U);
+}
+
+// All of them go at once: heard as a whole first, then host by host, and gone for readers in one turn.
+// Nothing is heard where there is none. A reactor that is bound hears the whole, as of any collection.
+TEST_F(HostInputTest, AllHostsGoAtOnce) {
+  struct Listener final : Kel::Follows<HostInput> {
+    void onHost(Bridging::MacVlanPair at) override { heard.push_back(at.mac.text()); }
+    void onHostkelImmediate() override { heard.emplace_back("all"); }
+    std::vector<std::string> heard;
+  };
+  open();
+  const auto listener = Kel::make<Listener>();
+  listener->notifierIs(input);
+  EXPECT_THAT(std::exchange(listener->heard, {}), testing::ElementsAre("all"));
+  input->hostDelAll();
+  EXPECT_THAT(listener->heard, testing::ElementsAre());
+  HostReader reads = reader();
+  inHandler([&] {
+    input->hostIs(host(1));
+    input->hostIs(host(2));
+  });
+  listener->heard.clear();
+  inHandler([&] {
+    input->hostDelAll();
+    EXPECT_TRUE(reads.find(key(1)));
+    EXPECT_TRUE(reads.find(key(2)));
+    EXPECT_THAT(listener->heard, testing::ElementsAre("all")) << "at once";
+  });
+  EXPECT_THAT(listener->heard,
+              testing::UnorderedElementsAre("all", "00:00:00:00:00:01", "00:00:00:00:00:02"));
+  EXPECT_FALSE(reads.find(key(1)));
+  EXPECT_FALSE(reads.find(key(2)));
+  EXPECT_EQ(input->hosts(), 0U);
+  listener->notifierIs(nullptr);
 }
 
 // A walk meets every host once, also while it deletes the one it is at.

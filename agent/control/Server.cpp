@@ -156,11 +156,12 @@ void Server::onReady(ClientId client, std::uint32_t events) {
   advance(client);
 }
 
-// Serves a client at once, unless others have waited for longer.
+// Serves a client at once, unless others have waited for longer, or one who may patch waits.
 void Server::advance(ClientId client) {
   Session& session = *sessions_.at(client);
-  if (wantsService(session) && !backlog_ && session.served != turn_ && budget_.left()) {
-    serve(client, session, 0);
+  const bool othersFirst = backlog_ || (session.right != Right::patch && !patchers_.empty());
+  if (wantsService(session) && !othersFirst && session.served != turn_ && budget_.left()) {
+    serve(client, session, 0, Favour::none);
   }
   settle(client);
 }
@@ -200,9 +201,13 @@ void Server::serveSoon() {
   }
 }
 
-// What waits takes its share of a turn. Clients and followed parts take turns at being first.
+// What waits takes its share of a turn. One client who may patch is served even where newcomers and others
+// have used up the time of the turn. Clients and followed parts take turns at being first.
 void Server::serveTurn() {
   serving_ = EventLoop::TimerId::none;
+  if (!patchers_.empty() && budget_.items() > 0) {
+    serveNext(patchers_, 0, Favour::time);
+  }
   if (turn_ % 2 == 0) {
     advanceSubscriptions();
     serveLanes();
@@ -221,30 +226,34 @@ void Server::serveTurn() {
 void Server::serveLanes() {
   Lane patchers = std::exchange(patchers_, {});
   Lane readers = std::exchange(readers_, {});
-  const auto serveFirst = [&](Lane& lane) {
-    if (lane.empty() || !budget_.left()) {
-      return;
-    }
-    const ClientId client = lane.front();
-    lane.pop_front();
-    if (const auto found = sessions_.find(client); found != sessions_.end()) {
-      Session& session = *found->second;
-      session.waits = false;
-      contained(client, [&] {
-        if (wantsService(session) && session.served != turn_) {
-          serve(client, session, patchers.size() + readers.size());
-        }
-        settle(client);
-      });
-    }
-  };
   while ((!patchers.empty() || !readers.empty()) && budget_.left()) {
-    serveFirst(patchers);
-    serveFirst(readers);
+    for (Lane* const lane : {&patchers, &readers}) {
+      if (!lane->empty() && budget_.left()) {
+        serveNext(*lane, patchers.size() + readers.size() - 1, Favour::none);
+      }
+    }
   }
   backlog_ = !patchers.empty() || !readers.empty();
   patchers_.insert(patchers_.begin(), patchers.begin(), patchers.end());
   readers_.insert(readers_.begin(), readers.begin(), readers.end());
+}
+
+// Serves the first client of a lane; `others` wait beside it.
+void Server::serveNext(Lane& lane, std::size_t others, Favour favour) {
+  const ClientId client = lane.front();
+  lane.pop_front();
+  const auto found = sessions_.find(client);
+  if (found == sessions_.end()) {
+    return;
+  }
+  Session& session = *found->second;
+  session.waits = false;
+  contained(client, [&] {
+    if (wantsService(session) && session.served != turn_) {
+      serve(client, session, others, favour);
+    }
+    settle(client);
+  });
 }
 
 // What goes wrong with a client ends that client alone.

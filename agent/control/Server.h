@@ -115,6 +115,7 @@ class Server {
     std::uint32_t events = 0;  // that the loop watches for
   };
   using Lane = std::deque<ClientId>;
+  enum class Favour { none, time };  // time: served also when the time of the turn is used up
 
   void acceptClients();
   void restAccepting();
@@ -137,7 +138,8 @@ class Server {
   void serveSoon();
   void serveTurn();
   void serveLanes();
-  void serve(ClientId client, Session& session, std::size_t others);
+  void serveNext(Lane& lane, std::size_t others, Favour favour);
+  void serve(ClientId client, Session& session, std::size_t others, Favour favour);
   void contained(ClientId client, const std::function<void()>& work);
 
   void answerNext(ClientId client, Session& session);

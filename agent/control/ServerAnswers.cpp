@@ -19,14 +19,15 @@ constexpr std::size_t fewestItems = 256;  // of a piece of an answer
 }  // namespace
 
 // `others`: how many clients wait for their share of the turn.
-void Server::serve(ClientId client, Session& session, std::size_t others) {
+void Server::serve(ClientId client, Session& session, std::size_t others, Favour favour) {
   session.served = turn_;
   session.idleSince = loop_.now();
   if (!session.answer) {
     budget_.use(requestItems);
     answerNext(client, session);
   }
-  if (session.answer && session.connection.pending() < options_.mostAhead && budget_.left()) {
+  const bool mayGoOn = favour == Favour::time ? budget_.items() > 0 : budget_.left();
+  if (session.answer && session.connection.pending() < options_.mostAhead && mayGoOn) {
     continueAnswer(client, session, others);
   }
 }

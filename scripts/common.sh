@@ -9,6 +9,9 @@ jobs=${VCC_JOBS:-$(nproc)}
 # A compiler cache is used where there is one, and never needed.
 if command -v ccache >/dev/null 2>&1; then
   export CMAKE_CXX_COMPILER_LAUNCHER=${CMAKE_CXX_COMPILER_LAUNCHER:-ccache}
+  # One cache serves every clone and build folder, precompiled headers included.
+  export CCACHE_BASEDIR=${CCACHE_BASEDIR:-$(dirname "$top")} CCACHE_NOHASHDIR=${CCACHE_NOHASHDIR:-1}
+  export CCACHE_SLOPPINESS=${CCACHE_SLOPPINESS:-pch_defines,time_macros,include_file_mtime,include_file_ctime}
 fi
 
 say() { printf '%s\n' "$*"; }

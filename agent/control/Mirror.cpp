@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "agent/control/MergeDiff.h"
+#include "agent/json/Text.h"
 
 namespace Agent::Control {
 
@@ -144,7 +145,7 @@ void Mirror::becomesLevel(const Path& path, std::size_t depth, Known& known) {
     put(path, depth, json::object());
     return;
   }
-  for (const auto& [name, member] : json::parse(record).items()) {
+  for (const auto& [name, member] : parseJson(record).items()) {
     Known& old = known.level->members[name];
     old.record = member.dump();
     bytes_ += memberBytes + name.size() + old.record.size();
@@ -153,7 +154,7 @@ void Mirror::becomesLevel(const Path& path, std::size_t depth, Known& known) {
 
 void Mirror::recordChanges(const Path& path, Known& known, const std::string& text) {
   if (tells_) {
-    if (auto change = mergeDiff(jsonOf(known), json::parse(text))) {
+    if (auto change = mergeDiff(jsonOf(known), parseJson(text))) {
       put(path, path.size(), std::move(*change));
     }
   }
@@ -275,7 +276,7 @@ json Mirror::jsonOf(const Known& known) {
   if (known.level) {
     return Agent::jsonOf(MirrorBranch::partOf(known));
   }
-  return known.record.empty() ? json() : json::parse(known.record);
+  return known.record.empty() ? json() : parseJson(known.record);
 }
 
 }  // namespace Agent::Control

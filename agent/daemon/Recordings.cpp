@@ -12,6 +12,8 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "agent/json/Text.h"
+
 namespace Agent {
 namespace {
 
@@ -44,7 +46,14 @@ struct Left {
 
 // The members of a line of marks; null where it is none.
 json marksIn(const std::string& line) {
-  return line.starts_with("# {") ? json::parse(line.substr(2), nullptr, false) : json();
+  if (!line.starts_with("# {")) {
+    return {};
+  }
+  try {
+    return parseJson(line.substr(2));
+  } catch (const BadJson&) {
+    return {};
+  }
 }
 
 void readHeadLine(const std::string& line, EarlierRuns& earlier) {

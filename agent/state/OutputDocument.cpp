@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "agent/json/Text.h"
+
 namespace Agent {
 namespace {
 
@@ -276,7 +278,7 @@ json OutputDocument::hostsLike(const json& expected, Part hosts) {
     Part there = hosts.branch->find(vlan.key());
     for (auto host = vlan->begin(); vlan->is_object() && there.branch && host != vlan->end(); ++host) {
       if (const Part record = there.branch->find(host.key()); record.there()) {
-        shown[host.key()] = json::parse(record.text);
+        shown[host.key()] = parseJson(record.text);
       }
     }
     // A VLAN is absent if it has no host at all.

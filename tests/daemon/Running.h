@@ -13,6 +13,7 @@
 #include "Kel/System.h"
 #include "agent/daemon/Delivery.h"
 #include "agent/daemon/PatchQueue.h"
+#include "agent/state/InputDocument.h"
 #include "agent/state/OutputDocument.h"
 
 namespace TestDaemon {
@@ -44,8 +45,10 @@ class Running {
   // Takes a patch in, and turns the loop until it is answered.
   Answer patch(const json& patch) {
     std::optional<Answer> answer;
-    queue.add(patch, [&](const Agent::Refused* refused) {
-      answer = refused == nullptr ? Answer() : refused->pointer() + ": " + refused->what();
+    queue.add(patch, [&](const std::exception* error) {
+      const auto* refused = dynamic_cast<const Agent::Refused*>(error);
+      answer =
+          error == nullptr ? Answer() : (refused == nullptr ? "" : refused->pointer() + ": ") + error->what();
     });
     while (!answer) {
       turn();
@@ -65,7 +68,7 @@ class Running {
   void tickPerReadIs(double seconds) { time_.time.tickPerReadIs(seconds); }
 
   json input(const std::string& pointer = "") const {
-    return Agent::inputDocument(world).at(json::json_pointer(pointer));
+    return Agent::jsonOf(Agent::inputPart(world)).at(json::json_pointer(pointer));
   }
   json output(const std::string& pointer = "") { return document_.at(pointer); }
 

@@ -123,7 +123,7 @@ TEST(SeveralVtisTest, NoClockFiresBetweenTheMapsOfTwoVtis) {
   });
   agent.queue.add(
       {{"vlanVniMap", maps}, {"controller", {{"fdb", hosts}, {"state", {{"s", json::object()}}}}}},
-      [&](const Agent::Refused* refused) {
+      [&](const std::exception* refused) {
         EXPECT_EQ(refused, nullptr);
         done = true;
       });
@@ -190,7 +190,7 @@ TEST(SeveralVtisTest, AnswersInTheOrderOfThePatches) {
   Running agent;
   std::vector<std::string> answers;
   const auto told = [&](const char* name) {
-    return [&answers, name](const Agent::Refused* refused) {
+    return [&answers, name](const std::exception* refused) {
       answers.push_back(std::string(name) + (refused == nullptr ? "" : " refused"));
     };
   };

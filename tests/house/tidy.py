@@ -14,6 +14,8 @@ import re
 import subprocess
 import sys
 
+import rules_text
+
 # The rooms and what each may include, in the direction of the includes: those before it, and itself.
 ROOMS = ["Files", "RingLog", "Memtab", "Vxlan/hosts", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
 ROOM_FOLDERS = {"platform/Files": "Files", "platform/RingLog": "RingLog", "platform/Memtab": "Memtab", "platform/Kel": "Kel",
@@ -326,7 +328,7 @@ def rule_runnable(tree):
             yield name, 1, "is a script and not executable"
 
 
-RULES = [value for key, value in sorted(globals().items()) if key.startswith("rule_")]
+RULES = [value for key, value in sorted({**globals(), **vars(rules_text)}.items()) if key.startswith("rule_")]
 
 
 def findings(tree):

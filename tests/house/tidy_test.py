@@ -190,6 +190,41 @@ class Rules(unittest.TestCase):
         self.write("scripts/walk", "#!/bin/sh\n")
         self.red(tidy.rule_runnable)
 
+    def test_documents_name_paths_that_are_there(self):
+        rule = tidy.rules_text.rule_documented_paths
+        self.write("docs/kel.md", "")
+        self.write("agent/loop/EventLoop.h", "")
+        self.write("README.md", "`docs/kel.md`, `agent/loop/`, `agent/*/EventLoop.h`, `/etc/x`, [kel](docs/kel.md#a), [x](https://x)\n")
+        self.green(rule)
+        self.write("docs/a.md", "`docs/kel2.md`\n[kel](kel2.md)\n`agent/*/Loop.h`\n")
+        self.red(rule, 3)
+
+    def test_documents_name_targets_that_are_there(self):
+        rule = tidy.rules_text.rule_documented_targets
+        self.write("tests/Kel/CMakeLists.txt", "vcc_test(kel_test\n  SOURCES A.cpp)\n")
+        self.write("README.md", "    cmake --build --preset dev --target kel_test\n")
+        self.green(rule)
+        self.write("scripts/mutate", "#   # target: KelTest\n")
+        self.write("docs/a.md", "cmake --build build --target KelTest\n")
+        self.red(rule, 2)
+
+    def test_documents_run_commands_that_are_there(self):
+        rule = tidy.rules_text.rule_documented_commands
+        self.write("scripts/test", "#!/bin/sh\n", 0o755)
+        self.write("README.md", "    scripts/test --quick\n")
+        self.green(rule)
+        self.write("README.md", "    scripts/tests\n")
+        self.red(rule)
+
+    def test_the_tour_names_every_room_and_machine(self):
+        rule = tidy.rules_text.rule_tour
+        self.write("agent/loop/CMakeLists.txt", "vcc_room(AgentLoop agent/loop)\n")
+        self.write("Vxlan/VxlanControllerSm.h", "class KEL_API RmxStateSm final : public Kel::StateMachine {\nclass Later;\n")
+        self.write("docs/architecture.md", "`agent/loop`, `RmxStateSm`\n")
+        self.green(rule)
+        self.write("docs/architecture.md", "`agent/loops`, `RmxStateSmBase`\n")
+        self.red(rule, 2)
+
     def test_a_finding_says_where_and_what(self):
         self.write("tests/A.h", "#pragma once\n")
         self.assertEqual([], list(tidy.findings(tidy.Tree(self.root))))
@@ -201,7 +236,7 @@ class Rules(unittest.TestCase):
         with open(__file__, encoding="utf-8") as file:
             text = file.read()
         for rule in tidy.RULES:
-            self.assertIn("tidy." + rule.__name__, text)
+            self.assertRegex(text, r"tidy\.(rules_text\.)?" + rule.__name__ + r"\b")
 
 
 if __name__ == "__main__":

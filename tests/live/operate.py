@@ -84,16 +84,3 @@ def scenario_vtis_that_do_not_map_the_same_vnis_are_refused(rig):
         check(agent.ask({"patch": flag}) == {"ok": True}, "a convergence")
     until("it is over", lambda: not agent.get("/output/convergenceStatus/bumDeferredDeletionInProgress"))
     check(agent.get("/output/l2Rib/floodSets/10/ff:ff:ff:ff:ff:ff/dests") == ["10.0.0.1", "10.0.0.2"], "it has grown")
-
-
-def scenario_a_host_that_was_refused_is_withdrawn_while_the_controller_converges(rig):
-    """What a full table leaves undone is not delivered together with the next change of the same host."""
-    agent = Agent(rig, "--table-limit", "1").start()
-    hosts = {mac(number): {"vtepIp": "10.0.0.2"} for number in (1, 2, 3)}
-    given = {"vtiStatus": {"Vxlan1": {"controllerClientMode": True}}, "vlanVniMap": {"Vxlan1": {"10": 1}},
-             "controller": {"state": {"s": {"convergenceInProgress": True}}, "fdb": {"1": {"macVtepTable": hosts}}}}
-    for number in (1, 2, 3):
-        for host in ({"vtepIp": "10.0.0.3"}, None):
-            given["controller"]["fdb"]["1"]["macVtepTable"][mac(number)] = host
-            check(agent.ask({"patch": given}) == {"ok": True}, f"{mac(number)} is {host}")
-    check(agent.get("/output/markedForDelCount") == 3, "all wait for the end of the convergence")

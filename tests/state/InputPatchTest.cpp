@@ -8,12 +8,13 @@ using ::testing::HasSubstr;
 
 class InputPatchTest : public TestState::Scene {
  protected:
-  json input(const char* section) { return Agent::inputSection(world, section); }
+  using Scene::input;
+  json input(const std::string& section) { return input().at(section); }
 };
 
 TEST_F(InputPatchTest, ABadPatchChangesNothing) {
   ASSERT_EQ(patch(R"({"vlanVniMap": {"Vxlan1": {"10": 1}}, "controller": {"fdb": {"1": {}}}})"), "");
-  const json before = Agent::inputDocument(world);
+  const json before = input();
   for (const auto& [text, why] : std::vector<std::pair<const char*, const char*>>{
            {R"({"vlanVniMap": {"Vxlan1": {"11": 2}}, "mlag": {"mlagState": -1}})", "/mlag/mlagState: "},
            {R"({"vtiStatus": {"Vxlan1": {"localVtepAddr": "10.0.0.1", "mode": 1}}})",
@@ -29,7 +30,7 @@ TEST_F(InputPatchTest, ABadPatchChangesNothing) {
     const std::string refusal = patch(text);
     EXPECT_NE(refusal, "") << text;
     EXPECT_THAT(refusal, HasSubstr(why)) << text;
-    EXPECT_EQ(Agent::inputDocument(world), before) << text;
+    EXPECT_EQ(input(), before) << text;
   }
 }
 
@@ -101,8 +102,7 @@ TEST_F(InputPatchTest, WhatItReadsItPrints) {
         "macVtepMultiPathTable": {"02:00:00:00:00:02": {"10.0.0.2": true, "10.0.0.3": false}},
         "macVtepFloodListTable": {"ff:ff:ff:ff:ff:ff": {"10.0.0.2": true, "10.0.0.3": false}}}}}})");
   ASSERT_EQ(patch(document), "");
-  EXPECT_EQ(Agent::inputDocument(world), document);
-  EXPECT_EQ(Agent::inputSection(world, "nothing"), json());
+  EXPECT_EQ(input(), document);
 }
 
 }  // namespace

@@ -116,19 +116,19 @@ TEST_F(PatchPiecesTest, TogetherTheyAreThePatch) {
   json whole = fdb("1", {{"macVtepTable", table}, {"macVtepFloodListTable", {{mac(1), nullptr}}}});
   whole["controller"]["fdb"]["2"] = {{"macVtepTable", hosts(1, 20)}};
   whole["mlag"]["mlagState"] = 1;
-  json expected = Agent::inputDocument(world);
+  json expected = input();
   const std::vector<json> all = pieces(whole, 7);
   EXPECT_GT(all.size(), 6U);
   EXPECT_THAT(sizes(all), Each(Le(7 + 20)));
   for (const json& piece : all) {
     ASSERT_EQ(patch(piece), "");
   }
-  const json parted = Agent::inputDocument(world);
+  const json parted = input();
   ASSERT_EQ(patch(fdb("1", nullptr)), "");
   ASSERT_EQ(patch(fdb("2", nullptr)), "");
   ASSERT_EQ(patch(json{{"controller", {{"fdb", expected.at("controller").at("fdb")}}}}), "");
   ASSERT_EQ(patch(whole), "");
-  EXPECT_EQ(parted, Agent::inputDocument(world));
+  EXPECT_EQ(parted, input());
 }
 
 }  // namespace

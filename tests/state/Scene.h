@@ -8,6 +8,7 @@
 
 #include "Kel/Activity.h"
 #include "Kel/System.h"
+#include "agent/state/InputDocument.h"
 #include "agent/state/InputPatch.h"
 #include "agent/state/World.h"
 
@@ -32,6 +33,8 @@ class Scene : public ::testing::Test {
     }
   }
   std::string patch(const char* text) { return patch(json::parse(text)); }
+  // The input document as the state database has it.
+  json input() { return Agent::jsonOf(Agent::inputPart(world)); }
 
  private:
   struct Time {

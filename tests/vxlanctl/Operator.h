@@ -37,12 +37,8 @@ class FakeAgent : public Agent::Control::Service {
     tell();
     answer(std::nullopt);
   }
-  json get(const std::string& pointer) override {
-    const json::json_pointer at{pointer};
-    if (!document.contains(at)) {
-      throw RequestError(RequestError::Kind::notFound, pointer, "nothing is there");
-    }
-    json value = document.at(at);
+  Agent::Part part(const std::string& pointer) override {
+    Agent::Part found = Agent::partAt(Agent::partOf(document), pointer);
     if (!toCome.empty()) {
       document.merge_patch(toCome.front());
       toCome.erase(toCome.begin());
@@ -50,7 +46,7 @@ class FakeAgent : public Agent::Control::Service {
     } else if (whenNothingComes) {
       whenNothingComes();
     }
-    return value;
+    return found;
   }
   json call(const std::string& method, const json& params) override {
     called.push_back({{"method", method}, {"params", params}});

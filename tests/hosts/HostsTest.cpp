@@ -14,6 +14,7 @@
 
 #include "Memtab/Name.h"
 #include "Table.h"
+#include "testing/Files/Strangers.h"
 
 namespace HostsTest {
 namespace {
@@ -258,6 +259,21 @@ TEST_F(Hosts, ATableOfOtherRecordsIsRefusedByName) {
   EXPECT_EQ(hosts_, nullptr);
   EXPECT_THAT(vxlan_hosts_error(), HasSubstr("L2Rib::Host/2"));
   EXPECT_THAT(vxlan_hosts_error(), HasSubstr(name_.text()));
+}
+
+// Only root can give a file away.
+TEST_F(Hosts, ATableOfAnotherUserIsReadWhenHeIsNamed) {
+  if (!TestFiles::canPlayAStranger()) {
+    GTEST_SKIP() << "needs root";
+  }
+  write();
+  is(1);
+  publish();
+  ASSERT_EQ(::chown(Memtab::pathOf(name_.text()).c_str(), TestFiles::stranger, TestFiles::stranger), 0);
+  EXPECT_EQ(open(), VXLAN_HOSTS_EREFUSED);
+  EXPECT_EQ(open("1"), VXLAN_HOSTS_EREFUSED);
+  ASSERT_EQ(open(std::to_string(TestFiles::stranger).c_str()), 0) << vxlan_hosts_error();
+  EXPECT_EQ(lookup(1), 1);
 }
 
 TEST_F(Hosts, ATableThatOthersMayWriteToIsRefused) {

@@ -47,7 +47,11 @@ TEST(KeptTable, ATableOfTheFirstReleaseIsRead) {
     EXPECT_EQ(host.move_count, 3 * number);
     EXPECT_EQ(host.intf, "intf" + std::to_string(number));
   }
-  EXPECT_EQ(vxlan_hosts_lookup(hosts, keyOf(4).mac.data(), 10, &host), 0);
+  EXPECT_EQ(vxlan_hosts_lookup(hosts, keyOf(4).mac.data(), 10, &host), 0) << "it was deleted";
+  EXPECT_EQ(vxlan_hosts_lookup(hosts, keyOf(5).mac.data(), 10, &host), 0) << "it was not published";
+  vxlan_hosts_cursor cursor{};
+  const auto count = [](void*, int, const vxlan_host*) { return 0; };
+  EXPECT_EQ(vxlan_hosts_changes(hosts, &cursor, count, nullptr), 3);
   vxlan_hosts_close(hosts);
   std::filesystem::remove(path);
 }

@@ -9,6 +9,7 @@ import members
 
 HEADER = """
 #pragma once
+#include <sys/stat.h>
 #define API __attribute__((visibility("default")))
 namespace Example {
 struct Value {
@@ -23,6 +24,7 @@ class API Machine {
   Machine(const Machine&) = delete;
   virtual ~Machine();
   static Machine* make(Value value);
+  void look(const struct stat& status);
   static const int type;
   virtual void act() = 0;
   virtual void react() const;

@@ -56,6 +56,7 @@ CALLS = [
     "some<::Example::Machine::Reactor&>().::Example::Machine::Reactor::onChange(some<int>());",
     "some<::Example::Machine&>().::Example::Machine::~Machine();",
     "::Example::Machine::make(some<Example::Value>());",
+    "some<::Example::Machine&>().::Example::Machine::look(some<const struct stat &>());",
     "nothing = const_cast<void*>(static_cast<const void*>(&::Example::Machine::type));",
     "some<::Example::Machine&>().act();",
     "some<const ::Example::Machine&>().::Example::Machine::react();",

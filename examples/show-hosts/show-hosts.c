@@ -3,12 +3,12 @@
  *   show-hosts NAME MAC VLAN      looks one up; exit code 1 when it is not there
  *   show-hosts NAME               all hosts, then the changes until standard input ends: one look for each line of it
  */
+#include <vxlan_hosts.h>
+
 #include <inttypes.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-
-#include <vxlan_hosts.h>
 
 static void print(const char *mark, const vxlan_host *host) {
   const uint8_t *m = host->mac;

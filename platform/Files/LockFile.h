@@ -4,18 +4,19 @@
 #include <stdexcept>
 #include <string>
 
+#include "Files/Export.h"
 #include "Files/Owners.h"
 
 namespace Files {
 
 // Why a lock could not be had, to go on after the name of what it guards: "its lock file ... ".
-class LockRefused : public std::runtime_error {
+class FILES_API LockRefused : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
 // Another process holds it: the text says which, such as "process 4711 (vxlan-agent)".
-class LockHeld : public LockRefused {
+class FILES_API LockHeld : public LockRefused {
  public:
   using LockRefused::LockRefused;
 };
@@ -25,7 +26,7 @@ class LockHeld : public LockRefused {
 // Nothing here waits: a lock is had at once or not at all. The system lets go of it when its process ends,
 // however it ends. The file has the process's number in it, for the message to those who come second, and
 // goes with the lock.
-class LockFile {
+class FILES_API LockFile {
  public:
   // Holds nothing.
   LockFile() = default;

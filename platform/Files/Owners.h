@@ -7,11 +7,13 @@
 #include <optional>
 #include <string>
 
+#include "Files/Export.h"
+
 namespace Files {
 
 // The users whose files a process takes for good: root, its own user, and one more where it was told so.
 // Nobody else may be able to write to such a file, so that what is in it was written by one of them.
-class Owners {
+class FILES_API Owners {
  public:
   Owners() : Owners(std::nullopt) {}
   // Root, the effective user, and `also`.
@@ -35,9 +37,9 @@ class Owners {
 };
 
 // Such as "nobody (65534)".
-std::string userText(uid_t user);
+FILES_API std::string userText(uid_t user);
 
 // The user of this name or number; nothing where there is none.
-std::optional<uid_t> userOf(const std::string& name);
+FILES_API std::optional<uid_t> userOf(const std::string& name);
 
 }  // namespace Files

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "Memtab/Export.h"
 #include "Memtab/Segment.h"
 
 namespace Memtab {
@@ -19,6 +20,6 @@ struct Adopted {
 /// Readers may read all the while. Raises Damaged, with the table unchanged, when it is damaged, as no
 /// writer's end leaves it. What cannot be told from what a writer leaves is adopted: a value, a key that is
 /// in its place.
-Adopted adopt(const Segment& segment);
+MEMTAB_API Adopted adopt(const Segment& segment);
 
 }  // namespace Memtab

@@ -4,13 +4,14 @@
 #include <optional>
 #include <string>
 
+#include "Memtab/Export.h"
 #include "Memtab/Segment.h"
 
 namespace Memtab {
 
 /// A reader's hold on whatever table is under a name: none yet, the one it found, or, after that one was
 /// removed and made again, its successor.
-class Attachment {
+class MEMTAB_API Attachment {
  public:
   /// To the table NAME of records with SCHEMA and SHAPE; an empty schema and no shape take any. It belongs to
   /// one of OWNERS.

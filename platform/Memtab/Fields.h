@@ -5,6 +5,8 @@
 #include <string_view>
 #include <vector>
 
+#include "Memtab/Export.h"
+
 namespace Memtab {
 
 /// One field of a record, for tools that know records from their description only.
@@ -26,7 +28,7 @@ struct Field {
 
 /// Reads the description TEXT of records with keys of KEYBYTES and values of VALUEBYTES. Raises Error, which
 /// names TABLE and the place, when it is no description, or does not cover the record exactly.
-std::vector<Field> parseFields(const std::string& table, std::string_view text, std::size_t keyBytes,
-                               std::size_t valueBytes);
+MEMTAB_API std::vector<Field> parseFields(const std::string& table, std::string_view text,
+                                          std::size_t keyBytes, std::size_t valueBytes);
 
 }  // namespace Memtab

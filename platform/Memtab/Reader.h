@@ -69,6 +69,12 @@ class Reader {
                : 0;
   }
 
+  /// The most records it may have; 0 while there is no table.
+  std::size_t limit() {
+    const Segment* segment = reading_.segment();
+    return segment != nullptr ? segment->description().limit : 0;
+  }
+
   /// Number of the last turn that was published; 0 while there is no table. Two lookups with the same number
   /// before and after are of the same turn.
   std::uint64_t turn() {
@@ -99,11 +105,19 @@ class Reader {
   /// everything is told instead.
   template <class Visit>
   Followed follow(Position& position, const Visit& visit) {
+    return follow(position, visit, [] {});
+  }
+
+  /// The same, and calls begin() before everything is told: what was known before, also of this call, counts
+  /// no longer.
+  template <class Visit, class Begin>
+  Followed follow(Position& position, const Visit& visit, const Begin& begin) {
     Words<Key> key;
     Words<Value> value;
-    return reading_.follow(position, key.data(), value.data(), [&](bool there) {
-      visit(key.value(), there ? std::optional<Value>(value.value()) : std::nullopt);
-    });
+    return reading_.follow(
+        position, key.data(), value.data(),
+        [&](bool there) { visit(key.value(), there ? std::optional<Value>(value.value()) : std::nullopt); },
+        begin);
   }
 
  private:

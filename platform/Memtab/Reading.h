@@ -44,9 +44,11 @@ class Reading {
     return segment() != nullptr ? view_.walk(key, value, visit) : 0;
   }
 
-  /// Calls visit(true) for a record in KEY and VALUE, visit(false) for the KEY of a record that is gone.
-  template <class Visit>
-  Followed follow(Position& position, std::uint64_t* key, std::uint64_t* value, const Visit& visit) {
+  /// Calls visit(true) for a record in KEY and VALUE, visit(false) for the KEY of a record that is gone;
+  /// begin() before everything is told.
+  template <class Visit, class Begin>
+  Followed follow(Position& position, std::uint64_t* key, std::uint64_t* value, const Visit& visit,
+                  const Begin& begin) {
     const Segment* from = segment();
     if (from == nullptr) {
       return {};
@@ -64,8 +66,13 @@ class Reading {
       return followed;
     }
     followed.everything = true;
+    begin();
     followed.calls = view_.walk(key, value, [&] { visit(true); });
     return followed;
+  }
+  template <class Visit>
+  Followed follow(Position& position, std::uint64_t* key, std::uint64_t* value, const Visit& visit) {
+    return follow(position, key, value, visit, [] {});
   }
 
  private:

@@ -6,6 +6,7 @@
 
 #include "Files/Owners.h"
 #include "Memtab/Error.h"
+#include "Memtab/Export.h"
 #include "Memtab/Format.h"
 #include "Memtab/Options.h"
 
@@ -14,12 +15,12 @@ namespace Memtab {
 /// Takes the table NAME away, and what was left beside it: a damaged one, one that was being made. Readers
 /// that have it open notice, and look for a successor under the same name. False when there is none. Raises
 /// Error when it may not be removed.
-bool remove(const std::string& name);
+MEMTAB_API bool remove(const std::string& name);
 
 /// A mapped table, as bytes: finds or makes the object under a name, checks its description, maps all of its
 /// address range once (growth only fills it), and takes memory for it step by step. What the bytes mean is up
 /// to Writer and Reader.
-class Segment {
+class MEMTAB_API Segment {
  public:
   /// Size and type of what a program keeps in the table, to compare with what the segment says.
   struct Shape {

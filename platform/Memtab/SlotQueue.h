@@ -4,11 +4,13 @@
 #include <cstdint>
 #include <string>
 
+#include "Memtab/Export.h"
+
 namespace Memtab {
 
 /// Numbers of slots, first in first out, in private address space reserved for all that there may be: no
 /// operation copies or frees memory in bulk, and an empty queue takes next to none.
-class SlotQueue {
+class MEMTAB_API SlotQueue {
  public:
   /// Room for SLOTS numbers. Raises Error, which names TABLE, when there is no address space.
   SlotQueue(const std::string& table, std::uint32_t slots);

@@ -10,11 +10,12 @@
 #include <vector>
 
 #include "RingLog/Argument.h"
+#include "RingLog/Export.h"
 
 namespace RingLog {
 
 // Why a file is no trace that can be read: foreign, of another version or byte order, truncated, damaged.
-class TraceError : public std::runtime_error {
+class RINGLOG_API TraceError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
@@ -23,7 +24,7 @@ class TraceError : public std::runtime_error {
 using Value = std::variant<bool, char, std::uint64_t, std::int64_t, double, Pointer, std::string, Mac, Ipv4>;
 
 // As it stands in a message: true, x, 12, -7, 1.5, 0x7ffd10, the text itself, 00:1c:73:00:00:01, 10.0.0.1.
-std::string toText(const Value& value);
+RINGLOG_API std::string toText(const Value& value);
 
 // A piece of a call site's message: fixed text, or the place of an argument of this kind.
 struct Piece {
@@ -32,7 +33,7 @@ struct Piece {
 };
 
 // A call site as the trace describes it.
-struct Place {
+struct RINGLOG_API Place {
   unsigned level;
   unsigned line;
   std::string function;
@@ -43,7 +44,7 @@ struct Place {
 };
 
 // One record, read back.
-struct Record {
+struct RINGLOG_API Record {
   std::int64_t time;    // nanoseconds since 1970-01-01 UTC
   std::uint64_t ticks;  // the tick counter: what records are put in order by
   std::uint64_t block;  // sequence number of its block in the ring of its level
@@ -71,7 +72,7 @@ struct TraceInfo {
 // A trace file, or the image of a log in memory, read as it stood at one moment: all records that are still
 // in the rings, in the order of time over the levels. A file may be read while it is written; what is
 // overwritten meanwhile is left out.
-class Trace {
+class RINGLOG_API Trace {
  public:
   // image: of a whole trace. Raises TraceError.
   static Trace parse(std::span<const std::byte> image);
@@ -99,7 +100,7 @@ class Trace {
 // Reads a trace file again and again while it is written: each poll() gives the records that are new. When
 // the file is replaced, because a new process opened its trace, the rest of the old one comes first, then the
 // new.
-class Follower {
+class RINGLOG_API Follower {
  public:
   // Raises as Trace::read() does.
   explicit Follower(std::string path);

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "RingLog/Argument.h"
+#include "RingLog/Export.h"
 #include "RingLog/Format.h"
 #include "RingLog/Ticks.h"
 
@@ -48,7 +49,7 @@ struct Ring {
   std::uint64_t calibrated = 0;  // the ticks of the last block that has the clock's time too
 
   // Begins the next block, over the oldest: clears it, then gives it its sequence number and its time.
-  void turn() noexcept;
+  RINGLOG_API void turn() noexcept;
 };
 
 // The pieces of a call site's message, as the slow path takes them to the site table.
@@ -98,7 +99,7 @@ class Site {
 // Invariants: 1. a record's first word is stored last, so that a record is whole or not there;
 //             2. a site is in the table before the first record that names it;
 //             3. a block's sequence is zero from before its old records go until its new base is stored.
-class Log {
+class RINGLOG_API Log {
  public:
   // Opens the trace. fileName: a plain file name, without a slash. In a directory the file is built under a
   // temporary name and then takes its name; a file that has it already is kept as fileName + ".1".

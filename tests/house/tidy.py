@@ -17,9 +17,9 @@ import sys
 import rules_text
 
 # The rooms and what each may include, in the direction of the includes: those before it, and itself.
-ROOMS = ["Files", "RingLog", "Memtab", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
+ROOMS = ["Files", "RingLog", "Memtab", "Vxlan/hosts", "Kel", "Entdb", "Vxlan/types", "Vxlan/framework", "Vxlan", "agent", "tools"]
 ROOM_FOLDERS = {"platform/Files": "Files", "platform/RingLog": "RingLog", "platform/Memtab": "Memtab", "platform/Kel": "Kel",
-                "platform/Entdb": "Entdb", "Vxlan/types": "Vxlan/types", "Vxlan/framework": "Vxlan/framework",
+                "platform/Entdb": "Entdb", "Vxlan/hosts": "Vxlan/hosts", "Vxlan/types": "Vxlan/types", "Vxlan/framework": "Vxlan/framework",
                 "Vxlan": "Vxlan", "agent": "agent", "tools": "tools"}
 # Neither of these two stands on the other.
 APART = {("Memtab", "RingLog")}

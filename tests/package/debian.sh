@@ -39,6 +39,13 @@ depends "$library" 'libstdc\+\+6'
 holds libvxlan-controller-client-dev '^./usr/include/vxlan-controller-client/Kel/' \
   '/libVxlanControllerClient\.so$' '/VxlanControllerClientConfig\.cmake$' '/vxlan-controller-client\.pc$'
 depends libvxlan-controller-client-dev "$library \(= $version\)"
+depends libvxlan-controller-client-dev "libvxlan-hosts1 \(= $version\)"
+holds libvxlan-controller-client-dev '^./usr/include/vxlan_hosts\.h$' '/libvxlan-hosts\.so$' '/VxlanHostsConfig\.cmake$' \
+  '/vxlan-hosts\.pc$'
+holds libvxlan-hosts1 '^./usr/lib/.*/?libvxlan-hosts\.so\.1$'
+depends libvxlan-hosts1 'libstdc\+\+6'
+holds python3-vxlan-hosts '^./usr/lib/python3/dist-packages/vxlan_hosts\.py$'
+depends python3-vxlan-hosts "libvxlan-hosts1 \(= $version\)"
 holds vxlan-agent '^./usr/bin/vxlan-agent$' '^./usr/bin/vxlanctl$' '^./usr/bin/ringlog$' '^./usr/bin/memtab$' \
   '^./usr/share/man/man8/vxlan-agent\.8$' '^./usr/lib/systemd/system/vxlan-agent\.service$' \
   '^./usr/lib/sysusers\.d/vxlan-agent\.conf$' '^./etc/vxlan-agent/vxlan-agent\.conf$' '/completions/vxlanctl$'

@@ -12,6 +12,7 @@ covered by itself. Templates are left out: they are instantiated by who uses the
 
 import glob
 import os
+import re
 import subprocess
 import sys
 
@@ -101,8 +102,17 @@ class Writer:
             self.calls.append(code)
 
     @staticmethod
-    def arguments(cursor):
-        return ", ".join(f"some<{argument.type.get_canonical().spelling}>()" for argument in cursor.get_arguments())
+    def type_name(of):
+        """As code names it. A structure of the system's may share its name with a function, as stat does."""
+        canonical = of.get_canonical()
+        inner = canonical.get_pointee() if canonical.get_pointee().kind != TypeKind.INVALID else canonical
+        declared = inner.get_declaration()
+        if declared.kind == CursorKind.STRUCT_DECL and full_name(declared) == declared.spelling:
+            return re.sub(rf"\b{re.escape(declared.spelling)}\b", f"struct {declared.spelling}", canonical.spelling, count=1)
+        return canonical.spelling
+
+    def arguments(self, cursor):
+        return ", ".join(f"some<{self.type_name(argument.type)}>()" for argument in cursor.get_arguments())
 
     def walk(self, cursor):
         for child in cursor.get_children():

@@ -9,6 +9,7 @@ import members
 
 HEADER = """
 #pragma once
+#include <sys/stat.h>
 #define API __attribute__((visibility("default")))
 namespace Example {
 struct Value {
@@ -23,6 +24,7 @@ class API Machine {
   Machine(const Machine&) = delete;
   virtual ~Machine();
   static Machine* make(Value value);
+  void look(const struct stat& status);
   static const int type;
   virtual void act() = 0;
   virtual void react() const;
@@ -54,6 +56,7 @@ CALLS = [
     "some<::Example::Machine::Reactor&>().::Example::Machine::Reactor::onChange(some<int>());",
     "some<::Example::Machine&>().::Example::Machine::~Machine();",
     "::Example::Machine::make(some<Example::Value>());",
+    "some<::Example::Machine&>().::Example::Machine::look(some<const struct stat &>());",
     "nothing = const_cast<void*>(static_cast<const void*>(&::Example::Machine::type));",
     "some<::Example::Machine&>().act();",
     "some<const ::Example::Machine&>().::Example::Machine::react();",

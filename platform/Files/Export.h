@@ -1,0 +1,5 @@
+// What of locks and owners of files the shared library shows to the programs that load it.
+#pragma once
+
+// Everything else stays hidden.
+#define FILES_API __attribute__((visibility("default")))

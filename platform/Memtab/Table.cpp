@@ -2,9 +2,11 @@
 
 #include <unistd.h>
 
+#include "Memtab/Export.h"
+
 namespace Memtab {
 
-std::uint32_t ownPid() {
+MEMTAB_API std::uint32_t ownPid() {
   return static_cast<std::uint32_t>(::getpid());
 }
 

@@ -19,10 +19,7 @@ class ServerLimitsTest : public TestControl::ControlTest {
     options.failed = [this](std::string_view where, std::string_view text) {
       failures.emplace_back(std::string(where) + ": " + std::string(text));
     };
-    options.identify = [this](int) {
-      time += newcomersTake;
-      return Peer{user, user, 4711};
-    };
+    options.identify = [this](int) { return Peer{user, user, 4711}; };
     options.access.othersRead = true;
   }
   // A client of a user; 0 is the superuser.
@@ -37,7 +34,6 @@ class ServerLimitsTest : public TestControl::ControlTest {
   }
 
   uid_t user = 0;
-  std::chrono::nanoseconds newcomersTake{0};
   std::vector<std::string> failures;
 };
 
@@ -125,26 +121,6 @@ TEST_F(ServerLimitsTest, WhoMayPatchIsServedInTheNextTurnWhateverReadersAskFor) 
   root->take();
   EXPECT_EQ(service.flushes, 1);
   EXPECT_THAT(root->lines, ElementsAre(json::parse(R"({"value":{}})")));
-}
-
-TEST_F(ServerLimitsTest, WhoMayPatchIsServedAlsoWhereNewcomersTakeTheTimeOfEachTurn) {
-  serve();
-  const auto root = connectAs(0);
-  user = 1000;
-  std::vector<std::unique_ptr<TestControl::RawClient>> newcomers;
-  newcomersTake = 5ms;
-  root->send("\n");
-  turns(1);  // root waits for its turn from here on
-  for (int turn = 0; turn < 4; ++turn) {
-    newcomers.push_back(std::make_unique<TestControl::RawClient>(options.path));
-    if (turn == 0) {
-      root->send("{\"get\":\"/agent\"}\n{\"call\":\"flush\"}\n");
-    }
-    turns(1);
-  }
-  root->take();
-  EXPECT_EQ(service.flushes, 1);
-  EXPECT_EQ(root->lines.size(), 2);
 }
 
 // Has a million records, and counts how many were read.

@@ -145,7 +145,8 @@ void Mirror::becomesLevel(const Path& path, std::size_t depth, Known& known) {
     put(path, depth, json::object());
     return;
   }
-  for (const auto& [name, member] : parseJson(record).items()) {
+  const json members = parseJson(record);
+  for (const auto& [name, member] : members.items()) {
     Known& old = known.level->members[name];
     old.record = member.dump();
     bytes_ += memberBytes + name.size() + old.record.size();

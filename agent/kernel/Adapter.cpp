@@ -12,13 +12,13 @@ namespace Agent::Kernel {
 
 namespace {
 
-constexpr std::size_t kAnswerBuffer = std::size_t{4} << 20U;
-constexpr std::size_t kDumpPart = std::size_t{32}
-                                  << 10U;  // The kernel's parts of a dump are at most this long.
-constexpr std::size_t kReport = std::size_t{8} << 10U;
-constexpr std::size_t kAnswersAtOnce = 32;
-constexpr std::size_t kReportsAtOnce = 64;
-constexpr int kReadsAtOnce = 16;
+constexpr std::size_t answerBuffer = std::size_t{4} << 20U;
+constexpr std::size_t dumpPart = std::size_t{32}
+                                 << 10U;  // The kernel's parts of a dump are at most this long.
+constexpr std::size_t reportBytes = std::size_t{8} << 10U;
+constexpr std::size_t answersAtOnce = 32;
+constexpr std::size_t reportsAtOnce = 64;
+constexpr int readsAtOnce = 16;
 
 // Such as "2026-01-31T23:59:59Z".
 std::string utcText(std::chrono::system_clock::time_point at) {
@@ -34,8 +34,8 @@ std::string utcText(std::chrono::system_clock::time_point at) {
 Adapter::Adapter(const Options& options)
     : lock_(options.lockFolder, options.netns),
       engine_(options),
-      requests_(options.netns, kAnswerBuffer, kDumpPart, kAnswersAtOnce),
-      reports_(options.netns, options.reportBuffer, kReport, kReportsAtOnce),
+      requests_(options.netns, answerBuffer, dumpPart, answersAtOnce),
+      reports_(options.netns, options.reportBuffer, reportBytes, reportsAtOnce),
       batchBytes_(options.batchBytes) {
   if (!reports_.join(RTNLGRP_LINK) || !reports_.join(RTNLGRP_NEIGH)) {
     throw SocketError("rtnetlink socket: the kernel does not report changes of devices and rows");
@@ -97,8 +97,8 @@ bool Adapter::run(Time budget) {
 // Returns whether all reports have been read. At the most some are read, so that a flood of them ends a
 // slice.
 bool Adapter::drainReports() {
-  for (int n = 0; n < kReadsAtOnce; ++n) {
-    switch (reports_.receive(kReportsAtOnce, [this](const nlmsghdr& message) { report(message, false); })) {
+  for (int n = 0; n < readsAtOnce; ++n) {
+    switch (reports_.receive(reportsAtOnce, [this](const nlmsghdr& message) { report(message, false); })) {
       case Socket::Heard::messages:
         break;
       case Socket::Heard::overrun:
@@ -113,23 +113,29 @@ bool Adapter::drainReports() {
 
 bool Adapter::readAnswers() {
   bool any = false;
-  for (int n = 0; n < kReadsAtOnce; ++n) {
+  for (int n = 0; n < readsAtOnce; ++n) {
     // A part of a dump is put together as the one before is read, and takes long in a long table: one at a
     // time.
-    std::size_t most = outstanding_ > 0 || askSequence_ != 0 ? kAnswersAtOnce : 1;
+    std::size_t most = outstanding_ > 0 || askSequence_ != 0 ? answersAtOnce : 1;
     switch (requests_.receive(most, [this](const nlmsghdr& message) { heard(message); })) {
       case Socket::Heard::messages:
         any = true;
         break;
       case Socket::Heard::overrun:
         any = true;
-        if (std::exchange(outstanding_, 0) != 0) engine_.answersLost();
-        if (std::exchange(dumpSequence_, 0) != 0) engine_.dumpEnd(false);
+        if (std::exchange(outstanding_, 0) != 0) {
+          engine_.answersLost();
+        }
+        if (std::exchange(dumpSequence_, 0) != 0) {
+          engine_.dumpEnd(false);
+        }
         break;
       case Socket::Heard::nothing:
         return any;
     }
-    if (outstanding_ == 0) return any;
+    if (outstanding_ == 0) {
+      return any;
+    }
   }
   return any;
 }
@@ -140,7 +146,9 @@ void Adapter::send(const Batch& batch) {
   messages_.clear();
   for (std::size_t at = 0; at < batch.size(); ++at) {
     const Request& request = batch.requests()[at];
-    if (messages_.size() >= batchBytes_) sendPending();
+    if (messages_.size() >= batchBytes_) {
+      sendPending();
+    }
     messages_.add(request, batchBegin_ + static_cast<std::uint32_t>(at));
     if (std::holds_alternative<Dump>(request)) {
       dumpSequence_ = batchBegin_ + static_cast<std::uint32_t>(at);
@@ -153,11 +161,15 @@ void Adapter::send(const Batch& batch) {
   while (outstanding_ > 0 && readAnswers()) {
   }
   // The kernel has worked the batch off when send returns: answers that are not there now never come.
-  if (std::exchange(outstanding_, 0) != 0) engine_.answersLost();
+  if (std::exchange(outstanding_, 0) != 0) {
+    engine_.answersLost();
+  }
 }
 
 void Adapter::sendPending() {
-  if (messages_.empty()) return;
+  if (messages_.empty()) {
+    return;
+  }
   // If it fails no answers come, which is taken as answers lost; a dump is asked for again.
   if (requests_.send(messages_.data(), messages_.size()) != 0 && std::exchange(dumpSequence_, 0) != 0) {
     engine_.dumpFailed(ENOBUFS, "the request could not be sent");
@@ -176,10 +188,14 @@ void Adapter::heard(const nlmsghdr& message) {
     return;
   }
   if (dumpSequence_ == 0 || message.nlmsg_seq != dumpSequence_) {
-    if (message.nlmsg_type == NLMSG_ERROR) answered(message);
+    if (message.nlmsg_type == NLMSG_ERROR) {
+      answered(message);
+    }
     return;
   }
-  if (readInterrupted(message)) dumpWhole_ = false;
+  if (readInterrupted(message)) {
+    dumpWhole_ = false;
+  }
   if (message.nlmsg_type == NLMSG_ERROR) {
     Answer answer = readAnswer(message);
     dumpSequence_ = 0;
@@ -194,7 +210,9 @@ void Adapter::heard(const nlmsghdr& message) {
 
 void Adapter::answered(const nlmsghdr& message) {
   std::uint32_t at = message.nlmsg_seq - batchBegin_;
-  if (outstanding_ == 0 || message.nlmsg_seq < batchBegin_ || message.nlmsg_seq >= sequence_) return;
+  if (outstanding_ == 0 || message.nlmsg_seq < batchBegin_ || message.nlmsg_seq >= sequence_) {
+    return;
+  }
   --outstanding_;
   Answer answer = readAnswer(message);
   engine_.answered(at, answer.error, answer.text);
@@ -203,23 +221,37 @@ void Adapter::answered(const nlmsghdr& message) {
 void Adapter::report(const nlmsghdr& message, bool dumped) {
   switch (message.nlmsg_type) {
     case RTM_NEWNEIGH:
-      if (auto row = readRow(message)) engine_.rowIs(*row, dumped);
+      if (auto row = readRow(message)) {
+        engine_.rowIs(*row, dumped);
+      }
       break;
     case RTM_DELNEIGH:
-      if (auto row = readRow(message)) engine_.rowDel(*row);
+      if (auto row = readRow(message)) {
+        engine_.rowDel(*row);
+      }
       break;
     case RTM_NEWNEXTHOP:
-      if (auto nexthop = readNexthop(message)) engine_.nexthopIs(*nexthop);
+      if (auto nexthop = readNexthop(message)) {
+        engine_.nexthopIs(*nexthop);
+      }
       break;
     case RTM_DELNEXTHOP:
-      if (auto nexthop = readNexthop(message)) engine_.nexthopDel(nexthop->id);
+      if (auto nexthop = readNexthop(message)) {
+        engine_.nexthopDel(nexthop->id);
+      }
       break;
     case RTM_NEWLINK:
-      if (auto link = readLink(message)) engine_.linkIs(*link);
-      if (auto port = readBridgePort(message)) engine_.portIs(*port);
+      if (auto link = readLink(message)) {
+        engine_.linkIs(*link);
+      }
+      if (auto port = readBridgePort(message)) {
+        engine_.portIs(*port);
+      }
       break;
     case RTM_DELLINK:
-      if (auto link = readLink(message)) engine_.linkDel(link->index);
+      if (auto link = readLink(message)) {
+        engine_.linkDel(link->index);
+      }
       break;
     default:
       break;
@@ -237,11 +269,17 @@ nlohmann::json Adapter::readBack(const Row& row) {
   while (error == 0 && askSequence_ != 0 && readAnswers()) {
   }
   askSequence_ = 0;
-  if (asked_.empty()) return {{"there", false}, {"answer", askError_}};
+  if (asked_.empty()) {
+    return {{"there", false}, {"answer", askError_}};
+  }
   const Row& found = asked_.front();
   nlohmann::json out{{"there", true}, {"marked", found.marked}};
-  if (found.dst) out["dst"] = found.dst.text();
-  if (found.nexthop != 0) out["nexthop"] = found.nexthop;
+  if (found.dst) {
+    out["dst"] = found.dst.text();
+  }
+  if (found.nexthop != 0) {
+    out["nexthop"] = found.nexthop;
+  }
   if (found.table == Table::bridge) {
     const Link* port = engine_.link(found.device);
     out["port"] = port != nullptr ? port->name : std::to_string(found.device);
@@ -253,17 +291,25 @@ nlohmann::json Adapter::explain(Vlan vlan, Mac mac) {
   Explanation known = engine_.explain(vlan, mac);
   auto texts = [](const std::vector<Ip4>& addresses) {
     nlohmann::json out = nlohmann::json::array();
-    for (Ip4 address : addresses) out.push_back(address.text());
+    for (Ip4 address : addresses) {
+      out.push_back(address.text());
+    }
     return out;
   };
   nlohmann::json out{
       {"vlan", vlan}, {"mac", mac.text()}, {"mapped", known.mapped}, {"differs", known.differs}};
-  if (known.mapped) out["vni"] = known.vni;
+  if (known.mapped) {
+    out["vni"] = known.vni;
+  }
   out["wanted"] = nlohmann::json::object();
-  if (known.wanted) out["wanted"] = {{"kind", known.wantedKind}, {"vteps", texts(known.wantedVteps)}};
+  if (known.wanted) {
+    out["wanted"] = {{"kind", known.wantedKind}, {"vteps", texts(known.wantedVteps)}};
+  }
   nlohmann::json device{
       {"device", known.device}, {"row", known.deviceMark}, {"vteps", texts(known.deviceVteps)}};
-  if (known.deviceNexthop != 0) device["nexthop"] = known.deviceNexthop;
+  if (known.deviceNexthop != 0) {
+    device["nexthop"] = known.deviceNexthop;
+  }
   out["acknowledged"]["device"] = device;
   out["acknowledged"]["bridge"] = {{"bridge", known.bridge}, {"row", known.portMark}, {"port", known.port}};
   out["kernel"] = nlohmann::json::object();
@@ -273,7 +319,9 @@ nlohmann::json Adapter::explain(Vlan vlan, Mac mac) {
   if (known.bridgeIndex != 0 && !mac.group()) {
     out["kernel"]["bridge"] = readBack({Table::bridge, 0, known.bridgeIndex, mac, {}, 0, false, false});
   }
-  if (!known.problem.empty()) out["problem"] = known.problem;
+  if (!known.problem.empty()) {
+    out["problem"] = known.problem;
+  }
   return out;
 }
 

@@ -9,9 +9,13 @@ namespace Agent::Kernel {
 // At the start: what the alias says belongs to a VLAN is its until a mapping says otherwise.
 void Devices::adopt(const Link& link) {
   std::optional<Vlan> vlan = state_.links.vlan(link);
-  if (!vlan) return;
+  if (!vlan) {
+    return;
+  }
   Domain& domain = state_.domain(*vlan);
-  if (link.kind == LinkKind::bridge && domain.bridge == 0) bridgeIs(domain, link.index);
+  if (link.kind == LinkKind::bridge && domain.bridge == 0) {
+    bridgeIs(domain, link.index);
+  }
   if (link.kind == LinkKind::vxlan && domain.device == 0 &&
       (!domain.mapping || domain.mapping->vni == link.vni)) {
     deviceIs(domain, link.index, false);

@@ -101,7 +101,9 @@ void Devices::mappingChanged(Domain& domain) {
 }
 
 void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
-  if (domain.device == device) return;
+  if (domain.device == device) {
+    return;
+  }
   state_.deviceOf.erase(domain.device);
   if (device != 0) {
     auto [at, added] = state_.deviceOf.try_emplace(device, domain.vlan);
@@ -114,33 +116,45 @@ void Devices::deviceIs(Domain& domain, IfIndex device, bool blind) {
     }
   }
   leaveDevice(domain);
-  if (device != 0) beginTurn(domain);
+  if (device != 0) {
+    beginTurn(domain);
+  }
   state_.suspects.insert(domain.device);
   domain.device = device;
   state_.links.used(device);
   ++domain.deviceLife;
   domain.blind = device != 0 && blind;
-  if (domain.blind) state_.auditWanted = true;
+  if (domain.blind) {
+    state_.auditWanted = true;
+  }
   state_.walk(domain);
 }
 
 // Its flood rows stay until it goes, and bear no mark.
 void Devices::leaveDevice(Domain& domain) {
-  if (state_.links.at(domain.device) == nullptr) return;
+  if (state_.links.at(domain.device) == nullptr) {
+    return;
+  }
   auto& left = domain.left[domain.device];
   left.clear();
   state_.mention(domain.device, domain.vlan);
   for (const auto& [mac, flood] : domain.floods) {
-    if (flood.deviceLife != domain.deviceLife) continue;
+    if (flood.deviceLife != domain.deviceLife) {
+      continue;
+    }
     for (const auto& [dst, destination] : flood.there) {
-      if (destination.mark == Mark::ours) left.emplace(mac, dst);
+      if (destination.mark == Mark::ours) {
+        left.emplace(mac, dst);
+      }
     }
   }
 }
 
 void Devices::beginTurn(Domain& domain) {
   const Link* previous = state_.links.at(domain.device);
-  if (previous == nullptr || !state_.links.ours(*previous) || previous->master != domain.bridge) return;
+  if (previous == nullptr || !state_.links.ours(*previous) || previous->master != domain.bridge) {
+    return;
+  }
   domain.turn = Turn{domain.device, state_.now + state_.options.renumberPause};
   state_.turns.insert(domain.vlan);
   state_.mention(domain.device, domain.vlan);
@@ -155,7 +169,9 @@ void Devices::step(Domain& domain, Batch& out) {
               RowDel{{Table::device, turn.previous, 0, mac, {}, 0, false, false}});
     }
   }
-  if (state_.now < turn.next) return;
+  if (state_.now < turn.next) {
+    return;
+  }
   turn.next = state_.now + state_.options.renumberPause;
   if (!turn.turned) {
     turn.turned = domain.ready();
@@ -169,7 +185,9 @@ void Devices::step(Domain& domain, Batch& out) {
 
 void Devices::turn(Batch& out) {
   std::vector<Vlan> vlans(state_.turns.begin(), state_.turns.end());
-  for (Vlan vlan : vlans) step(*state_.find(vlan), out);
+  for (Vlan vlan : vlans) {
+    step(*state_.find(vlan), out);
+  }
 }
 
 Time Devices::nextTurn() const {
@@ -233,7 +251,9 @@ void Devices::work(Domain& domain, Batch& out) {
   }
   const Key key = keyOf(domain);
   const Failures::Failure* failure = state_.failures.find(key);
-  if (failure != nullptr && failure->attempts > 0 && failure->next > state_.now) return;
+  if (failure != nullptr && failure->attempts > 0 && failure->next > state_.now) {
+    return;
+  }
   const Link* device = this->device(domain);
   const Link* bridge = this->bridge(domain, device);
   if (bridge == nullptr) {
@@ -287,7 +307,9 @@ void Devices::askBridge(Domain& domain, Batch& out) {
 
 void Devices::askDevice(Domain& domain, const Link& bridge, Batch& out) {
   std::string name = state_.options.devicePrefix + std::to_string(domain.mapping->vni);
-  if (state_.links.expected(name)) return;
+  if (state_.links.expected(name)) {
+    return;
+  }
   if (state_.links.named(name) != nullptr) {
     fail(keyOf(domain), "the device " + name + " is in the way: it is not the VXLAN device of VNI " +
                             std::to_string(domain.mapping->vni) + " at port " +
@@ -405,20 +427,26 @@ std::string Devices::complaint(const Domain& domain, const Link& device) const {
   bool ours = state_.links.ours(device);
   std::string what;
   auto say = [&what](bool wrong, const std::string& text) {
-    if (wrong) what += (what.empty() ? "" : ", ") + text;
+    if (wrong) {
+      what += (what.empty() ? "" : ", ") + text;
+    }
   };
   say(!ours && device.local != domain.mapping->local,
       "its local address is " + device.local.text() + " instead of " + domain.mapping->local.text());
   say(!ours && device.learning, "it learns by itself");
   say(!ours && !device.up, "it is down");
   say(device.master != domain.bridge, "it is not in the bridge");
-  if (what.empty()) return {};
+  if (what.empty()) {
+    return {};
+  }
   return "the device " + device.name +
          (ours ? " cannot be used: " : " was made by somebody else and is used as it is: ") + what;
 }
 
 void Devices::workPorts(Domain& domain, const Link& bridge, Batch& out) {
-  for (std::size_t at = 0; at < domain.mapping->ports.size(); ++at) workPort(domain, bridge, at, out);
+  for (std::size_t at = 0; at < domain.mapping->ports.size(); ++at) {
+    workPort(domain, bridge, at, out);
+  }
   freePorts(domain, out);
 }
 
@@ -426,7 +454,9 @@ void Devices::workPort(Domain& domain, const Link& bridge, std::size_t at, Batch
   const std::string& name = domain.mapping->ports[at];
   Key key = portKey(domain, at);
   const Failures::Failure* failure = state_.failures.find(key);
-  if (failure != nullptr && failure->attempts > 0 && failure->next > state_.now) return;
+  if (failure != nullptr && failure->attempts > 0 && failure->next > state_.now) {
+    return;
+  }
   const Link* port = state_.links.named(name);
   if (port == nullptr) {
     fail(key, "the port " + name + " does not exist");
@@ -471,7 +501,9 @@ void Devices::freePorts(Domain& domain, Batch& out) {
 }
 
 void Devices::answered(const Request& request, const Key& key, int error, std::string_view text) {
-  if (std::holds_alternative<RowDel>(request)) return;  // Of a device that goes soon.
+  if (std::holds_alternative<RowDel>(request)) {
+    return;  // Of a device that goes soon.
+  }
   Domain* domain = state_.find(key.vlan);
   const auto* del = std::get_if<LinkDel>(&request);
   if (del != nullptr && (error == 0 || error == ENODEV)) {
@@ -492,8 +524,12 @@ void Devices::answered(const Request& request, const Key& key, int error, std::s
     state_.suspects.insert(set->index);
   }
   const Failures::Failure* failure = state_.failures.find(key);
-  if (failure != nullptr && failure->attempts > 0) state_.failures.cleared(key);
-  if (domain != nullptr) state_.queue(*domain);
+  if (failure != nullptr && failure->attempts > 0) {
+    state_.failures.cleared(key);
+  }
+  if (domain != nullptr) {
+    state_.queue(*domain);
+  }
 }
 
 bool Devices::differs(const Domain& domain) const {

@@ -8,14 +8,14 @@
 
 namespace Agent::Kernel {
 
-/// Keeps a bridge and a VXLAN device for each mapped VLAN, with its ports. A device that is there is used:
-/// one of ours (by its alias) is corrected and, when it is no longer wanted, deleted; another's is used as it
-/// is, and what is amiss with it is told.
-///
-/// When a VLAN changes its VNI, the new device is made beside the old one in the same bridge (both isolated,
-/// so that nothing loops between them) and filled. After Options::renumberPause, by when other switches have
-/// made theirs, the flood rows are added to it and the bridge's rows are turned to it one by one; after
-/// another such pause the old one is deleted.
+// Keeps a bridge and a VXLAN device for each mapped VLAN, with its ports. A device that is there is used:
+// one of ours (by its alias) is corrected and, when it is no longer wanted, deleted; another's is used as it
+// is, and what is amiss with it is told.
+//
+// When a VLAN changes its VNI, the new device is made beside the old one in the same bridge (both isolated,
+// so that nothing loops between them) and filled. After Options::renumberPause, by when other switches have
+// made theirs, the flood rows are added to it and the bridge's rows are turned to it one by one; after
+// another such pause the old one is deleted.
 class Devices {
  public:
   explicit Devices(State& state) : state_(state) {}
@@ -27,22 +27,22 @@ class Devices {
   void portIs(const BridgePort& port);
   void linkDel(IfIndex index);
 
-  /// Asks for what is missing of the domain's devices, one step at a time.
+  // Asks for what is missing of the domain's devices, one step at a time.
   void work(Domain& domain, Batch& out);
-  /// Asks to delete the devices of ours that nothing wants.
+  // Asks to delete the devices of ours that nothing wants.
   void sweep(Batch& out);
   // All devices of ours are looked at again for those that nothing wants.
   void suspectAll();
-  /// Goes on with the changes of VNIs that are under way.
+  // Goes on with the changes of VNIs that are under way.
   void turn(Batch& out);
-  /// When `turn` is due next; Time::max() for never.
+  // When `turn` is due next; Time::max() for never.
   Time nextTurn() const;
   void answered(const Request& request, const Key& key, int error, std::string_view text);
-  /// Begins to use the device; `blind`: it may have rows that are not known.
+  // Begins to use the device; `blind`: it may have rows that are not known.
   void deviceIs(Domain& domain, IfIndex device, bool blind);
   void bridgeIs(Domain& domain, IfIndex bridge);
 
-  /// Whether the domain's devices and ports are as they are wanted.
+  // Whether the domain's devices and ports are as they are wanted.
   bool differs(const Domain& domain) const;
   std::size_t stale() const;
 

@@ -8,10 +8,10 @@ namespace Agent::Kernel {
 
 namespace {
 
-const Key kDenied{Key::Kind::permission, 0, 0};
-const Key kDump{Key::Kind::dump, 0, 0};
-constexpr std::size_t kWalkedAtOnce = 1024;
-constexpr std::size_t kLookedAtInOneTurn = 2048;
+const Key denied{Key::Kind::permission, 0, 0};
+const Key dump{Key::Kind::dump, 0, 0};
+constexpr std::size_t walkedAtOnce = 1024;
+constexpr std::size_t lookedAtInOneTurn = 2048;
 
 }  // namespace
 
@@ -27,7 +27,9 @@ Engine::Engine(Options options)
 
 void Engine::vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<std::string> ports) {
   auto before = vnis_.find(vni);
-  if (before != vnis_.end() && before->second != vlan) vniDel(vni);
+  if (before != vnis_.end() && before->second != vlan) {
+    vniDel(vni);
+  }
   vnis_[vni] = vlan;
   devices_.is(vlan, {vni, std::move(vti), local, std::move(ports)});
   hosts_.localIs(state_.domain(vlan));
@@ -35,11 +37,15 @@ void Engine::vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<s
 
 void Engine::vniDel(Vni vni) {
   auto at = vnis_.find(vni);
-  if (at == vnis_.end()) return;
+  if (at == vnis_.end()) {
+    return;
+  }
   Vlan vlan = at->second;
   vnis_.erase(at);
   Domain* domain = state_.find(vlan);
-  if (domain != nullptr && domain->mapping && domain->mapping->vni == vni) devices_.del(vlan);
+  if (domain != nullptr && domain->mapping && domain->mapping->vni == vni) {
+    devices_.del(vlan);
+  }
 }
 
 void Engine::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
@@ -58,15 +64,19 @@ void Engine::hostDel(Vlan vlan, Mac mac) {
     return;
   }
   Domain* domain = state_.find(vlan);
-  if (domain != nullptr) hosts_.del(*domain, mac);
+  if (domain != nullptr) {
+    hosts_.del(*domain, mac);
+  }
 }
 
 void Engine::floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps) {
-  constexpr std::size_t kMostMembers = 4096;  // A nexthop group has to fit into one netlink attribute.
+  constexpr std::size_t mostMembers = 4096;  // A nexthop group has to fit into one netlink attribute.
   std::erase(vteps, Ip4{});
   std::sort(vteps.begin(), vteps.end());
   vteps.erase(std::unique(vteps.begin(), vteps.end()), vteps.end());
-  if (type == FloodType::any && vteps.size() > kMostMembers) vteps.resize(kMostMembers);
+  if (type == FloodType::any && vteps.size() > mostMembers) {
+    vteps.resize(mostMembers);
+  }
   if (vteps.empty()) {
     floodDel(vlan, mac);
   } else if (mac.group()) {
@@ -78,7 +88,9 @@ void Engine::floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps)
 
 void Engine::floodDel(Vlan vlan, Mac mac) {
   Domain* domain = state_.find(vlan);
-  if (domain == nullptr) return;
+  if (domain == nullptr) {
+    return;
+  }
   if (mac.group()) {
     floods_.del(*domain, mac);
   } else {
@@ -87,8 +99,12 @@ void Engine::floodDel(Vlan vlan, Mac mac) {
 }
 
 void Engine::settled() {
-  if (std::exchange(state_.settled, true)) return;
-  for (auto& [vlan, domain] : state_.domains) domainChanged(domain);
+  if (std::exchange(state_.settled, true)) {
+    return;
+  }
+  for (auto& [vlan, domain] : state_.domains) {
+    domainChanged(domain);
+  }
   state_.nexthops.requeue();
   devices_.suspectAll();
 }
@@ -120,7 +136,9 @@ void Engine::nexthopIs(const Nexthop& nexthop) {
 
 void Engine::nexthopDel(NexthopId id) {
   ++state_.counters.notifications;
-  if (!state_.nexthops.del(id)) return;
+  if (!state_.nexthops.del(id)) {
+    return;
+  }
   // The kernel removes rows with the group that they lead to, and does not report it.
   ++state_.counters.repairs;
   ++state_.doubts;
@@ -131,7 +149,9 @@ void Engine::rowIs(const Row& row, bool dumped) {
   ++state_.counters.notifications;
   const auto& owners = row.table == Table::device ? state_.deviceOf : state_.bridgeOf;
   auto at = owners.find(row.table == Table::device ? row.device : row.bridge);
-  if (at == owners.end()) return;
+  if (at == owners.end()) {
+    return;
+  }
   Domain& domain = *state_.find(at->second);
   if (!row.mac.group()) {
     hosts_.rowIs(domain, row, dumped);
@@ -144,7 +164,9 @@ void Engine::rowDel(const Row& row) {
   ++state_.counters.notifications;
   const auto& owners = row.table == Table::device ? state_.deviceOf : state_.bridgeOf;
   auto at = owners.find(row.table == Table::device ? row.device : row.bridge);
-  if (at == owners.end()) return;
+  if (at == owners.end()) {
+    return;
+  }
   Domain& domain = *state_.find(at->second);
   if (!row.mac.group()) {
     hosts_.rowDel(domain, row);
@@ -176,18 +198,28 @@ void Engine::requeueDue() {
         break;
       case Key::Kind::domain:
       case Key::Kind::port:
-        if (domain != nullptr) state_.queue(*domain);
+        if (domain != nullptr) {
+          state_.queue(*domain);
+        }
         break;
       case Key::Kind::host: {
-        if (domain == nullptr) break;
+        if (domain == nullptr) {
+          break;
+        }
         auto at = domain->hosts.find(Mac{key.id});
-        if (at != domain->hosts.end()) state_.queue(*domain, at->first, at->second.queued);
+        if (at != domain->hosts.end()) {
+          state_.queue(*domain, at->first, at->second.queued);
+        }
         break;
       }
       case Key::Kind::flood: {
-        if (domain == nullptr) break;
+        if (domain == nullptr) {
+          break;
+        }
         auto at = domain->floods.find(Mac{key.id});
-        if (at != domain->floods.end()) state_.queue(*domain, at->first, at->second.queued);
+        if (at != domain->floods.end()) {
+          state_.queue(*domain, at->first, at->second.queued);
+        }
         break;
       }
     }
@@ -198,11 +230,15 @@ const Batch& Engine::batch() {
   require(outstanding_ == 0, "a batch is taken when the last one is answered");
   batch_.clear();
   batch_.limitIs(denied_ ? 1 : state_.options.batchRequests);
-  if (denied_ && state_.failures.pausing(kDenied, state_.now)) return batch_;
+  if (denied_ && state_.failures.pausing(denied, state_.now)) {
+    return batch_;
+  }
   requeueDue();
   audit();
   std::size_t dumps = batch_.size();
-  if (state_.adopting) return batch_;
+  if (state_.adopting) {
+    return batch_;
+  }
   devices_.turn(batch_);
   devices_.sweep(batch_);
   for (std::size_t n = state_.domainQueue.size(); n > 0 && !batch_.full(); --n) {
@@ -212,18 +248,22 @@ const Batch& Engine::batch() {
   }
   state_.nexthops.work(batch_, state_.now, state_.settled);
   walkDomains();
-  if (!state_.nexthops.pending()) workRows();
+  if (!state_.nexthops.pending()) {
+    workRows();
+  }
   outstanding_ = batch_.size() - dumps;
   state_.counters.requests += batch_.size();
   return batch_;
 }
 
 void Engine::walkDomains() {
-  std::size_t left = kWalkedAtOnce;
-  while (!state_.walks.empty() && left > 0 && state_.rowQueue.size() < kWalkedAtOnce) {
+  std::size_t left = walkedAtOnce;
+  while (!state_.walks.empty() && left > 0 && state_.rowQueue.size() < walkedAtOnce) {
     Domain& domain = *state_.find(state_.walks.front());
     if (domain.walk == Mac{}) {
-      for (auto& [mac, flood] : domain.floods) state_.queue(domain, mac, flood.queued);
+      for (auto& [mac, flood] : domain.floods) {
+        state_.queue(domain, mac, flood.queued);
+      }
     }
     auto at = domain.hosts.lower_bound(domain.walk.value_or(Mac{}));
     for (; at != domain.hosts.end() && left > 0; ++at, --left) {
@@ -240,7 +280,7 @@ void Engine::walkDomains() {
 }
 
 void Engine::workRows() {
-  std::size_t n = std::min(state_.rowQueue.size(), kLookedAtInOneTurn);
+  std::size_t n = std::min(state_.rowQueue.size(), lookedAtInOneTurn);
   for (; n > 0 && !batch_.full(); --n) {
     Key key = state_.rowQueue.front();
     state_.rowQueue.pop_front();
@@ -260,15 +300,15 @@ void Engine::answered(std::size_t at, int error, std::string_view text) {
   const Key key = batch_.key(at);
   require(!std::holds_alternative<Dump>(request), "a dump is answered by its end");
   if (error == EPERM || error == EACCES) {
-    if (!denied_ || !state_.failures.pausing(kDenied, state_.now)) {
-      state_.failures.failed(kDenied, state_.now,
+    if (!denied_ || !state_.failures.pausing(denied, state_.now)) {
+      state_.failures.failed(denied, state_.now,
                              "the kernel does not let this process change it (" + std::string(text) +
                                  "): the capability CAP_NET_ADMIN in this network namespace is needed");
     }
     denied_ = true;
   } else if (error == 0 && denied_) {
     denied_ = false;
-    state_.failures.cleared(kDenied);
+    state_.failures.cleared(denied);
   }
   ++(error == 0 ? state_.counters.acknowledged : state_.counters.refused);
   answeredRow(request, key, error, text);
@@ -281,7 +321,9 @@ void Engine::answeredRow(const Request& request, const Key& key, int error, std:
       bool before = state_.nexthops.supported();
       state_.nexthops.answered(request, key, error, text, state_.now);
       if (before != state_.nexthops.supported()) {
-        for (auto& [vlan, domain] : state_.domains) domainChanged(domain);
+        for (auto& [vlan, domain] : state_.domains) {
+          domainChanged(domain);
+        }
       }
       break;
     }
@@ -303,23 +345,32 @@ void Engine::answersLost() {
   ++state_.doubts;
   state_.auditWanted = true;
   state_.nexthops.requeue();
-  for (auto& [vlan, domain] : state_.domains) domainChanged(domain);
+  for (auto& [vlan, domain] : state_.domains) {
+    domainChanged(domain);
+  }
 }
 
 bool Engine::moreWork() const {
-  if (denied_) return false;
+  if (denied_) {
+    return false;
+  }
   bool dumpToAsk = phase_ == Phase::comparing ||
-                   (phase_ != Phase::idle && !asked_ && state_.failures.find(kDump) == nullptr);
-  if (state_.adopting) return dumpToAsk;
+                   (phase_ != Phase::idle && !asked_ && state_.failures.find(dump) == nullptr);
+  if (state_.adopting) {
+    return dumpToAsk;
+  }
   return dumpToAsk || !state_.rowQueue.empty() || !state_.domainQueue.empty() || !state_.walks.empty() ||
          state_.nexthops.pending();
 }
 
 Time Engine::nextWakeup() const {
-  if (denied_) return state_.failures.find(kDenied)->next;
+  if (denied_) {
+    return state_.failures.find(denied)->next;
+  }
   Time next = Time::max();
-  if (phase_ == Phase::idle)
+  if (phase_ == Phase::idle) {
     next = state_.auditWanted ? auditNotBefore_ : std::max(auditNext_, auditNotBefore_);
+  }
   return std::min({next, devices_.nextTurn(), state_.failures.next().value_or(Time::max())});
 }
 

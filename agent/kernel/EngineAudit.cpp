@@ -9,20 +9,24 @@ namespace Agent::Kernel {
 
 namespace {
 
-const Key kDump{Key::Kind::dump, 0, 0};
-constexpr std::size_t kComparedAtOnce = 4096;
+const Key dump{Key::Kind::dump, 0, 0};
+constexpr std::size_t comparedAtOnce = 4096;
 // At most one part in this many of the time goes into comparisons: into those for a reason, and into routine
 // ones. The kernel's dump of a table takes time with the square of its length.
-constexpr int kShareWithReason = 10;
-constexpr int kShareOfRoutine = 40;
+constexpr int shareWithReason = 10;
+constexpr int shareOfRoutine = 40;
 
 }  // namespace
 
 void Engine::audit() {
   switch (phase_) {
     case Phase::idle:
-      if (!state_.auditWanted && state_.now < auditNext_) return;
-      if (state_.now < auditNotBefore_) return;
+      if (!state_.auditWanted && state_.now < auditNext_) {
+        return;
+      }
+      if (state_.now < auditNotBefore_) {
+        return;
+      }
       state_.auditWanted = false;
       state_.dumping = true;
       ++state_.dump;
@@ -40,7 +44,9 @@ void Engine::audit() {
       askDump(Dump::What::nexthops);
       break;
     case Phase::rows:
-      if (asked_) break;
+      if (asked_) {
+        break;
+      }
       blind_.clear();
       for (auto& [vlan, domain] : state_.domains) {
         if (!domain.read()) {
@@ -56,23 +62,29 @@ void Engine::audit() {
 }
 
 void Engine::askDump(Dump::What what) {
-  if (asked_ || state_.failures.pausing(kDump, state_.now)) return;
+  if (asked_ || state_.failures.pausing(dump, state_.now)) {
+    return;
+  }
   asked_ = true;
-  batch_.add(kDump, Dump{what});
+  batch_.add(dump, Dump{what});
 }
 
 void Engine::dumpEnd(bool whole) {
   require(asked_, "a dump that ends was asked for");
   asked_ = false;
-  state_.failures.cleared(kDump);
-  if (!whole) return;
+  state_.failures.cleared(dump);
+  if (!whole) {
+    return;
+  }
   switch (phase_) {
     case Phase::links:
       for (const IfIndex gone : state_.links.unseen(state_.dump)) {
         devices_.linkDel(gone);
       }
       state_.links.dumpEnds();
-      for (auto& [vlan, domain] : state_.domains) state_.queue(domain);
+      for (auto& [vlan, domain] : state_.domains) {
+        state_.queue(domain);
+      }
       phase_ = Phase::nexthops;
       break;
     case Phase::nexthops:
@@ -100,7 +112,7 @@ void Engine::dumpFailed(int error, std::string_view text) {
     return;
   }
   asked_ = false;
-  state_.failures.failed(kDump, state_.now, std::string(text));
+  state_.failures.failed(dump, state_.now, std::string(text));
 }
 
 std::size_t Engine::compare(Domain& domain, std::size_t most) {
@@ -127,14 +139,16 @@ std::size_t Engine::compare(Domain& domain, std::size_t most) {
 }
 
 void Engine::compare() {
-  std::size_t left = kComparedAtOnce;
+  std::size_t left = comparedAtOnce;
   while (left > 0) {
     auto domain = state_.domains.lower_bound(compareAt_->first);
     if (domain == state_.domains.end()) {
       compareDone();
       return;
     }
-    if (domain->first != compareAt_->first) compareAt_.emplace(domain->first, Mac{});
+    if (domain->first != compareAt_->first) {
+      compareAt_.emplace(domain->first, Mac{});
+    }
     left -= std::min(left, 1 + compare(domain->second, left));
   }
 }
@@ -153,8 +167,8 @@ void Engine::compareDone() {
   phase_ = Phase::idle;
   ++state_.counters.audits;
   Time took = state_.now - auditBegan_;
-  auditNext_ = state_.now + std::max(state_.options.auditEvery, kShareOfRoutine * took);
-  auditNotBefore_ = state_.now + kShareWithReason * took;
+  auditNext_ = state_.now + std::max(state_.options.auditEvery, shareOfRoutine * took);
+  auditNotBefore_ = state_.now + shareWithReason * took;
 }
 
 }  // namespace Agent::Kernel

@@ -26,7 +26,9 @@ const char* word(Mark mark) {
 Tally Engine::tallyDevices() const {
   Tally tally{"devices", 0, 0, 0, 0};
   for (const auto& [vlan, domain] : state_.domains) {
-    if (!domain.mapping) continue;
+    if (!domain.mapping) {
+      continue;
+    }
     tally.wanted += 2;
     tally.there += (domain.bridge != 0 ? 1U : 0U) + (domain.device != 0 ? 1U : 0U);
     tally.differing += devices_.differs(domain) ? 1U : 0U;
@@ -109,7 +111,9 @@ std::string Engine::what(const Key& key) const {
 std::pair<std::vector<Problem>, std::size_t> Engine::problems(std::size_t most) const {
   std::vector<Problem> found;
   for (const auto& [key, failure] : state_.failures.all()) {
-    if (found.size() == most) break;
+    if (found.size() == most) {
+      break;
+    }
     std::string why = failure.why;
     if (key.kind == Key::Kind::contention) {
       why += "; the last: " + what(state_.contention.last());
@@ -128,7 +132,9 @@ void Engine::explainFlood(const Domain& domain, const Flood& flood, Explanation&
   Mark mark = flood.nexthopMark;
   for (const auto& [dst, destination] : flood.there) {
     out.deviceVteps.push_back(dst);
-    if (mark != Mark::ours) mark = destination.mark;
+    if (mark != Mark::ours) {
+      mark = destination.mark;
+    }
   }
   out.deviceMark = word(mark);
   out.deviceNexthop = flood.nexthop;
@@ -143,14 +149,20 @@ void Engine::explainHost(const Domain& domain, const Host& host, Explanation& ou
   }
   bool known = host.deviceLife == domain.deviceLife;
   out.deviceMark = word(known ? host.mark : Mark::none);
-  if (known) out.deviceNexthop = host.there.nexthop;
-  if (known && host.there.dst) out.deviceVteps = {host.there.dst};
+  if (known) {
+    out.deviceNexthop = host.there.nexthop;
+  }
+  if (known && host.there.dst) {
+    out.deviceVteps = {host.there.dst};
+  }
   if (known && host.group != nullptr && host.there.nexthop == host.group->id) {
     out.deviceVteps = host.group->there;
   }
   out.portMark = word(host.bridgeLife == domain.bridgeLife ? host.portMark : Mark::none);
   const Link* port = state_.links.at(host.port);
-  if (port != nullptr) out.port = port->name;
+  if (port != nullptr) {
+    out.port = port->name;
+  }
   out.differs = hosts_.differs(domain, host);
 }
 
@@ -158,21 +170,37 @@ Explanation Engine::explain(Vlan vlan, Mac mac) const {
   Explanation out;
   out.deviceMark = out.portMark = word(Mark::none);
   const Domain* domain = state_.find(vlan);
-  if (domain == nullptr) return out;
+  if (domain == nullptr) {
+    return out;
+  }
   out.mapped = domain->mapping.has_value();
-  if (domain->mapping) out.vni = domain->mapping->vni;
+  if (domain->mapping) {
+    out.vni = domain->mapping->vni;
+  }
   out.bridgeIndex = domain->bridge;
   out.deviceIndex = domain->device;
-  if (const Link* bridge = state_.links.at(domain->bridge)) out.bridge = bridge->name;
-  if (const Link* device = state_.links.at(domain->device)) out.device = device->name;
+  if (const Link* bridge = state_.links.at(domain->bridge)) {
+    out.bridge = bridge->name;
+  }
+  if (const Link* device = state_.links.at(domain->device)) {
+    out.device = device->name;
+  }
   auto host = domain->hosts.find(mac);
-  if (host != domain->hosts.end()) explainHost(*domain, host->second, out);
+  if (host != domain->hosts.end()) {
+    explainHost(*domain, host->second, out);
+  }
   auto flood = domain->floods.find(mac);
-  if (flood != domain->floods.end()) explainFlood(*domain, flood->second, out);
+  if (flood != domain->floods.end()) {
+    explainFlood(*domain, flood->second, out);
+  }
   auto kind = mac.group() ? Key::Kind::flood : Key::Kind::host;
   const Failures::Failure* failure = state_.failures.find({kind, vlan, mac.bits});
-  if (failure == nullptr) failure = state_.failures.find({Key::Kind::host, vlan, mac.bits});
-  if (failure != nullptr) out.problem = failure->why;
+  if (failure == nullptr) {
+    failure = state_.failures.find({Key::Kind::host, vlan, mac.bits});
+  }
+  if (failure != nullptr) {
+    out.problem = failure->why;
+  }
   return out;
 }
 

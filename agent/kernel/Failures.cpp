@@ -13,7 +13,9 @@ void Failures::schedule(const Key& key, Failure& failure, Time next) {
 void Failures::failed(const Key& key, Time now, std::string why) {
   Failure& failure = failures_[key];
   Time pause = retryFirst_;
-  for (unsigned n = 0; n < failure.attempts && pause < retryMost_; ++n) pause *= 2;
+  for (unsigned n = 0; n < failure.attempts && pause < retryMost_; ++n) {
+    pause *= 2;
+  }
   ++failure.attempts;
   failure.why = std::move(why);
   schedule(key, failure, now + std::min(pause, retryMost_));
@@ -26,16 +28,22 @@ void Failures::waits(const Key& key, Time now, Time pause, std::string why) {
 }
 
 void Failures::cleared(const Key& key) {
-  if (failures_.empty()) return;
+  if (failures_.empty()) {
+    return;
+  }
   auto at = failures_.find(key);
-  if (at == failures_.end()) return;
+  if (at == failures_.end()) {
+    return;
+  }
   schedule_.erase({at->second.next, key});
   failures_.erase(at);
 }
 
 void Failures::hurry(const Key& key, Time now) {
   auto at = failures_.find(key);
-  if (at != failures_.end()) schedule(key, at->second, now);
+  if (at != failures_.end()) {
+    schedule(key, at->second, now);
+  }
 }
 
 const Failures::Failure* Failures::find(const Key& key) const {
@@ -58,7 +66,9 @@ std::vector<Key> Failures::due(Time now, std::size_t most) {
 }
 
 std::optional<Time> Failures::next() const {
-  if (schedule_.empty()) return std::nullopt;
+  if (schedule_.empty()) {
+    return std::nullopt;
+  }
   return schedule_.begin()->first;
 }
 

@@ -11,8 +11,8 @@
 
 namespace Agent::Kernel {
 
-/// What the kernel has refused, why, and when it is tried again: after a pause that doubles from retryFirst
-/// up to retryMost. Sans-io: time comes in as arguments.
+// What the kernel has refused, why, and when it is tried again: after a pause that doubles from retryFirst
+// up to retryMost. Sans-io: time comes in as arguments.
 class Failures {
  public:
   struct Failure {
@@ -23,18 +23,18 @@ class Failures {
 
   Failures(Time retryFirst, Time retryMost) : retryFirst_(retryFirst), retryMost_(retryMost) {}
 
-  /// Notes that `key` failed at `now`; it is due again after its pause.
+  // Notes that `key` failed at `now`; it is due again after its pause.
   void failed(const Key& key, Time now, std::string why);
-  /// Notes that `key` has to wait for `pause`, whatever it failed before.
+  // Notes that `key` has to wait for `pause`, whatever it failed before.
   void waits(const Key& key, Time now, Time pause, std::string why);
-  /// Forgets the failure: it went well, or there is nothing left to do.
+  // Forgets the failure: it went well, or there is nothing left to do.
   void cleared(const Key& key);
-  /// Makes what failed due at once, because the reason may be gone.
+  // Makes what failed due at once, because the reason may be gone.
   void hurry(const Key& key, Time now);
   const Failure* find(const Key& key) const;
-  /// Whether `key` failed and its pause is not over.
+  // Whether `key` failed and its pause is not over.
   bool pausing(const Key& key, Time now) const;
-  /// Takes the keys whose pause is over, at most `most`. They stay listed until cleared.
+  // Takes the keys whose pause is over, at most `most`. They stay listed until cleared.
   std::vector<Key> due(Time now, std::size_t most);
   std::optional<Time> next() const;
   const std::map<Key, Failure>& all() const { return failures_; }

@@ -6,16 +6,16 @@
 
 namespace Agent::Kernel {
 
-/// Keeps the rows of group addresses in the VXLAN device's table; the bridge sends what is for them to all
-/// its ports without a row. A set of type all is a destination for each VTEP, added and deleted one by one; a
-/// set of type any is a nexthop group of its own, whose members are replaced in place. The kernel does not
-/// replace such a row, so that a change of type deletes and adds, in one batch.
-///
-/// The switch's own address is left out of a set: the kernel would give what is sent there back to the
-/// bridge, and the sender would hear itself.
-///
-/// A destination in the kernel has no place for a mark: it is ours if we added it in this run, or if it was
-/// there at the start and we keep a nexthop object for its VTEP.
+// Keeps the rows of group addresses in the VXLAN device's table; the bridge sends what is for them to all
+// its ports without a row. A set of type all is a destination for each VTEP, added and deleted one by one; a
+// set of type any is a nexthop group of its own, whose members are replaced in place. The kernel does not
+// replace such a row, so that a change of type deletes and adds, in one batch.
+//
+// The switch's own address is left out of a set: the kernel would give what is sent there back to the
+// bridge, and the sender would hear itself.
+//
+// A destination in the kernel has no place for a mark: it is ours if we added it in this run, or if it was
+// there at the start and we keep a nexthop object for its VTEP.
 class Floods {
  public:
   explicit Floods(State& state) : state_(state) {}

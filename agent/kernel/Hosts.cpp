@@ -30,7 +30,9 @@ void Hosts::freshen(const Domain& domain, Host& host) {
     host.port = 0;
     host.portMark = Mark::none;
   }
-  if (host.deviceLife == domain.deviceLife) return;
+  if (host.deviceLife == domain.deviceLife) {
+    return;
+  }
   host.deviceLife = domain.deviceLife;
   host.moved = false;
   there(host, {}, Mark::none);
@@ -42,8 +44,12 @@ void Hosts::freshen(const Domain& domain, Host& host) {
 
 void Hosts::there(Host& host, Target target, Mark mark) {
   if (host.there.nexthop != target.nexthop) {
-    if (target.nexthop != 0) state_.nexthops.used(target.nexthop, true);
-    if (host.there.nexthop != 0) state_.nexthops.used(host.there.nexthop, false);
+    if (target.nexthop != 0) {
+      state_.nexthops.used(target.nexthop, true);
+    }
+    if (host.there.nexthop != 0) {
+      state_.nexthops.used(host.there.nexthop, false);
+    }
   }
   host.there = target;
   host.mark = mark;
@@ -62,11 +68,17 @@ void Hosts::wish(Domain& domain, Mac mac, Host& host) {
     group = state_.nexthops.hold({host.vtep});
   }
   Nexthops::Group* before = std::exchange(host.group, group);
-  if (before != nullptr) state_.nexthops.release(before);
+  if (before != nullptr) {
+    state_.nexthops.release(before);
+  }
   host.adopted = false;
-  if (before == group) return;
+  if (before == group) {
+    return;
+  }
   host.moved = before != nullptr;
-  if (std::exchange(host.yields, false)) state_.failures.cleared(keyOf(domain, mac));
+  if (std::exchange(host.yields, false)) {
+    state_.failures.cleared(keyOf(domain, mac));
+  }
   state_.contention.wanted(keyOf(domain, mac), host.strife);
   state_.queue(domain, mac, host.queued);
 }
@@ -79,7 +91,9 @@ void Hosts::is(Domain& domain, Mac mac, Ip4 vtep) {
 
 void Hosts::del(Domain& domain, Mac mac) {
   auto at = domain.hosts.find(mac);
-  if (at == domain.hosts.end()) return;
+  if (at == domain.hosts.end()) {
+    return;
+  }
   at->second.vtep = {};
   wish(domain, mac, at->second);
 }
@@ -90,11 +104,15 @@ void Hosts::setIs(Domain& domain, Mac mac, FloodSet set) {
 }
 
 void Hosts::setDel(Domain& domain, Mac mac) {
-  if (domain.sets.erase(mac) != 0) wish(domain, mac, host(domain, mac));
+  if (domain.sets.erase(mac) != 0) {
+    wish(domain, mac, host(domain, mac));
+  }
 }
 
 void Hosts::localIs(Domain& domain) {
-  for (const auto& [mac, set] : domain.sets) wish(domain, mac, host(domain, mac));
+  for (const auto& [mac, set] : domain.sets) {
+    wish(domain, mac, host(domain, mac));
+  }
 }
 
 Target Hosts::wantedTarget(const Host& host) const {
@@ -104,13 +122,17 @@ Target Hosts::wantedTarget(const Host& host) const {
 }
 
 void Hosts::rowIs(Domain& domain, const Row& row, bool dumped) {
-  if (row.table == Table::bridge && row.learned && !domain.hosts.contains(row.mac)) return;
+  if (row.table == Table::bridge && row.learned && !domain.hosts.contains(row.mac)) {
+    return;
+  }
   Host& host = this->host(domain, row.mac);
   if (host.mark == Mark::none && host.portMark == Mark::none && host.group == nullptr && !state_.settled) {
     host.adopted = true;
   }
   std::uint32_t& seen = row.table == Table::device ? host.seen : host.portSeen;
-  if (dumped && seen == state_.dump) return;
+  if (dumped && seen == state_.dump) {
+    return;
+  }
   seen = state_.dump;
   if (row.table == Table::device) {
     deviceRowIs(domain, host, row);
@@ -118,7 +140,9 @@ void Hosts::rowIs(Domain& domain, const Row& row, bool dumped) {
     bridgeRowIs(domain, host, row, dumped);
   }
   if (differs(domain, host)) {
-    if (host.group != nullptr && !state_.adopting) ++state_.counters.repairs;
+    if (host.group != nullptr && !state_.adopting) {
+      ++state_.counters.repairs;
+    }
     state_.queue(domain, row.mac, host.queued);
   } else {
     eraseIfIdle(domain, row.mac, host);
@@ -128,7 +152,9 @@ void Hosts::rowIs(Domain& domain, const Row& row, bool dumped) {
 // Ours lead to a group of ours or carry the mark; what we had there and somebody changed in place stays ours.
 void Hosts::deviceRowIs(Domain& domain, Host& host, const Row& row) {
   bool ours = row.nexthop != 0 ? state_.nexthops.ours(row.nexthop) : row.marked;
-  if (host.mark == Mark::ours && host.group != nullptr) ours = true;
+  if (host.mark == Mark::ours && host.group != nullptr) {
+    ours = true;
+  }
   if (host.mark == Mark::foreign && ours) {
     state_.contention.cleared(keyOf(domain, row.mac), host.strife, state_.now);
   }
@@ -153,8 +179,12 @@ void Hosts::bridgeRowIs(Domain& domain, Host& host, const Row& row, bool dumped)
   if (host.portMark == Mark::ours && std::exchange(host.yields, false)) {
     state_.failures.cleared(keyOf(domain, row.mac));
   }
-  if (dumped || host.portMark != Mark::learned || before != Mark::ours || toDevice) return;
-  if (host.group == nullptr) return;
+  if (dumped || host.portMark != Mark::learned || before != Mark::ours || toDevice) {
+    return;
+  }
+  if (host.group == nullptr) {
+    return;
+  }
   host.yields = true;
   state_.failures.waits(keyOf(domain, row.mac), state_.now, state_.options.yieldFor,
                         "seen at local port " + (port != nullptr ? port->name : std::to_string(row.device)) +
@@ -163,7 +193,9 @@ void Hosts::bridgeRowIs(Domain& domain, Host& host, const Row& row, bool dumped)
 
 void Hosts::rowDel(Domain& domain, const Row& row) {
   auto at = domain.hosts.find(row.mac);
-  if (at == domain.hosts.end()) return;
+  if (at == domain.hosts.end()) {
+    return;
+  }
   Host& host = at->second;
   freshen(domain, host);
   if (row.table == Table::device) {
@@ -171,7 +203,9 @@ void Hosts::rowDel(Domain& domain, const Row& row) {
     host.strife.lost |= host.mark == Mark::ours;
     there(host, {}, Mark::none);
   } else {
-    if (host.port != row.device) return;
+    if (host.port != row.device) {
+      return;
+    }
     host.strife.lost |= host.portMark == Mark::ours;
     host.portSeen = state_.dump;
     host.port = 0;
@@ -182,7 +216,9 @@ void Hosts::rowDel(Domain& domain, const Row& row) {
     eraseIfIdle(domain, row.mac, host);
     return;
   }
-  if (host.group != nullptr) ++state_.counters.repairs;
+  if (host.group != nullptr) {
+    ++state_.counters.repairs;
+  }
   state_.contention.cleared(keyOf(domain, row.mac), host.strife, state_.now);
   state_.queue(domain, row.mac, host.queued);
 }
@@ -218,7 +254,9 @@ bool Hosts::differs(const Domain& domain, const Host& host) const {
   if (host.group == nullptr || !domain.mapping) {
     return mark == Mark::ours || portMark == Mark::ours;
   }
-  if (mark != Mark::ours || host.there != wantedTarget(host)) return true;
+  if (mark != Mark::ours || host.there != wantedTarget(host)) {
+    return true;
+  }
   return portMark != Mark::ours || host.port != domain.device;
 }
 
@@ -226,14 +264,20 @@ void Hosts::eraseIfIdle(Domain& domain, Mac mac, Host& host) {
   // During a dump what is known of a row that went guards against older news of it.
   bool needed = state_.dumping || host.vtep || host.group != nullptr || host.queued ||
                 host.mark != Mark::none || (host.portMark != Mark::none && host.portMark != Mark::learned);
-  if (!needed) domain.hosts.erase(mac);
+  if (!needed) {
+    domain.hosts.erase(mac);
+  }
 }
 
 void Hosts::work(Domain& domain, Mac mac, Batch& out) {
   auto at = domain.hosts.find(mac);
-  if (at == domain.hosts.end()) return;
+  if (at == domain.hosts.end()) {
+    return;
+  }
   Host& host = at->second;
-  if (std::exchange(host.queued, false)) --domain.queuedRows;
+  if (std::exchange(host.queued, false)) {
+    --domain.queuedRows;
+  }
   freshen(domain, host);
   Key key = keyOf(domain, mac);
   if (host.group == nullptr || !domain.mapping) {
@@ -250,12 +294,16 @@ void Hosts::work(Domain& domain, Mac mac, Batch& out) {
   }
   bool asked = workDeviceRow(domain, mac, host, out);
   asked = workBridgeRow(domain, mac, host, out) || asked;
-  if (!asked && !differs(domain, host)) state_.failures.cleared(key);
+  if (!asked && !differs(domain, host)) {
+    state_.failures.cleared(key);
+  }
 }
 
 bool Hosts::workDeviceRow(Domain& domain, Mac mac, Host& host, Batch& out) {
   Target wanted = wantedTarget(host);
-  if (host.mark == Mark::ours && host.there == wanted) return false;
+  if (host.mark == Mark::ours && host.there == wanted) {
+    return false;
+  }
   Key key = keyOf(domain, mac);
   if (host.mark == Mark::foreign) {
     state_.failures.waits(key, state_.now, state_.options.retryMost,
@@ -276,7 +324,9 @@ bool Hosts::workDeviceRow(Domain& domain, Mac mac, Host& host, Batch& out) {
 }
 
 bool Hosts::workBridgeRow(Domain& domain, Mac mac, Host& host, Batch& out) {
-  if (host.portMark == Mark::ours && host.port == domain.device) return false;
+  if (host.portMark == Mark::ours && host.port == domain.device) {
+    return false;
+  }
   if (domain.turning() && host.portMark == Mark::ours && host.port == domain.turn->previous && !host.moved) {
     return false;
   }
@@ -297,7 +347,9 @@ bool Hosts::workBridgeRow(Domain& domain, Mac mac, Host& host, Batch& out) {
 void Hosts::workUnwanted(Domain& domain, Mac mac, Host& host, Batch& out) {
   Key key = keyOf(domain, mac);
   state_.failures.cleared(key);
-  if (host.adopted && !state_.settled) return;
+  if (host.adopted && !state_.settled) {
+    return;
+  }
   const Link* device = state_.links.at(domain.device);
   // Without a mapping a device of ours goes as a whole.
   if (!domain.mapping && (device == nullptr || state_.links.ours(*device))) {
@@ -326,10 +378,14 @@ void Hosts::answeredAdd(Domain& domain, Host& host, const Row& row) {
 
 void Hosts::answered(const Request& request, const Key& key, int error, std::string_view text) {
   Domain* domain = state_.find(key.vlan);
-  if (domain == nullptr) return;
+  if (domain == nullptr) {
+    return;
+  }
   Mac mac{key.id};
   auto at = domain->hosts.find(mac);
-  if (at == domain->hosts.end()) return;
+  if (at == domain->hosts.end()) {
+    return;
+  }
   Host& host = at->second;
   freshen(*domain, host);
   if (const auto* del = std::get_if<RowDel>(&request)) {
@@ -349,10 +405,14 @@ void Hosts::answered(const Request& request, const Key& key, int error, std::str
     answeredAdd(*domain, host, std::get<RowAdd>(request).row);
   } else {
     state_.failures.failed(key, state_.now, std::string(text));
-    if (error == EEXIST || error == ENOENT || error == EOPNOTSUPP) state_.auditWanted = true;
+    if (error == EEXIST || error == ENOENT || error == EOPNOTSUPP) {
+      state_.auditWanted = true;
+    }
     return;
   }
-  if (host.group != nullptr && !differs(*domain, host)) state_.failures.cleared(key);
+  if (host.group != nullptr && !differs(*domain, host)) {
+    state_.failures.cleared(key);
+  }
   eraseIfIdle(*domain, mac, host);
 }
 

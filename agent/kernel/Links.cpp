@@ -145,7 +145,9 @@ const Link* Links::vxlan(Vni vni, std::uint16_t port) const {
 }
 
 void Links::dumpEnds() {
-  for (const std::string& name : overdue_) expected_.erase(name);
+  for (const std::string& name : overdue_) {
+    expected_.erase(name);
+  }
   overdue_.clear();
 }
 
@@ -159,7 +161,9 @@ void Links::made(const std::string& name) {
 }
 
 bool Links::ours(const Link& link) const {
-  if (link.group == birthGroup_ && link.kind != LinkKind::other) return true;
+  if (link.group == birthGroup_ && link.kind != LinkKind::other) {
+    return true;
+  }
   return link.alias.size() > owner_.size() && link.alias.starts_with(owner_) &&
          link.alias[owner_.size()] == ':';
 }
@@ -170,27 +174,49 @@ std::string Links::alias(Vlan vlan, const std::string& rest) const {
 
 std::optional<Vlan> Links::vlan(const Link& link) const {
   std::string before = owner_ + ": vlan ";
-  if (!link.alias.starts_with(before)) return std::nullopt;
+  if (!link.alias.starts_with(before)) {
+    return std::nullopt;
+  }
   Vlan vlan = 0;
   const char* end = link.alias.data() + link.alias.size();
   auto [stop, error] = std::from_chars(link.alias.data() + before.size(), end, vlan);
-  if (error != std::errc{} || (stop != end && *stop != ' ')) return std::nullopt;
+  if (error != std::errc{} || (stop != end && *stop != ' ')) {
+    return std::nullopt;
+  }
   return vlan;
 }
 
 void Links::applied(const LinkSet& change) {
   auto there = links_.find(change.index);
-  if (there == links_.end()) return;
+  if (there == links_.end()) {
+    return;
+  }
   Link& link = there->second;
   leave(link);
-  if (change.alias) link.alias = *change.alias;
-  if (change.master) link.master = *change.master;
-  if (change.up) link.up = *change.up;
-  if (change.local) link.local = *change.local;
-  if (change.learning) link.learning = *change.learning;
-  if (change.portLearning) link.portLearning = *change.portLearning;
-  if (change.group) link.group = *change.group;
-  if (change.portIsolated) link.portIsolated = *change.portIsolated;
+  if (change.alias) {
+    link.alias = *change.alias;
+  }
+  if (change.master) {
+    link.master = *change.master;
+  }
+  if (change.up) {
+    link.up = *change.up;
+  }
+  if (change.local) {
+    link.local = *change.local;
+  }
+  if (change.learning) {
+    link.learning = *change.learning;
+  }
+  if (change.portLearning) {
+    link.portLearning = *change.portLearning;
+  }
+  if (change.group) {
+    link.group = *change.group;
+  }
+  if (change.portIsolated) {
+    link.portIsolated = *change.portIsolated;
+  }
   enter(link);
 }
 

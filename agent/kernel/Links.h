@@ -10,39 +10,39 @@
 
 namespace Agent::Kernel {
 
-/// The network devices there are, as the kernel last described them. Ours carry an alias that begins with the
-/// owner's name and tells the VLAN, so that they are known again after a restart: "vxlan-agent: vlan 10";
-/// until they have it they are in the birth group.
+// The network devices there are, as the kernel last described them. Ours carry an alias that begins with the
+// owner's name and tells the VLAN, so that they are known again after a restart: "vxlan-agent: vlan 10";
+// until they have it they are in the birth group.
 class Links {
  public:
   Links(std::string owner, std::uint32_t birthGroup) : owner_(std::move(owner)), birthGroup_(birthGroup) {}
 
-  /// Takes the kernel's description; returns whether anything of it is new.
+  // Takes the kernel's description; returns whether anything of it is new.
   bool is(const Link& link, std::uint32_t dump);
   void del(IfIndex index);
   // Takes a bridge's description of its port; returns whether anything of it is new.
   bool portIs(const BridgePort& port);
-  /// We have made a device of this name.
+  // We have made a device of this name.
   void made(const std::string& name);
-  /// Whether a device of this name was made and has not been described yet.
+  // Whether a device of this name was made and has not been described yet.
   bool expected(const std::string& name) const { return expected_.contains(name); }
-  /// Whether we have made it in this run and not used it yet, so that nobody's rows are in it.
+  // Whether we have made it in this run and not used it yet, so that nobody's rows are in it.
   bool fresh(IfIndex index) const { return fresh_.contains(index); }
-  /// It is used from now on: rows are in it that whoever uses it next does not know of.
+  // It is used from now on: rows are in it that whoever uses it next does not know of.
   void used(IfIndex index) { fresh_.erase(index); }
-  /// What was expected at `dumpBegins` and not described by `dumpEnds` has gone again.
+  // What was expected at `dumpBegins` and not described by `dumpEnds` has gone again.
   void dumpBegins() { overdue_ = expected_; }
   void dumpEnds();
   const Link* at(IfIndex index) const;
   const Link* named(const std::string& name) const;
-  /// The VXLAN device of this VNI and UDP port: ours before others, then the lowest index; null if none.
+  // The VXLAN device of this VNI and UDP port: ours before others, then the lowest index; null if none.
   const Link* vxlan(Vni vni, std::uint16_t port) const;
   bool ours(const Link& link) const;
-  /// The VLAN that the alias of a device of ours names.
+  // The VLAN that the alias of a device of ours names.
   std::optional<Vlan> vlan(const Link& link) const;
-  /// The alias for a device of ours; `rest` says more to a human reader.
+  // The alias for a device of ours; `rest` says more to a human reader.
   std::string alias(Vlan vlan, const std::string& rest) const;
-  /// Applies an acknowledged change.
+  // Applies an acknowledged change.
   void applied(const LinkSet& change);
   // The devices that were described neither by dump number `dump` nor since.
   std::vector<IfIndex> unseen(std::uint32_t dump) const;

@@ -10,13 +10,13 @@
 
 #include "agent/kernel/Types.h"
 
-/// What is said to the kernel and heard from it, in words of the data plane. Wire.h puts it into netlink
-/// messages; the tests' model of the kernel takes it as it is.
+// What is said to the kernel and heard from it, in words of the data plane. Wire.h puts it into netlink
+// messages; the tests' model of the kernel takes it as it is.
 namespace Agent::Kernel {
 
 enum class LinkKind : std::uint8_t { other, bridge, vxlan };
 
-/// A network device as the kernel describes it.
+// A network device as the kernel describes it.
 struct Link {
   IfIndex index = 0;
   std::string name{};
@@ -29,29 +29,29 @@ struct Link {
   Vni vni = 0;
   Ip4 local{};
   std::uint16_t port = 0;
-  bool learning = false;  ///< The device learns senders' VTEPs by itself.
+  bool learning = false;  // The device learns senders' VTEPs by itself.
   // Of a bridge's port:
-  bool portLearning = true;   ///< The bridge learns source addresses on this port.
-  bool portIsolated = false;  ///< The bridge does not forward between isolated ports.
+  bool portLearning = true;   // The bridge learns source addresses on this port.
+  bool portIsolated = false;  // The bridge does not forward between isolated ports.
 };
 
-/// The two tables a remote host is in: the VXLAN device's own, and that of the bridge above it.
+// The two tables a remote host is in: the VXLAN device's own, and that of the bridge above it.
 enum class Table : std::uint8_t { device, bridge };
 
-/// A forwarding row. In the device's table it leads to a VTEP or to a nexthop group, in the bridge's to a
-/// port.
+// A forwarding row. In the device's table it leads to a VTEP or to a nexthop group, in the bridge's to a
+// port.
 struct Row {
   Table table = Table::device;
-  IfIndex device = 0;  ///< The VXLAN device, or the bridge's port.
-  IfIndex bridge = 0;  ///< In the bridge's table: the bridge.
+  IfIndex device = 0;  // The VXLAN device, or the bridge's port.
+  IfIndex bridge = 0;  // In the bridge's table: the bridge.
   Mac mac{};
   Ip4 dst{};
   NexthopId nexthop = 0;
-  bool marked = false;   ///< Put there by a control plane ("extern_learn").
-  bool learned = false;  ///< Learned from traffic by the kernel itself.
+  bool marked = false;   // Put there by a control plane ("extern_learn").
+  bool learned = false;  // Learned from traffic by the kernel itself.
 };
 
-/// A nexthop for forwarding rows: one VTEP, or a group of such.
+// A nexthop for forwarding rows: one VTEP, or a group of such.
 struct Nexthop {
   NexthopId id = 0;
   std::uint8_t protocol = 0;
@@ -60,7 +60,7 @@ struct Nexthop {
   std::vector<NexthopId> members;
 };
 
-/// Makes a device. A bridge is made up; a VXLAN device is made down, to be set up when it is complete.
+// Makes a device. A bridge is made up; a VXLAN device is made down, to be set up when it is complete.
 struct LinkAdd {
   std::string name{};
   LinkKind kind = LinkKind::bridge;
@@ -79,7 +79,7 @@ struct BridgePort {
   bool isolated = false;
 };
 
-/// Changes what is given of a device and leaves the rest.
+// Changes what is given of a device and leaves the rest.
 struct LinkSet {
   IfIndex index = 0;
   LinkKind kind = LinkKind::other;
@@ -93,43 +93,43 @@ struct LinkSet {
   std::optional<std::uint32_t> group;
 };
 
-/// Deletes a device, with the rows in it.
+// Deletes a device, with the rows in it.
 struct LinkDel {
   IfIndex index = 0;
 };
 
-/// Makes a nexthop or replaces it in place.
+// Makes a nexthop or replaces it in place.
 struct NexthopSet {
   Nexthop nexthop;
 };
 
-/// Deletes a nexthop. The kernel deletes the rows that lead to a group with it, and does not report them.
+// Deletes a nexthop. The kernel deletes the rows that lead to a group with it, and does not report them.
 struct NexthopDel {
   NexthopId id = 0;
 };
 
-/// Adds a row.
+// Adds a row.
 struct RowAdd {
   enum class How : std::uint8_t {
-    create,   ///< Refused when there is one.
-    replace,  ///< In place of the one there, without a moment without.
-    append    ///< One more destination for a group address.
+    create,   // Refused when there is one.
+    replace,  // In place of the one there, without a moment without.
+    append    // One more destination for a group address.
   };
   How how = How::create;
   Row row;
 };
 
-/// Deletes a row; of a group address in the device's table, only the destination given.
+// Deletes a row; of a group address in the device's table, only the destination given.
 struct RowDel {
   Row row;
 };
 
-/// Asks for a row; it is reported before the answer.
+// Asks for a row; it is reported before the answer.
 struct RowGet {
   Row row;
 };
 
-/// Asks for all devices, nexthops or rows; they are reported until the end of the dump.
+// Asks for all devices, nexthops or rows; they are reported until the end of the dump.
 struct Dump {
   enum class What : std::uint8_t { links, nexthops, rows };
   What what = What::links;
@@ -137,7 +137,7 @@ struct Dump {
 
 using Request = std::variant<RowAdd, RowDel, RowGet, NexthopSet, NexthopDel, LinkAdd, LinkSet, LinkDel, Dump>;
 
-/// An object whose state in the kernel is kept, as the name of its work, failures and answers.
+// An object whose state in the kernel is kept, as the name of its work, failures and answers.
 struct Key {
   enum class Kind : std::uint8_t {
     permission,
@@ -158,11 +158,11 @@ struct Key {
   auto operator<=>(const Key&) const = default;
 };
 
-/// The requests of one turn with the object that each is for. The kernel works off a batch in its order.
+// The requests of one turn with the object that each is for. The kernel works off a batch in its order.
 class Batch {
  public:
   void limitIs(std::size_t limit) { limit_ = limit; }
-  /// Whether more requests are welcome. An object may exceed the limit by what it needs at once.
+  // Whether more requests are welcome. An object may exceed the limit by what it needs at once.
   bool full() const { return requests_.size() >= limit_; }
   bool empty() const { return requests_.empty(); }
   template <typename What>

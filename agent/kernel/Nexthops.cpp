@@ -9,7 +9,7 @@ namespace Agent::Kernel {
 
 namespace {
 
-constexpr NexthopId kRangeMask = (1U << 20U) - 1;
+constexpr NexthopId rangeMask = (1U << 20U) - 1;
 
 Key vtepKey(Ip4 ip) {
   return {Key::Kind::vtep, 0, ip.bits};
@@ -31,8 +31,10 @@ bool Nexthops::knows(Ip4 vtep) const {
 
 NexthopId Nexthops::take(unsigned range) {
   for (;;) {
-    NexthopId id = base(range) + (next_[range]++ & kRangeMask);
-    if (id != 0 && !ours(id) && !taken_.contains(id) && !orphans_.contains(id)) return id;
+    NexthopId id = base(range) + (next_[range]++ & rangeMask);
+    if (id != 0 && !ours(id) && !taken_.contains(id) && !orphans_.contains(id)) {
+      return id;
+    }
   }
 }
 
@@ -45,28 +47,40 @@ void Nexthops::unsupported(std::string why) {
 void Nexthops::holdVtep(Ip4 vtep) {
   Vtep& state = vteps_[vtep];
   state.adopted = false;
-  if (state.wanted++ == 0) vtepQueue_.insert(vtep);
+  if (state.wanted++ == 0) {
+    vtepQueue_.insert(vtep);
+  }
 }
 
 void Nexthops::releaseVtep(Ip4 vtep) {
   auto at = vteps_.find(vtep);
   require(at != vteps_.end() && at->second.wanted > 0, "a VTEP is released as often as it was held");
-  if (--at->second.wanted == 0) vtepQueue_.insert(vtep);
+  if (--at->second.wanted == 0) {
+    vtepQueue_.insert(vtep);
+  }
 }
 
 void Nexthops::queue(Group& group) {
-  if (std::exchange(group.queued, true)) return;
+  if (std::exchange(group.queued, true)) {
+    return;
+  }
   groupQueue_.push_back(&group);
 }
 
 void Nexthops::syncHeld(Group& group) {
   std::vector<Ip4> hold = group.members;
-  if (group.exists) hold.insert(hold.end(), group.there.begin(), group.there.end());
+  if (group.exists) {
+    hold.insert(hold.end(), group.there.begin(), group.there.end());
+  }
   std::erase(hold, Ip4{});
   std::sort(hold.begin(), hold.end());
   hold.erase(std::unique(hold.begin(), hold.end()), hold.end());
-  for (Ip4 vtep : hold) holdVtep(vtep);
-  for (Ip4 vtep : std::exchange(group.held, hold)) releaseVtep(vtep);
+  for (Ip4 vtep : hold) {
+    holdVtep(vtep);
+  }
+  for (Ip4 vtep : std::exchange(group.held, hold)) {
+    releaseVtep(vtep);
+  }
 }
 
 Nexthops::Group* Nexthops::hold(const std::vector<Ip4>& members) {
@@ -103,7 +117,9 @@ Nexthops::Group* Nexthops::holdOwn(std::vector<Ip4> members, NexthopId id) {
 
 void Nexthops::membersAre(Group& group, std::vector<Ip4> members) {
   require(!group.shared && !members.empty(), "a group of its own has members");
-  if (group.members == members && group.held == members) return;
+  if (group.members == members && group.held == members) {
+    return;
+  }
   group.members = std::move(members);
   syncHeld(group);
   queue(group);
@@ -111,12 +127,16 @@ void Nexthops::membersAre(Group& group, std::vector<Ip4> members) {
 
 void Nexthops::release(Group* group) {
   require(group != nullptr && group->wanted > 0, "a group is released as often as it was held");
-  if (--group->wanted == 0) queue(*group);
+  if (--group->wanted == 0) {
+    queue(*group);
+  }
 }
 
 void Nexthops::used(NexthopId id, bool used) {
   auto at = groupIds_.find(id);
-  if (at == groupIds_.end()) return;
+  if (at == groupIds_.end()) {
+    return;
+  }
   Group& group = *at->second;
   if (used) {
     ++group.used;
@@ -134,14 +154,20 @@ void Nexthops::target(const Group& group, Row& row) const {
 }
 
 void Nexthops::drop(Group& group) {
-  if (group.queued) std::erase(groupQueue_, &group);
+  if (group.queued) {
+    std::erase(groupQueue_, &group);
+  }
   auto shared = sharedGroups_.find(group.members);
-  if (group.shared && shared != sharedGroups_.end() && shared->second == &group) sharedGroups_.erase(shared);
+  if (group.shared && shared != sharedGroups_.end() && shared->second == &group) {
+    sharedGroups_.erase(shared);
+  }
   if (group.id != 0) {
     groupIds_.erase(group.id);
     failures_.cleared(groupKey(group.id));
   }
-  for (Ip4 vtep : std::exchange(group.held, {})) releaseVtep(vtep);
+  for (Ip4 vtep : std::exchange(group.held, {})) {
+    releaseVtep(vtep);
+  }
   groups_.erase(&group);
 }
 
@@ -191,7 +217,9 @@ void Nexthops::isGroup(const Nexthop& nexthop) {
       group->shared = shared;
       group->adopted = true;
       groups_.emplace(group, std::move(made));
-      if (shared) sharedGroups_.try_emplace(members, group);
+      if (shared) {
+        sharedGroups_.try_emplace(members, group);
+      }
     }
     group->id = nexthop.id;
     known = groupIds_.emplace(nexthop.id, group).first;
@@ -200,7 +228,9 @@ void Nexthops::isGroup(const Nexthop& nexthop) {
   bool same = group.exists && group.there == members;
   group.exists = true;
   group.seen = dump_;
-  if (same) return;
+  if (same) {
+    return;
+  }
   group.strife.lost |= group.there == group.members;
   group.there = std::move(members);
   syncHeld(group);
@@ -208,7 +238,9 @@ void Nexthops::isGroup(const Nexthop& nexthop) {
 }
 
 void Nexthops::is(const Nexthop& nexthop) {
-  if (nexthop.id < base(0) || nexthop.id >= base(3)) return;
+  if (nexthop.id < base(0) || nexthop.id >= base(3)) {
+    return;
+  }
   if (nexthop.protocol != options_.nexthopProtocol || !nexthop.fdb) {
     taken_.insert(nexthop.id);
   } else if (nexthop.id < base(1)) {
@@ -229,7 +261,9 @@ bool Nexthops::del(NexthopId id) {
     return std::exchange(gone.exists, false);
   }
   auto group = groupIds_.find(id);
-  if (group == groupIds_.end()) return false;
+  if (group == groupIds_.end()) {
+    return false;
+  }
   queue(*group->second);
   group->second->strife.lost |= group->second->exists;
   return std::exchange(group->second->exists, false);
@@ -238,14 +272,18 @@ bool Nexthops::del(NexthopId id) {
 bool Nexthops::dumped() {
   bool gone = false;
   for (auto& [ip, vtep] : vteps_) {
-    if (!vtep.exists || vtep.seen == dump_) continue;
+    if (!vtep.exists || vtep.seen == dump_) {
+      continue;
+    }
     vtep.exists = false;
     vtep.strife.lost = true;
     vtepQueue_.insert(ip);
     gone = true;
   }
   for (auto& [at, group] : groups_) {
-    if (!group->exists || group->seen == dump_) continue;
+    if (!group->exists || group->seen == dump_) {
+      continue;
+    }
     group->exists = false;
     group->strife.lost = true;
     queue(*group);
@@ -275,19 +313,25 @@ void Nexthops::work(Batch& out, Time now, bool sweep) {
 
 void Nexthops::workVtep(Ip4 ip, Batch& out, Time now, bool sweep) {
   auto at = vteps_.find(ip);
-  if (at == vteps_.end() || failures_.pausing(vtepKey(ip), now)) return;
+  if (at == vteps_.end() || failures_.pausing(vtepKey(ip), now)) {
+    return;
+  }
   Vtep& vtep = at->second;
   if (supported_ && vtep.wanted > 0 && !vtep.exists) {
     if (contention_.holdsBack(vtepKey(ip), vtep.strife, true, now)) {
       return;
     }
-    if (vtep.id == 0) vtep.id = take(0);
+    if (vtep.id == 0) {
+      vtep.id = take(0);
+    }
     vtepIds_[vtep.id] = ip;
     vtep.exists = true;
     out.add(vtepKey(ip), NexthopSet{{vtep.id, options_.nexthopProtocol, true, ip, {}}});
     return;
   }
-  if (vtep.wanted > 0) return;
+  if (vtep.wanted > 0) {
+    return;
+  }
   if (!vtep.exists) {
     failures_.cleared(vtepKey(ip));
     vtepIds_.erase(vtep.id);
@@ -300,13 +344,17 @@ void Nexthops::workVtep(Ip4 ip, Batch& out, Time now, bool sweep) {
 void Nexthops::workGroup(Group& group, Batch& out, Time now, bool sweep) {
   if (group.wanted == 0) {
     if (group.exists && group.used == 0 && (!group.adopted || sweep)) {
-      if (!failures_.pausing(groupKey(group.id), now)) out.add(groupKey(group.id), NexthopDel{group.id});
+      if (!failures_.pausing(groupKey(group.id), now)) {
+        out.add(groupKey(group.id), NexthopDel{group.id});
+      }
     } else if (!group.exists && group.used == 0) {
       drop(group);
     }
     return;
   }
-  if (!supported_ || (group.exists && group.there == group.members)) return;
+  if (!supported_ || (group.exists && group.there == group.members)) {
+    return;
+  }
   if (group.id == 0) {
     group.id = take(group.shared ? 1 : 2);
     groupIds_[group.id] = &group;
@@ -353,7 +401,9 @@ void Nexthops::answered(const Request& request, const Key& key, int error, std::
   group.there = addresses(nexthop.members);
   group.seen = dump_;
   syncHeld(group);
-  if (group.there != group.members || group.wanted == 0) queue(group);
+  if (group.there != group.members || group.wanted == 0) {
+    queue(group);
+  }
 }
 
 void Nexthops::refused(const Nexthop& nexthop, const Key& key, int error, std::string_view text, Time now) {
@@ -367,7 +417,9 @@ void Nexthops::refused(const Nexthop& nexthop, const Key& key, int error, std::s
   } else {
     groupIds_.at(nexthop.id)->exists = false;
   }
-  if (supported_) failures_.failed(key, now, std::string(text));
+  if (supported_) {
+    failures_.failed(key, now, std::string(text));
+  }
 }
 
 void Nexthops::removed(NexthopId id) {
@@ -379,34 +431,48 @@ void Nexthops::removed(NexthopId id) {
     return;
   }
   auto group = groupIds_.find(id);
-  if (group == groupIds_.end()) return;
+  if (group == groupIds_.end()) {
+    return;
+  }
   group->second->exists = false;
   queue(*group->second);
 }
 
 void Nexthops::requeue() {
-  for (auto& [ip, vtep] : vteps_) vtepQueue_.insert(ip);
-  for (auto& [at, group] : groups_) queue(*group);
+  for (auto& [ip, vtep] : vteps_) {
+    vtepQueue_.insert(ip);
+  }
+  for (auto& [at, group] : groups_) {
+    queue(*group);
+  }
 }
 
 void Nexthops::requeue(const Key& key) {
   if (key.kind == Key::Kind::vtep) {
-    if (key.id != 0) vtepQueue_.insert(Ip4{static_cast<std::uint32_t>(key.id)});
+    if (key.id != 0) {
+      vtepQueue_.insert(Ip4{static_cast<std::uint32_t>(key.id)});
+    }
     return;
   }
   auto group = groupIds_.find(static_cast<NexthopId>(key.id));
-  if (group != groupIds_.end()) queue(*group->second);
+  if (group != groupIds_.end()) {
+    queue(*group->second);
+  }
 }
 
 Nexthops::Counts Nexthops::counts() const {
   Counts counts;
-  if (!supported_) return counts;
+  if (!supported_) {
+    return counts;
+  }
   auto count = [&counts](bool wanted, bool there, bool same) {
     counts.wanted += wanted ? 1 : 0;
     counts.there += there ? 1 : 0;
     counts.differing += wanted != there || (wanted && !same) ? 1 : 0;
   };
-  for (const auto& [ip, vtep] : vteps_) count(vtep.wanted > 0, vtep.exists, true);
+  for (const auto& [ip, vtep] : vteps_) {
+    count(vtep.wanted > 0, vtep.exists, true);
+  }
   for (const auto& [at, group] : groups_) {
     count(group->wanted > 0, group->exists, group->there == group->members);
   }

@@ -15,31 +15,31 @@
 
 namespace Agent::Kernel {
 
-/// Where rows lead: a nexthop object for each VTEP, and groups of them.
-///
-/// Every host's row names a group, be it a group of one, because the kernel replaces a group in a row by
-/// another without a moment in between, but refuses to put a group where an address was. Hosts with the same
-/// set of VTEPs share a group; the default destination of type "any" has one of its own, since its row cannot
-/// be replaced and only its group's members can. The ranges of numbers tell them apart after a restart:
-/// VTEPs from nexthopBase on, shared groups from there + 2^20, own groups + 2^21.
-///
-/// A VTEP's object is kept as long as a group or a flood row leads there. That also tells a flood row of ours
-/// from another's after a restart, as the row itself has no place for a mark.
-///
-/// Without nexthop support in the kernel a group stands for the address of its first VTEP.
+// Where rows lead: a nexthop object for each VTEP, and groups of them.
+//
+// Every host's row names a group, be it a group of one, because the kernel replaces a group in a row by
+// another without a moment in between, but refuses to put a group where an address was. Hosts with the same
+// set of VTEPs share a group; the default destination of type "any" has one of its own, since its row cannot
+// be replaced and only its group's members can. The ranges of numbers tell them apart after a restart:
+// VTEPs from nexthopBase on, shared groups from there + 2^20, own groups + 2^21.
+//
+// A VTEP's object is kept as long as a group or a flood row leads there. That also tells a flood row of ours
+// from another's after a restart, as the row itself has no place for a mark.
+//
+// Without nexthop support in the kernel a group stands for the address of its first VTEP.
 class Nexthops {
  public:
   struct Group {
-    std::vector<Ip4> members;  ///< Wanted, sorted.
-    std::vector<Ip4> there;    ///< Acknowledged or reported.
-    std::vector<Ip4> held;     ///< VTEPs kept for either.
+    std::vector<Ip4> members;  // Wanted, sorted.
+    std::vector<Ip4> there;    // Acknowledged or reported.
+    std::vector<Ip4> held;     // VTEPs kept for either.
     NexthopId id = 0;
     bool shared = true;
     bool exists = false;
-    bool adopted = false;  ///< From before this run, and not wanted since.
+    bool adopted = false;  // From before this run, and not wanted since.
     bool queued = false;
-    unsigned wanted = 0;  ///< Hosts and flood sets that want it.
-    unsigned used = 0;    ///< Rows in the kernel that name it.
+    unsigned wanted = 0;  // Hosts and flood sets that want it.
+    unsigned used = 0;    // Rows in the kernel that name it.
     std::uint32_t seen = 0;
     Strife strife;
   };
@@ -52,45 +52,45 @@ class Nexthops {
   Nexthops(const Options& options, Failures& failures, Contention& contention)
       : options_(options), failures_(failures), contention_(contention), supported_(options.nexthops) {}
 
-  /// Whether the kernel has nexthop groups for forwarding rows.
+  // Whether the kernel has nexthop groups for forwarding rows.
   bool supported() const { return supported_; }
   void unsupported(std::string why);
 
-  /// The shared group of these VTEPs (sorted, not empty), held until released.
+  // The shared group of these VTEPs (sorted, not empty), held until released.
   Group* hold(const std::vector<Ip4>& members);
-  /// A group of one's own. `id`: that of the group that the row names already, 0 for a new one.
+  // A group of one's own. `id`: that of the group that the row names already, 0 for a new one.
   Group* holdOwn(std::vector<Ip4> members, NexthopId id);
   void membersAre(Group& group, std::vector<Ip4> members);
   void release(Group* group);
   void holdVtep(Ip4 vtep);
   void releaseVtep(Ip4 vtep);
-  /// A row in the kernel names the group from now on, or no longer.
+  // A row in the kernel names the group from now on, or no longer.
   void used(NexthopId id, bool used);
 
-  /// Where a row has to lead for the group: an address if groups are not supported.
+  // Where a row has to lead for the group: an address if groups are not supported.
   void target(const Group& group, Row& row) const;
-  /// Whether rows can name the group: it is there, or was asked for earlier in this batch.
+  // Whether rows can name the group: it is there, or was asked for earlier in this batch.
   bool ready(const Group& group) const { return !supported_ || group.exists; }
   bool ours(NexthopId id) const;
   bool ownRange(NexthopId id) const { return id >= base(2) && id < base(3); }
-  /// Whether there is or was an object of ours for this VTEP.
+  // Whether there is or was an object of ours for this VTEP.
   bool knows(Ip4 vtep) const;
 
-  /// The number of the dump that began last; what is heard of from now on counts as seen by it.
+  // The number of the dump that began last; what is heard of from now on counts as seen by it.
   void dumpIs(std::uint32_t dump) { dump_ = dump; }
-  /// The kernel reports a nexthop.
+  // The kernel reports a nexthop.
   void is(const Nexthop& nexthop);
-  /// The kernel reports that it is gone; returns whether rows may have gone with it.
+  // The kernel reports that it is gone; returns whether rows may have gone with it.
   bool del(NexthopId id);
-  /// The dump is complete: what it did not report is gone; returns whether rows may have gone with it.
+  // The dump is complete: what it did not report is gone; returns whether rows may have gone with it.
   bool dumped();
 
-  /// Adds what has to be asked of the kernel to `out`; `sweep`: also removes what was adopted and is not
-  /// wanted.
+  // Adds what has to be asked of the kernel to `out`; `sweep`: also removes what was adopted and is not
+  // wanted.
   void work(Batch& out, Time now, bool sweep);
   bool pending() const { return !vtepQueue_.empty() || !groupQueue_.empty(); }
   void answered(const Request& request, const Key& key, int error, std::string_view text, Time now);
-  /// Queues everything, for a new look at what is there and wanted.
+  // Queues everything, for a new look at what is there and wanted.
   void requeue();
   void requeue(const Key& key);
   Counts counts() const;
@@ -122,15 +122,15 @@ class Nexthops {
   Failures& failures_;
   Contention& contention_;
   bool supported_;
-  bool confirmed_ = false;  ///< The kernel has taken a nexthop of ours.
+  bool confirmed_ = false;  // The kernel has taken a nexthop of ours.
   std::uint32_t dump_ = 0;
   std::map<Ip4, Vtep> vteps_;
   std::unordered_map<NexthopId, Ip4> vtepIds_;
   std::map<std::vector<Ip4>, Group*> sharedGroups_;
   std::map<Group*, std::unique_ptr<Group>> groups_;
   std::unordered_map<NexthopId, Group*> groupIds_;
-  std::set<NexthopId> orphans_;  ///< Of ours by number, of no use: to be removed.
-  std::set<NexthopId> taken_;    ///< Others' numbers within our ranges.
+  std::set<NexthopId> orphans_;  // Of ours by number, of no use: to be removed.
+  std::set<NexthopId> taken_;    // Others' numbers within our ranges.
   std::set<Ip4> vtepQueue_;
   std::vector<Group*> groupQueue_;
   std::array<NexthopId, 3> next_{};

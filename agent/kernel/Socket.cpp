@@ -20,13 +20,19 @@ std::string reason() {
 // A socket belongs to the namespace that its maker is in at that moment.
 int openIn(const std::string& netns) {
   auto open = [] { return ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE); };
-  if (netns.empty()) return open();
+  if (netns.empty()) {
+    return open();
+  }
   int home = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
   int there = ::open(netns.c_str(), O_RDONLY | O_CLOEXEC);
   if (home < 0 || there < 0 || ::setns(there, CLONE_NEWNET) != 0) {
     std::string why = reason();
-    if (home >= 0) ::close(home);
-    if (there >= 0) ::close(there);
+    if (home >= 0) {
+      ::close(home);
+    }
+    if (there >= 0) {
+      ::close(there);
+    }
     throw SocketError("network namespace " + netns + ": cannot be entered: " + why +
                       " (the capability CAP_SYS_ADMIN is needed)");
   }
@@ -47,7 +53,9 @@ Socket::Socket(const std::string& netns, std::size_t buffer, std::size_t message
       buffer_(message * messagesAtOnce),
       vectors_(messagesAtOnce),
       headers_(messagesAtOnce) {
-  if (fd_ < 0) throw SocketError("rtnetlink socket: cannot be opened: " + reason());
+  if (fd_ < 0) {
+    throw SocketError("rtnetlink socket: cannot be opened: " + reason());
+  }
   int size = static_cast<int>(buffer);
   if (::setsockopt(fd_, SOL_SOCKET, SO_RCVBUFFORCE, &size, sizeof(size)) != 0) {
     (void)::setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof(size));
@@ -80,7 +88,9 @@ bool Socket::join(unsigned group) {
 
 int Socket::send(const char* data, std::size_t size) {
   while (::send(fd_, data, size, 0) < 0) {
-    if (errno != EINTR) return errno;
+    if (errno != EINTR) {
+      return errno;
+    }
   }
   return 0;
 }
@@ -89,9 +99,13 @@ int Socket::receiveSome(std::size_t most) {
   auto limit = static_cast<unsigned>(std::min(most, headers_.size()));
   for (;;) {
     int count = ::recvmmsg(fd_, headers_.data(), limit, MSG_DONTWAIT, nullptr);
-    if (count >= 0) return count == 0 ? -1 : count;
-    if (errno == EINTR) continue;
-    return errno == ENOBUFS ? kOverrun : -1;
+    if (count >= 0) {
+      return count == 0 ? -1 : count;
+    }
+    if (errno == EINTR) {
+      continue;
+    }
+    return errno == ENOBUFS ? overrun : -1;
   }
 }
 

@@ -13,35 +13,37 @@
 
 namespace Agent::Kernel {
 
-/// Why the kernel cannot be talked to at all.
+// Why the kernel cannot be talked to at all.
 class SocketError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-/// A non-blocking rtnetlink socket.
+// A non-blocking rtnetlink socket.
 class Socket {
  public:
   enum class Heard { nothing, messages, overrun };
 
-  /// Opens it in the network namespace at the path, or in the process's own if that is empty. `buffer`: the
-  /// octets that the kernel may queue for it; `message`: those of the longest message or part of a dump.
-  /// Raises SocketError with what failed and why.
+  // Opens it in the network namespace at the path, or in the process's own if that is empty. `buffer`: the
+  // octets that the kernel may queue for it; `message`: those of the longest message or part of a dump.
+  // Raises SocketError with what failed and why.
   Socket(const std::string& netns, std::size_t buffer, std::size_t message, std::size_t messagesAtOnce);
   ~Socket();
   Socket(const Socket&) = delete;
   Socket& operator=(const Socket&) = delete;
 
   int fd() const { return fd_; }
-  /// Also hears what is reported to the multicast group (RTNLGRP_...); false if the kernel has no such group.
+  // Also hears what is reported to the multicast group (RTNLGRP_...); false if the kernel has no such group.
   bool join(unsigned group);
-  /// Sends messages; the kernel has worked them off when this returns. Returns 0 or an errno.
+  // Sends messages; the kernel has worked them off when this returns. Returns 0 or an errno.
   int send(const char* data, std::size_t size);
-  /// Gives what has arrived, up to `most` and messagesAtOnce datagrams, to `use`, message by message.
+  // Gives what has arrived, up to `most` and messagesAtOnce datagrams, to `use`, message by message.
   template <typename Use>
   Heard receive(std::size_t most, Use use) {
     int count = receiveSome(most);
-    if (count < 0) return count == kOverrun ? Heard::overrun : Heard::nothing;
+    if (count < 0) {
+      return count == overrun ? Heard::overrun : Heard::nothing;
+    }
     bool truncated = false;
     for (int n = 0; n < count; ++n) {
       const mmsghdr& arrived = headers_[static_cast<std::size_t>(n)];
@@ -55,7 +57,7 @@ class Socket {
   }
 
  private:
-  static constexpr int kOverrun = -2;
+  static constexpr int overrun = -2;
 
   int receiveSome(std::size_t most);
   template <typename Use>
@@ -63,10 +65,14 @@ class Socket {
     const char* at = buffer_.data() + slot * message_;
     while (size >= sizeof(nlmsghdr)) {
       const auto& message = *static_cast<const nlmsghdr*>(static_cast<const void*>(at));
-      if (message.nlmsg_len < sizeof(nlmsghdr) || message.nlmsg_len > size) return;
+      if (message.nlmsg_len < sizeof(nlmsghdr) || message.nlmsg_len > size) {
+        return;
+      }
       use(message);
       std::size_t step = (message.nlmsg_len + 3U) & ~3U;
-      if (step >= size) return;
+      if (step >= size) {
+        return;
+      }
       at += step;
       size -= step;
     }

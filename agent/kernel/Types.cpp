@@ -17,7 +17,9 @@ std::string Ip4::text() const {
 
 std::optional<Ip4> Ip4::parse(std::string_view text) {
   in_addr address{};
-  if (inet_pton(AF_INET, std::string(text).c_str(), &address) != 1) return std::nullopt;
+  if (inet_pton(AF_INET, std::string(text).c_str(), &address) != 1) {
+    return std::nullopt;
+  }
   return Ip4{ntohl(address.s_addr)};
 }
 
@@ -30,19 +32,25 @@ std::string Mac::text() const {
 }
 
 std::optional<Mac> Mac::parse(std::string_view text) {
-  if (text.size() != 17) return std::nullopt;
+  if (text.size() != 17) {
+    return std::nullopt;
+  }
   Mac mac;
   for (std::size_t at = 0; at < text.size(); ++at) {
     char c = text[at];
     if (at % 3 == 2) {
-      if (c != ':') return std::nullopt;
+      if (c != ':') {
+        return std::nullopt;
+      }
       continue;
     }
     int digit = c >= '0' && c <= '9'   ? c - '0'
                 : c >= 'a' && c <= 'f' ? c - 'a' + 10
                 : c >= 'A' && c <= 'F' ? c - 'A' + 10
                                        : -1;
-    if (digit < 0) return std::nullopt;
+    if (digit < 0) {
+      return std::nullopt;
+    }
     mac.bits = (mac.bits << 4U) | static_cast<unsigned>(digit);
   }
   return mac;

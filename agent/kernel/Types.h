@@ -8,55 +8,57 @@
 #include <string>
 #include <string_view>
 
-/// The Linux data plane: keeps bridges, VXLAN devices and forwarding rows of the kernel as the agent
-/// wants them. Depends on nothing else of the agent.
+// The Linux data plane: keeps bridges, VXLAN devices and forwarding rows of the kernel as the agent
+// wants them. Depends on nothing else of the agent.
 namespace Agent::Kernel {
 
-/// A moment on the caller's monotonic clock, or a span of it.
+// A moment on the caller's monotonic clock, or a span of it.
 using Time = std::chrono::nanoseconds;
 using Vlan = std::uint16_t;
 using Vni = std::uint32_t;
-/// The kernel's number of a network device; 0 is none.
+// The kernel's number of a network device; 0 is none.
 using IfIndex = int;
-/// The kernel's number of a nexthop object; 0 is none.
+// The kernel's number of a nexthop object; 0 is none.
 using NexthopId = std::uint32_t;
 
-/// An IPv4 address in host byte order; 0.0.0.0 stands for none.
+// An IPv4 address in host byte order; 0.0.0.0 stands for none.
 struct Ip4 {
   std::uint32_t bits = 0;
 
   auto operator<=>(const Ip4&) const = default;
   explicit operator bool() const { return bits != 0; }
-  /// Dotted decimal, such as "10.0.0.2".
+  // Dotted decimal, such as "10.0.0.2".
   std::string text() const;
-  /// Reads dotted decimal; nothing when it is not an address.
+  // Reads dotted decimal; nothing when it is not an address.
   static std::optional<Ip4> parse(std::string_view text);
 };
 
-/// An Ethernet address: the six octets in the low 48 bits, first octet highest.
+// An Ethernet address: the six octets in the low 48 bits, first octet highest.
 struct Mac {
   std::uint64_t bits = 0;
 
   auto operator<=>(const Mac&) const = default;
   bool zero() const { return bits == 0; }
-  /// Whether it is a destination of several by its nature: all-zero (the kernel's default destination),
-  /// multicast or broadcast.
+  // Whether it is a destination of several by its nature: all-zero (the kernel's default destination),
+  // multicast or broadcast.
   bool group() const { return zero() || ((bits >> 40U) & 1U) != 0; }
-  /// Lower case with colons, such as "02:00:00:00:10:04".
+  // Lower case with colons, such as "02:00:00:00:10:04".
   std::string text() const;
-  /// Reads six colon-separated octets; nothing when it is not an address.
+  // Reads six colon-separated octets; nothing when it is not an address.
   static std::optional<Mac> parse(std::string_view text);
 };
 
-/// Ends the process with a message when what only this code itself can cause has come about. Works alike in
-/// every build type.
+// Ends the process with a message when what only this code itself can cause has come about. Works alike in
+// every build type.
 inline void require(bool holds, const char* what, const char* file = __builtin_FILE(),
                     int line = __builtin_LINE());
 
 [[noreturn]] void failRequirement(const char* what, const char* file, int line);
 
 inline void require(bool holds, const char* what, const char* file, int line) {
-  if (!holds) failRequirement(what, file, line);
+  if (!holds) {
+    failRequirement(what, file, line);
+  }
 }
 
 }  // namespace Agent::Kernel

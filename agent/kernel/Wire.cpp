@@ -17,23 +17,25 @@ namespace Agent::Kernel {
 
 namespace {
 
-constexpr std::size_t kMostOfOneMessage = std::size_t{72}
-                                          << 10U;  // A group of the most members that there can be.
-constexpr std::uint16_t kTypeMask = 0x3fff;        // Without NLA_F_NESTED and NLA_F_NET_BYTEORDER.
+constexpr std::size_t mostOfOneMessage = std::size_t{72}
+                                         << 10U;  // A group of the most members that there can be.
+constexpr std::uint16_t typeMask = 0x3fff;        // Without NLA_F_NESTED and NLA_F_NET_BYTEORDER.
 
 std::array<std::uint8_t, 6> octets(Mac mac) {
   std::array<std::uint8_t, 6> out{};
-  for (unsigned n = 0; n < 6; ++n) out.at(n) = static_cast<std::uint8_t>(mac.bits >> (8 * (5 - n)));
+  for (unsigned n = 0; n < 6; ++n) {
+    out.at(n) = static_cast<std::uint8_t>(mac.bits >> (8 * (5 - n)));
+  }
   return out;
 }
 
-/// The attributes in `size` octets from `first` on, each given to `use` with its type.
+// The attributes in `size` octets from `first` on, each given to `use` with its type.
 template <typename Use>
 void forEachAttribute(const void* first, std::size_t size, Use use) {
   const auto* attribute = static_cast<const nlattr*>(first);
   auto left = static_cast<int>(size);
   while (mnl_attr_ok(attribute, left)) {
-    use(static_cast<std::uint16_t>(attribute->nla_type & kTypeMask), *attribute);
+    use(static_cast<std::uint16_t>(attribute->nla_type & typeMask), *attribute);
     left -= static_cast<int>((attribute->nla_len + 3U) & ~3U);
     attribute = mnl_attr_next(attribute);
   }
@@ -42,7 +44,9 @@ void forEachAttribute(const void* first, std::size_t size, Use use) {
 template <typename Header, typename Use>
 const Header* readMessage(const nlmsghdr& message, Use use) {
   std::size_t payload = mnl_nlmsg_get_payload_len(&message);
-  if (payload < sizeof(Header)) return nullptr;
+  if (payload < sizeof(Header)) {
+    return nullptr;
+  }
   const void* attributes = mnl_nlmsg_get_payload_offset(&message, sizeof(Header));
   forEachAttribute(attributes, payload - ((sizeof(Header) + 3U) & ~3U), use);
   return static_cast<const Header*>(mnl_nlmsg_get_payload(&message));
@@ -63,7 +67,9 @@ Value read(const nlattr& attribute) {
 }
 
 Ip4 readIp4(const nlattr& attribute) {
-  if (mnl_attr_get_payload_len(&attribute) != 4) return {};
+  if (mnl_attr_get_payload_len(&attribute) != 4) {
+    return {};
+  }
   return {ntohl(read<std::uint32_t>(attribute))};
 }
 
@@ -103,19 +109,29 @@ void put(nlmsghdr& message, const RowAdd& add) {
   ndmsg& header = putRow(message, RTM_NEWNEIGH, flags, add.row);
   bool device = add.row.table == Table::device;
   header.ndm_state = device ? NUD_NOARP | NUD_REACHABLE : NUD_REACHABLE;
-  if (add.row.marked) header.ndm_flags |= NTF_EXT_LEARNED;
-  if (add.row.nexthop != 0) mnl_attr_put_u32(&message, NDA_NH_ID, add.row.nexthop);
-  if (add.row.dst) putIp4(message, NDA_DST, add.row.dst);
+  if (add.row.marked) {
+    header.ndm_flags |= NTF_EXT_LEARNED;
+  }
+  if (add.row.nexthop != 0) {
+    mnl_attr_put_u32(&message, NDA_NH_ID, add.row.nexthop);
+  }
+  if (add.row.dst) {
+    putIp4(message, NDA_DST, add.row.dst);
+  }
 }
 
 void put(nlmsghdr& message, const RowDel& del) {
   putRow(message, RTM_DELNEIGH, NLM_F_ACK, del.row);
-  if (del.row.dst) putIp4(message, NDA_DST, del.row.dst);
+  if (del.row.dst) {
+    putIp4(message, NDA_DST, del.row.dst);
+  }
 }
 
 void put(nlmsghdr& message, const RowGet& get) {
   ndmsg& header = putRow(message, RTM_GETNEIGH, NLM_F_ACK, get.row);
-  if (get.row.table == Table::device) return;
+  if (get.row.table == Table::device) {
+    return;
+  }
   header.ndm_ifindex = 0;
   header.ndm_flags = 0;
   mnl_attr_put_u32(&message, NDA_MASTER, static_cast<std::uint32_t>(get.row.bridge));
@@ -133,7 +149,9 @@ void put(nlmsghdr& message, const NexthopSet& set) {
     return;
   }
   std::vector<nexthop_grp> group;
-  for (NexthopId id : nexthop.members) group.push_back({id, 0, 0, 0});
+  for (NexthopId id : nexthop.members) {
+    group.push_back({id, 0, 0, 0});
+  }
   mnl_attr_put(&message, NHA_GROUP, group.size() * sizeof(nexthop_grp), group.data());
 }
 
@@ -145,10 +163,16 @@ void put(nlmsghdr& message, const NexthopDel& del) {
 void put(nlmsghdr& message, const LinkAdd& add) {
   auto& header = begin<ifinfomsg>(message, RTM_NEWLINK, NLM_F_ACK | NLM_F_CREATE | NLM_F_EXCL);
   bool bridge = add.kind == LinkKind::bridge;
-  if (bridge) header.ifi_flags = header.ifi_change = IFF_UP;
+  if (bridge) {
+    header.ifi_flags = header.ifi_change = IFF_UP;
+  }
   mnl_attr_put_strz(&message, IFLA_IFNAME, add.name.c_str());
-  if (add.group != 0) mnl_attr_put_u32(&message, IFLA_GROUP, add.group);
-  if (add.master != 0) mnl_attr_put_u32(&message, IFLA_MASTER, static_cast<std::uint32_t>(add.master));
+  if (add.group != 0) {
+    mnl_attr_put_u32(&message, IFLA_GROUP, add.group);
+  }
+  if (add.master != 0) {
+    mnl_attr_put_u32(&message, IFLA_MASTER, static_cast<std::uint32_t>(add.master));
+  }
   nlattr* info = mnl_attr_nest_start(&message, IFLA_LINKINFO);
   mnl_attr_put_strz(&message, IFLA_INFO_KIND, bridge ? "bridge" : "vxlan");
   nlattr* data = mnl_attr_nest_start(&message, IFLA_INFO_DATA);
@@ -169,15 +193,23 @@ void putLinkInfo(nlmsghdr& message, const LinkSet& set) {
   if (set.local || set.learning) {
     mnl_attr_put_strz(&message, IFLA_INFO_KIND, "vxlan");
     nlattr* data = mnl_attr_nest_start(&message, IFLA_INFO_DATA);
-    if (set.local) putIp4(message, IFLA_VXLAN_LOCAL, *set.local);
-    if (set.learning) mnl_attr_put_u8(&message, IFLA_VXLAN_LEARNING, *set.learning ? 1 : 0);
+    if (set.local) {
+      putIp4(message, IFLA_VXLAN_LOCAL, *set.local);
+    }
+    if (set.learning) {
+      mnl_attr_put_u8(&message, IFLA_VXLAN_LEARNING, *set.learning ? 1 : 0);
+    }
     mnl_attr_nest_end(&message, data);
   }
   if (set.portLearning || set.portIsolated) {
     mnl_attr_put_strz(&message, IFLA_INFO_SLAVE_KIND, "bridge");
     nlattr* data = mnl_attr_nest_start(&message, IFLA_INFO_SLAVE_DATA);
-    if (set.portLearning) mnl_attr_put_u8(&message, IFLA_BRPORT_LEARNING, *set.portLearning ? 1 : 0);
-    if (set.portIsolated) mnl_attr_put_u8(&message, IFLA_BRPORT_ISOLATED, *set.portIsolated ? 1 : 0);
+    if (set.portLearning) {
+      mnl_attr_put_u8(&message, IFLA_BRPORT_LEARNING, *set.portLearning ? 1 : 0);
+    }
+    if (set.portIsolated) {
+      mnl_attr_put_u8(&message, IFLA_BRPORT_ISOLATED, *set.portIsolated ? 1 : 0);
+    }
     mnl_attr_nest_end(&message, data);
   }
   mnl_attr_nest_end(&message, info);
@@ -190,10 +222,18 @@ void put(nlmsghdr& message, const LinkSet& set) {
     header.ifi_change = IFF_UP;
     header.ifi_flags = *set.up ? IFF_UP : 0;
   }
-  if (set.group) mnl_attr_put_u32(&message, IFLA_GROUP, *set.group);
-  if (set.alias) mnl_attr_put_strz(&message, IFLA_IFALIAS, set.alias->c_str());
-  if (set.master) mnl_attr_put_u32(&message, IFLA_MASTER, static_cast<std::uint32_t>(*set.master));
-  if (set.local || set.learning || set.portLearning || set.portIsolated) putLinkInfo(message, set);
+  if (set.group) {
+    mnl_attr_put_u32(&message, IFLA_GROUP, *set.group);
+  }
+  if (set.alias) {
+    mnl_attr_put_strz(&message, IFLA_IFALIAS, set.alias->c_str());
+  }
+  if (set.master) {
+    mnl_attr_put_u32(&message, IFLA_MASTER, static_cast<std::uint32_t>(*set.master));
+  }
+  if (set.local || set.learning || set.portLearning || set.portIsolated) {
+    putLinkInfo(message, set);
+  }
 }
 
 void put(nlmsghdr& message, const LinkDel& del) {
@@ -219,10 +259,18 @@ void put(nlmsghdr& message, const Dump& dump) {
 
 void readVxlan(const nlattr& data, Link& link) {
   forEachNested(data, [&link](std::uint16_t type, const nlattr& attribute) {
-    if (type == IFLA_VXLAN_ID) link.vni = read<std::uint32_t>(attribute);
-    if (type == IFLA_VXLAN_LOCAL) link.local = readIp4(attribute);
-    if (type == IFLA_VXLAN_PORT) link.port = ntohs(read<std::uint16_t>(attribute));
-    if (type == IFLA_VXLAN_LEARNING) link.learning = read<std::uint8_t>(attribute) != 0;
+    if (type == IFLA_VXLAN_ID) {
+      link.vni = read<std::uint32_t>(attribute);
+    }
+    if (type == IFLA_VXLAN_LOCAL) {
+      link.local = readIp4(attribute);
+    }
+    if (type == IFLA_VXLAN_PORT) {
+      link.port = ntohs(read<std::uint16_t>(attribute));
+    }
+    if (type == IFLA_VXLAN_LEARNING) {
+      link.learning = read<std::uint8_t>(attribute) != 0;
+    }
   });
 }
 
@@ -243,14 +291,28 @@ void readLinkInfo(const nlattr& info, Link& link) {
   std::string kind;
   std::string slaveKind;
   forEachNested(info, [&](std::uint16_t type, const nlattr& attribute) {
-    if (type == IFLA_INFO_KIND) kind = readText(attribute);
-    if (type == IFLA_INFO_DATA) data = &attribute;
-    if (type == IFLA_INFO_SLAVE_KIND) slaveKind = readText(attribute);
-    if (type == IFLA_INFO_SLAVE_DATA) slaveData = &attribute;
+    if (type == IFLA_INFO_KIND) {
+      kind = readText(attribute);
+    }
+    if (type == IFLA_INFO_DATA) {
+      data = &attribute;
+    }
+    if (type == IFLA_INFO_SLAVE_KIND) {
+      slaveKind = readText(attribute);
+    }
+    if (type == IFLA_INFO_SLAVE_DATA) {
+      slaveData = &attribute;
+    }
   });
-  if (kind == "bridge") link.kind = LinkKind::bridge;
-  if (kind == "vxlan") link.kind = LinkKind::vxlan;
-  if (link.kind == LinkKind::vxlan && data != nullptr) readVxlan(*data, link);
+  if (kind == "bridge") {
+    link.kind = LinkKind::bridge;
+  }
+  if (kind == "vxlan") {
+    link.kind = LinkKind::vxlan;
+  }
+  if (link.kind == LinkKind::vxlan && data != nullptr) {
+    readVxlan(*data, link);
+  }
   if (slaveKind == "bridge" && slaveData != nullptr) {
     readPortSettings(*slaveData, link.portLearning, link.portIsolated);
   }
@@ -259,14 +321,18 @@ void readLinkInfo(const nlattr& info, Link& link) {
 Mac readMac(const nlattr& attribute) {
   auto address = read<std::array<std::uint8_t, 6>>(attribute);
   Mac mac;
-  for (std::uint8_t octet : address) mac.bits = (mac.bits << 8U) | octet;
+  for (std::uint8_t octet : address) {
+    mac.bits = (mac.bits << 8U) | octet;
+  }
   return mac;
 }
 
 }  // namespace
 
 void Messages::add(const Request& request, std::uint32_t sequence) {
-  if (buffer_.size() < size_ + kMostOfOneMessage) buffer_.resize(size_ + kMostOfOneMessage);
+  if (buffer_.size() < size_ + mostOfOneMessage) {
+    buffer_.resize(size_ + mostOfOneMessage);
+  }
   nlmsghdr& message = *mnl_nlmsg_put_header(buffer_.data() + size_);
   message.nlmsg_seq = sequence;
   std::visit([&message](const auto& what) { put(message, what); }, request);
@@ -276,20 +342,30 @@ void Messages::add(const Request& request, std::uint32_t sequence) {
 Answer readAnswer(const nlmsghdr& message) {
   Answer answer;
   std::size_t payload = mnl_nlmsg_get_payload_len(&message);
-  if (payload < sizeof(nlmsgerr)) return {EBADMSG, "a truncated answer"};
+  if (payload < sizeof(nlmsgerr)) {
+    return {EBADMSG, "a truncated answer"};
+  }
   const auto* header = static_cast<const nlmsgerr*>(mnl_nlmsg_get_payload(&message));
   answer.error = -header->error;
-  if (answer.error == 0) return answer;
+  if (answer.error == 0) {
+    return answer;
+  }
   answer.text = std::generic_category().message(answer.error);
-  if ((message.nlmsg_flags & NLM_F_ACK_TLVS) == 0) return answer;
+  if ((message.nlmsg_flags & NLM_F_ACK_TLVS) == 0) {
+    return answer;
+  }
   std::size_t skip = sizeof(nlmsgerr);
   if ((message.nlmsg_flags & NLM_F_CAPPED) == 0) {
     skip += ((header->msg.nlmsg_len + 3U) & ~3U) - sizeof(nlmsghdr);
   }
-  if (skip >= payload) return answer;
+  if (skip >= payload) {
+    return answer;
+  }
   forEachAttribute(mnl_nlmsg_get_payload_offset(&message, skip), payload - skip,
                    [&answer](std::uint16_t type, const nlattr& attribute) {
-                     if (type == NLMSGERR_ATTR_MSG) answer.text += ": " + readText(attribute);
+                     if (type == NLMSGERR_ATTR_MSG) {
+                       answer.text += ": " + readText(attribute);
+                     }
                    });
   return answer;
 }
@@ -299,20 +375,34 @@ bool readInterrupted(const nlmsghdr& message) {
 }
 
 int readDone(const nlmsghdr& message) {
-  if (mnl_nlmsg_get_payload_len(&message) < sizeof(int)) return 0;
+  if (mnl_nlmsg_get_payload_len(&message) < sizeof(int)) {
+    return 0;
+  }
   return -*static_cast<const int*>(mnl_nlmsg_get_payload(&message));
 }
 
 std::optional<Link> readLink(const nlmsghdr& message) {
   Link link;
   const auto* header = readMessage<ifinfomsg>(message, [&link](std::uint16_t type, const nlattr& attribute) {
-    if (type == IFLA_IFNAME) link.name = readText(attribute);
-    if (type == IFLA_IFALIAS) link.alias = readText(attribute);
-    if (type == IFLA_GROUP) link.group = read<std::uint32_t>(attribute);
-    if (type == IFLA_MASTER) link.master = read<IfIndex>(attribute);
-    if (type == IFLA_LINKINFO) readLinkInfo(attribute, link);
+    if (type == IFLA_IFNAME) {
+      link.name = readText(attribute);
+    }
+    if (type == IFLA_IFALIAS) {
+      link.alias = readText(attribute);
+    }
+    if (type == IFLA_GROUP) {
+      link.group = read<std::uint32_t>(attribute);
+    }
+    if (type == IFLA_MASTER) {
+      link.master = read<IfIndex>(attribute);
+    }
+    if (type == IFLA_LINKINFO) {
+      readLinkInfo(attribute, link);
+    }
   });
-  if (header == nullptr || header->ifi_family != AF_UNSPEC) return std::nullopt;
+  if (header == nullptr || header->ifi_family != AF_UNSPEC) {
+    return std::nullopt;
+  }
   link.index = header->ifi_index;
   link.up = (header->ifi_flags & static_cast<unsigned>(IFF_UP)) != 0;
   return link;
@@ -361,7 +451,9 @@ std::optional<Row> readRow(const nlmsghdr& message) {
         break;
     }
   });
-  if (header == nullptr || header->ndm_family != AF_BRIDGE || vlan != 0) return std::nullopt;
+  if (header == nullptr || header->ndm_family != AF_BRIDGE || vlan != 0) {
+    return std::nullopt;
+  }
   row.device = header->ndm_ifindex;
   row.table = row.bridge != 0 ? Table::bridge : Table::device;
   row.marked = (header->ndm_flags & NTF_EXT_LEARNED) != 0;
@@ -374,15 +466,27 @@ std::optional<Row> readRow(const nlmsghdr& message) {
 std::optional<Nexthop> readNexthop(const nlmsghdr& message) {
   Nexthop nexthop;
   const auto* header = readMessage<nhmsg>(message, [&nexthop](std::uint16_t type, const nlattr& attribute) {
-    if (type == NHA_ID) nexthop.id = read<NexthopId>(attribute);
-    if (type == NHA_FDB) nexthop.fdb = true;
-    if (type == NHA_GATEWAY) nexthop.gateway = readIp4(attribute);
-    if (type != NHA_GROUP) return;
+    if (type == NHA_ID) {
+      nexthop.id = read<NexthopId>(attribute);
+    }
+    if (type == NHA_FDB) {
+      nexthop.fdb = true;
+    }
+    if (type == NHA_GATEWAY) {
+      nexthop.gateway = readIp4(attribute);
+    }
+    if (type != NHA_GROUP) {
+      return;
+    }
     const auto* members = static_cast<const nexthop_grp*>(mnl_attr_get_payload(&attribute));
     std::size_t count = mnl_attr_get_payload_len(&attribute) / sizeof(nexthop_grp);
-    for (std::size_t n = 0; n < count; ++n) nexthop.members.push_back(members[n].id);
+    for (std::size_t n = 0; n < count; ++n) {
+      nexthop.members.push_back(members[n].id);
+    }
   });
-  if (header == nullptr) return std::nullopt;
+  if (header == nullptr) {
+    return std::nullopt;
+  }
   nexthop.protocol = header->nh_protocol;
   return nexthop;
 }

@@ -21,7 +21,7 @@
 
 namespace {
 
-/// Processor time of this thread: what else runs on the machine is not in it.
+// Processor time of this thread: what else runs on the machine is not in it.
 struct Clock {
   using duration = std::chrono::nanoseconds;
 
@@ -32,7 +32,7 @@ struct Clock {
   }
 };
 
-/// As large as a host of the layer-2 RIB.
+// As large as a host of the layer-2 RIB.
 struct Host {
   std::uint64_t vtep;
   double lastUpdateTime;
@@ -44,7 +44,7 @@ Host hostOf(std::uint64_t key, double time) {
   return Host{key ^ 0x5555, time, {key, 1, 2, 3, 4, 5, 6, 7, 8, 9, key}};
 }
 
-/// Keys like a MAC address and a VLAN, no two the same.
+// Keys like a MAC address and a VLAN, no two the same.
 std::vector<std::uint64_t> keys(std::size_t count, unsigned seed) {
   std::vector<std::uint64_t> keys(count);
   for (std::size_t i = 0; i < count; ++i) {
@@ -229,8 +229,8 @@ double microseconds(Clock::duration duration) {
   return std::chrono::duration<double, std::micro>(duration).count();
 }
 
-/// The longest of STEPS; the least of the longest over several rounds, as whatever else runs on the machine
-/// only adds.
+// The longest of STEPS; the least of the longest over several rounds, as whatever else runs on the machine
+// only adds.
 template <class Map, class Step>
 void longest(benchmark::State& state, const Step& step) {
   const auto all = keys(static_cast<std::size_t>(state.range(0)), 1);
@@ -272,7 +272,7 @@ void longestDelete(benchmark::State& state) {
   });
 }
 
-/// The end of a turn in which everything was deleted and added again.
+// The end of a turn in which everything was deleted and added again.
 void publishEverything(benchmark::State& state) {
   const auto all = keys(static_cast<std::size_t>(state.range(0)), 1);
   Shared map(all.size());

@@ -24,7 +24,7 @@ using namespace Agent::Kernel;
 using std::chrono::milliseconds;
 
 unsigned hostCount = 100000;
-constexpr unsigned kVteps = 100;
+constexpr unsigned vteps = 100;
 
 class Namespace {
  public:
@@ -48,7 +48,7 @@ Mac hostMac(unsigned n) {
   return {0x020000000000ULL + n};
 }
 Ip4 vtep(unsigned n) {
-  return {0x0a000002U + n % kVteps};
+  return {0x0a000002U + n % vteps};
 }
 
 // The processor time of the longest slice; the adapter itself measures by the clock, which counts what other
@@ -69,12 +69,16 @@ std::size_t work(Adapter& adapter) {
     longestOnProcessor = std::max(longestOnProcessor, processorTime() - before);
   }
   std::size_t there = 0;
-  for (const Tally& tally : adapter.engine().tallies()) there += tally.kind == "hosts" ? tally.there : 0;
+  for (const Tally& tally : adapter.engine().tallies()) {
+    there += tally.kind == "hosts" ? tally.there : 0;
+  }
   return there;
 }
 
 void report(benchmark::State& state, std::size_t there, Time longest) {
-  if (there != hostCount) state.SkipWithError("not all hosts are there");
+  if (there != hostCount) {
+    state.SkipWithError("not all hosts are there");
+  }
   state.SetItemsProcessed(state.iterations() * hostCount);
   state.counters["longestSliceUs"] = static_cast<double>(longest.count()) / 1000;
   state.counters["longestSliceCpuUs"] =
@@ -101,7 +105,9 @@ void AdapterAdds(benchmark::State& state) {
     std::optional<Adapter> adapter(Options{});
     givenMapping(*adapter);
     state.ResumeTiming();
-    for (unsigned n = 0; n < hostCount; ++n) adapter->hostIs(10, hostMac(n), vtep(n));
+    for (unsigned n = 0; n < hostCount; ++n) {
+      adapter->hostIs(10, hostMac(n), vtep(n));
+    }
     there = work(*adapter);
     state.PauseTiming();
     longest = std::max(longest, adapter->longestSlice());
@@ -119,11 +125,15 @@ void AdapterMoves(benchmark::State& state) {
   }
   Adapter adapter(Options{});
   givenMapping(adapter);
-  for (unsigned n = 0; n < hostCount; ++n) adapter.hostIs(10, hostMac(n), vtep(n));
+  for (unsigned n = 0; n < hostCount; ++n) {
+    adapter.hostIs(10, hostMac(n), vtep(n));
+  }
   std::size_t there = work(adapter);
   unsigned shift = 1;
   for (auto _ : state) {
-    for (unsigned n = 0; n < hostCount; ++n) adapter.hostIs(10, hostMac(n), vtep(n + shift));
+    for (unsigned n = 0; n < hostCount; ++n) {
+      adapter.hostIs(10, hostMac(n), vtep(n + shift));
+    }
     there = work(adapter);
     ++shift;
   }
@@ -138,17 +148,23 @@ void AdapterAdopts(benchmark::State& state) {
   }
   std::optional<Adapter> adapter(Options{});
   givenMapping(*adapter);
-  for (unsigned n = 0; n < hostCount; ++n) adapter->hostIs(10, hostMac(n), vtep(n));
+  for (unsigned n = 0; n < hostCount; ++n) {
+    adapter->hostIs(10, hostMac(n), vtep(n));
+  }
   std::size_t there = work(*adapter);
   Time longest{};
   for (auto _ : state) {
     adapter.emplace(Options{});
     adapter->vniIs(5010, 10, "Vxlan1", {0x0a000001U}, {});
-    for (unsigned n = 0; n < hostCount; ++n) adapter->hostIs(10, hostMac(n), vtep(n));
+    for (unsigned n = 0; n < hostCount; ++n) {
+      adapter->hostIs(10, hostMac(n), vtep(n));
+    }
     adapter->settled();
     there = work(*adapter);
     longest = std::max(longest, adapter->longestSlice());
-    if (adapter->engine().counters().acknowledged != 0) state.SkipWithError("something had to be changed");
+    if (adapter->engine().counters().acknowledged != 0) {
+      state.SkipWithError("something had to be changed");
+    }
   }
   report(state, there, longest);
 }
@@ -159,13 +175,13 @@ void BridgeBatchAdds(benchmark::State& state) {
     std::ofstream rows(file);
     for (unsigned n = 0; n < hostCount; ++n) {
       std::string mac = hostMac(n).text();
-      rows << "fdb replace " << mac << " dev vx5010 nhid " << 1001 + n % kVteps
+      rows << "fdb replace " << mac << " dev vx5010 nhid " << 1001 + n % vteps
            << " self static extern_learn\n";
       rows << "fdb replace " << mac << " dev vx5010 master extern_learn\n";
     }
   }
   std::string groups;
-  for (unsigned n = 0; n < kVteps; ++n) {
+  for (unsigned n = 0; n < vteps; ++n) {
     std::string id = std::to_string(n + 1);
     groups += "nexthop add id " + id + " via " + vtep(n).text() + " fdb\nnexthop add id " +
               std::to_string(1001 + n) + " group " + id + " fdb\n";
@@ -182,8 +198,9 @@ void BridgeBatchAdds(benchmark::State& state) {
       break;
     }
     state.ResumeTiming();
-    if (std::system(("bridge -batch " + file).c_str()) != 0)
+    if (std::system(("bridge -batch " + file).c_str()) != 0) {
       state.SkipWithError("refused");  // NOLINT(cert-env33-c)
+    }
   }
   (void)std::remove(file.c_str());
   state.SetItemsProcessed(state.iterations() * hostCount);

@@ -8,14 +8,14 @@
 namespace Memtab {
 namespace {
 
-using Format::kBucketBit;
-using Format::kEnd;
+using Format::bucketBit;
+using Format::end;
 using Format::Life;
 
-/// So many turns and changes no table lives to see; what is derived of their numbers has room for these.
-constexpr std::uint64_t kMostTurns = std::uint64_t{1} << 56U;
+// So many turns and changes no table lives to see; what is derived of their numbers has room for these.
+constexpr std::uint64_t mostTurns = std::uint64_t{1} << 56U;
 
-/// First looks at everything and changes nothing, then repairs.
+// First looks at everything and changes nothing, then repairs.
 class Adoption {
  public:
   explicit Adoption(const Segment& segment)
@@ -57,14 +57,14 @@ class Adoption {
     }
     const std::uint64_t changes = segment_.state().changes.load(std::memory_order_acquire);
     const std::uint64_t told = segment_.state().publishedChanges.load(std::memory_order_acquire);
-    if (published_ > kMostTurns || changes > kMostTurns || told > changes) {
+    if (published_ > mostTurns || changes > mostTurns || told > changes) {
       damaged("turn " + std::to_string(published_) + " with " + std::to_string(told) + " of " +
               std::to_string(changes) + " changes cannot be");
     }
   }
 
-  /// A value's write was under way when its slot has an odd number; if it can be seen, the journal has the
-  /// old words.
+  // A value's write was under way when its slot has an odd number; if it can be seen, the journal has the
+  // old words.
   void examineSlots() {
     for (std::uint32_t number = 0; number < used_; ++number) {
       const Life life = lifeOf(number);
@@ -90,13 +90,13 @@ class Adoption {
            (range >> 16U) + (range & 0xffffU) <= shape_.valueWords();
   }
 
-  /// Follows the list from end to end: ascending, no slot twice, all heads in use on the way.
+  // Follows the list from end to end: ascending, no slot twice, all heads in use on the way.
   void examineList() {
     std::vector<bool> met(used_);
     std::uint64_t least = 0;
-    for (std::uint32_t to = (kBucketBit | 0U); to != kEnd;) {
-      const bool isHead = (to & kBucketBit) != 0;
-      const std::uint32_t number = isHead ? to & ~kBucketBit : to;
+    for (std::uint32_t to = (bucketBit | 0U); to != end;) {
+      const bool isHead = (to & bucketBit) != 0;
+      const std::uint32_t number = isHead ? to & ~bucketBit : to;
       isHead ? examineHead(number) : examineLinkTo(number, met);
       const std::uint64_t hash = isHead ? number : index_.hash(index_.slot(number));
       if (Format::before(hash, least)) {
@@ -131,7 +131,7 @@ class Adoption {
     met[number] = true;
   }
 
-  /// Only the last head may be in the list without being counted, or counted without being there.
+  // Only the last head may be in the list without being counted, or counted without being there.
   void examineCounts(const std::vector<bool>& met) const {
     const std::uint32_t counted = index_.buckets();
     const bool asCounted = heads_ == counted && !extraHead_;
@@ -180,20 +180,20 @@ class Adoption {
     }
   }
 
-  /// The records first: from here on it can only be the published turn.
+  // The records first: from here on it can only be the published turn.
   void repairCounts() {
     segment_.state().publishedRecords.store(visible_, std::memory_order_release);
     index_.bucketsAre(heads_);
     segment_.state().buckets.store(heads_, std::memory_order_release);
   }
 
-  /// Takes everything out of the list that cannot be seen, and settles what can.
+  // Takes everything out of the list that cannot be seen, and settles what can.
   void sweepList() {
     std::uint32_t bucket = 0;
     Format::Half* link = &segment_.heads()[0];
-    for (std::uint32_t to = load(*link); to != kEnd; to = load(*link)) {
-      if ((to & kBucketBit) != 0) {
-        bucket = to & ~kBucketBit;
+    for (std::uint32_t to = load(*link); to != end; to = load(*link)) {
+      if ((to & bucketBit) != 0) {
+        bucket = to & ~bucketBit;
         link = &segment_.heads()[bucket];
         continue;
       }
@@ -210,7 +210,7 @@ class Adoption {
 
   Adopted collect() {
     Adopted adopted;
-    adopted.freeSlots = kEnd;
+    adopted.freeSlots = end;
     for (std::uint32_t number = used_; number-- > 0;) {
       Format::Slot* slot = index_.slot(number);
       if (lifeOf(number).state() == Life::Born && live(lifeOf(number))) {

@@ -14,17 +14,17 @@
 namespace Memtab {
 namespace {
 
-constexpr int kExitStatus = 2;
-constexpr std::size_t kMostTables = 32;  // that are named; of further ones nothing is known
+constexpr int exitStatus = 2;
+constexpr std::size_t mostTables = 32;  // that are named; of further ones nothing is known
 
-/// Readable in a signal handler: the name is there before the address is, and stays until it is gone.
+// Readable in a signal handler: the name is there before the address is, and stays until it is gone.
 struct Mapped {
   std::atomic<std::uintptr_t> base{0};
   std::size_t bytes = 0;
   std::array<char, 128> name{};
 };
 
-std::array<Mapped, kMostTables> mappedTables;
+std::array<Mapped, mostTables> mappedTables;
 std::mutex registration;
 const char* programName = "";
 struct sigaction before {};
@@ -53,7 +53,7 @@ void onBusError(int /*signal*/, siginfo_t* info, void* /*context*/) {
   say(": memtab ");
   say(table->name.data());
   say(": it was truncated while it was in use, or the system has no memory left for it; the program ends\n");
-  ::_exit(kExitStatus);
+  ::_exit(exitStatus);
 }
 
 }  // namespace

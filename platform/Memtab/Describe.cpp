@@ -10,13 +10,13 @@
 namespace Memtab {
 namespace {
 
-constexpr std::uint64_t kPage = 4096;
-constexpr std::size_t kLeastChanges = 1024;
-constexpr std::size_t kMostChanges = 65536;
-constexpr std::uint64_t kJournalAt = (sizeof(Format::Header) + 63) / 64 * 64;
+constexpr std::uint64_t page = 4096;
+constexpr std::size_t leastChanges = 1024;
+constexpr std::size_t mostChanges = 65536;
+constexpr std::uint64_t journalAt = (sizeof(Format::Header) + 63) / 64 * 64;
 
 std::uint64_t pages(std::uint64_t bytes) {
-  return (bytes + kPage - 1) / kPage * kPage;
+  return (bytes + page - 1) / page * page;
 }
 
 void checkOptions(const Options& options, Segment::Shape shape) {
@@ -26,19 +26,19 @@ void checkOptions(const Options& options, Segment::Shape shape) {
     }
   };
   refuseUnless(
-      options.limit >= 1 && options.limit <= Format::kMaxLimit,
-      "limit " + std::to_string(options.limit) + " is not within 1 to " + std::to_string(Format::kMaxLimit));
-  refuseUnless(options.schema.size() < Format::kSchemaBytes,
+      options.limit >= 1 && options.limit <= Format::maxLimit,
+      "limit " + std::to_string(options.limit) + " is not within 1 to " + std::to_string(Format::maxLimit));
+  refuseUnless(options.schema.size() < Format::schemaBytes,
                "schema of " + std::to_string(options.schema.size()) + " bytes, at most 127 are possible");
   refuseUnless(
-      options.fields.size() < Format::kFieldsBytes,
+      options.fields.size() < Format::fieldsBytes,
       "field description of " + std::to_string(options.fields.size()) + " bytes, at most 1023 are possible");
   refuseUnless(options.changes <= std::size_t{1} << 28U,
                "memory of " + std::to_string(options.changes) + " changes, at most 268435456 are possible");
   refuseUnless((options.mode & 022U) == 0, "a mode that lets others write is not possible");
-  refuseUnless(shape.keyBytes >= 1 && shape.keyBytes <= Format::kMaxKeyBytes,
+  refuseUnless(shape.keyBytes >= 1 && shape.keyBytes <= Format::maxKeyBytes,
                "key of " + std::to_string(shape.keyBytes) + " bytes, 1 to 256 are possible");
-  refuseUnless(shape.valueBytes >= 1 && shape.valueBytes <= Format::kMaxValueBytes,
+  refuseUnless(shape.valueBytes >= 1 && shape.valueBytes <= Format::maxValueBytes,
                "value of " + std::to_string(shape.valueBytes) + " bytes, 1 to 4096 are possible");
   if (!options.fields.empty()) {
     static_cast<void>(parseFields(options.name, options.fields, shape.keyBytes, shape.valueBytes));
@@ -52,16 +52,16 @@ std::uint64_t newGeneration() {
   return Format::mixed(now ^ std::uint64_t{random()} << 32U ^ random()) | 1U;
 }
 
-/// Where everything lies follows from five figures.
+// Where everything lies follows from five figures.
 void layOut(Format::Description& d) {
   const std::size_t keyWords = Format::wordsFor(d.keyBytes);
   const std::size_t valueWords = Format::wordsFor(d.valueBytes);
   d.headerBytes = sizeof(Format::Header);
   d.slotBytes = static_cast<std::uint32_t>(sizeof(Format::Slot) + 8 * (keyWords + valueWords));
   d.slots = d.limit * 2;
-  d.buckets = d.limit * Format::kBucketsPerRecord;
-  d.stripes = Format::kStripes;
-  d.journalAt = kJournalAt;
+  d.buckets = d.limit * Format::bucketsPerRecord;
+  d.stripes = Format::stripes;
+  d.journalAt = journalAt;
   d.stripesAt = pages(d.journalAt + sizeof(Format::Journal) + 8 * valueWords);
   d.ringAt = pages(d.stripesAt + sizeof(Format::Half) * d.stripes);
   d.headsAt = pages(d.ringAt + 8 * keyWords * d.ringEntries);
@@ -69,10 +69,10 @@ void layOut(Format::Description& d) {
   d.totalBytes = pages(d.slotsAt + std::uint64_t{d.slotBytes} * d.slots);
 }
 
-/// Whether this can be what the layout made of its figures, and all strings end.
+// Whether this can be what the layout made of its figures, and all strings end.
 bool consistent(const Format::Description& d) {
-  if (d.limit < 1 || d.limit > Format::kMaxLimit || !std::has_single_bit(d.ringEntries) || d.keyBytes < 1 ||
-      d.keyBytes > Format::kMaxKeyBytes || d.valueBytes < 1 || d.valueBytes > Format::kMaxValueBytes ||
+  if (d.limit < 1 || d.limit > Format::maxLimit || !std::has_single_bit(d.ringEntries) || d.keyBytes < 1 ||
+      d.keyBytes > Format::maxKeyBytes || d.valueBytes < 1 || d.valueBytes > Format::maxValueBytes ||
       d.schema.back() != '\0' || d.fields.back() != '\0') {
     return false;
   }
@@ -81,11 +81,11 @@ bool consistent(const Format::Description& d) {
   return std::memcmp(&laidOut, &d, sizeof d) == 0;
 }
 
-/// Whether this is, or was, a description of some version: two of the figures that all have are there.
+// Whether this is, or was, a description of some version: two of the figures that all have are there.
 bool resemblesADescription(const Format::Description& d) {
-  const int right = (d.magic == Format::kMagic ? 1 : 0) + (d.version == Format::kVersion ? 1 : 0) +
+  const int right = (d.magic == Format::magic ? 1 : 0) + (d.version == Format::version ? 1 : 0) +
                     (d.headerBytes == sizeof(Format::Header) ? 1 : 0) +
-                    (d.stripes == Format::kStripes ? 1 : 0) + (d.journalAt == kJournalAt ? 1 : 0);
+                    (d.stripes == Format::stripes ? 1 : 0) + (d.journalAt == journalAt ? 1 : 0);
   return right >= 2;
 }
 
@@ -104,11 +104,11 @@ std::uint64_t checksumOf(const Format::Description& description) {
 Format::Description describe(const Options& options, Segment::Shape shape) {
   checkOptions(options, shape);
   const std::size_t changes =
-      options.changes != 0 ? options.changes : std::clamp(options.limit / 16, kLeastChanges, kMostChanges);
+      options.changes != 0 ? options.changes : std::clamp(options.limit / 16, leastChanges, mostChanges);
 
   Format::Description d{};
-  d.magic = Format::kMagic;
-  d.version = Format::kVersion;
+  d.magic = Format::magic;
+  d.version = Format::version;
   d.keyBytes = static_cast<std::uint32_t>(shape.keyBytes);
   d.valueBytes = static_cast<std::uint32_t>(shape.valueBytes);
   d.ringEntries = static_cast<std::uint32_t>(std::bit_ceil(changes));
@@ -129,12 +129,12 @@ void checkDescription(const std::string& name, const Format::Description& d, std
   if (!resemblesADescription(d)) {
     throw Error(name, "not a table: it does not begin with the mark of one");
   }
-  if (d.magic != Format::kMagic) {
+  if (d.magic != Format::magic) {
     throw Damaged(name, "it does not begin with the mark of a table");
   }
-  if (d.version != Format::kVersion) {
+  if (d.version != Format::version) {
     throw Damaged(name, "its format is " + std::to_string(d.version) + ", this program knows " +
-                            std::to_string(Format::kVersion) + "; perhaps another version made it");
+                            std::to_string(Format::version) + "; perhaps another version made it");
   }
   if (d.checksum != checksumOf(d)) {
     throw Damaged(name, "the checksum of its header is wrong");

@@ -7,36 +7,38 @@
 
 namespace Memtab {
 
-/// What is wrong with a table and where: a name that cannot be used, a segment made by another program or
-/// version, damage, no memory left. The text begins with "memtab NAME: " and is meant for the operator as it
-/// stands.
+// What is wrong with a table and where: a name that cannot be used, a segment made by another program or
+// version, damage, no memory left. The text begins with "memtab NAME: " and is meant for the operator as it
+// stands.
 class MEMTAB_API Error : public std::runtime_error {
  public:
   Error(const std::string& table, const std::string& what);
 };
 
-/// The table has its limit of records already. The insert that met it changed nothing; replacing and deleting
-/// go on.
+// The table has its limit of records already. The insert that met it changed nothing; replacing and deleting
+// go on.
 class MEMTAB_API Full : public Error {
  public:
   Full(const std::string& table, std::size_t limit);
 };
 
-/// The table is not what any writer leaves behind. Whoever reads or writes it stops there; nothing is said of
-/// the records that were met before.
+// The table is not what any writer leaves behind. Whoever reads or writes it stops there; nothing is said of
+// the records that were met before.
 class MEMTAB_API Damaged : public Error {
  public:
   Damaged(const std::string& table, const std::string& what);
 };
 
-/// Prints TEXT and aborts, in every build type, unless HOLDS: for what only this room itself can get wrong.
+// Prints TEXT and aborts, in every build type, unless HOLDS: for what only this room itself can get wrong.
 inline void check(bool holds, const char* text);
 
 [[noreturn]] MEMTAB_API void fatal(const char* text);
 
 inline void check(bool holds, const char* text) {
-  if (!holds) [[unlikely]] {
-    fatal(text);
+  if (!holds) {
+    [[unlikely]] {
+      fatal(text);
+    }
   }
 }
 

@@ -17,19 +17,19 @@ struct KindName {
   std::size_t bytes;  // 0: as many as written in brackets
 };
 
-constexpr std::array<KindName, 11> kKinds{{{"u8", Field::Kind::U8, 1},
-                                           {"u16", Field::Kind::U16, 2},
-                                           {"u32", Field::Kind::U32, 4},
-                                           {"u64", Field::Kind::U64, 8},
-                                           {"f64", Field::Kind::F64, 8},
-                                           {"mac", Field::Kind::Mac, 6},
-                                           {"ipv4", Field::Kind::Ipv4, 4},
-                                           {"ipv4n", Field::Kind::Ipv4n, 4},
-                                           {"vlan", Field::Kind::Vlan, 2},
-                                           {"text", Field::Kind::Text, 0},
-                                           {"pad", Field::Kind::Pad, 0}}};
+constexpr std::array<KindName, 11> kinds{{{"u8", Field::Kind::U8, 1},
+                                          {"u16", Field::Kind::U16, 2},
+                                          {"u32", Field::Kind::U32, 4},
+                                          {"u64", Field::Kind::U64, 8},
+                                          {"f64", Field::Kind::F64, 8},
+                                          {"mac", Field::Kind::Mac, 6},
+                                          {"ipv4", Field::Kind::Ipv4, 4},
+                                          {"ipv4n", Field::Kind::Ipv4n, 4},
+                                          {"vlan", Field::Kind::Vlan, 2},
+                                          {"text", Field::Kind::Text, 0},
+                                          {"pad", Field::Kind::Pad, 0}}};
 
-/// "text[16]" into its kind and size; nothing when it is neither.
+// "text[16]" into its kind and size; nothing when it is neither.
 std::optional<std::pair<Field::Kind, std::size_t>> parseKind(std::string_view text) {
   std::size_t size = 0;
   const std::size_t bracket = text.find('[');
@@ -42,8 +42,8 @@ std::optional<std::pair<Field::Kind, std::size_t>> parseKind(std::string_view te
     text = text.substr(0, bracket);
   }
   const auto* known =
-      std::find_if(kKinds.begin(), kKinds.end(), [&](const KindName& k) { return k.name == text; });
-  if (known == kKinds.end() || (known->bytes == 0) != (size != 0)) {
+      std::find_if(kinds.begin(), kinds.end(), [&](const KindName& k) { return k.name == text; });
+  if (known == kinds.end() || (known->bytes == 0) != (size != 0)) {
     return std::nullopt;
   }
   return std::pair{known->kind, known->bytes + size};

@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// The segment as it lies in memory; docs/memtab.md draws it and tells the protocol. Every datum that changes
-/// after creation is a lock-free atomic, so that a reader of another process may load it at any time.
+// The segment as it lies in memory; docs/memtab.md draws it and tells the protocol. Every datum that changes
+// after creation is a lock-free atomic, so that a reader of another process may load it at any time.
 namespace Memtab::Format {
 
 using Word = std::atomic<std::uint64_t>;
@@ -15,30 +15,30 @@ using Half = std::atomic<std::uint32_t>;
 static_assert(Word::is_always_lock_free && sizeof(Word) == 8);
 static_assert(Half::is_always_lock_free && sizeof(Half) == 4);
 
-inline constexpr std::uint64_t kMagic = 0x3162'6174'6d65'6d00;           // "\0memtab1", little end first
-inline constexpr std::uint64_t kMagicBeingMade = 0x3f62'6174'6d65'6d00;  // "\0memtab?"
-inline constexpr std::uint32_t kVersion = 1;
+inline constexpr std::uint64_t magic = 0x3162'6174'6d65'6d00;           // "\0memtab1", little end first
+inline constexpr std::uint64_t magicBeingMade = 0x3f62'6174'6d65'6d00;  // "\0memtab?"
+inline constexpr std::uint32_t version = 1;
 
-inline constexpr std::size_t kSchemaBytes = 128;
-inline constexpr std::size_t kFieldsBytes = 1024;
-inline constexpr std::size_t kMaxKeyBytes = 256;
-inline constexpr std::size_t kMaxValueBytes = 4096;
-inline constexpr std::size_t kMaxLimit = (std::size_t{1} << 28) - 1;
+inline constexpr std::size_t schemaBytes = 128;
+inline constexpr std::size_t fieldsBytes = 1024;
+inline constexpr std::size_t maxKeyBytes = 256;
+inline constexpr std::size_t maxValueBytes = 4096;
+inline constexpr std::size_t maxLimit = (std::size_t{1} << 28) - 1;
 
-/// Two bucket heads a record: half a chain node to pass at a lookup, for 8 bytes a record.
-inline constexpr std::uint32_t kBucketsPerRecord = 2;
-/// Buckets share counters of removals; a lookup that finds nothing is repeated when its counter moved
-/// meanwhile.
-inline constexpr std::uint32_t kStripes = 1024;
+// Two bucket heads a record: half a chain node to pass at a lookup, for 8 bytes a record.
+inline constexpr std::uint32_t bucketsPerRecord = 2;
+// Buckets share counters of removals; a lookup that finds nothing is repeated when its counter moved
+// meanwhile.
+inline constexpr std::uint32_t stripes = 1024;
 
-/// A link leads to a slot, or, with this bit, to the head of the next bucket in the order of the
-/// list.
-inline constexpr std::uint32_t kBucketBit = 0x8000'0000;
-inline constexpr std::uint32_t kEnd = 0xffff'ffff;
-static_assert(kMaxLimit * 2 * kBucketsPerRecord < kBucketBit,
+// A link leads to a slot, or, with this bit, to the head of the next bucket in the order of the
+// list.
+inline constexpr std::uint32_t bucketBit = 0x8000'0000;
+inline constexpr std::uint32_t end = 0xffff'ffff;
+static_assert(maxLimit * 2 * bucketsPerRecord < bucketBit,
               "slot and bucket numbers fit below the bucket bit");
 
-/// Constants of one table, written once at creation and covered by a checksum.
+// Constants of one table, written once at creation and covered by a checksum.
 struct Description {
   std::uint64_t magic;
   std::uint32_t version;
@@ -60,12 +60,12 @@ struct Description {
   std::uint64_t generation;  // no two segments have the same
   std::uint64_t seed;
   std::int64_t createdAt;  // seconds since 1970
-  std::array<char, kSchemaBytes> schema;
-  std::array<char, kFieldsBytes> fields;
+  std::array<char, schemaBytes> schema;
+  std::array<char, fieldsBytes> fields;
   std::uint64_t checksum;
 };
 
-/// What the writer changes, grouped by how often, one cache line a group.
+// What the writer changes, grouped by how often, one cache line a group.
 struct alignas(64) State {
   Word published;         // number of the last turn that readers may see
   Word publishedChanges;  // length of the change ring up to that turn
@@ -79,14 +79,14 @@ struct alignas(64) State {
   alignas(64) Word changes;  // length of the change ring, unpublished turn included
 };
 
-/// What a segment begins with: who wrote it and how, then what changes.
+// What a segment begins with: who wrote it and how, then what changes.
 struct Header {
   Description description;
   State state;
 };
 
-/// The old words of the value that is being replaced, so that neither a reader nor the next writer depends on
-/// the present writer to finish. Followed by room for one value.
+// The old words of the value that is being replaced, so that neither a reader nor the next writer depends on
+// the present writer to finish. Followed by room for one value.
 struct Journal {
   Half seq;      // odd while this journal is being written
   Half slot;     // the slot that is being replaced
@@ -94,7 +94,7 @@ struct Journal {
   Half range;    // first word << 16 | number of words
 };
 
-/// One record: this, then the words of the key, then those of the value.
+// One record: this, then the words of the key, then those of the value.
 struct Slot {
   Half seq;   // odd while key or value are being written
   Half next;  // link in the list of all records
@@ -115,7 +115,7 @@ inline const Word* wordsOf(const Journal* journal) {
   return reinterpret_cast<const Word*>(journal + 1);
 }
 
-/// When a slot's record can be seen: one word, so that each change of it is whole.
+// When a slot's record can be seen: one word, so that each change of it is whole.
 class Life {
  public:
   enum State : std::uint64_t {
@@ -144,23 +144,23 @@ constexpr std::size_t wordsFor(std::size_t bytes) {
   return (bytes + 7) / 8;
 }
 
-/// One word of a key into its hash: a bijection (xor-shift and odd multiplications, the constants of
-/// SplitMix64), so that keys of one word never have the same hash.
+// One word of a key into its hash: a bijection (xor-shift and odd multiplications, the constants of
+// SplitMix64), so that keys of one word never have the same hash.
 constexpr std::uint64_t mixed(std::uint64_t h) {
   h = (h ^ h >> 30U) * 0xbf58'476d'1ce4'e5b9U;
   h = (h ^ h >> 27U) * 0x94d0'49bb'1331'11ebU;
   return h ^ h >> 31U;
 }
 
-/// The order of the list: hashes compared from the lowest bit up.
+// The order of the list: hashes compared from the lowest bit up.
 constexpr bool before(std::uint64_t a, std::uint64_t b) {
   const std::uint64_t differing = a ^ b;
   return (differing & (~differing + 1) & b) != 0;
 }
 
-/// The head that owns HASH while BUCKETS heads are in use, and MASK covers their numbers: linear hashing. As
-/// bucket numbers are the low bits of hashes, a head's number is also the first hash of its stretch, and a
-/// new head takes the upper half of an older one's.
+// The head that owns HASH while BUCKETS heads are in use, and MASK covers their numbers: linear hashing. As
+// bucket numbers are the low bits of hashes, a head's number is also the first hash of its stretch, and a
+// new head takes the upper half of an older one's.
 constexpr std::uint32_t bucketOf(std::uint64_t hash, std::uint32_t buckets, std::uint32_t mask) {
   const std::uint32_t bucket = static_cast<std::uint32_t>(hash) & mask;
   return bucket < buckets ? bucket : bucket & mask >> 1U;

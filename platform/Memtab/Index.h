@@ -12,29 +12,29 @@
 
 namespace Memtab {
 
-/// The writer's hand on the list of all records, ordered by hash, and on the bucket heads that stand in
-/// it as short cuts. (Shalev and Shavit, "Split-Ordered Lists: Lock-Free Extensible Hash Tables", with one
-/// writer.)
-///
-///  1. Following the links from head 0 meets every linked slot and every head in use once, in ascending
-///  order.
-///  2. A head stands before all slots of its stretch; the stretch ends at the next head.
-///  3. Each operation becomes visible by a single store, so that its end at any instruction leaves 1 and 2
-///  true.
-///  4. A slot that was taken out is not changed before the counter of its stripe has moved.
-///
-/// The list is in memory that others may have damaged: what is read of it leads nowhere else, and no way
-/// along it is endless. Damage that is met raises Damaged; the table may then be half changed and is not used
-/// further.
+// The writer's hand on the list of all records, ordered by hash, and on the bucket heads that stand in
+// it as short cuts. (Shalev and Shavit, "Split-Ordered Lists: Lock-Free Extensible Hash Tables", with one
+// writer.)
+//
+//  1. Following the links from head 0 meets every linked slot and every head in use once, in ascending
+//  order.
+//  2. A head stands before all slots of its stretch; the stretch ends at the next head.
+//  3. Each operation becomes visible by a single store, so that its end at any instruction leaves 1 and 2
+//  true.
+//  4. A slot that was taken out is not changed before the counter of its stripe has moved.
+//
+// The list is in memory that others may have damaged: what is read of it leads nowhere else, and no way
+// along it is endless. Damage that is met raises Damaged; the table may then be half changed and is not used
+// further.
 template <class Shape>
 class Index {
  public:
-  /// Where a key is, or where it would go: the link that leads there.
+  // Where a key is, or where it would go: the link that leads there.
   struct Place {
     Format::Half* link;
-    std::uint32_t slot;  // kEnd: the key has none
+    std::uint32_t slot;  // end: the key has none
 
-    bool found() const { return slot != Format::kEnd; }
+    bool found() const { return slot != Format::end; }
   };
 
   Index(const Segment& segment, Shape shape)
@@ -52,34 +52,40 @@ class Index {
   }
 
   std::uint32_t buckets() const { return buckets_; }
-  /// Any slot, which the caller knows to be in use.
+  // Any slot, which the caller knows to be in use.
   Format::Slot* slot(std::uint32_t number) const { return slotAt(shape_, slots_, number); }
-  /// The slot that a link leads to. Raises Damaged when there is none.
+  // The slot that a link leads to. Raises Damaged when there is none.
   Format::Slot* linked(std::uint32_t number) const {
-    if (number >= usedSlots_) [[unlikely]] {
-      damaged("a link leads to slot " + std::to_string(number) + ", which is not in use");
+    if (number >= usedSlots_) {
+      [[unlikely]] {
+        damaged("a link leads to slot " + std::to_string(number) + ", which is not in use");
+      }
     }
     return slot(number);
   }
-  /// The same for a bucket head.
+  // The same for a bucket head.
   const Format::Half* linkedHead(std::uint32_t bucket) const {
-    if (bucket >= buckets_) [[unlikely]] {
-      damaged("a link leads to bucket head " + std::to_string(bucket) + ", which is not in use");
+    if (bucket >= buckets_) {
+      [[unlikely]] {
+        damaged("a link leads to bucket head " + std::to_string(bucket) + ", which is not in use");
+      }
     }
     return &heads_[bucket];
   }
-  /// How many slots are in use, so that links lead to those alone.
+  // How many slots are in use, so that links lead to those alone.
   void usedSlotsAre(std::uint32_t used) { usedSlots_ = used; }
   [[noreturn]] void damaged(const std::string& what) const { throw Damaged(segment_->name(), what); }
 
-  /// Counts the steps of a way along the list: raises Damaged at one more than a list without a circle has.
+  // Counts the steps of a way along the list: raises Damaged at one more than a list without a circle has.
   class Way {
    public:
     explicit Way(const Index& index)
         : index_(index), left_(std::uint64_t{index.usedSlots_} + index.buckets_ + 1) {}
     void step() {
-      if (left_-- == 0) [[unlikely]] {
-        index_.damaged("the links run in a circle");
+      if (left_-- == 0) {
+        [[unlikely]] {
+          index_.damaged("the links run in a circle");
+        }
       }
     }
 
@@ -95,33 +101,35 @@ class Index {
     Format::Half* link = &heads_[bucketOf(wanted)];
     for (Way way(*this);; way.step()) {
       const std::uint32_t to = load(link);
-      if ((to & Format::kBucketBit) != 0) {
-        return {link, Format::kEnd};
+      if ((to & Format::bucketBit) != 0) {
+        return {link, Format::end};
       }
       Format::Slot* at = linked(to);
       const int relation = compareTo(shape_, at, wanted, key, seed_);
       if (relation >= 0) {
-        return {link, relation == 0 ? to : Format::kEnd};
+        return {link, relation == 0 ? to : Format::end};
       }
       link = &at->next;
     }
   }
 
-  /// Puts slot NUMBER, complete but for its link, where its key was not found.
+  // Puts slot NUMBER, complete but for its link, where its key was not found.
   void link(const Place& place, std::uint32_t number) {
     slot(number)->next.store(place.link->load(std::memory_order_relaxed), std::memory_order_release);
     place.link->store(number, std::memory_order_release);
   }
 
-  /// Takes slot NUMBER out of the list; afterwards it may be changed.
+  // Takes slot NUMBER out of the list; afterwards it may be changed.
   void unlink(std::uint32_t number) {
     Format::Slot* out = slot(number);
     const std::uint32_t bucket = bucketOf(hash(out));
     Format::Half* link = &heads_[bucket];
     Way way(*this);
     for (std::uint32_t to = load(link); to != number; to = load(link)) {
-      if ((to & Format::kBucketBit) != 0) [[unlikely]] {
-        damaged("slot " + std::to_string(number) + " is not in the list");
+      if ((to & Format::bucketBit) != 0) {
+        [[unlikely]] {
+          damaged("slot " + std::to_string(number) + " is not in the list");
+        }
       }
       link = &linked(to)->next;
       way.step();
@@ -129,47 +137,47 @@ class Index {
     unlink(link, bucket, out);
   }
 
-  /// The same where the caller knows the LINK that leads to OUT, and its BUCKET.
+  // The same where the caller knows the LINK that leads to OUT, and its BUCKET.
   void unlink(Format::Half* link, std::uint32_t bucket, const Format::Slot* out) {
     link->store(out->next.load(std::memory_order_relaxed), std::memory_order_release);
     bump(bucket);
   }
 
-  /// Keeps the number of heads right for RECORDS, a few heads at a time: the work of a call does not depend
-  /// on the size.
+  // Keeps the number of heads right for RECORDS, a few heads at a time: the work of a call does not depend
+  // on the size.
   void fit(std::size_t records) {
     const std::uint64_t wanted =
-        std::min<std::uint64_t>(std::uint64_t{records} * Format::kBucketsPerRecord, room_);
-    if (buckets_ + kHeadsAtOnce <= wanted || (buckets_ < wanted && buckets_ < kHeadsAtOnce)) {
-      grow(static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted - buckets_, kHeadsAtOnce)));
-    } else if (buckets_ > 2 * wanted + kLeastBuckets) {
-      shrink(kHeadsAtOnce);
+        std::min<std::uint64_t>(std::uint64_t{records} * Format::bucketsPerRecord, room_);
+    if (buckets_ + headsAtOnce <= wanted || (buckets_ < wanted && buckets_ < headsAtOnce)) {
+      grow(static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted - buckets_, headsAtOnce)));
+    } else if (buckets_ > 2 * wanted + leastBuckets) {
+      shrink(headsAtOnce);
     }
   }
 
-  /// Corrects the number of heads after a writer died between placing or removing the last one and counting
-  /// it.
+  // Corrects the number of heads after a writer died between placing or removing the last one and counting
+  // it.
   void bucketsAre(std::uint32_t buckets) {
     buckets_ = buckets;
     mask_ = Format::maskOf(buckets);
   }
 
  private:
-  static constexpr std::uint32_t kLeastBuckets = 64;
-  static constexpr std::uint32_t kHeadsAtOnce = 8;  // as many as make half a cache line
-  static constexpr std::uint32_t kHeadsTaken = 16384;
+  static constexpr std::uint32_t leastBuckets = 64;
+  static constexpr std::uint32_t headsAtOnce = 8;  // as many as make half a cache line
+  static constexpr std::uint32_t headsTaken = 16384;
 
   static std::uint32_t load(const Format::Half* link) { return link->load(std::memory_order_relaxed); }
 
   std::uint32_t bucketOf(std::uint64_t hash) const { return Format::bucketOf(hash, buckets_, mask_); }
 
   void bump(std::uint32_t bucket) {
-    Format::Half& stripe = stripes_[bucket % Format::kStripes];
+    Format::Half& stripe = stripes_[bucket % Format::stripes];
     stripe.store(load(&stripe) + 1, std::memory_order_release);
   }
 
   bool takeHeads() {
-    const std::uint32_t more = std::min(kHeadsTaken, room_ - buckets_);
+    const std::uint32_t more = std::min(headsTaken, room_ - buckets_);
     try {
       segment_->take(segment_->description().headsAt + sizeof(Format::Half) * std::uint64_t{buckets_},
                      sizeof(Format::Half) * std::uint64_t{more});
@@ -181,8 +189,10 @@ class Index {
   }
 
   void grow(std::uint32_t heads) {
-    if (buckets_ + heads > taken_ && !takeHeads()) [[unlikely]] {
-      return;
+    if (buckets_ + heads > taken_ && !takeHeads()) {
+      [[unlikely]] {
+        return;
+      }
     }
     std::uint32_t bit = std::bit_floor(buckets_);
     const std::uint32_t end = buckets_ + heads;
@@ -195,11 +205,11 @@ class Index {
     prefetchParents();
   }
 
-  /// Puts head MADE, with leading BIT, in the list, in the middle of its parent's stretch.
+  // Puts head MADE, with leading BIT, in the list, in the middle of its parent's stretch.
   void split(std::uint32_t made, std::uint32_t bit) {
     Format::Half* link = &heads_[made ^ bit];
     std::uint32_t to = load(link);
-    for (Way way(*this); (to & Format::kBucketBit) == 0; way.step()) {
+    for (Way way(*this); (to & Format::bucketBit) == 0; way.step()) {
       Format::Slot* at = linked(to);
       if ((hash(at) & bit) != 0) {
         break;
@@ -208,16 +218,16 @@ class Index {
       to = load(link);
     }
     heads_[made].store(to, std::memory_order_release);
-    link->store(Format::kBucketBit | made, std::memory_order_release);
+    link->store(Format::bucketBit | made, std::memory_order_release);
   }
 
-  /// It is known which heads will be split next, so that their first slots can be on their way already.
+  // It is known which heads will be split next, so that their first slots can be on their way already.
   void prefetchParents() const {
     const std::uint32_t first = buckets_ ^ std::bit_floor(buckets_);
-    const std::uint32_t end = std::min(first + kHeadsAtOnce, buckets_);
+    const std::uint32_t end = std::min(first + headsAtOnce, buckets_);
     for (std::uint32_t parent = first; parent < end; ++parent) {
       const std::uint32_t to = load(&heads_[parent]);
-      if ((to & Format::kBucketBit) == 0) {
+      if ((to & Format::bucketBit) == 0) {
         __builtin_prefetch(slot(to));
       }
     }
@@ -229,13 +239,15 @@ class Index {
     }
   }
 
-  /// Takes the last head out of the list.
+  // Takes the last head out of the list.
   void merge() {
     const std::uint32_t last = buckets_ - 1;
     Format::Half* link = &heads_[last ^ std::bit_floor(last)];
-    for (Way way(*this); load(link) != (Format::kBucketBit | last); way.step()) {
-      if ((load(link) & Format::kBucketBit) != 0) [[unlikely]] {
-        damaged("bucket head " + std::to_string(last) + " is not in the list");
+    for (Way way(*this); load(link) != (Format::bucketBit | last); way.step()) {
+      if ((load(link) & Format::bucketBit) != 0) {
+        [[unlikely]] {
+          damaged("bucket head " + std::to_string(last) + " is not in the list");
+        }
       }
       link = &linked(load(link))->next;
     }

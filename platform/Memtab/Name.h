@@ -6,12 +6,12 @@
 
 namespace Memtab {
 
-/// Where the system has the table NAME as a file: "/name" is a POSIX shared memory object, anything with a
-/// further slash a file. Raises Error when it is not a name.
+// Where the system has the table NAME as a file: "/name" is a POSIX shared memory object, anything with a
+// further slash a file. Raises Error when it is not a name.
 MEMTAB_API std::string pathOf(const std::string& name);
 
-/// The names that go with a table: the lock of its writer, the table that is being made in its place, and the
-/// damaged one that was replaced last.
+// The names that go with a table: the lock of its writer, the table that is being made in its place, and the
+// damaged one that was replaced last.
 inline std::string lockOf(const std::string& name) {
   return name + ".lock";
 }

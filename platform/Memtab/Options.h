@@ -9,40 +9,40 @@
 
 namespace Memtab {
 
-/// What a writer says about its table. Schema, fields, limit, changes and seed are stored in the segment.
+// What a writer says about its table. Schema, fields, limit, changes and seed are stored in the segment.
 struct Options {
-  /// "/name" is a POSIX shared memory object; a path with a further slash is a file; an empty name is private
-  /// memory of this process, without sharing.
+  // "/name" is a POSIX shared memory object; a path with a further slash is a file; an empty name is private
+  // memory of this process, without sharing.
   std::string name = {};
 
-  /// Type name and version of the records, such as "l2rib-host 2"; at most 127 bytes. A segment with another
-  /// schema is refused by writers and readers.
+  // Type name and version of the records, such as "l2rib-host 2"; at most 127 bytes. A segment with another
+  // schema is refused by writers and readers.
   std::string schema = {};
 
-  /// How generic tools print a record: its key's fields, then its value's, as "name:kind,name:kind,..." (see
-  /// Fields.h). Empty: unknown, printed as bytes. At most 1,023 bytes.
+  // How generic tools print a record: its key's fields, then its value's, as "name:kind,name:kind,..." (see
+  // Fields.h). Empty: unknown, printed as bytes. At most 1,023 bytes.
   std::string fields = {};
 
-  /// The most records the table may have, 1 to 268,435,455. Address space is reserved for twice as many,
-  /// memory is taken as the table grows. An adopted segment keeps the limit it was created with.
+  // The most records the table may have, 1 to 268,435,455. Address space is reserved for twice as many,
+  // memory is taken as the table grows. An adopted segment keeps the limit it was created with.
   std::size_t limit = std::size_t{1} << 20;
 
-  /// Access of a new segment, as chmod(2) has it; only the owner may write.
+  // Access of a new segment, as chmod(2) has it; only the owner may write.
   unsigned mode = 0644;
 
-  /// One more user whose table is adopted; root's and the own user's always are, no others.
+  // One more user whose table is adopted; root's and the own user's always are, no others.
   std::optional<uid_t> owner = {};
 
-  /// What happens to a damaged table, or one of another format: false refuses it; true leaves it to the
-  /// readers until then, and begins an empty one in its place (see Writer).
+  // What happens to a damaged table, or one of another format: false refuses it; true leaves it to the
+  // readers until then, and begins an empty one in its place (see Writer).
   bool replaceDamaged = false;
 
-  /// How many changed keys the table remembers for readers that follow it, rounded up to a power of two; 0
-  /// chooses a sixteenth of the limit, between 1,024 and 65,536.
+  // How many changed keys the table remembers for readers that follow it, rounded up to a power of two; 0
+  // chooses a sixteenth of the limit, between 1,024 and 65,536.
   std::size_t changes = 0;
 
-  /// Salt of the key order. The same seed gives the same walk order everywhere; choose a random one where
-  /// strangers choose the keys.
+  // Salt of the key order. The same seed gives the same walk order everywhere; choose a random one where
+  // strangers choose the keys.
   std::uint64_t seed = 0;
 };
 

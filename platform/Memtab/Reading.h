@@ -11,7 +11,7 @@
 
 namespace Memtab {
 
-/// What all readers do, in words: hold on to the table under a name, look up, walk, follow. See Reader.
+// What all readers do, in words: hold on to the table under a name, look up, walk, follow. See Reader.
 template <class Shape>
 class Reading {
  public:
@@ -19,17 +19,19 @@ class Reading {
   Reading(const Reading&) = delete;
   Reading& operator=(const Reading&) = delete;
 
-  /// The segment that is being read, null while there is none.
+  // The segment that is being read, null while there is none.
   const Segment* segment() {
     if (attachment_.outdatedForSure()) {
       renew();
     }
     return attachment_.segment();
   }
-  /// The same, where it does for a removal by other means than Memtab::remove() to be noticed a little later.
+  // The same, where it does for a removal by other means than Memtab::remove() to be noticed a little later.
   const Segment* recentSegment() {
-    if (attachment_.outdated()) [[unlikely]] {
-      renew();
+    if (attachment_.outdated()) {
+      [[unlikely]] {
+        renew();
+      }
     }
     return attachment_.segment();
   }
@@ -44,8 +46,8 @@ class Reading {
     return segment() != nullptr ? view_.walk(key, value, visit) : 0;
   }
 
-  /// Calls visit(true) for a record in KEY and VALUE, visit(false) for the KEY of a record that is gone;
-  /// begin() before everything is told.
+  // Calls visit(true) for a record in KEY and VALUE, visit(false) for the KEY of a record that is gone;
+  // begin() before everything is told.
   template <class Visit, class Begin>
   Followed follow(Position& position, std::uint64_t* key, std::uint64_t* value, const Visit& visit,
                   const Begin& begin) {

@@ -20,7 +20,7 @@ std::string reason() {
   return std::strerror(errno);
 }
 
-/// Never through a link, and without waiting for the other end of what is no file.
+// Never through a link, and without waiting for the other end of what is no file.
 int openName(const std::string& name, int flags, mode_t mode = 0) {
   return ::open(pathOf(name).c_str(), flags | O_NOFOLLOW | O_CLOEXEC | O_NONBLOCK, mode);
 }
@@ -38,7 +38,7 @@ void checkFile(const std::string& name, int fd, const Files::Owners& owners) {
   }
 }
 
-/// Why the table cannot be opened or removed, and whose it is where that may be the reason.
+// Why the table cannot be opened or removed, and whose it is where that may be the reason.
 std::string refusalOf(const std::string& name) {
   const int failure = errno;
   const std::string text = std::strerror(failure);
@@ -54,29 +54,29 @@ std::uint64_t sizeOf(int fd) {
   return ::fstat(fd, &status) == 0 ? static_cast<std::uint64_t>(status.st_size) : 0;
 }
 
-/// Whether the maker of the table died, or is busy, before it was there for readers: nothing in it counts
-/// yet. The mark of that is its first word, so that without it all is zero.
+// Whether the maker of the table died, or is busy, before it was there for readers: nothing in it counts
+// yet. The mark of that is its first word, so that without it all is zero.
 bool beingMade(int fd) {
   Format::Header found{};
   const ssize_t bytes = ::pread(fd, static_cast<void*>(&found), sizeof found, 0);
   if (bytes == 0) {
     return true;
   }
-  static constexpr Format::Description kNothing{};
+  static constexpr Format::Description nothing{};
   const bool untouched = found.state.published.load() == 0 && found.state.usedSlots.load() == 0;
   return bytes == sizeof found && untouched &&
-         (found.description.magic == Format::kMagicBeingMade ||
-          std::memcmp(&found.description, &kNothing, sizeof kNothing) == 0);
+         (found.description.magic == Format::magicBeingMade ||
+          std::memcmp(&found.description, &nothing, sizeof nothing) == 0);
 }
 
-/// Tells the readers of the table open at FD, if it is one, that its name leads elsewhere by now; a damaged
-/// one may have readers too.
+// Tells the readers of the table open at FD, if it is one, that its name leads elsewhere by now; a damaged
+// one may have readers too.
 void markRetired(int fd) {
   if (sizeOf(fd) >= sizeof(Format::Header)) {
     void* base = ::mmap(nullptr, sizeof(Format::Header), PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
     if (base != MAP_FAILED) {
       auto& header = *static_cast<Format::Header*>(base);
-      if (header.description.magic == Format::kMagic && header.description.version == Format::kVersion) {
+      if (header.description.magic == Format::magic && header.description.version == Format::version) {
         header.state.retired.store(1, std::memory_order_release);
       }
       ::munmap(base, sizeof(Format::Header));
@@ -154,7 +154,7 @@ void Segment::mapPrivate(std::size_t bytes) {
   bytes_ = bytes;
 }
 
-/// Returns whether there is a table; one whose maker died makes room for another.
+// Returns whether there is a table; one whose maker died makes room for another.
 bool Segment::openForWriter(const Options& options) {
   fd_ = openName(options.name, O_RDWR);
   if (fd_ < 0) {
@@ -200,7 +200,7 @@ Segment Segment::successor(const Options& options, Shape shape) {
   return segment;
 }
 
-/// At each instant there is a table under the name.
+// At each instant there is a table under the name.
 void Segment::takePlaceOf(const std::string& name) {
   const std::string path = pathOf(name);
   const int before = openName(name, O_RDWR);
@@ -248,19 +248,19 @@ void Segment::make(const Options& options) {
   }
   take(0, sizeof(Format::Header));
   auto& mark = reinterpret_cast<Format::Word&>(header().description.magic);
-  mark.store(Format::kMagicBeingMade, std::memory_order_release);
+  mark.store(Format::magicBeingMade, std::memory_order_release);
   take(0, description_.ringAt +
               std::uint64_t{8} * Format::wordsFor(description_.keyBytes) * description_.ringEntries);
   Format::Description rest = description_;
-  rest.magic = Format::kMagicBeingMade;
+  rest.magic = Format::magicBeingMade;
   header().description = rest;
   take(description_.headsAt, sizeof(Format::Half));
-  heads()[0].store(Format::kEnd, std::memory_order_relaxed);
+  heads()[0].store(Format::end, std::memory_order_relaxed);
   state().buckets.store(1, std::memory_order_relaxed);
-  mark.store(Format::kMagic, std::memory_order_release);
+  mark.store(Format::magic, std::memory_order_release);
 }
 
-/// Takes a copy of the description, and checks that.
+// Takes a copy of the description, and checks that.
 void Segment::readDescription(std::uint64_t bytes) {
   Format::Description found{};  // zeros where there is less than that
   static_cast<void>(::pread(fd_, &found, sizeof found, 0) < 0);

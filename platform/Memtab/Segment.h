@@ -12,17 +12,17 @@
 
 namespace Memtab {
 
-/// Takes the table NAME away, and what was left beside it: a damaged one, one that was being made. Readers
-/// that have it open notice, and look for a successor under the same name. False when there is none. Raises
-/// Error when it may not be removed.
+// Takes the table NAME away, and what was left beside it: a damaged one, one that was being made. Readers
+// that have it open notice, and look for a successor under the same name. False when there is none. Raises
+// Error when it may not be removed.
 MEMTAB_API bool remove(const std::string& name);
 
-/// A mapped table, as bytes: finds or makes the object under a name, checks its description, maps all of its
-/// address range once (growth only fills it), and takes memory for it step by step. What the bytes mean is up
-/// to Writer and Reader.
+// A mapped table, as bytes: finds or makes the object under a name, checks its description, maps all of its
+// address range once (growth only fills it), and takes memory for it step by step. What the bytes mean is up
+// to Writer and Reader.
 class MEMTAB_API Segment {
  public:
-  /// Size and type of what a program keeps in the table, to compare with what the segment says.
+  // Size and type of what a program keeps in the table, to compare with what the segment says.
   struct Shape {
     std::size_t keyBytes;
     std::size_t valueBytes;
@@ -35,31 +35,31 @@ class MEMTAB_API Segment {
   Segment& operator=(const Segment&) = delete;
   ~Segment();
 
-  /// Opens the table of OPTIONS for its writer, who has the lock, or makes it. Raises Error when it belongs
-  /// to somebody whose table is not adopted, may be written to by others, or was made for another schema or
-  /// shape; Damaged when it is damaged or of another format. It is unchanged then.
+  // Opens the table of OPTIONS for its writer, who has the lock, or makes it. Raises Error when it belongs
+  // to somebody whose table is not adopted, may be written to by others, or was made for another schema or
+  // shape; Damaged when it is damaged or of another format. It is unchanged then.
   static Segment forWriter(const Options& options, Shape shape);
 
-  /// Makes an empty table that takes the place of the one of OPTIONS when it is told to: until then it is
-  /// there under another name (see successorOf), and readers do not find it. Raises Error when it cannot be
-  /// made.
+  // Makes an empty table that takes the place of the one of OPTIONS when it is told to: until then it is
+  // there under another name (see successorOf), and readers do not find it. Raises Error when it cannot be
+  // made.
   static Segment successor(const Options& options, Shape shape);
-  /// Gives a successor its name NAME. What was there stays as damagedOf(NAME), and its readers come over.
+  // Gives a successor its name NAME. What was there stays as damagedOf(NAME), and its readers come over.
   void takePlaceOf(const std::string& name);
 
-  /// Opens table NAME for reading; without effect on it. The result is empty when there is none (yet). Raises
-  /// Error when it cannot be read, belongs to none of OWNERS, may be written to by others, or when SCHEMA
-  /// (unless empty) or SHAPE (unless null) differs; Damaged when its header is damaged or of another format.
+  // Opens table NAME for reading; without effect on it. The result is empty when there is none (yet). Raises
+  // Error when it cannot be read, belongs to none of OWNERS, may be written to by others, or when SCHEMA
+  // (unless empty) or SHAPE (unless null) differs; Damaged when its header is damaged or of another format.
   static Segment forReader(const std::string& name, const std::string& schema, const Shape* shape,
                            const Files::Owners& owners = Files::Owners());
 
   explicit operator bool() const { return base_ != nullptr; }
   const std::string& name() const { return name_; }
   bool adopted() const { return adopted_; }
-  /// Whether the name leads elsewhere by now, or nowhere.
+  // Whether the name leads elsewhere by now, or nowhere.
   bool elsewhere() const;
 
-  /// Checked, and a copy: what happens to the segment later leads nobody out of it.
+  // Checked, and a copy: what happens to the segment later leads nobody out of it.
   const Format::Description& description() const { return description_; }
   Format::Header& header() const { return *reinterpret_cast<Format::Header*>(base_); }
   Format::State& state() const { return header().state; }
@@ -71,11 +71,11 @@ class MEMTAB_API Segment {
   Format::Half* heads() const { return reinterpret_cast<Format::Half*>(base_ + description().headsAt); }
   std::byte* slots() const { return base_ + description().slotsAt; }
 
-  /// Takes memory for FROM .. FROM + BYTES of the segment, so that writing there cannot fail. Raises Error
-  /// when there is none left.
+  // Takes memory for FROM .. FROM + BYTES of the segment, so that writing there cannot fail. Raises Error
+  // when there is none left.
   void take(std::uint64_t from, std::uint64_t bytes) const;
 
-  /// Bytes of memory that the table takes at present.
+  // Bytes of memory that the table takes at present.
   std::uint64_t bytesTaken() const;
 
  private:

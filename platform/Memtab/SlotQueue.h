@@ -8,11 +8,11 @@
 
 namespace Memtab {
 
-/// Numbers of slots, first in first out, in private address space reserved for all that there may be: no
-/// operation copies or frees memory in bulk, and an empty queue takes next to none.
+// Numbers of slots, first in first out, in private address space reserved for all that there may be: no
+// operation copies or frees memory in bulk, and an empty queue takes next to none.
 class MEMTAB_API SlotQueue {
  public:
-  /// Room for SLOTS numbers. Raises Error, which names TABLE, when there is no address space.
+  // Room for SLOTS numbers. Raises Error, which names TABLE, when there is no address space.
   SlotQueue(const std::string& table, std::uint32_t slots);
   SlotQueue(const SlotQueue&) = delete;
   SlotQueue& operator=(const SlotQueue&) = delete;

@@ -14,18 +14,18 @@
 
 namespace Memtab {
 
-/// The writer's side of a table of words: what Writer does, without the types of the user.
-///
-///  1. A key has at most one linked slot. A deleted key keeps it until it is swept, and gets it back when it
-///  returns.
-///  2. Slots that are linked without a record wait in the queue, each once: the `queued` bit of its life says
-///  so.
-///  3. Slots that are not linked are chained from freeSlots_, or lie at usedSlots and above.
-///  4. A reader can see exactly the records that were there at the last publish().
+// The writer's side of a table of words: what Writer does, without the types of the user.
+//
+//  1. A key has at most one linked slot. A deleted key keeps it until it is swept, and gets it back when it
+//  returns.
+//  2. Slots that are linked without a record wait in the queue, each once: the `queued` bit of its life says
+//  so.
+//  3. Slots that are not linked are chained from freeSlots_, or lie at usedSlots and above.
+//  4. A reader can see exactly the records that were there at the last publish().
 template <class Shape>
 class Table {
  public:
-  /// Upon a table that is empty, or is adopted; the latter raises Damaged.
+  // Upon a table that is empty, or is adopted; the latter raises Damaged.
   Table(Segment segment, Shape shape);
   Table(const Table&) = delete;
   Table& operator=(const Table&) = delete;
@@ -36,12 +36,12 @@ class Table {
   void publish();
   std::size_t sweep(std::size_t atMost);
 
-  /// The slot of KEY's record, the unpublished turn included; null when there is none.
+  // The slot of KEY's record, the unpublished turn included; null when there is none.
   const Format::Slot* find(const std::byte* key) const {
     const auto place = index_.locate(key);
     return place.found() && born(place.slot) ? index_.slot(place.slot) : nullptr;
   }
-  /// The slot of the first record, or of the next behind KEY in the order; null at the end.
+  // The slot of the first record, or of the next behind KEY in the order; null at the end.
   const Format::Slot* first() const { return nextFrom(&segment_.heads()[0]); }
   const Format::Slot* next(const std::byte* key) const {
     const auto place = index_.locate(key);
@@ -58,8 +58,8 @@ class Table {
 
  private:
   using Life = Format::Life;
-  static constexpr std::size_t kSweptPerChange = 2;
-  static constexpr std::uint64_t kBytesAtOnce = std::uint64_t{256} * 1024;
+  static constexpr std::size_t sweptPerChange = 2;
+  static constexpr std::uint64_t bytesAtOnce = std::uint64_t{256} * 1024;
 
   Life lifeOf(std::uint32_t number) const {
     return Life(index_.slot(number)->life.load(std::memory_order_relaxed));
@@ -97,12 +97,12 @@ class Table {
   std::uint64_t turn_ = 1;              // the turn that is being written, one more than published
   std::uint64_t changes_ = 0;           // as in State
   std::uint64_t publishedChanges_ = 0;  // as in State
-  std::uint32_t freeSlots_ = Format::kEnd;
+  std::uint32_t freeSlots_ = Format::end;
   std::uint32_t used_ = 0;   // as in State
   std::uint32_t taken_ = 0;  // slots that have memory
 };
 
-/// Number of this process, for those who look at the table.
+// Number of this process, for those who look at the table.
 std::uint32_t ownPid();
 
 template <class Shape>
@@ -132,9 +132,11 @@ Table<Shape>::Table(Segment segment, Shape shape)
 
 template <class Shape>
 void Table<Shape>::is(const std::byte* key, const std::byte* value) {
-  sweep(kSweptPerChange);
-  if (used_ == segment_.description().slots && freeSlots_ == Format::kEnd) [[unlikely]] {
-    sweepUntilFree();
+  sweep(sweptPerChange);
+  if (used_ == segment_.description().slots && freeSlots_ == Format::end) {
+    [[unlikely]] {
+      sweepUntilFree();
+    }
   }
   const auto place = index_.locate(key);
   if (!place.found()) {
@@ -160,7 +162,7 @@ void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::
   index_.fit(linked_);
 }
 
-/// A key that left and comes back before its slot was swept. Within one turn it never left for a reader.
+// A key that left and comes back before its slot was swept. Within one turn it never left for a reader.
 template <class Shape>
 void Table<Shape>::revive(std::uint32_t number, const std::byte* key, const std::byte* value) {
   checkRoom();
@@ -171,7 +173,7 @@ void Table<Shape>::revive(std::uint32_t number, const std::byte* key, const std:
   size_ += 1;
 }
 
-/// Writes what is different, and nothing when nothing is.
+// Writes what is different, and nothing when nothing is.
 template <class Shape>
 void Table<Shape>::replace(std::uint32_t number, const std::byte* key, const std::byte* value) {
   const Format::Word* words = Format::wordsOf(index_.slot(number)) + shape_.keyWords();
@@ -190,8 +192,8 @@ void Table<Shape>::replace(std::uint32_t number, const std::byte* key, const std
   }
 }
 
-/// A single word is whole by itself; the number tells readers that the words around it may be of another
-/// time.
+// A single word is whole by itself; the number tells readers that the words around it may be of another
+// time.
 template <class Shape>
 void Table<Shape>::writeWord(std::uint32_t number, const std::byte* value, std::size_t word) {
   Format::Slot* slot = index_.slot(number);
@@ -221,7 +223,7 @@ void Table<Shape>::write(std::uint32_t number, const std::byte* value, std::size
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
-/// Gives a slot that is not linked to another key.
+// Gives a slot that is not linked to another key.
 template <class Shape>
 void Table<Shape>::fill(Format::Slot* slot, const std::byte* key, const std::byte* value) {
   const std::uint32_t seq = slot->seq.load(std::memory_order_relaxed);
@@ -231,7 +233,7 @@ void Table<Shape>::fill(Format::Slot* slot, const std::byte* key, const std::byt
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
-/// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
+// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
 template <class Shape>
 void Table<Shape>::note(const std::byte* key) {
   storeWords(ring_ + (changes_ & ringMask_) * shape_.keyWords(), key, shape_.keyWords());
@@ -241,7 +243,7 @@ void Table<Shape>::note(const std::byte* key) {
 
 template <class Shape>
 bool Table<Shape>::del(const std::byte* key) {
-  sweep(kSweptPerChange);
+  sweep(sweptPerChange);
   const auto place = index_.locate(key);
   if (!place.found() || !born(place.slot)) {
     return false;
@@ -278,7 +280,7 @@ std::size_t Table<Shape>::sweep(std::size_t atMost) {
   return queue_.size();
 }
 
-/// Looks after the slot that has waited longest. False when it must wait for the end of the turn.
+// Looks after the slot that has waited longest. False when it must wait for the end of the turn.
 template <class Shape>
 bool Table<Shape>::sweepOne() {
   const std::uint32_t number = queue_.front();
@@ -308,32 +310,36 @@ void Table<Shape>::checkRoom() const {
 
 template <class Shape>
 std::uint32_t Table<Shape>::freeSlot() {
-  if (freeSlots_ == Format::kEnd) {
+  if (freeSlots_ == Format::end) {
     return freshSlot();
   }
   const std::uint32_t number = freeSlots_;
   const Format::Slot* slot = index_.linked(number);
-  if (lifeOf(number).state() != Life::Free) [[unlikely]] {
-    index_.damaged("slot " + std::to_string(number) + " is among the free ones and is not free");
+  if (lifeOf(number).state() != Life::Free) {
+    [[unlikely]] {
+      index_.damaged("slot " + std::to_string(number) + " is among the free ones and is not free");
+    }
   }
   freeSlots_ = slot->next.load(std::memory_order_relaxed);
   return number;
 }
 
-/// More can only go than are there where a slot has changed behind the writer's back.
+// More can only go than are there where a slot has changed behind the writer's back.
 template <class Shape>
 void Table<Shape>::countDown(std::size_t& count) {
-  if (count == 0) [[unlikely]] {
-    index_.damaged("more records go than were there");
+  if (count == 0) {
+    [[unlikely]] {
+      index_.damaged("more records go than were there");
+    }
   }
   count -= 1;
 }
 
-/// All slots are linked. If the table is not full, one of those that wait can be swept: at most the limit
-/// live and fewer wait for the end of the turn.
+// All slots are linked. If the table is not full, one of those that wait can be swept: at most the limit
+// live and fewer wait for the end of the turn.
 template <class Shape>
 void Table<Shape>::sweepUntilFree() {
-  for (std::size_t waiting = queue_.size(); waiting > 0 && freeSlots_ == Format::kEnd; --waiting) {
+  for (std::size_t waiting = queue_.size(); waiting > 0 && freeSlots_ == Format::end; --waiting) {
     if (!sweepOne()) {
       queue_.push(queue_.front());
       queue_.pop();
@@ -343,12 +349,14 @@ void Table<Shape>::sweepUntilFree() {
 
 template <class Shape>
 std::uint32_t Table<Shape>::freshSlot() {
-  if (used_ == segment_.description().slots) [[unlikely]] {
-    index_.damaged("no slot is free and none can be swept");
+  if (used_ == segment_.description().slots) {
+    [[unlikely]] {
+      index_.damaged("no slot is free and none can be swept");
+    }
   }
   if (used_ == taken_) {
     const auto more = static_cast<std::uint32_t>(std::min<std::uint64_t>(
-        std::max<std::uint64_t>(kBytesAtOnce / shape_.slotBytes(), 1), segment_.description().slots - used_));
+        std::max<std::uint64_t>(bytesAtOnce / shape_.slotBytes(), 1), segment_.description().slots - used_));
     segment_.take(segment_.description().slotsAt + std::uint64_t{used_} * shape_.slotBytes(),
                   std::uint64_t{more} * shape_.slotBytes());
     taken_ = used_ + more;
@@ -362,11 +370,11 @@ template <class Shape>
 const Format::Slot* Table<Shape>::nextFrom(const Format::Half* link) const {
   for (typename Index<Shape>::Way way(index_);; way.step()) {
     const std::uint32_t to = link->load(std::memory_order_relaxed);
-    if (to == Format::kEnd) {
+    if (to == Format::end) {
       return nullptr;
     }
-    if ((to & Format::kBucketBit) != 0) {
-      link = index_.linkedHead(to & ~Format::kBucketBit);
+    if ((to & Format::bucketBit) != 0) {
+      link = index_.linkedHead(to & ~Format::bucketBit);
     } else {
       const Format::Slot* slot = index_.linked(to);
       if (Life(slot->life.load(std::memory_order_relaxed)).state() == Life::Born) {

@@ -13,8 +13,8 @@
 
 namespace Memtab {
 
-/// A reader's side of one segment: copies records out of it, each as it was at one instant. Changes nothing
-/// in it, so that nothing a reader does, or fails to do, can reach the writer.
+// A reader's side of one segment: copies records out of it, each as it was at one instant. Changes nothing
+// in it, so that nothing a reader does, or fails to do, can reach the writer.
 template <class Shape>
 class View {
  public:
@@ -29,25 +29,25 @@ class View {
         room_(segment.description().slots),
         buckets_(segment.description().buckets) {}
 
-  /// Copies the value of KEY to VALUE. False when KEY cannot be seen.
+  // Copies the value of KEY to VALUE. False when KEY cannot be seen.
   bool find(const std::byte* key, std::uint64_t* value) const;
 
-  /// Copies one record after the other to KEY and VALUE and calls visit(); in the order of the slots.
+  // Copies one record after the other to KEY and VALUE and calls visit(); in the order of the slots.
   template <class Visit>
   std::size_t walk(std::uint64_t* key, std::uint64_t* value, const Visit& visit) const;
 
-  /// Copies changed keys FROM .. TO to KEY and calls visit() for each. False as soon as the writer may have
-  /// forgotten one.
+  // Copies changed keys FROM .. TO to KEY and calls visit() for each. False as soon as the writer may have
+  // forgotten one.
   template <class Visit>
   bool changes(std::uint64_t from, std::uint64_t to, std::uint64_t* key, const Visit& visit) const;
 
  private:
   using Life = Format::Life;
-  static constexpr int kStepsBetweenChecks = 64;
-  /// Each attempt after the first means that the writer has got on, between two instructions of this reader:
-  /// so often in a row only in a table that is damaged.
-  static constexpr std::uint32_t kMostAttempts = 1U << 16U;
-  using KeyWords = std::array<std::uint64_t, Format::kMaxKeyBytes / 8>;
+  static constexpr int stepsBetweenChecks = 64;
+  // Each attempt after the first means that the writer has got on, between two instructions of this reader:
+  // so often in a row only in a table that is damaged.
+  static constexpr std::uint32_t mostAttempts = 1U << 16U;
+  using KeyWords = std::array<std::uint64_t, Format::maxKeyBytes / 8>;
 
   enum class Search { Found, Absent, Disturbed };
   Search search(const std::byte* key, std::uint64_t hash, std::uint64_t* value) const;
@@ -60,14 +60,18 @@ class View {
   bool restoreOld(std::uint32_t number, std::uint32_t seq, std::uint64_t* value) const;
 
   const Format::Slot* slot(std::uint32_t number) const {
-    if (number >= room_) [[unlikely]] {
-      damaged("a link leads outside of it");
+    if (number >= room_) {
+      [[unlikely]] {
+        damaged("a link leads outside of it");
+      }
     }
     return slotAt(shape_, slots_, number);
   }
   const Format::Half* head(std::uint32_t bucket) const {
-    if (bucket >= buckets_) [[unlikely]] {
-      damaged("a link leads outside of it");
+    if (bucket >= buckets_) {
+      [[unlikely]] {
+        damaged("a link leads outside of it");
+      }
     }
     return &heads_[bucket];
   }
@@ -76,7 +80,7 @@ class View {
         std::min(segment_->state().buckets.load(std::memory_order_acquire), buckets_);
     return Format::bucketOf(hash, buckets, Format::maskOf(buckets));
   }
-  const Format::Half& stripeOf(std::uint32_t bucket) const { return stripes_[bucket % Format::kStripes]; }
+  const Format::Half& stripeOf(std::uint32_t bucket) const { return stripes_[bucket % Format::stripes]; }
   std::uint64_t published() const { return segment_->state().published.load(std::memory_order_acquire); }
   [[noreturn]] void damaged(const std::string& what) const { throw Damaged(segment_->name(), what); }
 
@@ -93,7 +97,7 @@ class View {
 template <class Shape>
 bool View<Shape>::find(const std::byte* key, std::uint64_t* value) const {
   const std::uint64_t hash = hashOf(shape_, key, seed_);
-  for (std::uint32_t attempt = 0; attempt < kMostAttempts; ++attempt) {
+  for (std::uint32_t attempt = 0; attempt < mostAttempts; ++attempt) {
     const Search result = search(key, hash, value);
     if (result != Search::Disturbed) {
       return result == Search::Found;
@@ -102,8 +106,8 @@ bool View<Shape>::find(const std::byte* key, std::uint64_t* value) const {
   damaged("a key is looked up without an end");
 }
 
-/// One way along the list. A record that was found is right by itself; that there is none is right only if no
-/// slot was taken out of this stretch meanwhile, as the way may have followed it.
+// One way along the list. A record that was found is right by itself; that there is none is right only if no
+// slot was taken out of this stretch meanwhile, as the way may have followed it.
 template <class Shape>
 typename View<Shape>::Search View<Shape>::search(const std::byte* key, std::uint64_t hash,
                                                  std::uint64_t* value) const {
@@ -116,11 +120,11 @@ typename View<Shape>::Search View<Shape>::search(const std::byte* key, std::uint
   const Format::Half* link = head(bucket);
   for (std::uint32_t steps = 1;; ++steps) {
     const std::uint32_t to = link->load(std::memory_order_acquire);
-    if (to == Format::kEnd) {
+    if (to == Format::end) {
       break;
     }
-    if ((to & Format::kBucketBit) != 0) {
-      const std::uint32_t next = to & ~Format::kBucketBit;
+    if ((to & Format::bucketBit) != 0) {
+      const std::uint32_t next = to & ~Format::bucketBit;
       if (Format::before(hash, next)) {
         break;
       }
@@ -136,14 +140,14 @@ typename View<Shape>::Search View<Shape>::search(const std::byte* key, std::uint
       }
       link = &at->next;
     }
-    if (steps % kStepsBetweenChecks == 0 && !onTheWay(hash, bucket, stripe, steps)) {
+    if (steps % stepsBetweenChecks == 0 && !onTheWay(hash, bucket, stripe, steps)) {
       return Search::Disturbed;
     }
   }
   return undisturbed(hash, bucket, stripe) ? Search::Absent : Search::Disturbed;
 }
 
-/// Now and then on a long way: still undisturbed, and not in a circle.
+// Now and then on a long way: still undisturbed, and not in a circle.
 template <class Shape>
 bool View<Shape>::onTheWay(std::uint64_t hash, std::uint32_t bucket, std::uint32_t stripe,
                            std::uint32_t steps) const {
@@ -159,7 +163,7 @@ bool View<Shape>::undisturbed(std::uint64_t hash, std::uint32_t bucket, std::uin
   return stripeOf(bucket).load(std::memory_order_acquire) == stripe && bucketOf(hash) == bucket;
 }
 
-/// As copy(), where the slot may have gone to another key since it was met: it must still be WANTED's.
+// As copy(), where the slot may have gone to another key since it was met: it must still be WANTED's.
 template <class Shape>
 bool View<Shape>::copyOf(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn,
                          const std::byte* wanted, std::uint64_t* value) const {
@@ -168,11 +172,11 @@ bool View<Shape>::copyOf(const Format::Slot* slot, std::uint32_t number, std::ui
          std::memcmp(wanted, key.data(), 8 * shape_.keyWords()) == 0;
 }
 
-/// Copies the record in SLOT as it is at one instant. False when it cannot be seen after turn TURN.
+// Copies the record in SLOT as it is at one instant. False when it cannot be seen after turn TURN.
 template <class Shape>
 bool View<Shape>::copy(const Format::Slot* slot, std::uint32_t number, std::uint64_t turn, std::uint64_t* key,
                        std::uint64_t* value) const {
-  for (std::uint32_t attempt = 0; attempt < kMostAttempts; ++attempt) {
+  for (std::uint32_t attempt = 0; attempt < mostAttempts; ++attempt) {
     const std::uint32_t seq = slot->seq.load(std::memory_order_acquire);
     if (!Life(slot->life.load(std::memory_order_acquire)).visibleAt(turn)) {
       return false;
@@ -188,9 +192,9 @@ bool View<Shape>::copy(const Format::Slot* slot, std::uint32_t number, std::uint
   damaged("the record in slot " + std::to_string(number) + " is never whole");
 }
 
-/// The value in slot NUMBER is being replaced, perhaps by a writer that was stopped or is dead: puts the old
-/// words, which are in the journal, over those that may be new. False when the journal is about another
-/// write.
+// The value in slot NUMBER is being replaced, perhaps by a writer that was stopped or is dead: puts the old
+// words, which are in the journal, over those that may be new. False when the journal is about another
+// write.
 template <class Shape>
 bool View<Shape>::restoreOld(std::uint32_t number, std::uint32_t seq, std::uint64_t* value) const {
   const Format::Journal& journal = segment_->journal();

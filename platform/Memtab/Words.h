@@ -11,8 +11,8 @@
 
 namespace Memtab {
 
-/// The bytes of a key or value as whole words: the object itself where it ends with a word, else a copy with
-/// zeros behind.
+// The bytes of a key or value as whole words: the object itself where it ends with a word, else a copy with
+// zeros behind.
 template <class T, bool Whole = sizeof(T) % 8 == 0>
 class BytesOf {
  public:
@@ -33,18 +33,18 @@ class BytesOf<T, false> {
   std::array<std::byte, 8 * Format::wordsFor(sizeof(T))> bytes_{};
 };
 
-/// Room for the words of a key or value, to copy one to.
+// Room for the words of a key or value, to copy one to.
 template <class T>
 class Words {
  public:
   static_assert(std::is_trivially_copyable_v<T>, "records are copied byte by byte");
-  static constexpr std::size_t kCount = Format::wordsFor(sizeof(T));
+  static constexpr std::size_t count = Format::wordsFor(sizeof(T));
 
   std::uint64_t* data() { return words_.data(); }
 
   T value() const { return valueAt(words_.data()); }
 
-  /// The object whose bytes are at FROM.
+  // The object whose bytes are at FROM.
   static T valueAt(const void* from) {
     std::array<std::byte, sizeof(T)> bytes;
     std::memcpy(bytes.data(), from, sizeof(T));
@@ -52,7 +52,7 @@ class Words {
   }
 
  private:
-  std::array<std::uint64_t, kCount> words_;
+  std::array<std::uint64_t, count> words_;
 };
 
 }  // namespace Memtab

@@ -22,7 +22,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
 
-/// The bytes of a table, to damage them.
+// The bytes of a table, to damage them.
 class Bytes {
  public:
   explicit Bytes(const Name& name) {
@@ -73,7 +73,7 @@ class Adoption : public testing::Test {
     writer.publish();
   }
 
-  /// What writer and reader say to the table after DAMAGE; neither changes a byte of it.
+  // What writer and reader say to the table after DAMAGE; neither changes a byte of it.
   void expectRefusal(const std::function<void(Bytes&)>& damage, const std::string& what,
                      bool readerToo = true) {
     Bytes bytes(name_);
@@ -81,7 +81,7 @@ class Adoption : public testing::Test {
     const std::string before = bytes.all();
     EXPECT_EQ(errorOf([&] { HostWriter writer(optionsFor(name_)); }), "memtab " + name_.text() + ": " + what);
     if (readerToo) {
-      EXPECT_EQ(errorOf([&] { HostReader reader(name_.text(), kSchema); }),
+      EXPECT_EQ(errorOf([&] { HostReader reader(name_.text(), schema); }),
                 "memtab " + name_.text() + ": " + what);
     }
     EXPECT_EQ(bytes.all(), before);
@@ -111,7 +111,7 @@ TEST_F(Adoption, TakesBackAnUnpublishedTurnButNotReplacedValues) {
 }
 
 TEST_F(Adoption, FollowersHearOfValuesReplacedInATurnThatWasNeverPublished) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   Mirror mirror;
   mirror.follow(reader);
   {
@@ -151,7 +151,7 @@ TEST_F(Adoption, RefusesAnotherRecordSize) {
       "memtab " + name_.text() +
       ": made for other records: key and value have 8 and 104 bytes, in this program 8 and 4";
   EXPECT_EQ(errorOf([&] { Writer<Key, std::uint32_t> writer(optionsFor(name_)); }), what);
-  EXPECT_EQ(errorOf([&] { Reader<Key, std::uint32_t> reader(name_.text(), kSchema); }), what);
+  EXPECT_EQ(errorOf([&] { Reader<Key, std::uint32_t> reader(name_.text(), schema); }), what);
 }
 
 TEST_F(Adoption, RefusesADamagedHeader) {
@@ -205,14 +205,14 @@ TEST_F(Adoption, RefusesCountsThatCannotBe) {
 }
 
 TEST_F(Adoption, RefusesALostRecord) {
-  expectRefusal([](Bytes& bytes) { *bytes.at<Format::Half>(bytes.description().headsAt) = Format::kEnd; },
+  expectRefusal([](Bytes& bytes) { *bytes.at<Format::Half>(bytes.description().headsAt) = Format::end; },
                 "damaged: the list has 1 bucket heads, 8 are in use", false);
 }
 
 TEST_F(Adoption, RefusesAListThatRunsInACircle) {
   const auto damage = [](Bytes& bytes) {
     std::uint64_t number = 0;
-    while (bytes.slot(number)->next >= Format::kBucketBit && number < 4) {
+    while (bytes.slot(number)->next >= Format::bucketBit && number < 4) {
       ++number;
     }
     bytes.slot(number)->next = static_cast<std::uint32_t>(number);
@@ -234,7 +234,7 @@ TEST_F(Adoption, RefusesARecordHalfWrittenThatNoWriterLeaves) {
 }
 
 TEST_F(Adoption, AReaderOfADamagedTableSaysSo) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   const Bytes bytes(name_);
   for (std::uint64_t number = 0; number < 5; ++number) {
     bytes.slot(number)->next = 12345;
@@ -247,14 +247,14 @@ TEST_F(Adoption, AReaderOfADamagedTableSaysSo) {
 }
 
 TEST_F(Adoption, FinishesATableWhoseMakerDiedBeforeItsFirstRecord) {
-  for (const std::uint64_t magic : {std::uint64_t{0}, Format::kMagicBeingMade}) {
+  for (const std::uint64_t magic : {std::uint64_t{0}, Format::magicBeingMade}) {
     const Name name;
     {
       std::ofstream file(name.path(), std::ios::binary);
       file.write(reinterpret_cast<const char*>(&magic), sizeof magic);
     }
     ASSERT_EQ(::truncate(name.path().c_str(), 100'000), 0);
-    HostReader reader(name.text(), kSchema);
+    HostReader reader(name.text(), schema);
     EXPECT_FALSE(reader.attached());
     HostWriter writer(optionsFor(name));
     EXPECT_FALSE(writer.adopted());
@@ -271,7 +271,7 @@ TEST_F(Adoption, WorksOnAFileToo) {
     writer.is(1, hostOf(1, 1));
     writer.publish();
   }
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   EXPECT_THAT(contentOf(reader), ElementsAre(Pair(1, 1)));
   const HostWriter writer(optionsFor(name));
   EXPECT_TRUE(writer.adopted());
@@ -290,7 +290,7 @@ TEST_F(Adoption, ModeOfANewTableIsAsAskedFor) {
 
 TEST(Names, AReaderWaitsForItsTable) {
   const Name name;
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   Mirror mirror;
   EXPECT_FALSE(reader.attached());
   EXPECT_EQ(reader.find(1), std::nullopt);
@@ -308,7 +308,7 @@ TEST(Names, AReaderWaitsForItsTable) {
 
 class MadeAnew : public testing::TestWithParam<bool> {
  protected:
-  /// By the library, or behind its back.
+  // By the library, or behind its back.
   void removeTable() const {
     if (GetParam()) {
       EXPECT_TRUE(Memtab::remove(name_.text()));
@@ -325,8 +325,8 @@ TEST_P(MadeAnew, ReadersGoOverToTheNewTable) {
   writer->is(1, hostOf(1, 1));
   writer->is(2, hostOf(2, 1));
   writer->publish();
-  HostReader reader(name_.text(), kSchema);
-  HostReader looker(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
+  HostReader looker(name_.text(), schema);
   const std::uint64_t generation = reader.generation();
   Mirror mirror;
   mirror.follow(reader);
@@ -353,7 +353,7 @@ TEST_P(MadeAnew, ReadersGoOverToTheNewTable) {
 
 TEST_P(MadeAnew, ForOtherRecordsReadersSaySo) {
   { HostWriter writer(optionsFor(name_)); }
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   EXPECT_TRUE(reader.attached());
   removeTable();
   Options other = optionsFor(name_);

@@ -21,12 +21,12 @@
 namespace Memtab::Test {
 namespace {
 
-/// Turns that are published when a table has just been made.
-constexpr std::uint64_t kFirstTurn = 1;
+// Turns that are published when a table has just been made.
+constexpr std::uint64_t firstTurn = 1;
 
 std::size_t turnsPublishedIn(const Name& name) {
-  const Segment segment = Segment::forReader(name.text(), kSchema, nullptr);
-  return segment.state().published.load() - kFirstTurn;
+  const Segment segment = Segment::forReader(name.text(), schema, nullptr);
+  return segment.state().published.load() - firstTurn;
 }
 
 pid_t startChild(const std::function<void()>& body) {
@@ -38,7 +38,7 @@ pid_t startChild(const std::function<void()>& body) {
   return child;
 }
 
-/// Keeps this process and a child on one processor, so that handing over between them is cheap.
+// Keeps this process and a child on one processor, so that handing over between them is cheap.
 class OneProcessor {
  public:
   explicit OneProcessor(pid_t child) {
@@ -57,7 +57,7 @@ class OneProcessor {
   cpu_set_t before_{};
 };
 
-/// Runs BODY in a child instruction by instruction and calls LOOK between each two, until the child ends.
+// Runs BODY in a child instruction by instruction and calls LOOK between each two, until the child ends.
 void stepThrough(const std::function<void()>& body, const std::function<void()>& look) {
   const pid_t child = startChild([&] {
     ::ptrace(PTRACE_TRACEME, 0, nullptr, nullptr);
@@ -78,7 +78,7 @@ void stepThrough(const std::function<void()>& body, const std::function<void()>&
   ::waitpid(child, &status, 0);
 }
 
-/// A table under one name whose bytes are looked at, and copied, under another.
+// A table under one name whose bytes are looked at, and copied, under another.
 class Copied {
  public:
   explicit Copied(const Name& name) {
@@ -92,7 +92,7 @@ class Copied {
   Copied& operator=(const Copied&) = delete;
   ~Copied() { ::munmap(now_, bytes_.size()); }
 
-  /// Whether the bytes differ from those of the last time.
+  // Whether the bytes differ from those of the last time.
   bool changed() {
     if (std::memcmp(now_, bytes_.data(), bytes_.size()) == 0) {
       return false;
@@ -124,7 +124,7 @@ void adoptCopies(std::uint64_t seed, std::size_t turns, std::size_t changes, Key
     instants += 1;
     copied.writeTo(copy);
     const std::size_t published = turnsPublishedIn(copy);
-    HostReader reader(copy.text(), kSchema);
+    HostReader reader(copy.text(), schema);
     ASSERT_EQ(script.mistakeIn(contentOf(reader), published), "") << "for a reader, instant " << instants;
     for (const auto& [key, stamp] : script.after(published)) {
       ASSERT_TRUE(reader.find(key) && whole(key, *reader.find(key)))
@@ -163,15 +163,15 @@ TEST(Crash, LeavesEverythingPublishedWholeWhileTheTableGrowsAndShrinks) {
   adoptCopies(2, 3, 60, 50);
 }
 
-/// The end of a writer while it adopts, of a table whose writer had counted the turn that it did not publish
-/// any more.
+// The end of a writer while it adopts, of a table whose writer had counted the turn that it did not publish
+// any more.
 TEST(Crash, OfTheNextWriterWhileItAdoptsLosesNothingEither) {
-  constexpr std::size_t kLimit = 30;
+  constexpr std::size_t limit = 30;
   const Name name;
   const Name copy;
   Stamps content;
   {
-    HostWriter writer(optionsFor(name, kLimit));
+    HostWriter writer(optionsFor(name, limit));
     for (Key key = 0; key < 12; ++key) {
       writer.is(key, hostOf(key, key));
       content[key] = key;
@@ -183,20 +183,20 @@ TEST(Crash, OfTheNextWriterWhileItAdoptsLosesNothingEither) {
       writer.is(key + 40, hostOf(key + 40, 1));
     }
   }
-  constexpr std::uint64_t kCounted = 12 - 5 + 10;
+  constexpr std::uint64_t counted = 12 - 5 + 10;
   const int fd = ::open(name.path().c_str(), O_RDWR | O_CLOEXEC);
-  ASSERT_EQ(::pwrite(fd, &kCounted, sizeof kCounted,
+  ASSERT_EQ(::pwrite(fd, &counted, sizeof counted,
                      offsetof(Format::Header, state) + offsetof(Format::State, publishedRecords)),
-            ssize_t{sizeof kCounted});
+            ssize_t{sizeof counted});
   ::close(fd);
   Copied copied(name);
   std::size_t instants = 0;
-  stepThrough([&] { const HostWriter next(optionsFor(name, kLimit)); },
+  stepThrough([&] { const HostWriter next(optionsFor(name, limit)); },
               [&] {
                 if (copied.changed()) {
                   instants += 1;
                   copied.writeTo(copy);
-                  const HostWriter writer(optionsFor(copy, kLimit));
+                  const HostWriter writer(optionsFor(copy, limit));
                   ASSERT_TRUE(writer.adopted());
                   ASSERT_EQ(contentOf(writer), content) << "instant " << instants;
                 }
@@ -204,7 +204,7 @@ TEST(Crash, OfTheNextWriterWhileItAdoptsLosesNothingEither) {
   EXPECT_GT(instants, 20u);
 }
 
-/// What the killer and the killed share.
+// What the killer and the killed share.
 struct Progress {
   std::atomic<std::uint64_t> changes{0};
   std::atomic<std::uint64_t> published{0};
@@ -226,7 +226,7 @@ class SharedProgress {
   Progress* progress_;
 };
 
-/// Adopts the table, and goes on with the script behind the turns that are published.
+// Adopts the table, and goes on with the script behind the turns that are published.
 void goOn(const Script& script, const Name& name, Progress& progress) {
   const std::size_t begin = std::min<std::size_t>(progress.published.load(), script.turns().size());
   HostWriter writer(optionsFor(name));
@@ -244,7 +244,7 @@ void goOn(const Script& script, const Name& name, Progress& progress) {
   }
 }
 
-/// Kills writer after writer of one script, and looks each time. Returns how many did not come to their end.
+// Kills writer after writer of one script, and looks each time. Returns how many did not come to their end.
 int killWriters(std::uint64_t seed, const Name& name, HostReader& reader, Mirror& mirror) {
   const Script script(seed, 1500, 200, 1000, 300);
   const SharedProgress progress;
@@ -279,7 +279,7 @@ int killWriters(std::uint64_t seed, const Name& name, HostReader& reader, Mirror
 
 TEST(Crash, KilledAtRandomTimesNothingPublishedIsLostAndReadersGoOn) {
   const Name name;
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   Mirror mirror;
   int kills = 0;
   for (std::uint64_t seed = 1; kills < 30 && !HasFailure(); ++seed) {

@@ -27,10 +27,10 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::Pair;
 
-constexpr std::size_t kLimit = 60;
+constexpr std::size_t limit = 60;
 
 Options replacing(const Name& name) {
-  Options options = optionsFor(name, kLimit);
+  Options options = optionsFor(name, limit);
   options.replaceDamaged = true;
   return options;
 }
@@ -44,12 +44,12 @@ std::string errorOf(const std::function<void()>& attempt) {
   return "";
 }
 
-/// The bytes of a table, through its file: no mapping of this process is involved.
+// The bytes of a table, through its file: no mapping of this process is involved.
 class File {
  public:
   explicit File(const std::string& name)
       : fd_(::open(pathOf(name).c_str(), O_RDWR | O_CLOEXEC)),
-        description_(describe(optionsFor(name, kLimit), {sizeof(Key), sizeof(Host)})) {}
+        description_(describe(optionsFor(name, limit), {sizeof(Key), sizeof(Host)})) {}
   File(const File&) = delete;
   File& operator=(const File&) = delete;
   ~File() { ::close(fd_); }
@@ -74,11 +74,11 @@ class File {
   Format::Description description_;  // as it was before any damage
 };
 
-/// Some random bytes of a table: half of them anywhere, half of them where it is decided what is where.
+// Some random bytes of a table: half of them anywhere, half of them where it is decided what is where.
 void damage(const std::string& name, std::mt19937_64& random) {
   const File file(name);
   const Format::Description& d = file.description();
-  const std::uint64_t usedEnd = file.slotAt(kLimit);
+  const std::uint64_t usedEnd = file.slotAt(limit);
   for (std::uint64_t some = 1 + random() % 4; some > 0; --some) {
     std::uint64_t at = random() % d.totalBytes;
     switch (random() % 6) {
@@ -95,7 +95,7 @@ void damage(const std::string& name, std::mt19937_64& random) {
         at = d.slotsAt + random() % (usedEnd - d.slotsAt);
         break;
       case 4:  // number, link and life of a slot
-        at = file.slotAt(random() % kLimit) + random() % sizeof(Format::Slot);
+        at = file.slotAt(random() % limit) + random() % sizeof(Format::Slot);
         break;
       default:
         break;
@@ -107,20 +107,20 @@ void damage(const std::string& name, std::mt19937_64& random) {
 
 Stamps someContent(std::mt19937_64& random) {
   Stamps content;
-  for (std::uint64_t records = random() % kLimit; records > 0; --records) {
+  for (std::uint64_t records = random() % limit; records > 0; --records) {
     content[random() % 100] = random() >> 1U;
   }
   return content;
 }
 
-/// As the user of a writer does who knows what belongs into the table.
+// As the user of a writer does who knows what belongs into the table.
 void write(HostWriter& writer, const Stamps& content) {
   std::vector<Key> stale;
   for (auto record = writer.first(); record; record = writer.next(record->first)) {
     if (!content.contains(record->first)) {
       stale.push_back(record->first);
     }
-    ASSERT_LE(stale.size(), 2 * kLimit) << "the walk does not end";
+    ASSERT_LE(stale.size(), 2 * limit) << "the walk does not end";
   }
   for (const Key key : stale) {
     writer.del(key);
@@ -131,13 +131,13 @@ void write(HostWriter& writer, const Stamps& content) {
   writer.publish();
 }
 
-/// A table with a past: records that were replaced, deleted, and are about to be swept.
+// A table with a past: records that were replaced, deleted, and are about to be swept.
 void givenATable(HostWriter& writer, const Stamps& content, std::mt19937_64& random) {
   write(writer, someContent(random));
   write(writer, content);
 }
 
-/// What a reader may make of a damaged table: anything but an end that never comes.
+// What a reader may make of a damaged table: anything but an end that never comes.
 void readAll(HostReader& reader) {
   Position position;
   std::size_t calls = 0;
@@ -149,11 +149,11 @@ void readAll(HostReader& reader) {
     static_cast<void>(errorOf([&] { calls += reader.find(key) ? 1U : 0U; }));
   }
   EXPECT_LE(calls, 10'000u);
-  EXPECT_LE(reader.size(), kLimit);
+  EXPECT_LE(reader.size(), limit);
 }
 
-/// The next writer, whatever is there: it starts, and with what belongs into the table written again, that is
-/// what readers see.
+// The next writer, whatever is there: it starts, and with what belongs into the table written again, that is
+// what readers see.
 void expectTheNextWriterToBeRight(const Name& name, HostReader& oldReader, const Stamps& content,
                                   bool& replaced) {
   HostWriter writer(replacing(name));
@@ -166,7 +166,7 @@ void expectTheNextWriterToBeRight(const Name& name, HostReader& oldReader, const
   writer.takePlace();
   EXPECT_FALSE(writer.replacing());
   ASSERT_EQ(contentOf(writer), content);
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   ASSERT_EQ(contentOf(reader), content);
   for (const auto& [key, stamp] : content) {
     ASSERT_EQ(reader.find(key), hostOf(key, stamp)) << "key " << key;
@@ -177,8 +177,8 @@ void expectTheNextWriterToBeRight(const Name& name, HostReader& oldReader, const
 
 TEST(Damage, OfAnyBytesBeforeAStartIsAdoptedOrSetAside) {
   std::size_t setAside = 0;
-  constexpr std::uint64_t kRounds = 2000;
-  for (std::uint64_t seed = 1; seed <= kRounds && !testing::Test::HasFatalFailure(); ++seed) {
+  constexpr std::uint64_t rounds = 2000;
+  for (std::uint64_t seed = 1; seed <= rounds && !testing::Test::HasFatalFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     const Name name;
@@ -187,7 +187,7 @@ TEST(Damage, OfAnyBytesBeforeAStartIsAdoptedOrSetAside) {
       HostWriter writer(replacing(name));
       givenATable(writer, content, random);
     }
-    HostReader reader(name.text(), kSchema);
+    HostReader reader(name.text(), schema);
     ASSERT_EQ(contentOf(reader), content);
     damage(name.text(), random);
     readAll(reader);
@@ -195,21 +195,21 @@ TEST(Damage, OfAnyBytesBeforeAStartIsAdoptedOrSetAside) {
     expectTheNextWriterToBeRight(name, reader, content, replaced);
     setAside += replaced ? 1U : 0U;
   }
-  EXPECT_GT(setAside, kRounds / 10);
-  EXPECT_LT(setAside, kRounds * 9 / 10);
+  EXPECT_GT(setAside, rounds / 10);
+  EXPECT_LT(setAside, rounds * 9 / 10);
 }
 
 TEST(Damage, OfAnyBytesUnderARunningWriterEndsNeitherItNorAReader) {
   std::size_t met = 0;
-  constexpr std::uint64_t kRounds = 2000;
-  for (std::uint64_t seed = 1; seed <= kRounds && !testing::Test::HasFatalFailure(); ++seed) {
+  constexpr std::uint64_t rounds = 2000;
+  for (std::uint64_t seed = 1; seed <= rounds && !testing::Test::HasFatalFailure(); ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937_64 random(seed);
     const Name name;
     const Stamps content = someContent(random);
     auto writer = std::make_unique<HostWriter>(replacing(name));
     givenATable(*writer, someContent(random), random);
-    HostReader reader(name.text(), kSchema);
+    HostReader reader(name.text(), schema);
     ASSERT_TRUE(reader.attached());
     for (int round = 0; round < 5; ++round) {
       damage(writer->replacing() ? successorOf(name.text()) : name.text(), random);
@@ -224,7 +224,7 @@ TEST(Damage, OfAnyBytesUnderARunningWriterEndsNeitherItNorAReader) {
     bool replaced = false;
     expectTheNextWriterToBeRight(name, reader, content, replaced);
   }
-  EXPECT_GT(met, kRounds / 10);
+  EXPECT_GT(met, rounds / 10);
 }
 
 class Damages : public testing::Test {
@@ -237,7 +237,7 @@ class Damages : public testing::Test {
 };
 
 TEST_F(Damages, AReaderThatMeetsARecordNeverWholeNamesItsSlotAtOnce) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   const File file(name_.text());
   file.put(file.slotAt(1), std::uint32_t{77});
   EXPECT_EQ(errorOf([&] { contentOf(reader); }),
@@ -245,12 +245,12 @@ TEST_F(Damages, AReaderThatMeetsARecordNeverWholeNamesItsSlotAtOnce) {
 }
 
 TEST_F(Damages, ReadersKeepTheDamagedTableUntilTheNewOneTakesItsPlace) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   Mirror mirror;
   mirror.follow(reader);
   const std::uint64_t generation = reader.generation();
   const File file(name_.text());
-  file.put(file.description().headsAt, Format::kEnd);
+  file.put(file.description().headsAt, Format::end);
 
   HostWriter writer(replacing(name_));
   EXPECT_THAT(writer.damage(), HasSubstr("damaged: the list has 1 bucket heads"));
@@ -277,7 +277,7 @@ TEST_F(Damages, ReadersKeepTheDamagedTableUntilTheNewOneTakesItsPlace) {
 }
 
 TEST_F(Damages, AReaderNoticesANewTableThatTookThePlaceBehindItsBack) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   ASSERT_TRUE(reader.attached());
   const Name other;
   {
@@ -297,14 +297,14 @@ TEST_F(Damages, AReaderNoticesANewTableThatTookThePlaceBehindItsBack) {
 
 TEST_F(Damages, AWriterThatIsNotToReplaceSaysSoAndChangesNothing) {
   const File file(name_.text());
-  file.put(file.description().headsAt, Format::kEnd);
+  file.put(file.description().headsAt, Format::end);
   EXPECT_THROW(HostWriter writer(optionsFor(name_)), Damaged);
   EXPECT_FALSE(std::filesystem::exists(pathOf(successorOf(name_.text()))));
 }
 
 TEST_F(Damages, AnUnfinishedReplacementIsBegunAgain) {
   const File file(name_.text());
-  file.put(file.description().headsAt, Format::kEnd);
+  file.put(file.description().headsAt, Format::end);
   for (int start = 0; start < 2; ++start) {
     HostWriter writer(replacing(name_));
     EXPECT_TRUE(writer.replacing());
@@ -340,15 +340,15 @@ TEST_F(Damages, SlotsThatWereNeverWrittenAreNotTaken) {
 
 TEST_F(Damages, AHeadThatLeadsToItselfIsFound) {
   const File file(name_.text());
-  file.put(file.description().headsAt, Format::kBucketBit);
+  file.put(file.description().headsAt, Format::bucketBit);
   EXPECT_THAT(errorOf([&] { HostWriter writer(optionsFor(name_)); }), HasSubstr("runs in a circle"));
 }
 
 TEST_F(Damages, AMarkOfATableBeingMadeDoesNotEmptyAFullOne) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   ASSERT_TRUE(reader.attached());
   const File file(name_.text());
-  file.put(0, Format::kMagicBeingMade);
+  file.put(0, Format::magicBeingMade);
   {
     const HostWriter writer(replacing(name_));
     EXPECT_TRUE(writer.replacing());
@@ -356,7 +356,7 @@ TEST_F(Damages, AMarkOfATableBeingMadeDoesNotEmptyAFullOne) {
   EXPECT_THAT(contentOf(reader), ElementsAre(Pair(0, 0), Pair(1, 1), Pair(2, 2)));
 }
 
-/// The writer's own walk, from key to key, over a list that is out of order.
+// The writer's own walk, from key to key, over a list that is out of order.
 TEST_F(Damages, AWalkOfTheWriterEnds) {
   HostWriter writer(optionsFor(name_));
   const File file(name_.text());
@@ -401,7 +401,7 @@ TEST_F(Damages, NoMoreRecordsGoThanThereAre) {
 }
 
 TEST_F(Damages, AFollowerOfALengthThatCannotBeIsToldEverything) {
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   Mirror mirror;
   mirror.follow(reader);
   const File file(name_.text());

@@ -11,8 +11,8 @@
 #include "Memtab/Reader.h"
 #include "Memtab/Writer.h"
 
-/// The records of these tests: as large as a host of the layer-2 RIB, and with a checksum, so that one that
-/// was never written whole gives itself away.
+// The records of these tests: as large as a host of the layer-2 RIB, and with a checksum, so that one that
+// was never written whole gives itself away.
 namespace Memtab::Test {
 
 using Key = std::uint64_t;
@@ -35,7 +35,7 @@ inline std::uint64_t checksumOf(const Host& host) {
   return sum;
 }
 
-/// Every word of it depends on the stamp.
+// Every word of it depends on the stamp.
 inline Host hostOf(Key key, std::uint64_t stamp) {
   Host host{key, stamp, {}, 0};
   for (std::size_t i = 0; i < host.body.size(); ++i) {
@@ -49,16 +49,16 @@ inline bool whole(Key key, const Host& host) {
   return host.key == key && host.checksum == checksumOf(host);
 }
 
-/// Tables that others may write to are refused, also those that a test makes by hand.
-inline const mode_t kUmaskBefore = ::umask(022);
+// Tables that others may write to are refused, also those that a test makes by hand.
+inline const mode_t umaskBefore = ::umask(022);
 
-inline constexpr const char* kSchema = "test-host 1";
+inline constexpr const char* schema = "test-host 1";
 
 using HostWriter = Writer<Key, Host>;
 using HostReader = Reader<Key, Host>;
 using Stamps = std::map<Key, std::uint64_t>;
 
-/// A name nobody else has, and no table left under it afterwards.
+// A name nobody else has, and no table left under it afterwards.
 class Name {
  public:
   Name() : name_("/memtab-test-" + std::to_string(::getpid()) + "-" + std::to_string(count_++)) {}
@@ -68,7 +68,7 @@ class Name {
   ~Name() { Memtab::remove(name_); }
 
   const std::string& text() const { return name_; }
-  /// Where the system shows it as a file.
+  // Where the system shows it as a file.
   std::string path() const { return name_.find('/', 1) == std::string::npos ? "/dev/shm" + name_ : name_; }
 
  private:
@@ -79,7 +79,7 @@ class Name {
 inline Options optionsFor(const std::string& name, std::size_t limit = 100'000) {
   Options options;
   options.name = name;
-  options.schema = kSchema;
+  options.schema = schema;
   options.limit = limit;
   return options;
 }
@@ -87,7 +87,7 @@ inline Options optionsFor(const Name& name, std::size_t limit = 100'000) {
   return optionsFor(name.text(), limit);
 }
 
-/// Keys and stamps of a table as its writer has it, in walk order.
+// Keys and stamps of a table as its writer has it, in walk order.
 inline Stamps contentOf(const HostWriter& writer) {
   Stamps content;
   for (auto record = writer.first(); record; record = writer.next(record->first)) {
@@ -96,7 +96,7 @@ inline Stamps contentOf(const HostWriter& writer) {
   return content;
 }
 
-/// The same as a reader sees it; a record that is met twice or is not whole gets an impossible stamp.
+// The same as a reader sees it; a record that is met twice or is not whole gets an impossible stamp.
 inline Stamps contentOf(HostReader& reader) {
   Stamps content;
   reader.walk([&](Key key, const Host& host) {
@@ -106,7 +106,7 @@ inline Stamps contentOf(HostReader& reader) {
   return content;
 }
 
-/// What a client keeps that only ever calls follow().
+// What a client keeps that only ever calls follow().
 class Mirror {
  public:
   void follow(HostReader& reader) {

@@ -33,7 +33,7 @@ std::string messageOf(const std::function<void()>& attempt) {
 TEST(Limit, AFullTableRefusesTheNextRecordAndKeepsTheRest) {
   const Name name;
   HostWriter writer(optionsFor(name, 100));
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   Stamps expected;
   for (Key key = 0; key < 100; ++key) {
     writer.is(key, hostOf(key, 1));
@@ -60,7 +60,7 @@ TEST(Limit, AFullTableRefusesTheNextRecordAndKeepsTheRest) {
 TEST(Limit, OneTurnMayReplaceAllRecordsOfAFullTableByOthers) {
   const Name name;
   HostWriter writer(optionsFor(name, 50));
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   for (Key round = 0; round < 20; ++round) {
     const Stamps before = contentOf(reader);
     Stamps after;
@@ -79,7 +79,7 @@ TEST(Limit, SlotsAreFoundAmongThoseThatMustWait) {
   // All slots in use, the one that waited longest deleted anew in this turn, another free to be swept.
   const Name name;
   HostWriter writer(optionsFor(name, 4));
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   std::mt19937_64 random(7);
   Stamps content;
   for (int step = 0; step < 20'000; ++step) {
@@ -121,7 +121,7 @@ TEST(Limit, WhatCannotBeIsRefusedAndNothingIsMade) {
   EXPECT_FALSE(Memtab::remove(name.text()));
 }
 
-/// Puts a file system of one megabyte over FOLDER, for this process alone. False where that is not permitted.
+// Puts a file system of one megabyte over FOLDER, for this process alone. False where that is not permitted.
 bool coverWithOneMegabyte(const std::string& folder) {
   if (::unshare(CLONE_NEWNS) != 0) {
     const std::string users = "0 " + std::to_string(::getuid()) + " 1";
@@ -133,7 +133,7 @@ bool coverWithOneMegabyte(const std::string& folder) {
          ::mount("none", folder.c_str(), "tmpfs", 0, "size=1m") == 0;
 }
 
-/// What FILL, called in a child with a path in such a file system, says; nothing where that is not permitted.
+// What FILL, called in a child with a path in such a file system, says; nothing where that is not permitted.
 std::optional<std::string> withOneMegabyte(const std::function<std::string(const std::string&)>& fill) {
   std::array<int, 2> ends{};
   EXPECT_EQ(::pipe(ends.data()), 0);
@@ -169,7 +169,7 @@ TEST(Limit, WithoutMemoryLeftTheInsertIsRefusedAndTheRestStays) {
         }
       });
       writer.publish();
-      HostReader reader(path, kSchema);
+      HostReader reader(path, schema);
       const bool kept =
           contentOf(writer) == expected && contentOf(reader) == expected && expected.size() > 5000;
       said += kept ? "; kept" : "; lost";
@@ -296,7 +296,7 @@ TEST(Keys, OfSeveralWordsAndOddSizesAreTold) {
 TEST(Growth, BucketHeadsComeAndGoWithTheSlotsInTheList) {
   const Name name;
   HostWriter writer(optionsFor(name, 10'000));
-  const Segment segment = Segment::forReader(name.text(), kSchema, nullptr);
+  const Segment segment = Segment::forReader(name.text(), schema, nullptr);
   const auto heads = [&] { return segment.state().buckets.load(); };
   for (Key key = 0; key < 10'000; ++key) {
     writer.is(key, hostOf(key, 1));
@@ -316,7 +316,7 @@ TEST(Growth, BucketHeadsComeAndGoWithTheSlotsInTheList) {
 TEST(Growth, IsSeenByAReaderThatWasThereBefore) {
   const Name name;
   HostWriter writer(optionsFor(name, 50'000));
-  HostReader reader(name.text(), kSchema);
+  HostReader reader(name.text(), schema);
   Stamps expected;
   for (Key key = 0; key < 50'000; ++key) {
     writer.is(key, hostOf(key, key));

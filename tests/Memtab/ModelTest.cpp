@@ -40,7 +40,7 @@ class Model {
   void open() {
     writer_ = std::make_unique<HostWriter>(optionsFor(name_, limit_));
     if (!reader_) {
-      reader_ = std::make_unique<HostReader>(name_, kSchema);
+      reader_ = std::make_unique<HostReader>(name_, schema);
     }
   }
 
@@ -137,7 +137,7 @@ class Model {
     ASSERT_EQ(contentOf(*reader_), published_);
   }
 
-  /// What was not published does not exist, but for replaced values.
+  // What was not published does not exist, but for replaced values.
   void adopt() {
     writer_.reset();
     open();

@@ -16,19 +16,19 @@
 namespace Memtab::Test {
 namespace {
 
-/// The writer's programme, and what readers may rely on while it goes on:
-/// - keys below kConstant are there after each turn, whether replaced, or deleted and added again, within it;
-/// - keys from kPairs on come and go in pairs (2n, 2n + 1), both in one turn;
-/// - kEnd is added in the last turn.
+// The writer's programme, and what readers may rely on while it goes on:
+// - keys below constant are there after each turn, whether replaced, or deleted and added again, within it;
+// - keys from pairs on come and go in pairs (2n, 2n + 1), both in one turn;
+// - end is added in the last turn.
 class Programme {
  public:
-  static constexpr Key kConstant = 4096;
-  static constexpr Key kPairs = 1'000'000;
-  static constexpr Key kEnd = 999'999;
-  static constexpr std::size_t kLimit = 200'000;
+  static constexpr Key constant = 4096;
+  static constexpr Key pairs = 1'000'000;
+  static constexpr Key end = 999'999;
+  static constexpr std::size_t limit = 200'000;
 
   explicit Programme(const Options& options) : writer_(options) {
-    for (Key key = 0; key < kConstant; ++key) {
+    for (Key key = 0; key < constant; ++key) {
       writer_.is(key, hostOf(key, 0));
     }
     writer_.publish();
@@ -40,14 +40,14 @@ class Programme {
     while (changes_ < changes) {
       turn(pairs);
     }
-    writer_.is(kEnd, hostOf(kEnd, 0));
+    writer_.is(end, hostOf(end, 0));
     writer_.publish();
   }
 
  private:
   void turn(Key pairs) {
     for (int i = 0; i < 40; ++i) {
-      const Key key = random_() % kConstant;
+      const Key key = random_() % constant;
       if (random_() % 2 == 0) {
         writer_.del(key);
         ++changes_;
@@ -58,7 +58,7 @@ class Programme {
     // Two steps up and one down, then the other way round: the table grows and shrinks.
     const Key range = 1 + pairs * ((changes_ >> 16U) % 8) / 8;
     for (int i = 0; i < 20; ++i) {
-      const Key first = kPairs + 2 * (random_() % range);
+      const Key first = pairs + 2 * (random_() % range);
       const bool add = random_() % 3 != 0;
       for (const Key key : {first, first + 1}) {
         if (add) {
@@ -77,13 +77,13 @@ class Programme {
   std::uint64_t changes_ = 0;
 };
 
-/// Goes on until the end is there, in one of several ways. Returns what was wrong, or nothing.
+// Goes on until the end is there, in one of several ways. Returns what was wrong, or nothing.
 class Watcher {
  public:
   Watcher(HostReader& reader, unsigned number) : reader_(reader), random_(number), way_(number % 3) {}
 
   std::string run() {
-    while (mistake_.empty() && !reader_.find(Programme::kEnd)) {
+    while (mistake_.empty() && !reader_.find(Programme::end)) {
       if (way_ == 0) {
         lookUp();
       } else if (way_ == 1) {
@@ -108,12 +108,12 @@ class Watcher {
 
   void lookUp() {
     for (int i = 0; i < 1000; ++i) {
-      const Key key = random_() % Programme::kConstant;
+      const Key key = random_() % Programme::constant;
       const auto host = reader_.find(key);
       require(host.has_value(),
               "a key that was there before and after a turn is missing: " + std::to_string(key));
       require(!host || whole(key, *host), "a host that was never written whole");
-      const Key first = Programme::kPairs + 2 * (random_() % 1000);
+      const Key first = Programme::pairs + 2 * (random_() % 1000);
       const std::uint64_t before = reader_.turn();
       const bool even = reader_.find(first).has_value();
       const bool odd = reader_.find(first + 1).has_value();
@@ -122,10 +122,10 @@ class Watcher {
   }
 
   void walk() {
-    std::vector<bool> met(Programme::kConstant);
+    std::vector<bool> met(Programme::constant);
     reader_.walk([&](Key key, const Host& host) {
       require(whole(key, host), "a host that was never written whole, in a walk");
-      if (key < Programme::kConstant) {
+      if (key < Programme::constant) {
         require(!met[key], "a key met twice in a walk");
         met[key] = true;
       }
@@ -138,9 +138,9 @@ class Watcher {
     std::size_t constant = 0;
     for (const auto& [key, stamp] : mirror_.content()) {
       require(stamp != ~std::uint64_t{0}, "a host that was never written whole, in a follow");
-      constant += key < Programme::kConstant ? 1 : 0;
+      constant += key < Programme::constant ? 1 : 0;
     }
-    require(constant == Programme::kConstant, "a key missing for a follower");
+    require(constant == Programme::constant, "a key missing for a follower");
   }
 
   HostReader& reader_;
@@ -152,12 +152,12 @@ class Watcher {
 
 TEST(Readers, InOtherProcessesNeverSeeHalfARecordOrAGap) {
   const Name name;
-  Programme programme(optionsFor(name, Programme::kLimit));
+  Programme programme(optionsFor(name, Programme::limit));
   std::vector<pid_t> readers;
   for (unsigned number = 0; number < 3; ++number) {
     const pid_t child = ::fork();
     if (child == 0) {
-      HostReader reader(name.text(), kSchema);
+      HostReader reader(name.text(), schema);
       const std::string mistake = Watcher(reader, number).run();
       if (!mistake.empty()) {
         static_cast<void>(std::fprintf(stderr, "reader %u: %s\n", number, mistake.c_str()));
@@ -175,7 +175,7 @@ TEST(Readers, InOtherProcessesNeverSeeHalfARecordOrAGap) {
 }
 
 TEST(Readers, InOtherThreadsSeeTheSame) {
-  Programme programme(optionsFor("", Programme::kLimit));
+  Programme programme(optionsFor("", Programme::limit));
   std::vector<std::string> mistakes(3);
   std::vector<std::thread> readers;
   for (unsigned number = 0; number < 3; ++number) {

@@ -10,7 +10,7 @@
 
 namespace Memtab::Test {
 
-/// A reproducible life of a table, turn by turn, to run in one process and to expect in another.
+// A reproducible life of a table, turn by turn, to run in one process and to expect in another.
 class Script {
  public:
   struct Change {
@@ -20,9 +20,9 @@ class Script {
   };
   using Turn = std::vector<Change>;
 
-  /// TURNS turns of at most CHANGES changes of KEYS keys each. Which keys tend to be there rises and falls,
-  /// so that the table grows and shrinks. Keys below CONSTANT are added in the first turn, and from then on
-  /// there after each turn.
+  // TURNS turns of at most CHANGES changes of KEYS keys each. Which keys tend to be there rises and falls,
+  // so that the table grows and shrinks. Keys below CONSTANT are added in the first turn, and from then on
+  // there after each turn.
   Script(std::uint64_t seed, std::size_t turns, std::size_t changes, Key keys, Key constant) {
     std::mt19937_64 random(seed);
     Stamps now;
@@ -51,14 +51,14 @@ class Script {
 
   const std::vector<Turn>& turns() const { return turns_; }
 
-  /// Content after the first COUNT turns.
+  // Content after the first COUNT turns.
   const Stamps& after(std::size_t count) const {
     static const Stamps none;
     return count == 0 ? none : after_.at(count - 1);
   }
 
-  /// Whether a table that was published after COUNT turns, and perhaps had values replaced by the next, looks
-  /// like CONTENT; if not, how.
+  // Whether a table that was published after COUNT turns, and perhaps had values replaced by the next, looks
+  // like CONTENT; if not, how.
   std::string mistakeIn(const Stamps& content, std::size_t count) const {
     std::map<Key, std::set<std::uint64_t>> possible;
     for (const auto& [key, stamp] : after(count)) {

@@ -34,14 +34,14 @@ std::string writersError(const Options& options) {
   return errorOf([&] { const HostWriter writer(options); });
 }
 std::string readersError(const Name& name, std::optional<uid_t> owner = std::nullopt) {
-  return errorOf([&] { const HostReader reader(name.text(), kSchema, owner); });
+  return errorOf([&] { const HostReader reader(name.text(), schema, owner); });
 }
 
 class Strangers : public testing::Test {
  protected:
   void SetUp() override { NEEDS_A_STRANGER(); }
 
-  /// A whole table with one host, made by the stranger.
+  // A whole table with one host, made by the stranger.
   void givenAForgery(const std::string& name) {
     ASSERT_TRUE(asStranger([&] {
       HostWriter writer(optionsFor(name));
@@ -66,7 +66,7 @@ TEST_F(Strangers, TheirTableIsRefusedByWriterAndReader) {
 
 TEST_F(Strangers, WhoIsNamedAsTheOwnerIsNoStranger) {
   givenAForgery(name_.text());
-  HostReader reader(name_.text(), kSchema, stranger);
+  HostReader reader(name_.text(), schema, stranger);
   EXPECT_EQ(reader.find(1), hostOf(1, 666));
   Options options = optionsFor(name_);
   options.owner = stranger;
@@ -76,7 +76,7 @@ TEST_F(Strangers, WhoIsNamedAsTheOwnerIsNoStranger) {
 
 TEST_F(Strangers, AReaderDoesNotGoOverToTheirTable) {
   std::optional<HostWriter> writer(optionsFor(name_));
-  HostReader reader(name_.text(), kSchema);
+  HostReader reader(name_.text(), schema);
   ASSERT_TRUE(reader.attached());
   writer.reset();
   Memtab::remove(name_.text());
@@ -124,7 +124,7 @@ TEST_F(Strangers, RootsTableIsReadByThemAndNotWritten) {
   HostWriter writer(optionsFor(name_));
   writer.is(1, hostOf(1, 1));
   writer.publish();
-  EXPECT_TRUE(asStranger([&] { return HostReader(name_.text(), kSchema).find(1) == hostOf(1, 1); }));
+  EXPECT_TRUE(asStranger([&] { return HostReader(name_.text(), schema).find(1) == hostOf(1, 1); }));
   EXPECT_TRUE(asStranger(
       [&] { return writersError(optionsFor(name_)).find("belongs to root (0)") != std::string::npos; }));
 }
@@ -135,7 +135,7 @@ TEST_F(Strangers, ATableThatIsNoFileIsRefusedWithoutWaiting) {
   EXPECT_THAT(writersError(optionsFor(name_)), HasSubstr("no regular file"));
 }
 
-/// What a process says on standard error, and how it ends.
+// What a process says on standard error, and how it ends.
 struct End {
   int status;
   std::string said;
@@ -170,7 +170,7 @@ TEST(Truncation, EndsReaderAndWriterWithAMessage) {
       HostWriter first(optionsFor(name));
       first.is(1, hostOf(1, 1));
       first.publish();
-      HostReader reader(name.text(), kSchema);
+      HostReader reader(name.text(), schema);
       static_cast<void>(::truncate(name.path().c_str(), 0) == 0);
       if (asWriter) {
         first.is(2, hostOf(2, 2));

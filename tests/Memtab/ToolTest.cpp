@@ -42,7 +42,7 @@ struct Result {
   std::string out;
 };
 
-/// Standard output and standard error together.
+// Standard output and standard error together.
 Result memtab(const std::string& arguments) {
   Result result{0, ""};
   FILE* pipe = ::popen((std::string(MEMTAB_TOOL " ") + arguments + " 2>&1").c_str(), "r");
@@ -141,7 +141,7 @@ TEST_F(Tool, TellsThatTheWriterHasEnded) {
   EXPECT_EQ(json::parse(memtab("info --json " + name.text()).out)["writer"], "none");
 }
 
-/// Runs "memtab follow" beside the test and hands over its lines as they come.
+// Runs "memtab follow" beside the test and hands over its lines as they come.
 class Following {
  public:
   explicit Following(const std::string& arguments)

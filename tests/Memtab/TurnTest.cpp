@@ -23,7 +23,7 @@ class Turn : public testing::Test {
 
   Name name_;
   HostWriter writer_{optionsFor(name_, 1000)};
-  HostReader reader_{name_.text(), kSchema};
+  HostReader reader_{name_.text(), schema};
 };
 
 TEST_F(Turn, AddedRecordsAppearTogetherAtPublication) {

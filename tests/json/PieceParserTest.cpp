@@ -31,14 +31,14 @@ class PieceParserTest : public testing::TestWithParam<std::string> {};
 
 }  // namespace
 
-TEST_P(PieceParserTest, readsWhatIsReadAtOnce) {
+TEST_P(PieceParserTest, ReadsWhatIsReadAtOnce) {
   for (const std::size_t bytes : {1U, 2U, 3U, 7U, 1000U}) {
     EXPECT_EQ(inParts(GetParam(), bytes), atOnce(GetParam())) << GetParam() << " in parts of " << bytes;
   }
 }
 
 // Cut short anywhere, a text is refused or read as it would be at once.
-TEST_P(PieceParserTest, readsWhatIsCutShortAsItIsReadAtOnce) {
+TEST_P(PieceParserTest, ReadsWhatIsCutShortAsItIsReadAtOnce) {
   for (std::size_t length = 0; length < GetParam().size(); ++length) {
     const std::string text = GetParam().substr(0, length);
     EXPECT_EQ(inParts(text, 4), atOnce(text)) << text;
@@ -56,7 +56,7 @@ INSTANTIATE_TEST_SUITE_P(
                     R"([1e999])", R"(-)", R"("\x")", "\"\x01\"", "\"\xff\"", "[\"a\x00b\"]", R"({"a":tru})",
                     "[1,\x01]"));
 
-TEST(PieceParserDepthTest, refusesWhatIsNestedTooDeep) {
+TEST(PieceParserDepthTest, RefusesWhatIsNestedTooDeep) {
   for (const int depth : {Agent::deepestJson, Agent::deepestJson + 1}) {
     const std::string text =
         std::string(static_cast<std::size_t>(depth), '[') + std::string(static_cast<std::size_t>(depth), ']');

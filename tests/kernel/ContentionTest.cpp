@@ -12,9 +12,9 @@ class ContentionTest : public EngineTest {
     kernel_.port("t0");
     ports_ = {"t0"};
     mapVlan10();
-    engine().hostIs(10, kHost, kA);
-    engine().hostIs(10, kOther, kB);
-    engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+    engine().hostIs(10, host, kA);
+    engine().hostIs(10, other, kB);
+    engine().floodIs(10, all, FloodType::all, {kA, kB});
     engine().floodIs(10, mac("01:00:5e:00:00:05"), FloodType::any, {kA, kB});
     engine().settled();
     run();
@@ -35,27 +35,27 @@ const std::vector<Deed>& deeds() {
   static const std::vector<Deed> all{
       {"deletes a host's row in the device",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         (void)kernel.apply(RowDel{{Table::device, device, 0, kHost, {}, 0, false, false}});
+         (void)kernel.apply(RowDel{{Table::device, device, 0, host, {}, 0, false, false}});
        }},
       {"deletes a host's row in the bridge",
-       [](FakeKernel& kernel, IfIndex, IfIndex bridge, IfIndex) { kernel.age(bridge, kHost); }},
+       [](FakeKernel& kernel, IfIndex, IfIndex bridge, IfIndex) { kernel.age(bridge, host); }},
       {"turns a host's row in the bridge to another port",
        [](FakeKernel& kernel, IfIndex, IfIndex bridge, IfIndex port) {
          (void)kernel.apply(
-             RowAdd{RowAdd::How::replace, {Table::bridge, port, bridge, kHost, {}, 0, true, false}});
+             RowAdd{RowAdd::How::replace, {Table::bridge, port, bridge, host, {}, 0, true, false}});
        }},
       {"turns a host's row to another group",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         const auto other = kernel.deviceRows().find({device, kOther});
+         const auto other = kernel.deviceRows().find({device, other});
          if (other != kernel.deviceRows().end()) {
            const NexthopId group = other->second.nexthop;
            (void)kernel.apply(
-               RowAdd{RowAdd::How::replace, {Table::device, device, 0, kHost, {}, group, true, false}});
+               RowAdd{RowAdd::How::replace, {Table::device, device, 0, host, {}, group, true, false}});
          }
        }},
       {"deletes a flood destination",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         (void)kernel.apply(RowDel{{Table::device, device, 0, kAll, kB, 0, false, false}});
+         (void)kernel.apply(RowDel{{Table::device, device, 0, all, kB, 0, false, false}});
        }},
       {"deletes a flood row to a group",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
@@ -153,13 +153,13 @@ TEST_F(ContentionTest, WhatAStrangerChangesAgainAndAgainIsPutBackMoreSlowlyAndSa
 TEST_F(ContentionTest, WhatIsDeletedOnceIsPutBackAtOnceHoweverMuchItIs) {
   mapVlan10();
   for (unsigned n = 0; n < 2000; ++n) {
-    engine().hostIs(10, Mac{kHost.bits + n}, kA);
+    engine().hostIs(10, Mac{host.bits + n}, kA);
   }
   engine().settled();
   run();
   const std::string whole = kernel_.text();
   for (unsigned n = 0; n < 2000; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(Mac{kHost.bits + n}, {})});
+    (void)kernel_.apply(RowDel{deviceRow(Mac{host.bits + n}, {})});
   }
   run();
   EXPECT_EQ(kernel_.text(), whole);
@@ -169,14 +169,14 @@ TEST_F(ContentionTest, WhatIsDeletedOnceIsPutBackAtOnceHoweverMuchItIs) {
 TEST_F(ContentionTest, AllThatIsChangedRepeatedlySharesOneAllowance) {
   mapVlan10();
   for (unsigned n = 0; n < 1000; ++n) {
-    engine().hostIs(10, Mac{kHost.bits + n}, kA);
+    engine().hostIs(10, Mac{host.bits + n}, kA);
   }
   engine().settled();
   run();
   const std::uint64_t before = engine().counters().acknowledged;
   for (int second = 0; second < 30; ++second) {
     for (unsigned n = 0; n < 1000; ++n) {
-      (void)kernel_.apply(RowDel{deviceRow(Mac{kHost.bits + n}, {})});
+      (void)kernel_.apply(RowDel{deviceRow(Mac{host.bits + n}, {})});
     }
     pass(seconds(1));
   }
@@ -191,11 +191,11 @@ TEST_F(ContentionTest, AllThatIsChangedRepeatedlySharesOneAllowance) {
 TEST_F(ContentionTest, WhatTheControllerSaysOfAContendedHostIsDoneAtOnce) {
   given();
   for (int n = 0; n < 300; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(kHost, {})});
+    (void)kernel_.apply(RowDel{deviceRow(host, {})});
     pass(milliseconds(100));
   }
-  ASSERT_EQ(kernel_.deviceRows().count({index("vx5010"), kHost}), 0U);
-  engine().hostIs(10, kHost, kC);
+  ASSERT_EQ(kernel_.deviceRows().count({index("vx5010"), host}), 0U);
+  engine().hostIs(10, host, kC);
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.4\n"));
 }
@@ -203,10 +203,10 @@ TEST_F(ContentionTest, WhatTheControllerSaysOfAContendedHostIsDoneAtOnce) {
 TEST_F(ContentionTest, WhatTheControllerSaysOfAContendedFloodSetIsDoneAtOnce) {
   given();
   for (int n = 0; n < 300; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(kAll, kB)});
+    (void)kernel_.apply(RowDel{deviceRow(all, kB)});
     pass(milliseconds(100));
   }
-  engine().floodIs(10, kAll, FloodType::all, {kA, kB, kC});
+  engine().floodIs(10, all, FloodType::all, {kA, kB, kC});
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("00:00:00:00:00:00 dst 10.0.0.2 10.0.0.3 10.0.0.4"));
 }
@@ -229,7 +229,7 @@ TEST_F(ContentionTest, ChangesThatAreMinutesApartAreNoContention) {
   given();
   const std::string whole = kernel_.text();
   for (int n = 0; n < 20; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(kHost, {})});
+    (void)kernel_.apply(RowDel{deviceRow(host, {})});
     run();
     ASSERT_EQ(kernel_.text(), whole);
     pass(seconds(150));
@@ -240,9 +240,9 @@ TEST_F(ContentionTest, ChangesThatAreMinutesApartAreNoContention) {
 TEST_F(ContentionTest, TheControllersOwnChangesAreNoContention) {
   given();
   for (int n = 0; n < 200; ++n) {
-    engine().hostIs(10, kHost, n % 2 == 0 ? kB : kC);
-    engine().floodIs(10, kAll, n % 2 == 0 ? FloodType::any : FloodType::all, {kA, kB});
-    mapVlan10(5010, n % 2 == 0 ? kC : kLocal);
+    engine().hostIs(10, host, n % 2 == 0 ? kB : kC);
+    engine().floodIs(10, all, n % 2 == 0 ? FloodType::any : FloodType::all, {kA, kB});
+    mapVlan10(5010, n % 2 == 0 ? kC : local);
     run();
     ASSERT_EQ(problems(), "");
     ASSERT_EQ(tally("hosts").differing + tally("floods").differing + tally("devices").differing, 0U);

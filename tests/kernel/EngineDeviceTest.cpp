@@ -8,15 +8,17 @@ class EngineDeviceTest : public EngineTest {};
 
 TEST_F(EngineDeviceTest, KnowsItsFloodRowsInADeviceThatItComesBackTo) {
   mapVlan10(5010);
-  engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+  engine().floodIs(10, all, FloodType::all, {kA, kB});
   engine().settled();
   run();
   mapVlan10(5020);
   run();
-  engine().floodIs(10, kAll, FloodType::all, {kA});
+  engine().floodIs(10, all, FloodType::all, {kA});
   pass(milliseconds(500));
   mapVlan10(5010);
-  for (int n = 0; n < 5; ++n) pass(seconds(1));
+  for (int n = 0; n < 5; ++n) {
+    pass(seconds(1));
+  }
   EXPECT_EQ(kernel_.text(),
             "link vx5010 in vxb10\n"
             "link vxb10\n"
@@ -45,7 +47,7 @@ TEST_F(EngineDeviceTest, SaysWhichKindOfDeviceTheKernelLacks) {
 
 TEST_F(EngineDeviceTest, AdoptsAfterARestartWithoutTouchingWhatIsWantedAgain) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+  engine().floodIs(10, all, FloodType::all, {kA, kB});
   run();
   std::string before = kernel_.text();
   kernel_.forgetGaps();
@@ -53,8 +55,8 @@ TEST_F(EngineDeviceTest, AdoptsAfterARestartWithoutTouchingWhatIsWantedAgain) {
   run();
   std::size_t requests = kernel_.requestCount();
   mapVlan10();
-  engine().hostIs(10, kHost, kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+  engine().hostIs(10, host, kA);
+  engine().floodIs(10, all, FloodType::all, {kA, kB});
   engine().settled();
   run();
   EXPECT_EQ(kernel_.requestCount(), requests);
@@ -64,15 +66,15 @@ TEST_F(EngineDeviceTest, AdoptsAfterARestartWithoutTouchingWhatIsWantedAgain) {
 
 TEST_F(EngineDeviceTest, RemovesAfterARestartWhatIsStaleButOnlyOnceSettled) {
   givenHostAt(kA);
-  engine().hostIs(10, kOther, kB);
-  engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+  engine().hostIs(10, other, kB);
+  engine().floodIs(10, all, FloodType::all, {kA, kB});
   engine().vniIs(5020, 20, "Vxlan1", ip("10.0.0.1"), {});
   run();
   std::string before = kernel_.text();
   restart();
   mapVlan10();
-  engine().hostIs(10, kHost, kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA});
+  engine().hostIs(10, host, kA);
+  engine().floodIs(10, all, FloodType::all, {kA});
   pass(seconds(300));
   EXPECT_EQ(kernel_.text(), before);
   engine().settled();
@@ -88,9 +90,9 @@ TEST_F(EngineDeviceTest, RemovesAfterARestartWhatIsStaleButOnlyOnceSettled) {
 
 TEST_F(EngineDeviceTest, KnowsAfterARestartTheFloodRowOfSomebodyElse) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA});
+  engine().floodIs(10, all, FloodType::all, {kA});
   run();
-  ASSERT_EQ(kernel_.apply(RowAdd{RowAdd::How::append, deviceRow(kAll, kC)}), 0);
+  ASSERT_EQ(kernel_.apply(RowAdd{RowAdd::How::append, deviceRow(all, kC)}), 0);
   run();
   restart();
   mapVlan10();
@@ -101,12 +103,14 @@ TEST_F(EngineDeviceTest, KnowsAfterARestartTheFloodRowOfSomebodyElse) {
 
 TEST_F(EngineDeviceTest, RenumbersAVniWithoutAMomentWithoutAWay) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA});
+  engine().floodIs(10, all, FloodType::all, {kA});
   run();
   kernel_.refusalIs([&](const Request& request) {
     const Link* before = kernel_.link("vx5010");
     const Link* after = kernel_.link("vx6010");
-    if (before == nullptr || after == nullptr || !after->up) return 0;
+    if (before == nullptr || after == nullptr || !after->up) {
+      return 0;
+    }
     EXPECT_TRUE(before->portIsolated && after->portIsolated)
         << "what comes in by one must not go out by the other";
     (void)request;
@@ -134,12 +138,12 @@ TEST_F(EngineDeviceTest, RenumbersAVniWithoutAMomentWithoutAWay) {
 
 TEST_F(EngineDeviceTest, AHostThatMovesWhileItsVniIsRenumberedGoesTheNewWayAtOnce) {
   givenHostAt(kA);
-  engine().hostIs(10, kOther, kA);
+  engine().hostIs(10, other, kA);
   run();
   engine().vniDel(5010);
   mapVlan10(6010);
   run();
-  engine().hostIs(10, kHost, kB);
+  engine().hostIs(10, host, kB);
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("row vxb10 02:00:00:00:00:01 port vx6010\n"));
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx6010 02:00:00:00:00:01 via 10.0.0.3\n"));

@@ -8,18 +8,18 @@ class EngineDumpTest : public EngineTest {};
 
 TEST_F(EngineDumpTest, WhatWasAcknowledgedDuringADumpCountsMoreThanWhatTheDumpShows) {
   givenHostAt(kA);
-  const NexthopId before = kernel_.deviceRows().at({index("vx5010"), kHost}).nexthop;
-  engine().hostIs(10, kOther, kA);
+  const NexthopId before = kernel_.deviceRows().at({index("vx5010"), host}).nexthop;
+  engine().hostIs(10, other, kA);
   run();
   goOnIntoADumpOfRows();
-  engine().hostIs(10, kHost, kB);
+  engine().hostIs(10, host, kB);
   (void)kernel_.turn(engine(), now_);
   const std::uint64_t repairs = engine().counters().repairs;
-  Row old = deviceRow(kHost, {});
+  Row old = deviceRow(host, {});
   old.nexthop = before;
   old.marked = true;
   engine().rowIs(old, true);
-  EXPECT_EQ(engine().explain(10, kHost).deviceVteps, std::vector<Ip4>{kB});
+  EXPECT_EQ(engine().explain(10, host).deviceVteps, std::vector<Ip4>{kB});
   run();
   EXPECT_EQ(engine().counters().repairs, repairs);
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.3\n"));
@@ -28,57 +28,57 @@ TEST_F(EngineDumpTest, WhatWasAcknowledgedDuringADumpCountsMoreThanWhatTheDumpSh
 TEST_F(EngineDumpTest, ARowThatWentDuringADumpIsNotTakenFromTheDump) {
   givenHostAt(kA);
   goOnIntoADumpOfRows();
-  engine().hostDel(10, kHost);
+  engine().hostDel(10, host);
   (void)kernel_.turn(engine(), now_);
-  Row old = bridgeRow(kHost, "vx5010");
+  Row old = bridgeRow(host, "vx5010");
   old.marked = true;
   engine().rowIs(old, true);
   const std::uint64_t refused = engine().counters().refused;
   run();
   EXPECT_EQ(engine().counters().refused, refused) << "nothing is deleted twice";
-  EXPECT_EQ(engine().explain(10, kHost).portMark, "none");
+  EXPECT_EQ(engine().explain(10, host).portMark, "none");
 }
 
 TEST_F(EngineDumpTest, AFloodDestinationThatWentDuringADumpIsNotTakenFromTheDump) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA, kB});
+  engine().floodIs(10, all, FloodType::all, {kA, kB});
   run();
   goOnIntoADumpOfRows();
-  engine().floodIs(10, kAll, FloodType::all, {kA});
+  engine().floodIs(10, all, FloodType::all, {kA});
   (void)kernel_.turn(engine(), now_);
-  engine().rowIs(deviceRow(kAll, kB), true);
-  EXPECT_EQ(engine().explain(10, kAll).deviceVteps, std::vector<Ip4>{kA});
+  engine().rowIs(deviceRow(all, kB), true);
+  EXPECT_EQ(engine().explain(10, all).deviceVteps, std::vector<Ip4>{kA});
   run();
-  EXPECT_EQ(engine().explain(10, kAll).deviceVteps, std::vector<Ip4>{kA});
-  EXPECT_FALSE(engine().explain(10, kAll).differs);
+  EXPECT_EQ(engine().explain(10, all).deviceVteps, std::vector<Ip4>{kA});
+  EXPECT_FALSE(engine().explain(10, all).differs);
 }
 
 TEST_F(EngineDumpTest, AFloodGroupThatWentDuringADumpIsNotTakenFromTheDump) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::any, {kA, kB});
+  engine().floodIs(10, all, FloodType::any, {kA, kB});
   run();
-  Row old = deviceRow(kAll, {});
-  old.nexthop = kernel_.deviceRows().at({index("vx5010"), kAll}).nexthop;
+  Row old = deviceRow(all, {});
+  old.nexthop = kernel_.deviceRows().at({index("vx5010"), all}).nexthop;
   goOnIntoADumpOfRows();
-  engine().floodDel(10, kAll);
+  engine().floodDel(10, all);
   (void)kernel_.turn(engine(), now_);
   engine().rowIs(old, true);
-  EXPECT_EQ(engine().explain(10, kAll).deviceMark, "none");
+  EXPECT_EQ(engine().explain(10, all).deviceMark, "none");
   run();
-  EXPECT_EQ(kernel_.deviceRows().count({index("vx5010"), kAll}), 0U);
+  EXPECT_EQ(kernel_.deviceRows().count({index("vx5010"), all}), 0U);
 }
 
 TEST_F(EngineDumpTest, LocalHostsAreNotKept) {
   kernel_.port("t0");
   ports_ = {"t0"};
   givenHostAt(kA);
-  kernel_.learn(index("vxb10"), index("t0"), kOther);
+  kernel_.learn(index("vxb10"), index("t0"), other);
   run();
   now_ += seconds(61);
   const std::uint64_t audits = engine().counters().audits;
   while (engine().counters().audits == audits) {
     (void)kernel_.turn(engine(), now_);
-    ASSERT_EQ(engine().explain(10, kOther).portMark, "none");
+    ASSERT_EQ(engine().explain(10, other).portMark, "none");
   }
 }
 
@@ -87,8 +87,8 @@ TEST_F(EngineDumpTest, TheDeletionOfABridgeRowAtAnotherPortIsNotOfTheRowThatIsTh
   ports_ = {"t0"};
   givenHostAt(kA);
   const std::size_t requests = kernel_.requestCount();
-  engine().rowDel(bridgeRow(kHost, "t0"));
-  EXPECT_EQ(engine().explain(10, kHost).portMark, "ours");
+  engine().rowDel(bridgeRow(host, "t0"));
+  EXPECT_EQ(engine().explain(10, host).portMark, "ours");
   run();
   EXPECT_EQ(kernel_.requestCount(), requests);
   EXPECT_EQ(engine().counters().repairs, 0U);
@@ -96,24 +96,24 @@ TEST_F(EngineDumpTest, TheDeletionOfABridgeRowAtAnotherPortIsNotOfTheRowThatIsTh
 
 TEST_F(EngineDumpTest, ARowOfOursThatIsReportedBeforeAllIsSaidStaysUntilThen) {
   mapVlan10();
-  engine().hostIs(10, kHost, kA);
+  engine().hostIs(10, host, kA);
   run();
-  const NexthopId group = kernel_.deviceRows().at({index("vx5010"), kHost}).nexthop;
+  const NexthopId group = kernel_.deviceRows().at({index("vx5010"), host}).nexthop;
   // An earlier run's row, which a report tells and no dump.
-  Row left = deviceRow(kOther, {});
+  Row left = deviceRow(other, {});
   left.nexthop = group;
   left.marked = true;
   ASSERT_EQ(kernel_.apply(RowAdd{RowAdd::How::create, left}), 0);
   run();
-  EXPECT_EQ(kernel_.deviceRows().count({index("vx5010"), kOther}), 1U);
+  EXPECT_EQ(kernel_.deviceRows().count({index("vx5010"), other}), 1U);
   engine().settled();
   run();
-  EXPECT_EQ(kernel_.deviceRows().count({index("vx5010"), kOther}), 0U);
+  EXPECT_EQ(kernel_.deviceRows().count({index("vx5010"), other}), 0U);
 }
 
 TEST_F(EngineDumpTest, AFloodRowToAGroupOfAnEarlierRunStaysUntilAllIsSaid) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::any, {kA, kB});
+  engine().floodIs(10, all, FloodType::any, {kA, kB});
   run();
   restart();
   mapVlan10();
@@ -126,17 +126,17 @@ TEST_F(EngineDumpTest, AFloodRowToAGroupOfAnEarlierRunStaysUntilAllIsSaid) {
 
 TEST_F(EngineDumpTest, AGroupOfAnEarlierRunIsUsedAgainForTheSameFloodSet) {
   givenHostAt(kA);
-  engine().floodIs(10, kAll, FloodType::any, {kA, kB});
+  engine().floodIs(10, all, FloodType::any, {kA, kB});
   run();
-  const NexthopId before = kernel_.deviceRows().at({index("vx5010"), kAll}).nexthop;
+  const NexthopId before = kernel_.deviceRows().at({index("vx5010"), all}).nexthop;
   restart();
   kernel_.forgetGaps();
   mapVlan10();
-  engine().hostIs(10, kHost, kA);
-  engine().floodIs(10, kAll, FloodType::any, {kB, kC});
+  engine().hostIs(10, host, kA);
+  engine().floodIs(10, all, FloodType::any, {kB, kC});
   engine().settled();
   run();
-  EXPECT_EQ(kernel_.deviceRows().at({index("vx5010"), kAll}).nexthop, before);
+  EXPECT_EQ(kernel_.deviceRows().at({index("vx5010"), all}).nexthop, before);
   EXPECT_THAT(kernel_.text(), HasSubstr("00:00:00:00:00:00 any 10.0.0.3 10.0.0.4"));
   EXPECT_THAT(kernel_.gaps(), IsEmpty());
 }

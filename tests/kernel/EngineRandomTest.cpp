@@ -24,7 +24,9 @@ struct Wanted {
 
 std::string texts(const std::vector<Ip4>& vteps) {
   std::string out;
-  for (Ip4 vtep : vteps) out.append(" ").append(vtep.text());
+  for (Ip4 vtep : vteps) {
+    out.append(" ").append(vtep.text());
+  }
   return out;
 }
 
@@ -75,7 +77,9 @@ class Story {
 
 std::vector<Ip4> Story::vteps() {
   std::set<Ip4> out;
-  for (unsigned n = 1 + pick(3); n > 0; --n) out.insert(vtep());
+  for (unsigned n = 1 + pick(3); n > 0; --n) {
+    out.insert(vtep());
+  }
   return {out.begin(), out.end()};
 }
 
@@ -87,7 +91,9 @@ void Story::restart() {
   }
   engine_.emplace(options);
   kernel_.reconnect();
-  if (pick(2) == 0) kernel_.run(*engine_, now_);
+  if (pick(2) == 0) {
+    kernel_.run(*engine_, now_);
+  }
   tell();
 }
 
@@ -95,9 +101,15 @@ void Story::tell() {
   for (const auto& [vlan, vni] : wanted_.vnis) {
     engine_->vniIs(vni, vlan, "Vxlan1", wanted_.locals.at(vlan), {});
   }
-  for (const auto& [key, vtep] : wanted_.hosts) engine_->hostIs(key.first, key.second, vtep);
-  for (const auto& [key, set] : wanted_.floods) engine_->floodIs(key.first, key.second, set.type, set.vteps);
-  if (pick(2) == 0) engine_->settled();
+  for (const auto& [key, vtep] : wanted_.hosts) {
+    engine_->hostIs(key.first, key.second, vtep);
+  }
+  for (const auto& [key, set] : wanted_.floods) {
+    engine_->floodIs(key.first, key.second, set.type, set.vteps);
+  }
+  if (pick(2) == 0) {
+    engine_->settled();
+  }
 }
 
 void Story::controllerStep() {
@@ -106,8 +118,9 @@ void Story::controllerStep() {
     case 0: {
       Vni vni = 5000U + vlan + 100U * pick(2);
       auto before = wanted_.vnis.find(vlan);
-      if (before != wanted_.vnis.end() && before->second != vni && pick(2) == 0)
+      if (before != wanted_.vnis.end() && before->second != vni && pick(2) == 0) {
         engine_->vniDel(before->second);
+      }
       wanted_.locals[vlan] = pick(3) == 0 ? vtep() : Ip4{0x0a000001U};
       engine_->vniIs(vni, vlan, "Vxlan1", wanted_.locals[vlan], {});
       wanted_.vnis[vlan] = vni;
@@ -115,7 +128,9 @@ void Story::controllerStep() {
     }
     case 1: {
       auto before = wanted_.vnis.find(vlan);
-      if (before == wanted_.vnis.end() || pick(3) != 0) break;
+      if (before == wanted_.vnis.end() || pick(3) != 0) {
+        break;
+      }
       engine_->vniDel(before->second);
       wanted_.vnis.erase(before);
       break;
@@ -210,7 +225,9 @@ void Story::disturb() {
       kernel_.refusalIs([this](const Request&) { return refusing_ && pick(4) == 0 ? EBUSY : 0; });
       break;
     case 2:
-      if (pick(5) == 0) restart();
+      if (pick(5) == 0) {
+        restart();
+      }
       break;
     default:
       now_ += milliseconds(pick(2000));
@@ -227,7 +244,9 @@ void Story::step() {
   } else {
     disturb();
   }
-  for (unsigned n = pick(4); n > 0; --n) kernel_.turn(*engine_, now_);
+  for (unsigned n = pick(4); n > 0; --n) {
+    kernel_.turn(*engine_, now_);
+  }
 }
 
 void Story::calm() {
@@ -250,8 +269,12 @@ std::vector<Ip4> Story::wantedVteps(Vlan vlan, Mac mac) const {
   std::vector<Ip4> vteps;
   auto set = wanted_.floods.find({vlan, mac});
   auto host = wanted_.hosts.find({vlan, mac});
-  if (set != wanted_.floods.end()) vteps = remote(vlan, set->second);
-  if (vteps.empty() && host != wanted_.hosts.end()) vteps = {host->second};
+  if (set != wanted_.floods.end()) {
+    vteps = remote(vlan, set->second);
+  }
+  if (vteps.empty() && host != wanted_.hosts.end()) {
+    vteps = {host->second};
+  }
   return vteps;
 }
 
@@ -260,22 +283,30 @@ void Story::wantedRows(Vlan vlan, std::set<std::string>& lines) const {
   std::string bridge = "vxb" + std::to_string(vlan);
   std::set<Mac> macs;
   for (const auto& [key, vtep] : wanted_.hosts) {
-    if (key.first == vlan) macs.insert(key.second);
+    if (key.first == vlan) {
+      macs.insert(key.second);
+    }
   }
   for (const auto& [key, set] : wanted_.floods) {
-    if (key.first != vlan) continue;
+    if (key.first != vlan) {
+      continue;
+    }
     if (!key.second.group()) {
       macs.insert(key.second);
       continue;
     }
     std::vector<Ip4> vteps = remote(vlan, set);
-    if (vteps.empty()) continue;
+    if (vteps.empty()) {
+      continue;
+    }
     lines.insert("row " + device + " " + key.second.text() + (set.type == FloodType::any ? " any" : " dst") +
                  texts(vteps));
   }
   for (Mac mac : macs) {
     std::vector<Ip4> vteps = wantedVteps(vlan, mac);
-    if (vteps.empty()) continue;
+    if (vteps.empty()) {
+      continue;
+    }
     lines.insert("row " + device + " " + mac.text() + " via" + texts(vteps));
     lines.insert("row " + bridge + " " + mac.text() + " port " + device);
   }
@@ -292,11 +323,15 @@ std::string Story::wanted() const {
   }
   // Rows of others last as long as the device that they are in.
   for (const auto& [key, row] : kernel_.deviceRows()) {
-    if (key.second.bits >> 40U != 6) continue;
+    if (key.second.bits >> 40U != 6) {
+      continue;
+    }
     lines.insert("row " + kernel_.links().at(key.first).name + " " + key.second.text() + " dst 10.0.0.255");
   }
   std::string out;
-  for (const std::string& line : lines) out += line + "\n";
+  for (const std::string& line : lines) {
+    out += line + "\n";
+  }
   return out;
 }
 
@@ -306,7 +341,9 @@ TEST_P(EngineRandomTest, TheKernelComesToWhatIsWantedAndKeepsWhatIsOthers) {
   SCOPED_TRACE("seed " + std::to_string(GetParam()));
   Story story(GetParam());
   for (int part = 0; part < 8; ++part) {
-    for (int n = 0; n < 60; ++n) story.step();
+    for (int n = 0; n < 60; ++n) {
+      story.step();
+    }
     story.calm();
     ASSERT_EQ(story.there(), story.wanted()) << "in part " << part << "\n" << story.problems();
   }

@@ -8,7 +8,7 @@ class EngineReportTest : public EngineTest {
  protected:
   void given(unsigned vlans) {
     for (unsigned n = 0; n < vlans; ++n) {
-      engine().vniIs(5000 + n, static_cast<Vlan>(100 + n), "Vxlan1", kLocal, {});
+      engine().vniIs(5000 + n, static_cast<Vlan>(100 + n), "Vxlan1", local, {});
     }
     engine().settled();
     run();
@@ -26,7 +26,7 @@ TEST_F(EngineReportTest, ABridgeThatIsRenamedKeepsItsRows) {
             "row somewhere 02:00:00:00:00:01 port vx5010\n"
             "row vx5010 02:00:00:00:00:01 via 10.0.0.2\n");
   EXPECT_EQ(kernel_.requestCount(), requests);
-  EXPECT_EQ(engine().explain(10, kHost).bridge, "somewhere");
+  EXPECT_EQ(engine().explain(10, host).bridge, "somewhere");
   EXPECT_EQ(problems(), "");
 }
 
@@ -155,8 +155,8 @@ TEST_F(EngineReportTest, ADeviceThatIsNotAsWantedDiffers) {
 
 TEST_F(EngineReportTest, NothingIsSaidToDifferBeforeItWasCompared) {
   mapVlan10();
-  engine().hostIs(10, kHost, kA);
-  engine().floodIs(10, kAll, FloodType::all, {kA});
+  engine().hostIs(10, host, kA);
+  engine().floodIs(10, all, FloodType::all, {kA});
   for (const char* kind : {"devices", "hosts", "floods"}) {
     EXPECT_EQ(tally(kind).unknown, tally(kind).wanted) << kind;
     EXPECT_EQ(tally(kind).differing, 0U) << kind;
@@ -191,14 +191,14 @@ TEST_F(EngineReportTest, LostReportsPutEverythingInDoubtUntilAComparisonThatBega
 
 TEST_F(EngineReportTest, RowsThatWentWithTheirGroupAreInDoubt) {
   givenHostAt(kA);
-  engine().nexthopDel(kernel_.deviceRows().at({index("vx5010"), kHost}).nexthop);
+  engine().nexthopDel(kernel_.deviceRows().at({index("vx5010"), host}).nexthop);
   EXPECT_FALSE(engine().certain());
 }
 
 TEST_F(EngineReportTest, RowsOfADeviceThatNoDumpHasToldAreUnknown) {
   givenHostAt(kA);
   kernel_.deleteLink(index("vx5010"));
-  (void)kernel_.apply(LinkAdd{"theirs", LinkKind::vxlan, index("vxb10"), 5010, kLocal, 4789, 0});
+  (void)kernel_.apply(LinkAdd{"theirs", LinkKind::vxlan, index("vxb10"), 5010, local, 4789, 0});
   bool unknown = false;
   for (int n = 0; n < 6; ++n) {
     (void)kernel_.turn(engine(), now_);
@@ -213,17 +213,17 @@ TEST_F(EngineReportTest, RowsOfOthersInABridgeThatComesIntoUseAreReadBeforeItIsP
   givenHostAt(kA);
   (void)kernel_.apply(LinkAdd{"theirs", LinkKind::bridge, 0, 0, {}, 0, 0});
   const IfIndex theirs = index("theirs");
-  (void)kernel_.apply(LinkAdd{"device", LinkKind::vxlan, theirs, 6010, kLocal, 4789, 0});
+  (void)kernel_.apply(LinkAdd{"device", LinkKind::vxlan, theirs, 6010, local, 4789, 0});
   const IfIndex port = kernel_.port("t9");
   (void)kernel_.apply(LinkSet{port, LinkKind::other, {}, theirs, {}, {}, {}, {}, {}, {}});
   ASSERT_EQ(
-      kernel_.apply(RowAdd{RowAdd::How::replace, {Table::bridge, port, theirs, kHost, {}, 0, false, false}}),
+      kernel_.apply(RowAdd{RowAdd::How::replace, {Table::bridge, port, theirs, host, {}, 0, false, false}}),
       0);
   run();
   mapVlan10(6010);
   run();
   pass(seconds(5));
-  EXPECT_EQ(kernel_.bridgeRows().at({theirs, kHost}).port, port);
+  EXPECT_EQ(kernel_.bridgeRows().at({theirs, host}).port, port);
   EXPECT_THAT(problems(), HasSubstr("the bridge has a row of somebody else for it"));
 }
 
@@ -232,7 +232,7 @@ TEST_F(EngineReportTest, AHostThatComesToALocalPortAfterAQuietTimeIsLeftThereAsL
   ports_ = {"t0"};
   givenHostAt(kA);
   now_ += seconds(50);
-  kernel_.learn(index("vxb10"), index("t0"), kHost);
+  kernel_.learn(index("vxb10"), index("t0"), host);
   run();
   pass(seconds(9));
   EXPECT_THAT(kernel_.text(), HasSubstr("row vxb10 02:00:00:00:00:01 port t0\n"));
@@ -279,7 +279,7 @@ TEST_F(EngineReportTest, StaleDevicesCostNothingUntilTheyMayGo) {
   const std::uint64_t before = engine().steps();
   for (unsigned n = 0; n < 100; ++n) {
     mapVlan10();
-    engine().hostIs(10, Mac{kHost.bits + n}, kA);
+    engine().hostIs(10, Mac{host.bits + n}, kA);
     run();
   }
   EXPECT_LT(engine().steps() - before, 4000U);

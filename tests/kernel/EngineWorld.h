@@ -27,11 +27,11 @@ inline Mac mac(const char* text) {
   return Mac::parse(text).value();
 }
 
-inline const Mac kAll{};
-inline const Mac kHost = mac("02:00:00:00:00:01");
-inline const Mac kOther = mac("02:00:00:00:00:02");
-inline const Mac kGroup = mac("01:00:5e:00:00:01");
-inline const Ip4 kLocal = ip("10.0.0.1");
+inline const Mac all{};
+inline const Mac host = mac("02:00:00:00:00:01");
+inline const Mac other = mac("02:00:00:00:00:02");
+inline const Mac group = mac("01:00:5e:00:00:01");
+inline const Ip4 local = ip("10.0.0.1");
 inline const Ip4 kA = ip("10.0.0.2");
 inline const Ip4 kB = ip("10.0.0.3");
 inline const Ip4 kC = ip("10.0.0.4");
@@ -48,26 +48,27 @@ class EngineTest : public ::testing::Test {
     run();
   }
   Engine& engine() { return *engine_; }
-  void mapVlan10(Vni vni = 5010, Ip4 local = kLocal) { engine().vniIs(vni, 10, "Vxlan1", local, ports_); }
+  void mapVlan10(Vni vni = 5010, Ip4 local = local) { engine().vniIs(vni, 10, "Vxlan1", local, ports_); }
   IfIndex index(const std::string& name) const { return kernel_.link(name)->index; }
   Row deviceRow(Mac mac, Ip4 dst) const {
     return {Table::device, index("vx5010"), 0, mac, dst, 0, false, false};
   }
   std::string problems() const {
     std::string out;
-    for (const Problem& problem : engine_->problems(100).first)
+    for (const Problem& problem : engine_->problems(100).first) {
       out += problem.what + ": " + problem.why + "\n";
+    }
     return out;
   }
   void givenHostAt(Ip4 vtep) {
     mapVlan10();
-    engine().hostIs(10, kHost, vtep);
+    engine().hostIs(10, host, vtep);
     engine().settled();
     run();
     kernel_.forgetGaps();
   }
 
-  /// Goes on until the engine has asked for a dump of the rows and it is not over.
+  // Goes on until the engine has asked for a dump of the rows and it is not over.
   void goOnIntoADumpOfRows() {
     now_ += seconds(61);
     while (!kernel_.dumpingRows()) {

@@ -12,10 +12,10 @@
 
 namespace Agent::Kernel::Test {
 
-/// A model of the kernel's rules for bridges, VXLAN devices, forwarding rows and nexthops, as they were tried
-/// on a real one: what is refused, what is replaced in place, what disappears silently, what is reported.
-/// Dumps are delivered in parts between which the world goes on; reports queue up to a limit and are then
-/// lost.
+// A model of the kernel's rules for bridges, VXLAN devices, forwarding rows and nexthops, as they were tried
+// on a real one: what is refused, what is replaced in place, what disappears silently, what is reported.
+// Dumps are delivered in parts between which the world goes on; reports queue up to a limit and are then
+// lost.
 class FakeKernel {
  public:
   struct DeviceRow {
@@ -35,23 +35,23 @@ class FakeKernel {
   IfIndex port(const std::string& name);
   void deleteLink(IfIndex index);
   void rename(IfIndex index, const std::string& name);
-  /// What `bridge link set` does: the bridge reports its port, and the device nothing.
+  // What `bridge link set` does: the bridge reports its port, and the device nothing.
   void portLearningIs(IfIndex port, bool learning);
   int apply(const Request& request);
   void learn(IfIndex bridge, IfIndex port, Mac mac);
   void age(IfIndex bridge, Mac mac);
   void reportLimitIs(std::size_t limit) { reportLimit_ = limit; }
-  /// Nobody hears that reports were lost.
+  // Nobody hears that reports were lost.
   void forgetLoss() { lost_ = false; }
-  /// Decides which requests of the engine are refused, and with what; 0 lets them through.
+  // Decides which requests of the engine are refused, and with what; 0 lets them through.
   void refusalIs(std::function<int(const Request&)> refusal) { refusal_ = std::move(refusal); }
   void nexthopsAre(bool supported) { nexthopsSupported_ = supported; }
 
-  /// Another engine talks to it from now on, and hears nothing of what the last was to hear.
+  // Another engine talks to it from now on, and hears nothing of what the last was to hear.
   void reconnect();
-  /// Lets the engine talk to it until both have nothing more to say, at the time `now`.
+  // Lets the engine talk to it until both have nothing more to say, at the time `now`.
   void run(Engine& engine, Time now);
-  /// One turn of that; returns whether anything happened.
+  // One turn of that; returns whether anything happened.
   bool turn(Engine& engine, Time now);
 
   const Link* link(const std::string& name) const;
@@ -59,15 +59,15 @@ class FakeKernel {
   const DeviceRows& deviceRows() const { return deviceRows_; }
   const BridgeRows& bridgeRows() const { return bridgeRows_; }
   const std::map<NexthopId, Nexthop>& nexthops() const { return nexthops_; }
-  /// The VTEPs that a row leads to, through its group if it has one, such as "10.0.0.2 10.0.0.3".
+  // The VTEPs that a row leads to, through its group if it has one, such as "10.0.0.2 10.0.0.3".
   std::string leadsTo(const DeviceRow& row) const;
-  /// All that can be seen of it: devices, rows and the VTEPs that they lead to; one line each, sorted.
+  // All that can be seen of it: devices, rows and the VTEPs that they lead to; one line each, sorted.
   std::string text() const;
-  /// Addresses whose row disappeared at some moment: "vx5010 02:..".
+  // Addresses whose row disappeared at some moment: "vx5010 02:..".
   const std::vector<std::string>& gaps() const { return gaps_; }
   void forgetGaps() { gaps_.clear(); }
   std::size_t requestCount() const { return requests_; }
-  /// A dump of rows has begun and is not over.
+  // A dump of rows has begun and is not over.
   bool dumpingRows() const { return dumping_ && dumped_ == Dump::What::rows; }
 
  private:

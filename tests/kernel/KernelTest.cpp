@@ -24,26 +24,28 @@ Mac mac(const char* text) {
   return Mac::parse(text).value();
 }
 
-const char* const kHost = "02:00:00:00:00:01";
-const char* const kOther = "02:00:00:00:00:02";
-const char* const kAll = "00:00:00:00:00:00";
+const char* const host = "02:00:00:00:00:01";
+const char* const other = "02:00:00:00:00:02";
+const char* const all = "00:00:00:00:00:00";
 const Ip4 kA = ip("10.0.0.2");
 const Ip4 kB = ip("10.0.0.3");
 
-/// Hears what the kernel reports of rows, beside the adapter.
+// Hears what the kernel reports of rows, beside the adapter.
 class Watch {
  public:
   explicit Watch(const Namespace& where) : socket_(where.path(), std::size_t{16} << 20U, 8192, 64) {
     EXPECT_TRUE(socket_.join(RTNLGRP_NEIGH));
   }
-  /// How often a row of the address was deleted since the last call.
+  // How often a row of the address was deleted since the last call.
   int deletions(Mac mac) {
     int count = 0;
     Socket::Heard heard = Socket::Heard::messages;
     while (heard != Socket::Heard::nothing) {
       heard = socket_.receive(64, [&](const nlmsghdr& message) {
         std::optional<Row> row = readRow(message);
-        if (message.nlmsg_type == RTM_DELNEIGH && row && row->mac == mac) ++count;
+        if (message.nlmsg_type == RTM_DELNEIGH && row && row->mac == mac) {
+          ++count;
+        }
       });
       EXPECT_NE(heard, Socket::Heard::overrun);
     }
@@ -57,7 +59,9 @@ class Watch {
 class KernelTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (auto why = Namespace::whyNot()) GTEST_SKIP() << *why;
+    if (auto why = Namespace::whyNot()) {
+      GTEST_SKIP() << *why;
+    }
     leaf_.emplace();
     start();
   }
@@ -67,25 +71,29 @@ class KernelTest : public ::testing::Test {
     adapter_.reset();
     adapter_.emplace(options);
   }
-  /// Lets the adapter work until it has nothing more to do at once.
+  // Lets the adapter work until it has nothing more to do at once.
   void run() {
     while (adapter_->run(milliseconds(2))) {
     }
   }
-  /// As run, and then all that is due within the span, waiting for it on the adapter's descriptors' clock.
+  // As run, and then all that is due within the span, waiting for it on the adapter's descriptors' clock.
   void runUntilQuiet(Time longest) {
     Time end = Adapter::now() + longest;
     run();
-    while (differing() > 0 && Adapter::now() < end) run();
+    while (differing() > 0 && Adapter::now() < end) {
+      run();
+    }
   }
   std::size_t differing() const {
     std::size_t count = 0;
-    for (const Tally& tally : adapter_->engine().tallies()) count += tally.differing + tally.unknown;
+    for (const Tally& tally : adapter_->engine().tallies()) {
+      count += tally.differing + tally.unknown;
+    }
     return count;
   }
   void givenHostAtA() {
     adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {});
-    adapter_->hostIs(10, mac(kHost), kA);
+    adapter_->hostIs(10, mac(host), kA);
     adapter_->settled();
     run();
     ASSERT_EQ(adapter_->problems().dump(), "[]");
@@ -99,8 +107,8 @@ class KernelTest : public ::testing::Test {
 TEST_F(KernelTest, MakesDevicesAndRows) {
   leaf_->run("ip link add t0 type veth peer name h0");
   adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {"t0"});
-  adapter_->hostIs(10, mac(kHost), kA);
-  adapter_->floodIs(10, mac(kAll), FloodType::all, {kA, kB});
+  adapter_->hostIs(10, mac(host), kA);
+  adapter_->floodIs(10, mac(all), FloodType::all, {kA, kB});
   run();
   EXPECT_EQ(adapter_->problems().dump(), "[]");
   std::string device = leaf_->run("ip -d link show vx5010");
@@ -110,21 +118,21 @@ TEST_F(KernelTest, MakesDevicesAndRows) {
   }
   EXPECT_THAT(leaf_->run("ip -d link show vxb10"), HasSubstr("alias vxlan-agent: vlan 10"));
   EXPECT_THAT(leaf_->run("ip link show t0"), HasSubstr("master vxb10"));
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010", "nhid", "self"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010", "extern_learn", "master"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kAll, "vx5010", "dst", "10.0.0.2"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kAll, "vx5010", "dst", "10.0.0.3"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "vx5010", "nhid", "self"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "vx5010", "extern_learn", "master"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({all, "vx5010", "dst", "10.0.0.2"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({all, "vx5010", "dst", "10.0.0.3"}), SizeIs(1));
   EXPECT_EQ(differing(), 0U);
 }
 
 TEST_F(KernelTest, ExplainsWhatIsWantedAcknowledgedAndReadBack) {
   givenHostAtA();
-  nlohmann::json told = adapter_->explain(10, mac(kHost));
+  nlohmann::json told = adapter_->explain(10, mac(host));
   EXPECT_EQ(told["wanted"]["vteps"].dump(), R"(["10.0.0.2"])");
   EXPECT_EQ(told["acknowledged"]["device"]["row"], "ours");
   EXPECT_EQ(told["kernel"]["device"]["nexthop"], told["acknowledged"]["device"]["nexthop"]);
   EXPECT_EQ(told["kernel"]["bridge"]["port"], "vx5010");
-  nlohmann::json unknown = adapter_->explain(10, mac(kOther));
+  nlohmann::json unknown = adapter_->explain(10, mac(other));
   EXPECT_EQ(unknown["kernel"]["device"]["there"], false);
   EXPECT_THAT(unknown["kernel"]["device"]["answer"].get<std::string>(),
               HasSubstr("No such file or directory"));
@@ -134,50 +142,50 @@ TEST_F(KernelTest, MovesAHostAHundredTimesWithoutAGap) {
   givenHostAtA();
   Watch watch(*leaf_);
   for (int n = 0; n < 100; ++n) {
-    adapter_->hostIs(10, mac(kHost), n % 2 == 0 ? kB : kA);
+    adapter_->hostIs(10, mac(host), n % 2 == 0 ? kB : kA);
     run();
-    ASSERT_EQ(adapter_->engine().explain(10, mac(kHost)).deviceVteps, std::vector<Ip4>{n % 2 == 0 ? kB : kA});
+    ASSERT_EQ(adapter_->engine().explain(10, mac(host)).deviceVteps, std::vector<Ip4>{n % 2 == 0 ? kB : kA});
   }
-  EXPECT_EQ(watch.deletions(mac(kHost)), 0);
-  EXPECT_THAT(leaf_->rows({kHost, "nhid"}), SizeIs(1));
+  EXPECT_EQ(watch.deletions(mac(host)), 0);
+  EXPECT_THAT(leaf_->rows({host, "nhid"}), SizeIs(1));
 }
 
 TEST_F(KernelTest, ChangesBetweenOneVtepAndAnyWithoutAGap) {
   givenHostAtA();
   Watch watch(*leaf_);
   for (int n = 0; n < 10; ++n) {
-    adapter_->floodIs(10, mac(kHost), FloodType::any, {kA, kB});
+    adapter_->floodIs(10, mac(host), FloodType::any, {kA, kB});
     run();
-    EXPECT_EQ(adapter_->engine().explain(10, mac(kHost)).deviceVteps, (std::vector<Ip4>{kA, kB}));
-    adapter_->floodDel(10, mac(kHost));
+    EXPECT_EQ(adapter_->engine().explain(10, mac(host)).deviceVteps, (std::vector<Ip4>{kA, kB}));
+    adapter_->floodDel(10, mac(host));
     run();
-    EXPECT_EQ(adapter_->engine().explain(10, mac(kHost)).deviceVteps, std::vector<Ip4>{kA});
+    EXPECT_EQ(adapter_->engine().explain(10, mac(host)).deviceVteps, std::vector<Ip4>{kA});
   }
-  EXPECT_EQ(watch.deletions(mac(kHost)), 0);
+  EXPECT_EQ(watch.deletions(mac(host)), 0);
 }
 
 TEST_F(KernelTest, ChangesTheDefaultDestination) {
   givenHostAtA();
-  adapter_->floodIs(10, mac(kAll), FloodType::any, {kA, kB});
+  adapter_->floodIs(10, mac(all), FloodType::any, {kA, kB});
   run();
-  EXPECT_THAT(leaf_->rows({kAll, "nhid"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({all, "nhid"}), SizeIs(1));
   Watch watch(*leaf_);
-  adapter_->floodIs(10, mac(kAll), FloodType::any, {kB});
+  adapter_->floodIs(10, mac(all), FloodType::any, {kB});
   run();
-  EXPECT_EQ(watch.deletions(mac(kAll)), 0);
-  adapter_->floodIs(10, mac(kAll), FloodType::all, {kA, kB});
+  EXPECT_EQ(watch.deletions(mac(all)), 0);
+  adapter_->floodIs(10, mac(all), FloodType::all, {kA, kB});
   run();
-  EXPECT_THAT(leaf_->rows({kAll, "nhid"}), IsEmpty());
-  EXPECT_THAT(leaf_->rows({kAll, "dst"}), SizeIs(2));
-  adapter_->floodDel(10, mac(kAll));
+  EXPECT_THAT(leaf_->rows({all, "nhid"}), IsEmpty());
+  EXPECT_THAT(leaf_->rows({all, "dst"}), SizeIs(2));
+  adapter_->floodDel(10, mac(all));
   run();
-  EXPECT_THAT(leaf_->rows({kAll}), IsEmpty());
+  EXPECT_THAT(leaf_->rows({all}), IsEmpty());
   EXPECT_EQ(differing(), 0U);
 }
 
 TEST_F(KernelTest, PutsBackWhatOthersDeleteAndLeavesTheirRows) {
   givenHostAtA();
-  adapter_->floodIs(10, mac(kAll), FloodType::all, {kA});
+  adapter_->floodIs(10, mac(all), FloodType::all, {kA});
   run();
   leaf_->run("bridge fdb add 06:00:00:00:00:01 dev vx5010 dst 10.0.0.99 self static");
   leaf_->run("bridge fdb append 00:00:00:00:00:00 dev vx5010 dst 10.0.0.99");
@@ -185,23 +193,23 @@ TEST_F(KernelTest, PutsBackWhatOthersDeleteAndLeavesTheirRows) {
   leaf_->run("bridge fdb del 02:00:00:00:00:01 dev vx5010 master");
   leaf_->run("bridge fdb del 00:00:00:00:00:00 dev vx5010 dst 10.0.0.2");
   run();
-  EXPECT_THAT(leaf_->rows({kHost, "self", "nhid"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kHost, "master"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kAll, "dst", "10.0.0.2"}), SizeIs(1));
-  adapter_->hostDel(10, mac(kHost));
-  adapter_->floodDel(10, mac(kAll));
+  EXPECT_THAT(leaf_->rows({host, "self", "nhid"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "master"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({all, "dst", "10.0.0.2"}), SizeIs(1));
+  adapter_->hostDel(10, mac(host));
+  adapter_->floodDel(10, mac(all));
   run();
   EXPECT_THAT(leaf_->rows({"06:00:00:00:00:01", "10.0.0.99"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kAll, "10.0.0.99"}), SizeIs(1));
-  EXPECT_THAT(leaf_->rows({kHost}), IsEmpty());
+  EXPECT_THAT(leaf_->rows({all, "10.0.0.99"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host}), IsEmpty());
 }
 
 TEST_F(KernelTest, PutsBackRowsThatWentSilentlyWithTheirGroup) {
   givenHostAtA();
   leaf_->run("ip nexthop flush");
-  EXPECT_THAT(leaf_->rows({kHost, "self"}), IsEmpty());
+  EXPECT_THAT(leaf_->rows({host, "self"}), IsEmpty());
   runUntilQuiet(seconds(10));
-  EXPECT_THAT(leaf_->rows({kHost, "self", "nhid"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "self", "nhid"}), SizeIs(1));
   EXPECT_EQ(differing(), 0U);
 }
 
@@ -209,10 +217,10 @@ TEST_F(KernelTest, RebuildsDevicesThatOthersDelete) {
   givenHostAtA();
   leaf_->run("ip link del vx5010");
   run();
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010"}), SizeIs(2));
+  EXPECT_THAT(leaf_->rows({host, "vx5010"}), SizeIs(2));
   leaf_->run("ip link del vxb10");
   run();
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010"}), SizeIs(2));
+  EXPECT_THAT(leaf_->rows({host, "vx5010"}), SizeIs(2));
   leaf_->run("ip link set vx5010 down");
   run();
   EXPECT_THAT(leaf_->run("ip link show vx5010"), HasSubstr("UP"));
@@ -225,7 +233,7 @@ TEST_F(KernelTest, ABridgeThatIsRenamedKeepsItsRows) {
   leaf_->run("ip link set vxb10 name elsewhere");
   leaf_->run("ip link set elsewhere up");
   run();
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010", "master", "elsewhere"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "vx5010", "master", "elsewhere"}), SizeIs(1));
   EXPECT_THAT(leaf_->run("ip link show"), ::testing::Not(HasSubstr("vxb10")));
   EXPECT_EQ(differing(), 0U);
 }
@@ -264,25 +272,25 @@ TEST_F(KernelTest, SaysWhenItHasComparedAndWhatItDoesNotKnow) {
 
 TEST_F(KernelTest, AdoptsAfterARestartWithoutATouch) {
   givenHostAtA();
-  adapter_->hostIs(10, mac(kOther), kB);
-  adapter_->floodIs(10, mac(kAll), FloodType::all, {kA, kB});
+  adapter_->hostIs(10, mac(other), kB);
+  adapter_->floodIs(10, mac(all), FloodType::all, {kA, kB});
   adapter_->vniIs(5020, 20, "Vxlan1", ip("10.0.0.1"), {});
   run();
   Watch watch(*leaf_);
   start();
   run();
   adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {});
-  adapter_->hostIs(10, mac(kHost), kA);
-  adapter_->floodIs(10, mac(kAll), FloodType::all, {kA});
+  adapter_->hostIs(10, mac(host), kA);
+  adapter_->floodIs(10, mac(all), FloodType::all, {kA});
   run();
   EXPECT_EQ(adapter_->engine().counters().acknowledged, 0U) << "all that is wanted is there";
-  EXPECT_THAT(leaf_->rows({kOther, "vx5010"}), SizeIs(2)) << "not settled yet";
+  EXPECT_THAT(leaf_->rows({other, "vx5010"}), SizeIs(2)) << "not settled yet";
   adapter_->settled();
   run();
-  EXPECT_EQ(watch.deletions(mac(kHost)), 0);
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010"}), SizeIs(2));
-  EXPECT_THAT(leaf_->rows({kOther}), IsEmpty());
-  EXPECT_THAT(leaf_->rows({kAll, "dst"}), SizeIs(1));
+  EXPECT_EQ(watch.deletions(mac(host)), 0);
+  EXPECT_THAT(leaf_->rows({host, "vx5010"}), SizeIs(2));
+  EXPECT_THAT(leaf_->rows({other}), IsEmpty());
+  EXPECT_THAT(leaf_->rows({all, "dst"}), SizeIs(1));
   std::string links = leaf_->run("ip link show");
   EXPECT_EQ(links.find("vx5020"), std::string::npos);
   EXPECT_EQ(links.find("vxb20"), std::string::npos);
@@ -293,14 +301,14 @@ TEST_F(KernelTest, DoesWithoutNexthopGroups) {
   options.nexthops = false;
   start(options);
   adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {});
-  adapter_->hostIs(10, mac(kHost), kA);
+  adapter_->hostIs(10, mac(host), kA);
   run();
-  EXPECT_THAT(leaf_->rows({kHost, "self", "dst", "10.0.0.2"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "self", "dst", "10.0.0.2"}), SizeIs(1));
   Watch watch(*leaf_);
-  adapter_->hostIs(10, mac(kHost), kB);
+  adapter_->hostIs(10, mac(host), kB);
   run();
-  EXPECT_THAT(leaf_->rows({kHost, "self", "dst", "10.0.0.3"}), SizeIs(1));
-  EXPECT_EQ(watch.deletions(mac(kHost)), 0);
+  EXPECT_THAT(leaf_->rows({host, "self", "dst", "10.0.0.3"}), SizeIs(1));
+  EXPECT_EQ(watch.deletions(mac(host)), 0);
   EXPECT_THAT(adapter_->problems().dump(), HasSubstr("nexthop groups are switched off"));
 }
 
@@ -323,7 +331,7 @@ TEST_F(KernelTest, ChangesTheLocalAddressInPlace) {
   adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.9"), {});
   run();
   EXPECT_THAT(leaf_->run("ip -d link show vx5010"), HasSubstr("local 10.0.0.9"));
-  EXPECT_THAT(leaf_->rows({kHost, "vx5010"}), SizeIs(2));
+  EXPECT_THAT(leaf_->rows({host, "vx5010"}), SizeIs(2));
   EXPECT_EQ(adapter_->problems().dump(), "[]");
 }
 
@@ -339,19 +347,23 @@ TEST_F(KernelTest, LooksAfterALossOfReports) {
   leaf_->run("bridge fdb del 02:00:00:00:00:01 dev vx5010 self");
   runUntilQuiet(seconds(10));
   EXPECT_GT(adapter_->engine().counters().overruns, before);
-  EXPECT_THAT(leaf_->rows({kHost, "self", "nhid"}), SizeIs(1));
+  EXPECT_THAT(leaf_->rows({host, "self", "nhid"}), SizeIs(1));
   EXPECT_THAT(leaf_->rows({"10.0.0.99"}), SizeIs(90));
 }
 
 TEST_F(KernelTest, ProgramsThousandsOfHostsInShortSlices) {
   adapter_->vniIs(5010, 10, "Vxlan1", ip("10.0.0.1"), {});
-  for (unsigned n = 0; n < 5000; ++n) adapter_->hostIs(10, {0x020000010000ULL + n}, {0x0a000002U + n % 50});
+  for (unsigned n = 0; n < 5000; ++n) {
+    adapter_->hostIs(10, {0x020000010000ULL + n}, {0x0a000002U + n % 50});
+  }
   adapter_->settled();
   run();
   EXPECT_EQ(differing(), 0U);
   EXPECT_THAT(leaf_->rows({"vx5010", "nhid", "self"}), SizeIs(5000));
   EXPECT_THAT(leaf_->rows({"vx5010", "extern_learn", "master"}), SizeIs(5000));
-  for (unsigned n = 0; n < 5000; ++n) adapter_->hostDel(10, {0x020000010000ULL + n});
+  for (unsigned n = 0; n < 5000; ++n) {
+    adapter_->hostDel(10, {0x020000010000ULL + n});
+  }
   run();
   EXPECT_THAT(leaf_->rows({"vx5010", "extern_learn"}), IsEmpty());
   EXPECT_EQ(leaf_->run("ip nexthop show"), "");

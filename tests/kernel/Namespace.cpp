@@ -35,9 +35,13 @@ struct Output {
 Output execute(const std::string& command) {
   Output output;
   FILE* pipe = ::popen((command + " 2>&1").c_str(), "re");  // NOLINT(cert-env33-c)
-  if (pipe == nullptr) return {-1, "cannot be started"};
+  if (pipe == nullptr) {
+    return {-1, "cannot be started"};
+  }
   std::array<char, 4096> part{};
-  while (std::fgets(part.data(), part.size(), pipe) != nullptr) output.text += part.data();
+  while (std::fgets(part.data(), part.size(), pipe) != nullptr) {
+    output.text += part.data();
+  }
   output.status = ::pclose(pipe);
   return output;
 }
@@ -54,13 +58,17 @@ std::optional<std::string> Namespace::whyNot() {
   Output made = execute("ip link add probe type bridge && ip link add probe2 type vxlan id 1 dstport 4789");
   enter(home);
   ::close(home);
-  if (made.status != 0) return "bridges and VXLAN devices cannot be made here: " + made.text;
+  if (made.status != 0) {
+    return "bridges and VXLAN devices cannot be made here: " + made.text;
+  }
   return std::nullopt;
 }
 
 Namespace::Namespace() {
   int home = current();
-  if (::unshare(CLONE_NEWNET) != 0) std::abort();
+  if (::unshare(CLONE_NEWNET) != 0) {
+    std::abort();
+  }
   fd_ = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
   (void)execute("ip link set lo up");
   enter(home);
@@ -100,9 +108,12 @@ std::vector<std::string> Namespace::rows(const std::vector<std::string>& words) 
   std::vector<std::string> found;
   for (std::string line; std::getline(lines, line);) {
     bool all = true;
-    for (const std::string& word : words)
+    for (const std::string& word : words) {
       all = all && (" " + line + " ").find(" " + word + " ") != std::string::npos;
-    if (all) found.push_back(line);
+    }
+    if (all) {
+      found.push_back(line);
+    }
   }
   return found;
 }

@@ -6,10 +6,10 @@
 
 namespace Agent::Kernel::Test {
 
-/// A network namespace of its own, gone with the object and the sockets in it.
+// A network namespace of its own, gone with the object and the sockets in it.
 class Namespace {
  public:
-  /// Why namespaces cannot be made here, for the reason of a skipped test; nothing when they can.
+  // Why namespaces cannot be made here, for the reason of a skipped test; nothing when they can.
   static std::optional<std::string> whyNot();
 
   Namespace();
@@ -17,19 +17,19 @@ class Namespace {
   Namespace(const Namespace&) = delete;
   Namespace& operator=(const Namespace&) = delete;
 
-  /// A path under which this process can open it.
+  // A path under which this process can open it.
   std::string path() const { return "/proc/self/fd/" + std::to_string(fd_); }
-  /// Runs a command of iproute2 in it; the test fails when the command does. Returns its output.
+  // Runs a command of iproute2 in it; the test fails when the command does. Returns its output.
   std::string run(const std::string& command) const;
-  /// Runs `body` with the calling thread in it.
+  // Runs `body` with the calling thread in it.
   template <typename Body>
   auto within(Body body) const {
     Visit visit(fd_);
     return body();
   }
-  /// Makes a pair of connected devices, `here` in this namespace and `there` in the other, both up.
+  // Makes a pair of connected devices, `here` in this namespace and `there` in the other, both up.
   void connect(const std::string& here, const Namespace& other, const std::string& there) const;
-  /// The lines of `bridge fdb show` that contain all the words.
+  // The lines of `bridge fdb show` that contain all the words.
   std::vector<std::string> rows(const std::vector<std::string>& words) const;
 
  private:

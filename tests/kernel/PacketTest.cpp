@@ -20,9 +20,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::uint16_t kPort = 7777;
-constexpr const char* kMoving = "02:00:00:00:10:02";
-constexpr const char* kMovingIp = "192.168.10.2";
+constexpr std::uint16_t port = 7777;
+constexpr const char* moving = "02:00:00:00:10:02";
+constexpr const char* movingIp = "192.168.10.2";
 
 Ip4 ip(const std::string& text) {
   return Ip4::parse(text).value();
@@ -31,7 +31,7 @@ Mac mac(const char* text) {
   return Mac::parse(text).value();
 }
 
-/// A UDP socket in a namespace.
+// A UDP socket in a namespace.
 class Endpoint {
  public:
   explicit Endpoint(const Namespace& where) {
@@ -53,14 +53,16 @@ class Endpoint {
     const void* any = &address;
     return ::sendto(fd_, "x", 1, 0, static_cast<const sockaddr*>(any), sizeof(address)) == 1;
   }
-  /// How many datagrams arrive until `wanted` have, or until none has for `patience`.
+  // How many datagrams arrive until `wanted` have, or until none has for `patience`.
   int received(int wanted, milliseconds patience = milliseconds(3000)) const {
     int count = 0;
     pollfd poller{fd_, POLLIN, 0};
-    while (count < wanted && ::poll(&poller, 1, static_cast<int>(patience.count())) == 1) count += take();
+    while (count < wanted && ::poll(&poller, 1, static_cast<int>(patience.count())) == 1) {
+      count += take();
+    }
     return count + take();
   }
-  /// Whether something arrives at one of them in that time.
+  // Whether something arrives at one of them in that time.
   static bool await(const Endpoint& one, const Endpoint& other, milliseconds patience) {
     std::array<pollfd, 2> pollers{pollfd{one.fd_, POLLIN, 0}, pollfd{other.fd_, POLLIN, 0}};
     return ::poll(pollers.data(), pollers.size(), static_cast<int>(patience.count())) > 0;
@@ -70,14 +72,16 @@ class Endpoint {
   static sockaddr_in to(const char* destination) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(kPort);
+    address.sin_port = htons(port);
     EXPECT_EQ(::inet_pton(AF_INET, destination, &address.sin_addr), 1);
     return address;
   }
   int take() const {
     int count = 0;
     char octet = 0;
-    while (::recv(fd_, &octet, 1, MSG_DONTWAIT) >= 0) ++count;
+    while (::recv(fd_, &octet, 1, MSG_DONTWAIT) >= 0) {
+      ++count;
+    }
     return count;
   }
 
@@ -98,10 +102,14 @@ struct Leaf {
 class PacketTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    if (auto why = Namespace::whyNot()) GTEST_SKIP() << *why;
+    if (auto why = Namespace::whyNot()) {
+      GTEST_SKIP() << *why;
+    }
     underlay_ = std::make_unique<Namespace>();
     underlay_->run("ip link add wire type bridge && ip link set wire up mtu 1600");
-    for (int number = 1; number <= 3; ++number) makeLeaf(number);
+    for (int number = 1; number <= 3; ++number) {
+      makeLeaf(number);
+    }
     // A port forwards once the kernel has noticed, in its own time, that its device has a carrier.
     for (int number = 1; number <= 3; ++number) {
       awaitForwarding(*underlay_, "leaf" + std::to_string(number));
@@ -109,7 +117,7 @@ class PacketTest : public ::testing::Test {
       awaitForwarding(leaf(number).space, "vx5010");
     }
     // The first host knows the moving one, so that no address resolution comes in between.
-    leaf(1).host.run(std::string("ip neigh add ") + kMovingIp + " lladdr " + kMoving +
+    leaf(1).host.run(std::string("ip neigh add ") + movingIp + " lladdr " + moving +
                      " dev eth0 nud permanent");
   }
 
@@ -128,18 +136,22 @@ class PacketTest : public ::testing::Test {
   }
   void tell(int number, Vni vni) {
     adapter(number).vniIs(vni, 10, "Vxlan1", ip(leaf(number).address()), {"t0"});
-    if (number != 1) adapter(number).hostIs(10, mac("02:00:00:00:10:01"), ip("10.0.0.1"));
+    if (number != 1) {
+      adapter(number).hostIs(10, mac("02:00:00:00:10:01"), ip("10.0.0.1"));
+    }
   }
   void floodToAll(int number, FloodType type = FloodType::all) {
     std::vector<Ip4> others;
     for (int other = 1; other <= 3; ++other) {
-      if (other != number) others.push_back(ip(leaf(other).address()));
+      if (other != number) {
+        others.push_back(ip(leaf(other).address()));
+      }
     }
     adapter(number).floodIs(10, Mac{}, type, others);
     run(number);
   }
   void movingIsAt(int number) {
-    adapter(1).hostIs(10, mac(kMoving), ip(leaf(number).address()));
+    adapter(1).hostIs(10, mac(moving), ip(leaf(number).address()));
     run(1);
   }
 
@@ -169,16 +181,18 @@ class PacketTest : public ::testing::Test {
   }
 };
 
-/// Sends without a pause from a thread of its own until it is stopped, and counts what arrives at either
-/// endpoint. Only so many packets are under way at a time that no queue on the way can overflow.
+// Sends without a pause from a thread of its own until it is stopped, and counts what arrives at either
+// endpoint. Only so many packets are under way at a time that no queue on the way can overflow.
 class Stream {
  public:
   Stream(const Endpoint& from, const char* to, const Endpoint& one, const Endpoint& other)
       : one_(one), other_(other) {
     thread_ = std::thread([this, &from, to] {
       while (!stop_) {
-        if (from.send(to)) ++sent_;
-        take(kUnderWay);
+        if (from.send(to)) {
+          ++sent_;
+        }
+        take(underWay);
       }
       take(0);
     });
@@ -187,13 +201,17 @@ class Stream {
   Stream(const Stream&) = delete;
   Stream& operator=(const Stream&) = delete;
 
-  /// Waits until so many more have been sent.
+  // Waits until so many more have been sent.
   void await(int more) const {
-    for (int until = sent_ + more; sent_ < until;) std::this_thread::yield();
+    for (int until = sent_ + more; sent_ < until;) {
+      std::this_thread::yield();
+    }
   }
   void stop() {
     stop_ = true;
-    if (thread_.joinable()) thread_.join();
+    if (thread_.joinable()) {
+      thread_.join();
+    }
   }
   int sent() const { return sent_; }
   int atOne() const { return atOne_; }
@@ -201,7 +219,7 @@ class Stream {
   int lost() const { return sent_ - atOne_ - atOther_; }
 
  private:
-  static constexpr int kUnderWay = 64;
+  static constexpr int underWay = 64;
 
   // Takes what has arrived until at most so many are under way; what takes a second is lost and not waited
   // for again.
@@ -210,7 +228,9 @@ class Stream {
       atOne_ += one_.received(0);
       atOther_ += other_.received(0);
     } while (lost() - givenUp_ > underWay && Endpoint::await(one_, other_, milliseconds(1000)));
-    if (lost() - givenUp_ > underWay) givenUp_ = lost();
+    if (lost() - givenUp_ > underWay) {
+      givenUp_ = lost();
+    }
   }
 
   const Endpoint& one_;
@@ -228,10 +248,10 @@ TEST_F(PacketTest, HostsReachEachOther) {
   Endpoint second(leaf(2).host);
   Endpoint third(leaf(3).host);
   movingIsAt(2);
-  ASSERT_TRUE(from.send(kMovingIp));
+  ASSERT_TRUE(from.send(movingIp));
   EXPECT_EQ(second.received(1), 1);
   movingIsAt(3);
-  ASSERT_TRUE(from.send(kMovingIp));
+  ASSERT_TRUE(from.send(movingIp));
   EXPECT_EQ(third.received(1), 1);
   EXPECT_EQ(second.received(1, milliseconds(20)), 0);
 }
@@ -255,7 +275,7 @@ TEST_F(PacketTest, NoPacketIsLostOrDoubledWhileTheHostMovesAHundredTimes) {
   Endpoint second(leaf(2).host);
   Endpoint third(leaf(3).host);
   movingIsAt(2);
-  Stream stream(from, kMovingIp, second, third);
+  Stream stream(from, movingIp, second, third);
   for (int n = 0; n < 100; ++n) {
     movingIsAt(n % 2 == 0 ? 3 : 2);
     stream.await(100);
@@ -273,7 +293,7 @@ TEST_F(PacketTest, NoPacketIsLostWhileTheAgentRestarts) {
   movingIsAt(2);
   adapter(1).settled();
   run(1);
-  Stream stream(from, kMovingIp, second, third);
+  Stream stream(from, movingIp, second, third);
   for (int n = 0; n < 5; ++n) {
     leaf(1).adapter.reset();
     stream.await(50);
@@ -294,7 +314,7 @@ TEST_F(PacketTest, NoPacketIsLostWhileTheVniIsRenumberedOnOneLeafAfterTheOther) 
   Endpoint second(leaf(2).host);
   Endpoint third(leaf(3).host);
   movingIsAt(2);
-  Stream stream(from, kMovingIp, second, third);
+  Stream stream(from, movingIp, second, third);
   for (int number = 1; number <= 2; ++number) {
     adapter(number).vniDel(5010);
     tell(number, 6010);
@@ -317,12 +337,12 @@ TEST_F(PacketTest, NoPacketIsLostWhileAHostChangesBetweenOneVtepAndAny) {
   Endpoint second(leaf(2).host);
   Endpoint third(leaf(3).host);
   movingIsAt(2);
-  Stream stream(from, kMovingIp, second, third);
+  Stream stream(from, movingIp, second, third);
   for (int n = 0; n < 50; ++n) {
     if (n % 2 == 0) {
-      adapter(1).floodIs(10, mac(kMoving), FloodType::any, {ip("10.0.0.2"), ip("10.0.0.3")});
+      adapter(1).floodIs(10, mac(moving), FloodType::any, {ip("10.0.0.2"), ip("10.0.0.3")});
     } else {
-      adapter(1).floodDel(10, mac(kMoving));
+      adapter(1).floodDel(10, mac(moving));
     }
     run(1);
     stream.await(50);

@@ -16,10 +16,10 @@
 
 namespace {
 
-constexpr std::uint16_t kNoSuchMessage = 0x3f0;
-constexpr std::uint16_t kNoSuchAttribute = 100;
-constexpr std::size_t kAttributeHead = sizeof(nlattr);
-constexpr std::size_t kMessageHead = sizeof(nlmsghdr);
+constexpr std::uint16_t noSuchMessage = 0x3f0;
+constexpr std::uint16_t noSuchAttribute = 100;
+constexpr std::size_t attributeHead = sizeof(nlattr);
+constexpr std::size_t messageHead = sizeof(nlmsghdr);
 
 constexpr std::size_t padded(std::size_t length) {
   return (length + 3U) & ~std::size_t{3};
@@ -33,18 +33,18 @@ std::string_view lacks() {
 // The kind of a device is an attribute of its own: length, type, and text.
 void renameKind(char* begin, char* end, std::string_view kind) {
   std::string attribute;
-  attribute.push_back(static_cast<char>(kAttributeHead + kind.size() + 1));
+  attribute.push_back(static_cast<char>(attributeHead + kind.size() + 1));
   attribute.append({'\0', IFLA_INFO_KIND, '\0'}).append(kind).push_back('\0');
   char* found = std::search(begin, end, attribute.begin(), attribute.end());
-  if (found != end) found[kAttributeHead] = '?';
+  if (found != end) found[attributeHead] = '?';
 }
 
 void renameAttribute(char* begin, char* end, std::uint16_t type) {
-  while (begin < end && static_cast<std::size_t>(end - begin) >= kAttributeHead) {
+  while (begin < end && static_cast<std::size_t>(end - begin) >= attributeHead) {
     nlattr head{};
     std::memcpy(&head, begin, sizeof(head));
-    if (head.nla_len < kAttributeHead) return;
-    if (head.nla_type == type) head.nla_type = kNoSuchAttribute;
+    if (head.nla_len < attributeHead) return;
+    if (head.nla_type == type) head.nla_type = noSuchAttribute;
     std::memcpy(begin, &head, sizeof(head));
     begin += padded(head.nla_len);
   }
@@ -53,7 +53,7 @@ void renameAttribute(char* begin, char* end, std::uint16_t type) {
 void change(nlmsghdr& head, char* body, char* end) {
   const bool nexthop = head.nlmsg_type >= RTM_NEWNEXTHOP && head.nlmsg_type <= RTM_GETNEXTHOP;
   if (nexthop && lacks() == "nexthops") {
-    head.nlmsg_type = kNoSuchMessage;
+    head.nlmsg_type = noSuchMessage;
   } else if (head.nlmsg_type == RTM_NEWNEXTHOP && lacks() == "nexthops for rows") {
     renameAttribute(body + padded(sizeof(nhmsg)), end, NHA_FDB);
   } else if (head.nlmsg_type == RTM_NEWLINK) {
@@ -63,13 +63,13 @@ void change(nlmsghdr& head, char* body, char* end) {
 
 void changeAll(std::vector<char>& messages) {
   std::size_t at = 0;
-  while (at + kMessageHead <= messages.size()) {
+  while (at + messageHead <= messages.size()) {
     nlmsghdr head{};
     char* begin = messages.data() + at;
     std::memcpy(&head, begin, sizeof(head));
     const std::size_t length = std::min<std::size_t>(head.nlmsg_len, messages.size() - at);
-    if (length < kMessageHead) return;
-    change(head, begin + kMessageHead, begin + length);
+    if (length < messageHead) return;
+    change(head, begin + messageHead, begin + length);
     std::memcpy(begin, &head, sizeof(head));
     at += padded(length);
   }

@@ -4,7 +4,7 @@
 
 namespace Agent::Ovsdb::Testing {
 
-TEST(BoundedTextTest, aShortTextIsKeptAndShownAsItIs) {
+TEST(BoundedTextTest, AShortTextIsKeptAndShownAsItIs) {
   const BoundedText text("leaf1 \xc3\xa9 \xe2\x82\xac");
   EXPECT_EQ(text.kept(), "leaf1 \xc3\xa9 \xe2\x82\xac");
   EXPECT_EQ(text.shown(), text.kept());
@@ -12,14 +12,14 @@ TEST(BoundedTextTest, aShortTextIsKeptAndShownAsItIs) {
   EXPECT_FALSE(text.cut());
 }
 
-TEST(BoundedTextTest, ofALongTextTheFirst255BytesAreKeptAndTheCutIsMarked) {
+TEST(BoundedTextTest, OfALongTextTheFirst255BytesAreKeptAndTheCutIsMarked) {
   EXPECT_FALSE(BoundedText(std::string(255, 'x')).cut());
   EXPECT_EQ(BoundedText(std::string(255, 'x')).shown(), std::string(255, 'x'));
   EXPECT_TRUE(BoundedText(std::string(256, 'x')).cut());
   EXPECT_EQ(BoundedText(std::string(900'000, 'x')).shown(), std::string(255, 'x') + "...");
 }
 
-TEST(BoundedTextTest, theCutIsBetweenCharacters) {
+TEST(BoundedTextTest, TheCutIsBetweenCharacters) {
   for (const char* const character : {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80"}) {
     for (std::size_t before = 250; before < 256; ++before) {
       const BoundedText text(std::string(before, 'x') + character + std::string(10, 'y'));
@@ -30,7 +30,7 @@ TEST(BoundedTextTest, theCutIsBetweenCharacters) {
   }
 }
 
-TEST(BoundedTextTest, textsThatDifferAreNotEqualThoughWhatIsKeptIs) {
+TEST(BoundedTextTest, TextsThatDifferAreNotEqualThoughWhatIsKeptIs) {
   const std::string begin(300, 'x');
   EXPECT_EQ(BoundedText(begin + "1"), BoundedText(begin + "1"));
   EXPECT_NE(BoundedText(begin + "1"), BoundedText(begin + "2"));
@@ -39,7 +39,7 @@ TEST(BoundedTextTest, textsThatDifferAreNotEqualThoughWhatIsKeptIs) {
   EXPECT_LT(BoundedText("a"), BoundedText("b"));
 }
 
-TEST(BoundedTextTest, whatActsOnATerminalIsShownAsQuestionMarks) {
+TEST(BoundedTextTest, WhatActsOnATerminalIsShownAsQuestionMarks) {
   EXPECT_EQ(BoundedText("a\x1b[2Jb\nc\x7f").shown(), "a?[2Jb?c?");
   EXPECT_EQ(BoundedText(std::string("a\0b", 3)).shown(), "a?b");
   EXPECT_EQ(BoundedText("\xc2\x9b").shown(), "?") << "a control character of 0x80 to 0x9f";
@@ -48,7 +48,7 @@ TEST(BoundedTextTest, whatActsOnATerminalIsShownAsQuestionMarks) {
   EXPECT_EQ(BoundedText("\xf3\xa0\x81\x81").shown(), "?") << "a tag";
 }
 
-TEST(BoundedTextTest, whatIsNotUtf8IsShownAsQuestionMarks) {
+TEST(BoundedTextTest, WhatIsNotUtf8IsShownAsQuestionMarks) {
   EXPECT_EQ(BoundedText("\xff"
                         "a")
                 .shown(),

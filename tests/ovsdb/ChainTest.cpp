@@ -135,7 +135,7 @@ class ChainTest : public LiveServerTest {
 
 }  // namespace
 
-TEST_F(ChainTest, aControllerThatIsStoppedCleanlyAndStartedAgainConvergesAllTheWhile) {
+TEST_F(ChainTest, AControllerThatIsStoppedCleanlyAndStartedAgainConvergesAllTheWhile) {
   agentStarts("unix:" + socket("vtep"));
   ASSERT_TRUE(becomes([&] { return published() && !converging(); })) << document;
   const json before = document;
@@ -154,7 +154,7 @@ TEST_F(ChainTest, aControllerThatIsStoppedCleanlyAndStartedAgainConvergesAllTheW
   EXPECT_FALSE(withdrawnWithoutConvergence);
 }
 
-TEST_F(ChainTest, aControllerThatIsKilledAndStartedAgainWithdrawsNothing) {
+TEST_F(ChainTest, AControllerThatIsKilledAndStartedAgainWithdrawsNothing) {
   agentStarts("unix:" + socket("vtep"));
   ASSERT_TRUE(becomes([&] { return published() && !converging(); })) << document;
   withdrawn = false;

@@ -49,7 +49,7 @@ class ConvergenceTest : public testing::Test, public Mapping {
 
 // --- the flag
 
-TEST_F(ConvergenceTest, theFlagWithdrawsEachVniAfterTheBeginningAndInstantiatesItFromItsRows) {
+TEST_F(ConvergenceTest, TheFlagWithdrawsEachVniAfterTheBeginningAndInstantiatesItFromItsRows) {
   const json before = document;
   database.converging("true");
   changesCome();
@@ -62,7 +62,7 @@ TEST_F(ConvergenceTest, theFlagWithdrawsEachVniAfterTheBeginningAndInstantiatesI
   EXPECT_EQ(mapper.convergence().cause(), Convergence::Cause::flag);
 }
 
-TEST_F(ConvergenceTest, itEndsWhenTheFlagIsGoneAndItHasBeenQuiet) {
+TEST_F(ConvergenceTest, ItEndsWhenTheFlagIsGoneAndItHasBeenQuiet) {
   database.converging("true");
   changesCome();
   timePasses(50);
@@ -79,7 +79,7 @@ TEST_F(ConvergenceTest, itEndsWhenTheFlagIsGoneAndItHasBeenQuiet) {
   EXPECT_FALSE(converging());
 }
 
-TEST_F(ConvergenceTest, itEndsAtTheLatestAfterTheLongestTimeAndTheFlagMustComeAnew) {
+TEST_F(ConvergenceTest, ItEndsAtTheLatestAfterTheLongestTimeAndTheFlagMustComeAnew) {
   database.converging("true");
   changesCome();
   timePasses(119);
@@ -96,7 +96,7 @@ TEST_F(ConvergenceTest, itEndsAtTheLatestAfterTheLongestTimeAndTheFlagMustComeAn
   EXPECT_TRUE(converging());
 }
 
-TEST_F(ConvergenceTest, theEndComesAfterAllThatWasPending) {
+TEST_F(ConvergenceTest, TheEndComesAfterAllThatWasPending) {
   database.converging("true");
   changesCome();
   database.converging("");
@@ -113,14 +113,14 @@ TEST_F(ConvergenceTest, theEndComesAfterAllThatWasPending) {
 
 // --- a session that comes back
 
-TEST_F(ConvergenceTest, aSessionThatIsLostChangesNothingUntilItComesBack) {
+TEST_F(ConvergenceTest, ASessionThatIsLostChangesNothingUntilItComesBack) {
   const json before = document;
   sessionIsLost();
   timePasses(1000);
   EXPECT_EQ(document, before);
 }
 
-TEST_F(ConvergenceTest, aDatabaseThatKeptItsRowsIsNotWithdrawn) {
+TEST_F(ConvergenceTest, ADatabaseThatKeptItsRowsIsNotWithdrawn) {
   const json before = document;
   sessionIsLost();
   everythingComes();
@@ -132,7 +132,7 @@ TEST_F(ConvergenceTest, aDatabaseThatKeptItsRowsIsNotWithdrawn) {
   EXPECT_EQ(patches.size(), 2U);
 }
 
-TEST_F(ConvergenceTest, rowsThatComeBackUnderOtherNamesAreTheSame) {
+TEST_F(ConvergenceTest, RowsThatComeBackUnderOtherNamesAreTheSame) {
   sessionIsLost();
   database.renameRows();
   everythingComes();
@@ -140,7 +140,7 @@ TEST_F(ConvergenceTest, rowsThatComeBackUnderOtherNamesAreTheSame) {
   EXPECT_EQ(movesOf(5010, host1), 0);
 }
 
-TEST_F(ConvergenceTest, aVniThatLostHostsMeanwhileIsWithdrawnAndInstantiatedWithoutThem) {
+TEST_F(ConvergenceTest, AVniThatLostHostsMeanwhileIsWithdrawnAndInstantiatedWithoutThem) {
   const auto third = database.host("ls10", "02:00:00:00:00:03", "10.0.0.3");
   changesCome();
   patches.clear();
@@ -156,7 +156,7 @@ TEST_F(ConvergenceTest, aVniThatLostHostsMeanwhileIsWithdrawnAndInstantiatedWith
   EXPECT_EQ(vtepOf(5020, "02:00:00:00:00:04"), "10.0.0.3");
 }
 
-TEST_F(ConvergenceTest, aDatabaseThatCameBackEmptyLeavesVlansAndAddressUntilTheEnd) {
+TEST_F(ConvergenceTest, ADatabaseThatCameBackEmptyLeavesVlansAndAddressUntilTheEnd) {
   const json before = document;
   sessionIsLost();
   database.clear();
@@ -171,7 +171,7 @@ TEST_F(ConvergenceTest, aDatabaseThatCameBackEmptyLeavesVlansAndAddressUntilTheE
   EXPECT_EQ(at("/vtiStatus/Vxlan1/localVtepAddr"), json());
 }
 
-TEST_F(ConvergenceTest, aVniWithoutARowIsInstantiatedWithItsFirstRowOrAtTheEnd) {
+TEST_F(ConvergenceTest, AVniWithoutARowIsInstantiatedWithItsFirstRowOrAtTheEnd) {
   sessionIsLost();
   database.remove(first);
   database.remove(second);
@@ -189,7 +189,7 @@ TEST_F(ConvergenceTest, aVniWithoutARowIsInstantiatedWithItsFirstRowOrAtTheEnd) 
   EXPECT_EQ(vni(5020), json::object());
 }
 
-TEST_F(ConvergenceTest, aDeltaAfterAReconnectConvergesAsWell) {
+TEST_F(ConvergenceTest, ADeltaAfterAReconnectConvergesAsWell) {
   sessionIsLost();
   database.host("ls10", "02:00:00:00:00:05", "10.0.0.5");
   changesCome();
@@ -199,7 +199,7 @@ TEST_F(ConvergenceTest, aDeltaAfterAReconnectConvergesAsWell) {
   EXPECT_FALSE(converging());
 }
 
-TEST_F(ConvergenceTest, floodDestinationsThatLeaveWhileConvergingStayUntilTheEnd) {
+TEST_F(ConvergenceTest, FloodDestinationsThatLeaveWhileConvergingStayUntilTheEnd) {
   sessionIsLost();
   everythingComes();
   database.moveFlood(flood, {"10.0.0.3", "10.0.0.4"});
@@ -213,7 +213,7 @@ TEST_F(ConvergenceTest, floodDestinationsThatLeaveWhileConvergingStayUntilTheEnd
   EXPECT_TRUE(vni(5010)["macVtepFloodListTable"].empty());
 }
 
-TEST_F(ConvergenceTest, aSessionLostWhileConvergingBeginsAnewWhenItIsBack) {
+TEST_F(ConvergenceTest, ASessionLostWhileConvergingBeginsAnewWhenItIsBack) {
   sessionIsLost();
   everythingComes();
   timePasses(1);
@@ -227,7 +227,7 @@ TEST_F(ConvergenceTest, aSessionLostWhileConvergingBeginsAnewWhenItIsBack) {
 
 // --- a controller that leaves
 
-TEST_F(ConvergenceTest, aControllerThatLeavesKeepsTunnelKeysAndWithdrawsTheVnis) {
+TEST_F(ConvergenceTest, AControllerThatLeavesKeepsTunnelKeysAndWithdrawsTheVnis) {
   const json before = document;
   database.key("ls10", std::nullopt);
   database.key("ls20", std::nullopt);
@@ -261,7 +261,7 @@ TEST_F(ConvergenceTest, aControllerThatLeavesKeepsTunnelKeysAndWithdrawsTheVnis)
   EXPECT_EQ(document, before);
 }
 
-TEST_F(ConvergenceTest, aControllerThatDoesNotComeBackLosesItsVnisInTheEnd) {
+TEST_F(ConvergenceTest, AControllerThatDoesNotComeBackLosesItsVnisInTheEnd) {
   database.key("ls10", std::nullopt);
   database.key("ls20", std::nullopt);
   changesCome();
@@ -271,7 +271,7 @@ TEST_F(ConvergenceTest, aControllerThatDoesNotComeBackLosesItsVnisInTheEnd) {
   EXPECT_EQ(at("/controller/fdb"), json::object());
 }
 
-TEST_F(ConvergenceTest, logicalSwitchesThatAreRemovedAreNoLeave) {
+TEST_F(ConvergenceTest, LogicalSwitchesThatAreRemovedAreNoLeave) {
   database.removeLogicalSwitch("ls10");
   database.removeLogicalSwitch("ls20");
   changesCome();
@@ -279,7 +279,7 @@ TEST_F(ConvergenceTest, logicalSwitchesThatAreRemovedAreNoLeave) {
   EXPECT_EQ(vlans(), json::object());
 }
 
-TEST_F(ConvergenceTest, aKeyThatWasHeldOnceIsNotHeldAgain) {
+TEST_F(ConvergenceTest, AKeyThatWasHeldOnceIsNotHeldAgain) {
   database.key("ls10", std::nullopt);
   database.key("ls20", std::nullopt);
   changesCome();
@@ -294,7 +294,7 @@ TEST_F(ConvergenceTest, aKeyThatWasHeldOnceIsNotHeldAgain) {
 
 // --- the start
 
-TEST(ConvergenceAtStart, itConvergesUntilTheFirstRowsAreThereAndQuiet) {
+TEST(ConvergenceAtStart, ItConvergesUntilTheFirstRowsAreThereAndQuiet) {
   MapperOptions options = Mapping::options();
   options.convergeAtStart = true;
   Mapping mapping(options);
@@ -312,7 +312,7 @@ TEST(ConvergenceAtStart, itConvergesUntilTheFirstRowsAreThereAndQuiet) {
 
 // --- the state machine by itself
 
-TEST(ConvergenceTimes, theNextWakeUpIsTheEarlierOfQuietAndMost) {
+TEST(ConvergenceTimes, TheNextWakeUpIsTheEarlierOfQuietAndMost) {
   Convergence convergence({.quiet = 2, .most = 10});
   EXPECT_EQ(convergence.nextWakeup(), std::numeric_limits<double>::infinity());
   convergence.begin(Convergence::Cause::flag, 100);
@@ -327,7 +327,7 @@ TEST(ConvergenceTimes, theNextWakeUpIsTheEarlierOfQuietAndMost) {
   EXPECT_FALSE(convergence.tick(111)) << "it ends once";
 }
 
-TEST(ConvergenceTimes, otherTimesHoldForTheConvergenceThatIsInProgress) {
+TEST(ConvergenceTimes, OtherTimesHoldForTheConvergenceThatIsInProgress) {
   Convergence convergence({.quiet = 1000, .most = 5000});
   convergence.begin(Convergence::Cause::session, 100);
   EXPECT_EQ(convergence.nextWakeup(), 1100);

@@ -38,7 +38,7 @@ class DanglingTest : public testing::Test, public Mapping {
 
 }  // namespace
 
-TEST_F(DanglingTest, aRowWithoutItsLocatorCanBeModifiedAndDeleted) {
+TEST_F(DanglingTest, ARowWithoutItsLocatorCanBeModifiedAndDeleted) {
   const auto row = insertHost(host1, ls10(), missing1);
   changesCome();
   database.row("Ucast_Macs_Remote", row)["MAC"] = host2;
@@ -50,7 +50,7 @@ TEST_F(DanglingTest, aRowWithoutItsLocatorCanBeModifiedAndDeleted) {
   EXPECT_EQ(problems(ProblemKind::referenceMissing), 0U);
 }
 
-TEST_F(DanglingTest, anotherLocatorDoesNotTakeThePlaceOfOneThatIsMissing) {
+TEST_F(DanglingTest, AnotherLocatorDoesNotTakeThePlaceOfOneThatIsMissing) {
   const auto row = insertHost(host1, ls10(), missing1);
   changesCome();
   database.row("Ucast_Macs_Remote", row)["MAC"] = host2;
@@ -63,7 +63,7 @@ TEST_F(DanglingTest, anotherLocatorDoesNotTakeThePlaceOfOneThatIsMissing) {
   EXPECT_EQ(vtepOf(5010, host2), "10.0.0.8");
 }
 
-TEST_F(DanglingTest, aRowThatTurnsFromOneMissingLocatorToAnotherWaitsForTheSecond) {
+TEST_F(DanglingTest, ARowThatTurnsFromOneMissingLocatorToAnotherWaitsForTheSecond) {
   const auto row = insertHost(host1, ls10(), missing1);
   changesCome();
   database.row("Ucast_Macs_Remote", row)["locator"] = reference(missing2);
@@ -76,7 +76,7 @@ TEST_F(DanglingTest, aRowThatTurnsFromOneMissingLocatorToAnotherWaitsForTheSecon
   EXPECT_EQ(vtepOf(5010, host1), "10.0.0.9");
 }
 
-TEST_F(DanglingTest, aRowThatTurnsFromOneMissingLogicalSwitchToAnotherWaitsForTheSecond) {
+TEST_F(DanglingTest, ARowThatTurnsFromOneMissingLogicalSwitchToAnotherWaitsForTheSecond) {
   const auto locator = database.insert("Physical_Locator", {{"dst_ip", "10.0.0.2"}});
   const auto row = insertHost(host1, missing1, locator);
   changesCome();
@@ -94,7 +94,7 @@ TEST_F(DanglingTest, aRowThatTurnsFromOneMissingLogicalSwitchToAnotherWaitsForTh
   EXPECT_EQ(vtepOf(6002, host2), "10.0.0.2");
 }
 
-TEST_F(DanglingTest, aFloodRowWithoutItsSetCanBeModifiedAndWaitsForIt) {
+TEST_F(DanglingTest, AFloodRowWithoutItsSetCanBeModifiedAndWaitsForIt) {
   const auto row = database.insert(
       "Mcast_Macs_Remote",
       {{"MAC", "unknown-dst"}, {"logical_switch", reference(ls10())}, {"locator_set", reference(missing1)}});
@@ -115,7 +115,7 @@ TEST_F(DanglingTest, aFloodRowWithoutItsSetCanBeModifiedAndWaitsForIt) {
   EXPECT_TRUE(vni(5010)["macVtepFloodListTable"].empty());
 }
 
-TEST_F(DanglingTest, anAddressThatTwoLocatorsOfASetHaveIsTakenOnce) {
+TEST_F(DanglingTest, AnAddressThatTwoLocatorsOfASetHaveIsTakenOnce) {
   json elements = json::array();
   for (int i = 0; i < 2; ++i) {
     elements.push_back(reference(database.insert("Physical_Locator", {{"dst_ip", "10.0.0.2"}})));
@@ -129,7 +129,7 @@ TEST_F(DanglingTest, anAddressThatTwoLocatorsOfASetHaveIsTakenOnce) {
   EXPECT_EQ(told["logicalSwitches"][0]["flood"]["published"], json::parse(R"(["10.0.0.2"])"));
 }
 
-TEST_F(DanglingTest, theMacOfAHostIsNeitherZeroNorAGroup) {
+TEST_F(DanglingTest, TheMacOfAHostIsNeitherZeroNorAGroup) {
   const auto locator = database.insert("Physical_Locator", {{"dst_ip", "10.0.0.2"}});
   insertHost("00:00:00:00:00:00", ls10(), locator);
   insertHost("01:00:5e:00:00:01", ls10(), locator);
@@ -138,13 +138,13 @@ TEST_F(DanglingTest, theMacOfAHostIsNeitherZeroNorAGroup) {
   EXPECT_EQ(problems(ProblemKind::badMac), 2U);
 }
 
-TEST_F(DanglingTest, aPartOnTopOfAnUpdateThatDidNotEndIsAnErrorOfTheSession) {
+TEST_F(DanglingTest, APartOnTopOfAnUpdateThatDidNotEndIsAnErrorOfTheSession) {
   mapper.beginUpdate(false, now);
   EXPECT_THROW(mapper.beginUpdate(false, now), ProtocolError);
   mapper.beginUpdate(true, now);
 }
 
-TEST_F(DanglingTest, vnisThatGoWithManyHostsGoInSeveralPatches) {
+TEST_F(DanglingTest, VnisThatGoWithManyHostsGoInSeveralPatches) {
   database.logicalSwitch("ls20", 5020, "source_node");
   for (const char* const name : {"ls10", "ls20"}) {
     for (int i = 0; i < 4; ++i) {
@@ -160,7 +160,7 @@ TEST_F(DanglingTest, vnisThatGoWithManyHostsGoInSeveralPatches) {
   EXPECT_EQ(patches[0]["controller"]["fdb"], json::parse(R"({"5010": null})"));
 }
 
-TEST_F(DanglingTest, noVniIsOnTwoVlansWhileVlansSwap) {
+TEST_F(DanglingTest, NoVniIsOnTwoVlansWhileVlansSwap) {
   for (int vlan = 1; vlan < 4; ++vlan) {
     const std::string name = "swap" + std::to_string(vlan);
     database.logicalSwitch(name, 7000 + vlan);

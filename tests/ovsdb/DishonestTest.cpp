@@ -214,7 +214,7 @@ std::uint64_t updatesAskedFor() {
 
 }  // namespace
 
-TEST(DishonestDatabase, endsNothingAndHasNoHostPublishedThatNoRowJustifies) {
+TEST(DishonestDatabase, EndsNothingAndHasNoHostPublishedThatNoRowJustifies) {
   constexpr std::uint32_t seeds = 4;
   std::uint64_t allFaults = 0;
   for (std::uint32_t seed = 1; seed <= seeds; ++seed) {
@@ -236,7 +236,7 @@ TEST(DishonestDatabase, endsNothingAndHasNoHostPublishedThatNoRowJustifies) {
   EXPECT_GT(allFaults, 5U) << "it does lie";
 }
 
-TEST(DishonestDatabase, tenThousandRowsCostLessThanAHundredMegabytes) {
+TEST(DishonestDatabase, TenThousandRowsCostLessThanAHundredMegabytes) {
   World world({.seed = 7, .hosts = 10'000, .perUpdate = 100});
   world.run(20);
   EXPECT_GT(world.server.taken().rows(), 3000U);

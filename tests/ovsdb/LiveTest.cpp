@@ -43,7 +43,7 @@ class Impostor {
 
 }  // namespace
 
-TEST_F(LiveServerTest, aDatabaseIsFollowed) {
+TEST_F(LiveServerTest, ADatabaseIsFollowed) {
   create("db");
   const Process server = serve("db");
   Controller controller(socket("db"));
@@ -67,7 +67,7 @@ TEST_F(LiveServerTest, aDatabaseIsFollowed) {
   EXPECT_EQ(status.json()["session"], "following");
 }
 
-TEST_F(LiveServerTest, aServerThatIsKilledAndComesBackWithItsRowsWithdrawsNothing) {
+TEST_F(LiveServerTest, AServerThatIsKilledAndComesBackWithItsRowsWithdrawsNothing) {
   create("db");
   Process server = serve("db");
   auto controller = std::make_unique<Controller>(socket("db"));
@@ -92,7 +92,7 @@ TEST_F(LiveServerTest, aServerThatIsKilledAndComesBackWithItsRowsWithdrawsNothin
   EXPECT_TRUE(becomes([&] { return hosts(6001) == 10; }));
 }
 
-TEST_F(LiveServerTest, aClusterWhoseLeaderIsKilledIsFollowedAtAnotherMemberFromWhereItWas) {
+TEST_F(LiveServerTest, AClusterWhoseLeaderIsKilledIsFollowedAtAnotherMemberFromWhereItWas) {
   const std::vector<int> ports = freePorts(3);
   const auto raft = [&](std::size_t i) { return "tcp:127.0.0.1:" + std::to_string(ports[i]); };
   const std::string tool = programPath("ovsdb-tool");
@@ -136,7 +136,7 @@ TEST_F(LiveServerTest, aClusterWhoseLeaderIsKilledIsFollowedAtAnotherMemberFromW
   EXPECT_EQ(hosts(6000), 500U);
 }
 
-TEST_F(LiveServerTest, aServerIsFollowedOverTcpByName) {
+TEST_F(LiveServerTest, AServerIsFollowedOverTcpByName) {
   create("db");
   const int port = freePorts(1)[0];
   const Process server = serve("db", {"--remote=ptcp:" + std::to_string(port) + ":127.0.0.1"});
@@ -145,7 +145,7 @@ TEST_F(LiveServerTest, aServerIsFollowedOverTcpByName) {
   EXPECT_TRUE(becomes([&] { return document.contains("/vlanVniMap/Vxlan1/10"_json_pointer); }));
 }
 
-TEST_F(LiveServerTest, aServerIsFollowedOverTlsAndAStrangersCertificateIsRefused) {
+TEST_F(LiveServerTest, AServerIsFollowedOverTlsAndAStrangersCertificateIsRefused) {
   const std::string openssl = programPath("openssl");
   if (openssl.empty()) {
     GTEST_SKIP() << "openssl is not installed";
@@ -174,7 +174,7 @@ TEST_F(LiveServerTest, aServerIsFollowedOverTlsAndAStrangersCertificateIsRefused
   EXPECT_TRUE(becomes([&] { return hosts(6000) == 3000; }));
 }
 
-TEST_F(LiveServerTest, aDatabaseWithAnotherSchemaIsRefusedWithAClearMessage) {
+TEST_F(LiveServerTest, ADatabaseWithAnotherSchemaIsRefusedWithAClearMessage) {
   const std::string schema = "/usr/share/openvswitch/local-config.ovsschema";
   if (access(schema.c_str(), R_OK) != 0) {
     GTEST_SKIP() << "no second schema is installed";
@@ -188,18 +188,18 @@ TEST_F(LiveServerTest, aDatabaseWithAnotherSchemaIsRefusedWithAClearMessage) {
 
 // --- peers that are no database servers
 
-TEST_F(LiveTest, aRefusedConnectionIsNamedAndTheNextRemoteTried) {
+TEST_F(LiveTest, ARefusedConnectionIsNamedAndTheNextRemoteTried) {
   agentStarts("unix:" + folder / "none.sock" + ",tcp:127.0.0.1:" + std::to_string(freePorts(1)[0]));
   EXPECT_TRUE(logs("connecting: No such file or directory"));
   EXPECT_TRUE(logs("connecting: Connection refused"));
 }
 
-TEST_F(LiveTest, aNameThatCannotBeResolvedIsNamedWithoutAPauseOfTheLoop) {
+TEST_F(LiveTest, ANameThatCannotBeResolvedIsNamedWithoutAPauseOfTheLoop) {
   agentStarts("tcp:no-such-host.invalid:6640");
   EXPECT_TRUE(logs("looking up \"no-such-host.invalid\""));
 }
 
-TEST_F(LiveTest, garbageOnTheWireIsNamed) {
+TEST_F(LiveTest, GarbageOnTheWireIsNamed) {
   const Impostor impostor(folder / "db.sock");
   agentStarts("unix:" + folder / "db.sock");
   ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::checking; }));
@@ -209,7 +209,7 @@ TEST_F(LiveTest, garbageOnTheWireIsNamed) {
   close(peer);
 }
 
-TEST_F(LiveTest, aHalfClosedPeerIsNamed) {
+TEST_F(LiveTest, AHalfClosedPeerIsNamed) {
   const Impostor impostor(folder / "db.sock");
   agentStarts("unix:" + folder / "db.sock");
   ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::checking; }));
@@ -219,7 +219,7 @@ TEST_F(LiveTest, aHalfClosedPeerIsNamed) {
   close(peer);
 }
 
-TEST_F(LiveTest, aMessageOfAHundredMegabytesNeverHoldsTheLoopUp) {
+TEST_F(LiveTest, AMessageOfAHundredMegabytesNeverHoldsTheLoopUp) {
   const Impostor impostor(folder / "db.sock");
   agentStarts("unix:" + folder / "db.sock");
   ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::checking; }));
@@ -257,7 +257,7 @@ TEST_F(LiveTest, aMessageOfAHundredMegabytesNeverHoldsTheLoopUp) {
   close(peer);
 }
 
-TEST_F(LiveTest, aPeerThatReadsLateIsHeldBackAndAnsweredInTheEnd) {
+TEST_F(LiveTest, APeerThatReadsLateIsHeldBackAndAnsweredInTheEnd) {
   const Impostor impostor(folder / "db.sock");
   agentStarts("unix:" + folder / "db.sock");
   ASSERT_TRUE(becomes([&] { return adapter->status().session == SessionState::checking; }));

@@ -23,7 +23,7 @@ class MapperTest : public testing::Test, public Mapping {
 
 }  // namespace
 
-TEST_F(MapperTest, aConfiguredControllerPutsTheVtiIntoClientModeBeforeAnythingIsKnown) {
+TEST_F(MapperTest, AConfiguredControllerPutsTheVtiIntoClientModeBeforeAnythingIsKnown) {
   patchesAreTaken();
   EXPECT_EQ(document, json::parse(R"({
     "vtiStatus": {"Vxlan1": {"controllerClientMode": true, "datapathLearning": false}},
@@ -32,7 +32,7 @@ TEST_F(MapperTest, aConfiguredControllerPutsTheVtiIntoClientModeBeforeAnythingIs
     "controller": {"state": {"ovsdb": {"convergenceInProgress": false}}}})"));
 }
 
-TEST_F(MapperTest, rowsBecomeTheInputDocument) {
+TEST_F(MapperTest, RowsBecomeTheInputDocument) {
   database.host("ls10", host1, "10.0.0.2");
   database.flood("ls10", "unknown-dst", {"10.0.0.2", "10.0.0.3"});
   everythingComes();
@@ -47,13 +47,13 @@ TEST_F(MapperTest, rowsBecomeTheInputDocument) {
   EXPECT_TRUE(mapper.problems(10).empty());
 }
 
-TEST_F(MapperTest, aMacInUpperCaseIsTheSameMac) {
+TEST_F(MapperTest, AMacInUpperCaseIsTheSameMac) {
   database.host("ls10", "02:AB:CD:EF:00:01", "10.0.0.2");
   everythingComes();
   EXPECT_EQ(vtepOf(5010, "02:ab:cd:ef:00:01"), "10.0.0.2");
 }
 
-TEST_F(MapperTest, aRowThatGoesTakesItsHostAlong) {
+TEST_F(MapperTest, ARowThatGoesTakesItsHostAlong) {
   const auto row = database.host("ls10", host1, "10.0.0.2");
   database.host("ls10", host2, "10.0.0.2");
   everythingComes();
@@ -64,7 +64,7 @@ TEST_F(MapperTest, aRowThatGoesTakesItsHostAlong) {
   EXPECT_EQ(mapper.publishedHosts(), 1U);
 }
 
-TEST_F(MapperTest, patchesCarryNoMoreHostsThanAskedFor) {
+TEST_F(MapperTest, PatchesCarryNoMoreHostsThanAskedFor) {
   for (int i = 0; i < 9; ++i) {
     database.host("ls10", "02:00:00:00:01:0" + std::to_string(i), "10.0.0.2");
   }
@@ -78,7 +78,7 @@ TEST_F(MapperTest, patchesCarryNoMoreHostsThanAskedFor) {
   EXPECT_EQ(vni(5010)["macVtepTable"].size(), 9U);
 }
 
-TEST_F(MapperTest, noPatchShowsHalfATransaction) {
+TEST_F(MapperTest, NoPatchShowsHalfATransaction) {
   patchesAreTaken();
   database.host("ls10", host1, "10.0.0.2");
   const std::string text = database.everything();
@@ -97,7 +97,7 @@ TEST_F(MapperTest, noPatchShowsHalfATransaction) {
 
 // --- moves
 
-TEST_F(MapperTest, aMoveIsCountedWhenItsRowChanges) {
+TEST_F(MapperTest, AMoveIsCountedWhenItsRowChanges) {
   const auto row = database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   database.moveHost(row, "10.0.0.3");
@@ -106,7 +106,7 @@ TEST_F(MapperTest, aMoveIsCountedWhenItsRowChanges) {
   EXPECT_EQ(movesOf(5010, host1), 1);
 }
 
-TEST_F(MapperTest, aMoveIsCountedAcrossADeleteAndAnInsertInTwoUpdates) {
+TEST_F(MapperTest, AMoveIsCountedAcrossADeleteAndAnInsertInTwoUpdates) {
   const auto row = database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   database.remove(row);
@@ -117,7 +117,7 @@ TEST_F(MapperTest, aMoveIsCountedAcrossADeleteAndAnInsertInTwoUpdates) {
   EXPECT_EQ(movesOf(5010, host1), 1);
 }
 
-TEST_F(MapperTest, aMoveIsCountedThoughItsPatchWasNotTaken) {
+TEST_F(MapperTest, AMoveIsCountedThoughItsPatchWasNotTaken) {
   const auto row = database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   database.moveHost(row, "10.0.0.3");
@@ -128,7 +128,7 @@ TEST_F(MapperTest, aMoveIsCountedThoughItsPatchWasNotTaken) {
   EXPECT_EQ(movesOf(5010, host1), 2);
 }
 
-TEST_F(MapperTest, aHostThatComesBackToItsVtepHasNotMoved) {
+TEST_F(MapperTest, AHostThatComesBackToItsVtepHasNotMoved) {
   const auto row = database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   database.remove(row);
@@ -138,7 +138,7 @@ TEST_F(MapperTest, aHostThatComesBackToItsVtepHasNotMoved) {
   EXPECT_EQ(movesOf(5010, host1), 0);
 }
 
-TEST_F(MapperTest, movesAreCountedPerVni) {
+TEST_F(MapperTest, MovesAreCountedPerVni) {
   const auto row = database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   database.moveHost(row, "10.0.0.3");
@@ -151,7 +151,7 @@ TEST_F(MapperTest, movesAreCountedPerVni) {
   EXPECT_EQ(movesOf(5010, host1), 1);
 }
 
-TEST(MapperMoves, noMoreMacsThatLeftAreRememberedThanConfigured) {
+TEST(MapperMoves, NoMoreMacsThatLeftAreRememberedThanConfigured) {
   MapperOptions options = Mapping::options();
   options.rememberedMacs = 1;
   Mapping mapping(options);
@@ -172,7 +172,7 @@ TEST(MapperMoves, noMoreMacsThatLeftAreRememberedThanConfigured) {
 
 // --- duplicates
 
-TEST_F(MapperTest, ofDuplicateRowsTheOneThatCameLastCounts) {
+TEST_F(MapperTest, OfDuplicateRowsTheOneThatCameLastCounts) {
   database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   const auto later = database.host("ls10", host1, "10.0.0.3");
@@ -185,7 +185,7 @@ TEST_F(MapperTest, ofDuplicateRowsTheOneThatCameLastCounts) {
   EXPECT_EQ(mapper.duplicates(), 0U);
 }
 
-TEST_F(MapperTest, aDuplicateRowThatChangesCountsAsTheLast) {
+TEST_F(MapperTest, ADuplicateRowThatChangesCountsAsTheLast) {
   const auto first = database.host("ls10", host1, "10.0.0.2");
   database.host("ls10", host1, "10.0.0.3");
   everythingComes();
@@ -195,7 +195,7 @@ TEST_F(MapperTest, aDuplicateRowThatChangesCountsAsTheLast) {
   EXPECT_EQ(mapper.duplicates(), 1U);
 }
 
-TEST_F(MapperTest, ofManyDuplicatesAllButOneAreNamed) {
+TEST_F(MapperTest, OfManyDuplicatesAllButOneAreNamed) {
   for (int i = 2; i < 7; ++i) {
     database.host("ls10", host1, "10.0.0." + std::to_string(i));
   }
@@ -206,7 +206,7 @@ TEST_F(MapperTest, ofManyDuplicatesAllButOneAreNamed) {
             "02:00:00:00:00:01 in logical switch \"ls10\": another row of this MAC came later");
 }
 
-TEST_F(MapperTest, duplicateFloodRowsAreRememberedToo) {
+TEST_F(MapperTest, DuplicateFloodRowsAreRememberedToo) {
   database.flood("ls10", "unknown-dst", {"10.0.0.2"});
   const auto later = database.flood("ls10", "unknown-dst", {"10.0.0.3"});
   everythingComes();
@@ -219,7 +219,7 @@ TEST_F(MapperTest, duplicateFloodRowsAreRememberedToo) {
 
 // --- floods
 
-TEST_F(MapperTest, aFloodListChangesInPlace) {
+TEST_F(MapperTest, AFloodListChangesInPlace) {
   const auto row = database.flood("ls10", "unknown-dst", {"10.0.0.2", "10.0.0.3"});
   everythingComes();
   patches.clear();
@@ -230,7 +230,7 @@ TEST_F(MapperTest, aFloodListChangesInPlace) {
     {"00:00:00:00:00:00": {"10.0.0.2": null, "10.0.0.4": true}}}}}})"));
 }
 
-TEST_F(MapperTest, serviceNodesAreAMultipath) {
+TEST_F(MapperTest, ServiceNodesAreAMultipath) {
   database.mode("ls10", "service_node");
   database.flood("ls10", "unknown-dst", {"10.0.0.2", "10.0.0.3"});
   everythingComes();
@@ -238,14 +238,14 @@ TEST_F(MapperTest, serviceNodesAreAMultipath) {
     {"00:00:00:00:00:00": {"10.0.0.2": true, "10.0.0.3": true}}})"));
 }
 
-TEST_F(MapperTest, withoutAReplicationModeServiceNodesAreAssumed) {
+TEST_F(MapperTest, WithoutAReplicationModeServiceNodesAreAssumed) {
   database.logicalSwitch("ls20", 5020);
   database.flood("ls20", "unknown-dst", {"10.0.0.2"});
   everythingComes();
   EXPECT_TRUE(vni(5020).contains("macVtepMultiPathTable"));
 }
 
-TEST_F(MapperTest, aChangeOfTheReplicationModeMovesTheDestinations) {
+TEST_F(MapperTest, AChangeOfTheReplicationModeMovesTheDestinations) {
   database.flood("ls10", "unknown-dst", {"10.0.0.2"});
   everythingComes();
   database.mode("ls10", "service_node");
@@ -254,7 +254,7 @@ TEST_F(MapperTest, aChangeOfTheReplicationModeMovesTheDestinations) {
   EXPECT_EQ(vni(5010)["macVtepMultiPathTable"]["00:00:00:00:00:00"], json::parse(R"({"10.0.0.2": true})"));
 }
 
-TEST_F(MapperTest, aFloodDestinationWithoutARowGoes) {
+TEST_F(MapperTest, AFloodDestinationWithoutARowGoes) {
   const auto row = database.flood("ls10", "unknown-dst", {"10.0.0.2"});
   everythingComes();
   database.remove(row);
@@ -264,7 +264,7 @@ TEST_F(MapperTest, aFloodDestinationWithoutARowGoes) {
 
 // --- VLANs and VNIs
 
-TEST_F(MapperTest, aLogicalSwitchHasTheLowestVlanThatItsPortsBind) {
+TEST_F(MapperTest, ALogicalSwitchHasTheLowestVlanThatItsPortsBind) {
   database.bind("leaf1", "t0", 30, "ls10");
   database.bind("leaf1", "t1", 7, "ls10");
   everythingComes();
@@ -277,7 +277,7 @@ TEST_F(MapperTest, aLogicalSwitchHasTheLowestVlanThatItsPortsBind) {
   EXPECT_EQ(vlans(), json::parse(R"({"10": 5010})"));
 }
 
-TEST_F(MapperTest, bindingsOfAnotherSwitchDoNotCount) {
+TEST_F(MapperTest, BindingsOfAnotherSwitchDoNotCount) {
   database.physicalSwitch("leaf2", {"10.0.0.9"});
   database.logicalSwitch("ls20", 5020);
   database.bind("leaf2", "u0", 20, "ls20");
@@ -286,7 +286,7 @@ TEST_F(MapperTest, bindingsOfAnotherSwitchDoNotCount) {
   EXPECT_EQ(vni(5020), json::object()) << "published all the same";
 }
 
-TEST_F(MapperTest, anUntaggedBindingAloneGetsAVlanOfTheRangeAndKeepsIt) {
+TEST_F(MapperTest, AnUntaggedBindingAloneGetsAVlanOfTheRangeAndKeepsIt) {
   database.logicalSwitch("lsA", 6001);
   database.logicalSwitch("lsB", 6002);
   database.bind("leaf1", "t1", 0, "lsA");
@@ -310,14 +310,14 @@ TEST_F(MapperTest, anUntaggedBindingAloneGetsAVlanOfTheRangeAndKeepsIt) {
   EXPECT_EQ(restarted.vlans(), before);
 }
 
-TEST_F(MapperTest, aTaggedBindingComesBeforeAnUntaggedOne) {
+TEST_F(MapperTest, ATaggedBindingComesBeforeAnUntaggedOne) {
   database.bind("leaf1", "t1", 0, "ls10");
   everythingComes();
   EXPECT_EQ(vlans(), json::parse(R"({"10": 5010})"));
   EXPECT_TRUE(mapper.problems(10).empty());
 }
 
-TEST(MapperUntagged, theRangeCanBeFullAndAPortsOwnVlanIsLeftAlone) {
+TEST(MapperUntagged, TheRangeCanBeFullAndAPortsOwnVlanIsLeftAlone) {
   MapperOptions options = Mapping::options();
   options.topology.untaggedFirst = 100;
   options.topology.untaggedLast = 101;
@@ -335,7 +335,7 @@ TEST(MapperUntagged, theRangeCanBeFullAndAPortsOwnVlanIsLeftAlone) {
             "\"b\" is not mapped: no VLAN from 100 to 101 is left for its untagged ports");
 }
 
-TEST_F(MapperTest, twoLogicalSwitchesOnOneVlanTheFirstByNameHasIt) {
+TEST_F(MapperTest, TwoLogicalSwitchesOnOneVlanTheFirstByNameHasIt) {
   database.logicalSwitch("ls05", 5005);
   database.bind("leaf1", "t1", 10, "ls05");
   everythingComes();
@@ -343,7 +343,7 @@ TEST_F(MapperTest, twoLogicalSwitchesOnOneVlanTheFirstByNameHasIt) {
   EXPECT_EQ(problemText(ProblemKind::vlanWithTwoVnis), "\"ls10\" is not mapped: VLAN 10 belongs to \"ls05\"");
 }
 
-TEST_F(MapperTest, aVniOfTwoLogicalSwitchesBelongsToTheFirstByName) {
+TEST_F(MapperTest, AVniOfTwoLogicalSwitchesBelongsToTheFirstByName) {
   database.logicalSwitch("ls05", 5010);
   database.bind("leaf1", "t1", 20, "ls05");
   database.host("ls10", host1, "10.0.0.2");
@@ -361,7 +361,7 @@ TEST_F(MapperTest, aVniOfTwoLogicalSwitchesBelongsToTheFirstByName) {
   EXPECT_TRUE(mapper.problems(10).empty());
 }
 
-TEST_F(MapperTest, aChangedTunnelKeyTakesTheHostsToTheNewVni) {
+TEST_F(MapperTest, AChangedTunnelKeyTakesTheHostsToTheNewVni) {
   database.host("ls10", host1, "10.0.0.2");
   database.flood("ls10", "unknown-dst", {"10.0.0.2"});
   everythingComes();
@@ -373,7 +373,7 @@ TEST_F(MapperTest, aChangedTunnelKeyTakesTheHostsToTheNewVni) {
   EXPECT_EQ(vlans(), json::parse(R"({"10": 5099})"));
 }
 
-TEST_F(MapperTest, twoLogicalSwitchesCanSwapTheirTunnelKeys) {
+TEST_F(MapperTest, TwoLogicalSwitchesCanSwapTheirTunnelKeys) {
   database.logicalSwitch("ls20", 5020);
   database.bind("leaf1", "t0", 20, "ls20");
   database.host("ls10", host1, "10.0.0.2");
@@ -388,7 +388,7 @@ TEST_F(MapperTest, twoLogicalSwitchesCanSwapTheirTunnelKeys) {
   EXPECT_EQ(vlans(), json::parse(R"({"10": 5020, "20": 5010})"));
 }
 
-TEST_F(MapperTest, aRemovedLogicalSwitchTakesItsVniAndVlanAlong) {
+TEST_F(MapperTest, ARemovedLogicalSwitchTakesItsVniAndVlanAlong) {
   database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   database.removeLogicalSwitch("ls10");
@@ -401,7 +401,7 @@ TEST_F(MapperTest, aRemovedLogicalSwitchTakesItsVniAndVlanAlong) {
   EXPECT_EQ(mapper.rows().logicalSwitches().size(), 0U);
 }
 
-TEST_F(MapperTest, aLogicalSwitchWithoutATunnelKeyIsNotPublished) {
+TEST_F(MapperTest, ALogicalSwitchWithoutATunnelKeyIsNotPublished) {
   database.logicalSwitch("ls20");
   database.bind("leaf1", "t0", 20, "ls20");
   database.host("ls20", host1, "10.0.0.2");
@@ -413,7 +413,7 @@ TEST_F(MapperTest, aLogicalSwitchWithoutATunnelKeyIsNotPublished) {
   EXPECT_EQ(vlans(), json::parse(R"({"10": 5010, "20": 5020})"));
 }
 
-TEST_F(MapperTest, oneTunnelKeyOfSeveralTakenAwayIsNoLeave) {
+TEST_F(MapperTest, OneTunnelKeyOfSeveralTakenAwayIsNoLeave) {
   database.logicalSwitch("ls20", 5020);
   everythingComes();
   database.key("ls10", std::nullopt);
@@ -423,7 +423,7 @@ TEST_F(MapperTest, oneTunnelKeyOfSeveralTakenAwayIsNoLeave) {
   EXPECT_EQ(vlans(), json::object());
 }
 
-TEST_F(MapperTest, aLargeChangeOfTheVlansComesInPartsThatRemoveFirst) {
+TEST_F(MapperTest, ALargeChangeOfTheVlansComesInPartsThatRemoveFirst) {
   for (int vlan = 1; vlan < 7; ++vlan) {
     const std::string name = "swap" + std::to_string(vlan);
     database.logicalSwitch(name, 7000 + vlan);
@@ -450,7 +450,7 @@ TEST_F(MapperTest, aLargeChangeOfTheVlansComesInPartsThatRemoveFirst) {
 
 // --- bad rows
 
-TEST_F(MapperTest, badRowsAreLeftOutCountedAndNamedAndTheRestGoesOn) {
+TEST_F(MapperTest, BadRowsAreLeftOutCountedAndNamedAndTheRestGoesOn) {
   database.host("ls10", host1, "10.0.0.2");
   database.host("ls10", host2, "2001:db8::1");
   database.host("ls10", "no mac", "10.0.0.2");
@@ -476,7 +476,7 @@ TEST_F(MapperTest, badRowsAreLeftOutCountedAndNamedAndTheRestGoesOn) {
             "tunnel key 16777216 of \"big\" is out of range 1 to 16777215");
 }
 
-TEST_F(MapperTest, whatAControllerWroteIsShownInALine) {
+TEST_F(MapperTest, WhatAControllerWroteIsShownInALine) {
   database.host("ls10", "two\nlines \xc3\xa9" + std::string(500, 'x'), "10.0.0.2");
   database.mode("ls10", "both");
   everythingComes();
@@ -486,7 +486,7 @@ TEST_F(MapperTest, whatAControllerWroteIsShownInALine) {
             "replication mode \"both\" of \"ls10\" is not known; service_node is assumed");
 }
 
-TEST_F(MapperTest, aProblemThatIsMendedIsForgotten) {
+TEST_F(MapperTest, AProblemThatIsMendedIsForgotten) {
   const auto row = database.host("ls10", host2, "2001:db8::1");
   const auto bad = database.host("ls10", "no mac", "10.0.0.2");
   everythingComes();
@@ -499,21 +499,21 @@ TEST_F(MapperTest, aProblemThatIsMendedIsForgotten) {
   EXPECT_EQ(problems(ProblemKind::badMac), 0U);
 }
 
-TEST_F(MapperTest, anOlderRowThatCanBeUsedComesBeforeANewerThatCannot) {
+TEST_F(MapperTest, AnOlderRowThatCanBeUsedComesBeforeANewerThatCannot) {
   database.host("ls10", host1, "10.0.0.2");
   database.host("ls10", host1, "2001:db8::1");
   everythingComes();
   EXPECT_EQ(vtepOf(5010, host1), "10.0.0.2");
 }
 
-TEST_F(MapperTest, ofASetWithAnIpv6LocatorTheRestIsUsed) {
+TEST_F(MapperTest, OfASetWithAnIpv6LocatorTheRestIsUsed) {
   database.flood("ls10", "unknown-dst", {"10.0.0.2", "2001:db8::1"});
   everythingComes();
   EXPECT_EQ(vni(5010)["macVtepFloodListTable"]["00:00:00:00:00:00"], json::parse(R"({"10.0.0.2": true})"));
   EXPECT_EQ(problems(ProblemKind::locatorUnusable), 1U);
 }
 
-TEST_F(MapperTest, aRowThatNamesWhatIsNotThereWaitsForIt) {
+TEST_F(MapperTest, ARowThatNamesWhatIsNotThereWaitsForIt) {
   database.host("ls10", host1, "10.0.0.2");
   everythingComes();
   const auto locator = database.rows("Physical_Locator").begin()->first;
@@ -528,7 +528,7 @@ TEST_F(MapperTest, aRowThatNamesWhatIsNotThereWaitsForIt) {
   EXPECT_EQ(problems(ProblemKind::referenceMissing), 0U);
 }
 
-TEST_F(MapperTest, theLowestTunnelAddressCounts) {
+TEST_F(MapperTest, TheLowestTunnelAddressCounts) {
   database.physicalSwitch("leaf1", {"10.0.0.9", "10.0.0.8", "2001:db8::8"});
   everythingComes();
   EXPECT_EQ(at("/vtiStatus/Vxlan1/localVtepAddr"), "10.0.0.8");
@@ -539,14 +539,14 @@ TEST_F(MapperTest, theLowestTunnelAddressCounts) {
   EXPECT_EQ(at("/vtiStatus/Vxlan1/localVtepAddr"), json());
 }
 
-TEST_F(MapperTest, aSwitchThatIsNotThereIsNamed) {
+TEST_F(MapperTest, ASwitchThatIsNotThereIsNamed) {
   database.removePhysicalSwitch("leaf1");
   everythingComes();
   EXPECT_EQ(problemText(ProblemKind::switchMissing), "no physical switch is named \"leaf1\"");
   EXPECT_EQ(vlans(), json::object());
 }
 
-TEST(MapperOptionsTest, aRangeOfVlansOutsideOfAllIsRefused) {
+TEST(MapperOptionsTest, ARangeOfVlansOutsideOfAllIsRefused) {
   MapperOptions options = Mapping::options();
   options.topology.untaggedLast = 4095;
   EXPECT_THROW(Mapper{options}, std::invalid_argument);
@@ -554,7 +554,7 @@ TEST(MapperOptionsTest, aRangeOfVlansOutsideOfAllIsRefused) {
 
 // --- explain
 
-TEST_F(MapperTest, explainTellsTheRowsBehindAMacAndWhatWasDecided) {
+TEST_F(MapperTest, ExplainTellsTheRowsBehindAMacAndWhatWasDecided) {
   database.host("ls10", host1, "10.0.0.2");
   database.host("ls10", host1, "10.0.0.3");
   everythingComes();
@@ -571,7 +571,7 @@ TEST_F(MapperTest, explainTellsTheRowsBehindAMacAndWhatWasDecided) {
   EXPECT_EQ(here["unicast"]["rows"][1]["decision"], "duplicate-mac");
 }
 
-TEST_F(MapperTest, explainTellsWhyAHostIsNotPublished) {
+TEST_F(MapperTest, ExplainTellsWhyAHostIsNotPublished) {
   database.logicalSwitch("ls20");
   database.host("ls20", host1, "10.0.0.2");
   everythingComes();
@@ -581,7 +581,7 @@ TEST_F(MapperTest, explainTellsWhyAHostIsNotPublished) {
   EXPECT_EQ(told["logicalSwitches"][0]["unicast"]["decision"], "not published: its VNI is not");
 }
 
-TEST_F(MapperTest, explainOfAnUnknownMacInAKnownVniSaysThatItHasNoRow) {
+TEST_F(MapperTest, ExplainOfAnUnknownMacInAKnownVniSaysThatItHasNoRow) {
   everythingComes();
   const json told = mapper.explain(0x020000000001, 5010, std::nullopt);
   ASSERT_EQ(told["logicalSwitches"].size(), 1U);

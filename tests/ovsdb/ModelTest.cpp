@@ -287,7 +287,7 @@ void expectMappedAsByOneLook(const Mapping& mapping) {
 
 }  // namespace
 
-TEST(MapperModel, randomUpdatesEndAsAMappingOfTheRowsByOneLook) {
+TEST(MapperModel, RandomUpdatesEndAsAMappingOfTheRowsByOneLook) {
   for (std::uint32_t seed = 1; seed <= 30; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Mapping mapping;
@@ -311,7 +311,7 @@ TEST(MapperModel, randomUpdatesEndAsAMappingOfTheRowsByOneLook) {
   }
 }
 
-TEST(MapperModel, lostSessionsAndConvergenceEndAsAMappingOfTheRowsByOneLook) {
+TEST(MapperModel, LostSessionsAndConvergenceEndAsAMappingOfTheRowsByOneLook) {
   for (std::uint32_t seed = 1; seed <= 30; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     Mapping mapping;

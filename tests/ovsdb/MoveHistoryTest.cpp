@@ -10,20 +10,20 @@ constexpr Ipv4 vtep1 = 0x0a000001, vtep2 = 0x0a000002;
 
 }  // namespace
 
-TEST(MoveHistoryTest, aMacThatStaysHasNotMoved) {
+TEST(MoveHistoryTest, AMacThatStaysHasNotMoved) {
   MoveHistory history(10);
   EXPECT_EQ(history.seen(5, 1, vtep1), 0U);
   EXPECT_EQ(history.seen(5, 1, vtep1), 0U);
 }
 
-TEST(MoveHistoryTest, eachChangeOfTheVtepCounts) {
+TEST(MoveHistoryTest, EachChangeOfTheVtepCounts) {
   MoveHistory history(10);
   history.seen(5, 1, vtep1);
   EXPECT_EQ(history.seen(5, 1, vtep2), 1U);
   EXPECT_EQ(history.seen(5, 1, vtep1), 2U);
 }
 
-TEST(MoveHistoryTest, vnisAndMacsCountByThemselves) {
+TEST(MoveHistoryTest, VnisAndMacsCountByThemselves) {
   MoveHistory history(10);
   history.seen(5, 1, vtep1);
   EXPECT_EQ(history.seen(6, 1, vtep2), 0U);
@@ -31,14 +31,14 @@ TEST(MoveHistoryTest, vnisAndMacsCountByThemselves) {
   EXPECT_EQ(history.size(), 3U);
 }
 
-TEST(MoveHistoryTest, aMacThatLeftIsRemembered) {
+TEST(MoveHistoryTest, AMacThatLeftIsRemembered) {
   MoveHistory history(10);
   history.seen(5, 1, vtep1);
   history.left(5, 1);
   EXPECT_EQ(history.seen(5, 1, vtep2), 1U);
 }
 
-TEST(MoveHistoryTest, theMacThatLeftFirstIsForgottenFirst) {
+TEST(MoveHistoryTest, TheMacThatLeftFirstIsForgottenFirst) {
   MoveHistory history(2);
   for (Mac mac = 1; mac <= 3; ++mac) {
     history.seen(5, mac, vtep1);
@@ -50,7 +50,7 @@ TEST(MoveHistoryTest, theMacThatLeftFirstIsForgottenFirst) {
   EXPECT_EQ(history.seen(5, 3, vtep2), 1U);
 }
 
-TEST(MoveHistoryTest, aMacThatCameBackIsNotForgotten) {
+TEST(MoveHistoryTest, AMacThatCameBackIsNotForgotten) {
   MoveHistory history(1);
   history.seen(5, 1, vtep1);
   history.left(5, 1);
@@ -60,7 +60,7 @@ TEST(MoveHistoryTest, aMacThatCameBackIsNotForgotten) {
   EXPECT_EQ(history.seen(5, 1, vtep2), 1U);
 }
 
-TEST(MoveHistoryTest, aMacThatLeftTwiceIsAsYoungAsItsLastDeparture) {
+TEST(MoveHistoryTest, AMacThatLeftTwiceIsAsYoungAsItsLastDeparture) {
   MoveHistory history(2);
   history.seen(5, 1, vtep1);
   history.left(5, 1);
@@ -72,7 +72,7 @@ TEST(MoveHistoryTest, aMacThatLeftTwiceIsAsYoungAsItsLastDeparture) {
   EXPECT_EQ(history.seen(5, 1, vtep2), 1U);
 }
 
-TEST(MoveHistoryTest, aMacThatWasNeverSeenMayLeave) {
+TEST(MoveHistoryTest, AMacThatWasNeverSeenMayLeave) {
   MoveHistory history(2);
   history.left(5, 1);
   EXPECT_EQ(history.size(), 0U);

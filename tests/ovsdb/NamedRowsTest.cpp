@@ -22,7 +22,7 @@ void collectAll(Rows& rows) {
 
 }  // namespace
 
-TEST(NamedRowsTest, aRowThatIsNamedBeforeItCameIsAPlaceholder) {
+TEST(NamedRowsTest, ARowThatIsNamedBeforeItCameIsAPlaceholder) {
   Rows rows;
   const Rows::Reference reference = rows.refer(one);
   EXPECT_FALSE(reference.exists());
@@ -34,7 +34,7 @@ TEST(NamedRowsTest, aRowThatIsNamedBeforeItCameIsAPlaceholder) {
   EXPECT_EQ(rows.rows(), 1U);
 }
 
-TEST(NamedRowsTest, aPlaceholderLivesAsLongAsItIsReferredTo) {
+TEST(NamedRowsTest, APlaceholderLivesAsLongAsItIsReferredTo) {
   Rows rows;
   Rows::Reference first = rows.refer(one);
   Rows::Reference second = first.copy();
@@ -47,7 +47,7 @@ TEST(NamedRowsTest, aPlaceholderLivesAsLongAsItIsReferredTo) {
   EXPECT_EQ(rows.size(), 0U);
 }
 
-TEST(NamedRowsTest, aReferenceNeverLeadsToAnotherRow) {
+TEST(NamedRowsTest, AReferenceNeverLeadsToAnotherRow) {
   Rows rows;
   rows.edit(rows.appear(one)).text = "one";
   const Rows::Reference reference = rows.refer(one);
@@ -59,7 +59,7 @@ TEST(NamedRowsTest, aReferenceNeverLeadsToAnotherRow) {
   EXPECT_NE(rows.find(two), reference.slot());
 }
 
-TEST(NamedRowsTest, aReferenceThatIsGivenAnotherRowLetsTheFirstGo) {
+TEST(NamedRowsTest, AReferenceThatIsGivenAnotherRowLetsTheFirstGo) {
   Rows rows;
   Rows::Reference reference = rows.refer(one);
   reference = rows.refer(two);
@@ -68,7 +68,7 @@ TEST(NamedRowsTest, aReferenceThatIsGivenAnotherRowLetsTheFirstGo) {
   EXPECT_EQ(reference.uuid(), two);
 }
 
-TEST(NamedRowsTest, aPlaceholderThatIsLetGoAndTakenAgainIsKept) {
+TEST(NamedRowsTest, APlaceholderThatIsLetGoAndTakenAgainIsKept) {
   Rows rows;
   Rows::Reference reference = rows.refer(one);
   reference = Rows::Reference();
@@ -80,7 +80,7 @@ TEST(NamedRowsTest, aPlaceholderThatIsLetGoAndTakenAgainIsKept) {
   EXPECT_EQ(rows.size(), 0U);
 }
 
-TEST(NamedRowsTest, aRowThatExistsIsNotCollected) {
+TEST(NamedRowsTest, ARowThatExistsIsNotCollected) {
   Rows rows;
   rows.appear(one);
   Rows::Reference reference = rows.refer(one);
@@ -92,7 +92,7 @@ TEST(NamedRowsTest, aRowThatExistsIsNotCollected) {
   EXPECT_EQ(rows.size(), 0U);
 }
 
-TEST(NamedRowsTest, aCollectionLooksAtNoMoreThanItMay) {
+TEST(NamedRowsTest, ACollectionLooksAtNoMoreThanItMay) {
   Rows rows;
   for (std::uint64_t i = 0; i < 10; ++i) {
     rows.refer(Uuid{i, i});
@@ -103,7 +103,7 @@ TEST(NamedRowsTest, aCollectionLooksAtNoMoreThanItMay) {
   EXPECT_EQ(steps.spent(), 4U);
 }
 
-TEST(NamedRowsDeathTest, aReferenceToNoRowIsNotUsed) {
+TEST(NamedRowsDeathTest, AReferenceToNoRowIsNotUsed) {
   EXPECT_DEATH(Rows::Reference().exists(), "a reference is used that refers to no row");
 }
 

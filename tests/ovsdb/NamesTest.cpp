@@ -24,7 +24,7 @@ class NamesTest : public testing::Test, public Mapping {
 
 }  // namespace
 
-TEST_F(NamesTest, longNamesAndControlCharactersDoNotReachProblems) {
+TEST_F(NamesTest, LongNamesAndControlCharactersDoNotReachProblems) {
   database.logicalSwitch(longName, 5001, longName);
   database.logicalSwitch(longName + "2", 5001);
   database.bind("leaf1", "t0", 10, longName);
@@ -44,7 +44,7 @@ TEST_F(NamesTest, longNamesAndControlCharactersDoNotReachProblems) {
   EXPECT_EQ(all.find('\x1b'), std::string::npos);
 }
 
-TEST_F(NamesTest, explainShowsABoundedPartOfThem) {
+TEST_F(NamesTest, ExplainShowsABoundedPartOfThem) {
   database.logicalSwitch(longName, 5001, longName);
   database.host(longName, "02:00:00:00:00:01", longName);
   database.flood(longName, "02:00:00:00:00:01", {"10.0.0.2"});
@@ -54,7 +54,7 @@ TEST_F(NamesTest, explainShowsABoundedPartOfThem) {
   EXPECT_NE(told.find("ls??[2Jx"), std::string::npos);
 }
 
-TEST_F(NamesTest, aNameThatOnlyBeginsAsTheConfiguredOneIsNotIt) {
+TEST_F(NamesTest, ANameThatOnlyBeginsAsTheConfiguredOneIsNotIt) {
   MapperOptions options = Mapping::options();
   options.topology.switchName = std::string(255, 's');
   Mapping mapping(options);
@@ -66,13 +66,13 @@ TEST_F(NamesTest, aNameThatOnlyBeginsAsTheConfiguredOneIsNotIt) {
   EXPECT_EQ(mapping.at("/vtiStatus/Vxlan1/localVtepAddr"), "10.0.0.9");
 }
 
-TEST_F(NamesTest, aConfiguredNameThatIsLongerThanWhatIsKeptIsRefused) {
+TEST_F(NamesTest, AConfiguredNameThatIsLongerThanWhatIsKeptIsRefused) {
   MapperOptions options = Mapping::options();
   options.topology.switchName = std::string(256, 's');
   EXPECT_THROW(Mapper{options}, std::invalid_argument);
 }
 
-TEST_F(NamesTest, aTunnelAddressThatLeavesIsFoundByItsWholeText) {
+TEST_F(NamesTest, ATunnelAddressThatLeavesIsFoundByItsWholeText) {
   const std::string begin(300, 'a');
   database.physicalSwitch("leaf1", {begin + "1", begin + "2"});
   everythingComes();
@@ -85,7 +85,7 @@ TEST_F(NamesTest, aTunnelAddressThatLeavesIsFoundByItsWholeText) {
   EXPECT_EQ(problems(ProblemKind::tunnelIpNotIpv4), 0U);
 }
 
-TEST_F(NamesTest, otherKeysBesideTheFlagAreNotFollowed) {
+TEST_F(NamesTest, OtherKeysBesideTheFlagAreNotFollowed) {
   everythingComes();
   database.converging("true");
   changesCome();
@@ -102,7 +102,7 @@ TEST_F(NamesTest, otherKeysBesideTheFlagAreNotFollowed) {
   EXPECT_TRUE(converging());
 }
 
-TEST_F(NamesTest, theFlagThatIsGoneFromAWholeUpdateIsGone) {
+TEST_F(NamesTest, TheFlagThatIsGoneFromAWholeUpdateIsGone) {
   database.converging("true");
   everythingComes();
   database.converging("");
@@ -112,7 +112,7 @@ TEST_F(NamesTest, theFlagThatIsGoneFromAWholeUpdateIsGone) {
   EXPECT_FALSE(converging());
 }
 
-TEST_F(NamesTest, theFlagThatStandsDoesNotBeginAgainWithEveryChange) {
+TEST_F(NamesTest, TheFlagThatStandsDoesNotBeginAgainWithEveryChange) {
   everythingComes();
   database.converging("true");
   changesCome();

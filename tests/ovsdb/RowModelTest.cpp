@@ -323,7 +323,7 @@ int setting(const char* name, int usual) {
 
 }  // namespace
 
-TEST(RowModel, whatIsPublishedIsWhatAPlainLookAtTheRowsSays) {
+TEST(RowModel, WhatIsPublishedIsWhatAPlainLookAtTheRowsSays) {
   const int seeds = setting("OVSDB_MODEL_SEEDS", 10);
   const int updates = setting("OVSDB_MODEL_UPDATES", 120);
   std::cout << "seeds 1 to " << seeds << ", " << updates << " updates each\n";

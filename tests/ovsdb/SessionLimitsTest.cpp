@@ -55,7 +55,7 @@ class SessionLimits : public SessionTest {
 
 // --- nesting
 
-TEST_F(SessionLimits, textThatIsNestedDeepIsRefusedWhereverItStands) {
+TEST_F(SessionLimits, TextThatIsNestedDeepIsRefusedWhereverItStands) {
   const std::string deep = nested(100'000);
   const std::string cases[] = {R"({"method":"echo","id":1,"params":)" + deep + "}",
                                R"({"method":"echo","params":[],"id":)" + deep + "}",
@@ -79,7 +79,7 @@ TEST_F(SessionLimits, textThatIsNestedDeepIsRefusedWhereverItStands) {
   }
 }
 
-TEST_F(SessionLimits, theMessageItselfIsTheFirstLevelOfSixtyFour) {
+TEST_F(SessionLimits, TheMessageItselfIsTheFirstLevelOfSixtyFour) {
   follows();
   comes(R"({"method":"echo","id":1,"params":)" + nested(63) + "}");
   EXPECT_EQ(goesOut().size(), 1U);
@@ -89,7 +89,7 @@ TEST_F(SessionLimits, theMessageItselfIsTheFirstLevelOfSixtyFour) {
 
 // --- what may come in which state
 
-TEST_F(SessionLimits, whatMayComeInWhichStateIsATable) {
+TEST_F(SessionLimits, WhatMayComeInWhichStateIsATable) {
   const std::string t = transaction;
   const std::string update = R"({"id":null,"method":"update3","params":[")";
   struct Case {
@@ -132,7 +132,7 @@ TEST_F(SessionLimits, whatMayComeInWhichStateIsATable) {
   }
 }
 
-TEST_F(SessionLimits, anAnswerThatIsNotDueIsAFault) {
+TEST_F(SessionLimits, AnAnswerThatIsNotDueIsAFault) {
   for (const SessionState state :
        {SessionState::checking, SessionState::requesting, SessionState::following}) {
     stands(state);
@@ -159,7 +159,7 @@ TEST_F(SessionLimits, anAnswerThatIsNotDueIsAFault) {
   EXPECT_THAT(session.lastError(), HasSubstr("the schema came unasked while checking"));
 }
 
-TEST_F(SessionLimits, nobodyGoesOnBehindAnUpdateThatDidNotEnd) {
+TEST_F(SessionLimits, NobodyGoesOnBehindAnUpdateThatDidNotEnd) {
   follows();
   comes(R"({"method":"update3","id":null,"params":["rows",")" + std::string{transaction} +
         R"(",{"Physical_Locator":{")" + rowId + R"(":{"insert":{"dst_ip":"10.0.0.2"}},"x":{}}}]})");
@@ -173,7 +173,7 @@ TEST_F(SessionLimits, nobodyGoesOnBehindAnUpdateThatDidNotEnd) {
   EXPECT_EQ(session.resumptions(), 0U);
 }
 
-TEST_F(SessionLimits, aTransactionIsNamedByAUuid) {
+TEST_F(SessionLimits, ATransactionIsNamedByAUuid) {
   isAskedForRows();
   answers("rows", json::array({false, std::string(100'000, 'x'), oneRow()}));
   EXPECT_THAT(session.lastError(), HasSubstr("the name of a transaction is not a UUID: xxx"));
@@ -183,7 +183,7 @@ TEST_F(SessionLimits, aTransactionIsNamedByAUuid) {
 
 // --- sizes
 
-TEST_F(SessionLimits, eachStateHasTheLargestMessageThatItCanNeed) {
+TEST_F(SessionLimits, EachStateHasTheLargestMessageThatItCanNeed) {
   SessionOptions sizes = options();
   sizes.largestFirst = std::size_t{3} << 20;
   sizes.largestUpdate = std::size_t{1} << 20;
@@ -214,7 +214,7 @@ TEST_F(SessionLimits, eachStateHasTheLargestMessageThatItCanNeed) {
   EXPECT_LT(session.held(), std::size_t{2} << 20);
 }
 
-TEST_F(SessionLimits, whatIsNotRowsIsSmall) {
+TEST_F(SessionLimits, WhatIsNotRowsIsSmall) {
   const std::string large = "[" + std::string(60'000, ' ') + "\"" + std::string(280'000, 'x') + "\"]";
   for (const char* const text :
        {R"({"id":null,"method":"update3","params":["server",)", R"({"id":null,"method":"echo","params":)"}) {
@@ -227,7 +227,7 @@ TEST_F(SessionLimits, whatIsNotRowsIsSmall) {
   EXPECT_THAT(session.lastError(), HasSubstr("an id is larger than 1 KiB"));
 }
 
-TEST_F(SessionLimits, aMessageOfMembersWithoutEndIsLeftAtTheNinth) {
+TEST_F(SessionLimits, AMessageOfMembersWithoutEndIsLeftAtTheNinth) {
   follows();
   std::string text = "{";
   while (text.size() < (std::size_t{32} << 20)) {
@@ -241,7 +241,7 @@ TEST_F(SessionLimits, aMessageOfMembersWithoutEndIsLeftAtTheNinth) {
   EXPECT_THAT(session.lastError(), HasSubstr("a message has more than 8 members"));
 }
 
-TEST_F(SessionLimits, theStatusOfAServerHasABoundedNumberOfRows) {
+TEST_F(SessionLimits, TheStatusOfAServerHasABoundedNumberOfRows) {
   follows();
   for (int part = 0; part < 3 && session.state() != SessionState::backoff; ++part) {
     json rows;
@@ -259,7 +259,7 @@ TEST_F(SessionLimits, theStatusOfAServerHasABoundedNumberOfRows) {
 
 // --- a peer that does not read
 
-TEST_F(SessionLimits, nothingIsReadWhileAMegabyteWaitsToBeWritten) {
+TEST_F(SessionLimits, NothingIsReadWhileAMegabyteWaitsToBeWritten) {
   follows();
   const std::string echo = R"({"id":1,"method":"echo","params":[")" + std::string(100'000, 'x') + "\"]}";
   int taken = 0;
@@ -276,7 +276,7 @@ TEST_F(SessionLimits, nothingIsReadWhileAMegabyteWaitsToBeWritten) {
   EXPECT_LT(session.held(), std::size_t{1} << 20);
 }
 
-TEST_F(SessionLimits, whatCameMeanwhileIsWorkedOnWhenThePeerReadsAgain) {
+TEST_F(SessionLimits, WhatCameMeanwhileIsWorkedOnWhenThePeerReadsAgain) {
   follows();
   const std::string echo = R"({"id":1,"method":"echo","params":[")" + std::string(100'000, 'x') + "\"]}";
   for (int i = 0; i < 12; ++i) {
@@ -290,7 +290,7 @@ TEST_F(SessionLimits, whatCameMeanwhileIsWorkedOnWhenThePeerReadsAgain) {
   EXPECT_EQ(goesOut().size(), 1U);
 }
 
-TEST_F(SessionLimits, aPeerThatReadsByDripsIsLeftAndOneThatReadsFourKilobytesIsNot) {
+TEST_F(SessionLimits, APeerThatReadsByDripsIsLeftAndOneThatReadsFourKilobytesIsNot) {
   const std::string echo = R"({"id":1,"method":"echo","params":[")" + std::string(100'000, 'x') + "\"]}";
   for (const std::size_t size : {std::size_t{100}, std::size_t{4096}}) {
     stands(SessionState::following);
@@ -307,7 +307,7 @@ TEST_F(SessionLimits, aPeerThatReadsByDripsIsLeftAndOneThatReadsFourKilobytesIsN
 
 // --- a peer that sends by drips
 
-TEST_F(SessionLimits, aMessageThatComesByDripsIsLeft) {
+TEST_F(SessionLimits, AMessageThatComesByDripsIsLeft) {
   follows();
   const double begin = now;
   comes(R"({"id":null,"method":"ec)");
@@ -323,7 +323,7 @@ TEST_F(SessionLimits, aMessageThatComesByDripsIsLeft) {
   EXPECT_EQ(session.faults(), 1U);
 }
 
-TEST_F(SessionLimits, whiteSpaceByDripsIsNoProgress) {
+TEST_F(SessionLimits, WhiteSpaceByDripsIsNoProgress) {
   follows();
   for (int drip = 0; drip < 10 && session.state() == SessionState::following; ++drip) {
     comes(" ");
@@ -333,7 +333,7 @@ TEST_F(SessionLimits, whiteSpaceByDripsIsNoProgress) {
   EXPECT_EQ(session.state(), SessionState::backoff);
 }
 
-TEST_F(SessionLimits, fourKilobytesOrAWholeMessageInAProbeTimeAreProgress) {
+TEST_F(SessionLimits, FourKilobytesOrAWholeMessageInAProbeTimeAreProgress) {
   follows();
   comes(R"({"id":null,"method":"echo","params":["x)");
   for (int piece = 0; piece < 10; ++piece) {
@@ -352,7 +352,7 @@ TEST_F(SessionLimits, fourKilobytesOrAWholeMessageInAProbeTimeAreProgress) {
   EXPECT_TRUE(goesOut().empty());
 }
 
-TEST_F(SessionLimits, aMessageThatBeginsAfterALongSilenceHasAllItsTime) {
+TEST_F(SessionLimits, AMessageThatBeginsAfterALongSilenceHasAllItsTime) {
   follows();
   now += 4.5;
   comes("{");
@@ -361,7 +361,7 @@ TEST_F(SessionLimits, aMessageThatBeginsAfterALongSilenceHasAllItsTime) {
 
 // --- what is asked for is due
 
-TEST_F(SessionLimits, theTimeToConnectIsOverWithTheConnection) {
+TEST_F(SessionLimits, TheTimeToConnectIsOverWithTheConnection) {
   SessionOptions quick = options();
   quick.connectTimeout = 1;
   behaves(quick);
@@ -381,7 +381,7 @@ TEST_F(SessionLimits, theTimeToConnectIsOverWithTheConnection) {
   EXPECT_EQ(session.nextWakeup(), now + 5);
 }
 
-TEST_F(SessionLimits, aServerThatLivesAndDoesNotAnswerIsLeft) {
+TEST_F(SessionLimits, AServerThatLivesAndDoesNotAnswerIsLeft) {
   for (const SessionState state : {SessionState::checking, SessionState::requesting}) {
     stands(state);
     const double begin = now;
@@ -404,7 +404,7 @@ TEST_F(SessionLimits, aServerThatLivesAndDoesNotAnswerIsLeft) {
   EXPECT_EQ(session.state(), SessionState::following) << "nothing is due";
 }
 
-TEST_F(SessionLimits, aLargeAnswerMayTakeLongWhileItComes) {
+TEST_F(SessionLimits, ALargeAnswerMayTakeLongWhileItComes) {
   SessionOptions large = options();
   large.largestFirst = std::size_t{64} << 20;
   behaves(large);
@@ -424,7 +424,7 @@ TEST_F(SessionLimits, aLargeAnswerMayTakeLongWhileItComes) {
   EXPECT_EQ(session.state(), SessionState::following);
 }
 
-TEST_F(SessionLimits, timeInWhichTheOwnerDoesNotReadIsNotThePeers) {
+TEST_F(SessionLimits, TimeInWhichTheOwnerDoesNotReadIsNotThePeers) {
   follows();
   comes("{");
   session.hold();
@@ -447,7 +447,7 @@ TEST_F(SessionLimits, timeInWhichTheOwnerDoesNotReadIsNotThePeers) {
 
 // --- exceptions, problems, pauses
 
-TEST_F(SessionLimits, anExceptionOfWhoTakesTheRowsIsContained) {
+TEST_F(SessionLimits, AnExceptionOfWhoTakesTheRowsIsContained) {
   follows();
   taker.raises = "no such slot";
   comesMessage(update());
@@ -477,7 +477,7 @@ TEST_F(SessionLimits, anExceptionOfWhoTakesTheRowsIsContained) {
   EXPECT_EQ(goesOut().back()["params"][3], noTransaction);
 }
 
-TEST_F(SessionLimits, aFaultIsAProblemUntilUpdatesCameForAMinute) {
+TEST_F(SessionLimits, AFaultIsAProblemUntilUpdatesCameForAMinute) {
   follows();
   comes("x");
   const std::string fault = session.lastError();
@@ -494,7 +494,7 @@ TEST_F(SessionLimits, aFaultIsAProblemUntilUpdatesCameForAMinute) {
   EXPECT_EQ(session.problem(now), "") << "no fault, and mended";
 }
 
-TEST_F(SessionLimits, aServerThatIsAtFaultAgainAndAgainIsNotAskedAgainAtOnce) {
+TEST_F(SessionLimits, AServerThatIsAtFaultAgainAndAgainIsNotAskedAgainAtOnce) {
   const auto pauseAfter = [&](double seconds) {
     follows();
     for (double left = seconds; left > 0; left -= 4) {

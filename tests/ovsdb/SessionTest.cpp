@@ -15,7 +15,7 @@ using testing::HasSubstr;
 
 }  // namespace
 
-TEST_F(SessionTest, schemaAndServerAreAskedForFirstThenTheRows) {
+TEST_F(SessionTest, SchemaAndServerAreAskedForFirstThenTheRows) {
   EXPECT_EQ(connects(), "unix:/one");
   auto out = goesOut();
   ASSERT_EQ(out.size(), 2U);
@@ -37,7 +37,7 @@ TEST_F(SessionTest, schemaAndServerAreAskedForFirstThenTheRows) {
   EXPECT_EQ(session.lastTransaction(), transaction);
 }
 
-TEST_F(SessionTest, updatesAreTakenAsTheyCome) {
+TEST_F(SessionTest, UpdatesAreTakenAsTheyCome) {
   follows();
   const json update{
       {"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}};
@@ -46,7 +46,7 @@ TEST_F(SessionTest, updatesAreTakenAsTheyCome) {
               ElementsAre("part", "row Physical_Locator", "end", "part", "row Physical_Locator", "end"));
 }
 
-TEST_F(SessionTest, messagesAreUnderstoodHoweverTheBytesAreCut) {
+TEST_F(SessionTest, MessagesAreUnderstoodHoweverTheBytesAreCut) {
   const std::string text =
       json{{"id", "schema"}, {"result", goodSchema()}, {"error", nullptr}}.dump() +
       json{{"id", "server"}, {"result", nullptr}, {"error", "unknown database"}}.dump() +
@@ -59,7 +59,7 @@ TEST_F(SessionTest, messagesAreUnderstoodHoweverTheBytesAreCut) {
   EXPECT_THAT(taker.told, ElementsAre("whole", "row Physical_Locator", "end"));
 }
 
-TEST_F(SessionTest, thePeerIsHeldBackWhileRowsAreWorkedOn) {
+TEST_F(SessionTest, ThePeerIsHeldBackWhileRowsAreWorkedOn) {
   follows();
   const std::string text =
       json{{"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}}
@@ -77,13 +77,13 @@ TEST_F(SessionTest, thePeerIsHeldBackWhileRowsAreWorkedOn) {
 
 // --- echo
 
-TEST_F(SessionTest, anEchoRequestIsAnswered) {
+TEST_F(SessionTest, AnEchoRequestIsAnswered) {
   follows();
   comesMessage(json::parse(R"({"method":"echo","params":["a",1],"id":{"x":7}})"));
   EXPECT_THAT(goesOut(), ElementsAre(json::parse(R"({"id":{"x":7},"result":["a",1],"error":null})")));
 }
 
-TEST_F(SessionTest, aSilentPeerIsAskedAndGivenUpWhenItStaysSilent) {
+TEST_F(SessionTest, ASilentPeerIsAskedAndGivenUpWhenItStaysSilent) {
   follows();
   EXPECT_EQ(session.nextWakeup(), now + 5);
   now += 5;
@@ -96,7 +96,7 @@ TEST_F(SessionTest, aSilentPeerIsAskedAndGivenUpWhenItStaysSilent) {
   EXPECT_EQ(session.lastError(), "unix:/one: no answer for 10.0 s");
 }
 
-TEST_F(SessionTest, anAnswerToTheProbeKeepsTheSession) {
+TEST_F(SessionTest, AnAnswerToTheProbeKeepsTheSession) {
   follows();
   for (int round = 0; round < 5; ++round) {
     now += 5;
@@ -107,7 +107,7 @@ TEST_F(SessionTest, anAnswerToTheProbeKeepsTheSession) {
   EXPECT_EQ(session.state(), SessionState::following);
 }
 
-TEST_F(SessionTest, aServerThatPutsAllRowsTogetherMayTakeItsTime) {
+TEST_F(SessionTest, AServerThatPutsAllRowsTogetherMayTakeItsTime) {
   connects();
   answers("schema", goodSchema());
   serverSays(true);
@@ -126,7 +126,7 @@ TEST_F(SessionTest, aServerThatPutsAllRowsTogetherMayTakeItsTime) {
 
 // --- what can be wrong with a server
 
-TEST_F(SessionTest, aWrongSchemaIsNamedAndTheNextRemoteTried) {
+TEST_F(SessionTest, AWrongSchemaIsNamedAndTheNextRemoteTried) {
   connects();
   json schema = goodSchema();
   schema["tables"]["Logical_Switch"]["columns"].erase("tunnel_key");
@@ -137,13 +137,13 @@ TEST_F(SessionTest, aWrongSchemaIsNamedAndTheNextRemoteTried) {
   EXPECT_EQ(connects(), "unix:/two");
 }
 
-TEST_F(SessionTest, aServerWithoutTheDatabaseIsNamed) {
+TEST_F(SessionTest, AServerWithoutTheDatabaseIsNamed) {
   connects();
   refuses("schema", "unknown database");
   EXPECT_EQ(session.lastError(), "unix:/one: no schema of database \"hardware_vtep\": \"unknown database\"");
 }
 
-TEST_F(SessionTest, aServerThatCannotResumeIsNamed) {
+TEST_F(SessionTest, AServerThatCannotResumeIsNamed) {
   connects();
   answers("schema", goodSchema());
   refuses("server", json{{"error", "unknown method"}});
@@ -153,7 +153,7 @@ TEST_F(SessionTest, aServerThatCannotResumeIsNamed) {
             "{\"error\":\"unknown method\"}; a newer server is needed");
 }
 
-TEST_F(SessionTest, aMemberThatIsNotConnectedToItsClusterIsPassedOver) {
+TEST_F(SessionTest, AMemberThatIsNotConnectedToItsClusterIsPassedOver) {
   connects();
   answers("schema", goodSchema());
   serverSays(false);
@@ -162,7 +162,7 @@ TEST_F(SessionTest, aMemberThatIsNotConnectedToItsClusterIsPassedOver) {
   EXPECT_EQ(connects(), "unix:/two");
 }
 
-TEST_F(SessionTest, aMemberThatLosesItsClusterIsLeft) {
+TEST_F(SessionTest, AMemberThatLosesItsClusterIsLeft) {
   follows();
   comesMessage(
       json{{"id", nullptr},
@@ -174,14 +174,14 @@ TEST_F(SessionTest, aMemberThatLosesItsClusterIsLeft) {
   EXPECT_THAT(taker.told, ElementsAre("lost"));
 }
 
-TEST_F(SessionTest, aCanceledMonitorBeginsAnew) {
+TEST_F(SessionTest, ACanceledMonitorBeginsAnew) {
   follows();
   comesMessage(json::parse(R"({"id":null,"method":"monitor_canceled","params":["rows"]})"));
   EXPECT_EQ(session.state(), SessionState::backoff);
   EXPECT_THAT(session.lastError(), HasSubstr("canceled the monitor"));
 }
 
-TEST_F(SessionTest, garbageIsNamedAndLeavesNothingBehind) {
+TEST_F(SessionTest, GarbageIsNamedAndLeavesNothingBehind) {
   const std::pair<std::string, std::string> cases[] = {
       {"HTTP/1.1 400", "this is not OVSDB: a message begins with byte 72 instead of '{'"},
       {"{garbage}", "this is not OVSDB: a message is neither a request nor an answer"},
@@ -217,7 +217,7 @@ TEST_F(SessionTest, garbageIsNamedAndLeavesNothingBehind) {
   follows();
 }
 
-TEST_F(SessionTest, anUpdateThatBreaksOffIsFollowedByEverything) {
+TEST_F(SessionTest, AnUpdateThatBreaksOffIsFollowedByEverything) {
   follows();
   comesMessage(
       json{{"id", nullptr},
@@ -237,7 +237,7 @@ TEST_F(SessionTest, anUpdateThatBreaksOffIsFollowedByEverything) {
 
 // --- reconnecting
 
-TEST_F(SessionTest, theLastTransactionIsAskedForAfterAReconnect) {
+TEST_F(SessionTest, TheLastTransactionIsAskedForAfterAReconnect) {
   follows();
   now += 60;
   session.failed("the peer closed the connection", now);
@@ -252,7 +252,7 @@ TEST_F(SessionTest, theLastTransactionIsAskedForAfterAReconnect) {
   EXPECT_EQ(session.reconnects(), 1U);
 }
 
-TEST_F(SessionTest, aHalfClosedPeerIsLeftAfterWhatItHadSaid) {
+TEST_F(SessionTest, AHalfClosedPeerIsLeftAfterWhatItHadSaid) {
   follows();
   comes(json{{"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}}
             .dump() +
@@ -263,7 +263,7 @@ TEST_F(SessionTest, aHalfClosedPeerIsLeftAfterWhatItHadSaid) {
   EXPECT_EQ(session.lastError(), "unix:/one: the peer closed the connection");
 }
 
-TEST_F(SessionTest, pausesDoubleFromFailureToFailureUpToTheLongest) {
+TEST_F(SessionTest, PausesDoubleFromFailureToFailureUpToTheLongest) {
   std::vector<std::pair<std::string, double>> attempts;
   const double begin = now;
   while (attempts.size() < 10) {
@@ -283,7 +283,7 @@ TEST_F(SessionTest, pausesDoubleFromFailureToFailureUpToTheLongest) {
   EXPECT_TRUE(taker.told.empty());
 }
 
-TEST_F(SessionTest, aConnectionThatDoesNotComeUpIsGivenUp) {
+TEST_F(SessionTest, AConnectionThatDoesNotComeUpIsGivenUp) {
   session.connecting(now);
   EXPECT_EQ(session.nextWakeup(), now + 5);
   session.tick(now + 5);
@@ -291,7 +291,7 @@ TEST_F(SessionTest, aConnectionThatDoesNotComeUpIsGivenUp) {
   EXPECT_EQ(session.lastError(), "unix:/one: no connection after 5.0 s");
 }
 
-TEST_F(SessionTest, aRemoteThatIsConfiguredNoMoreIsLeftForTheFirstOfTheOthersAtOnce) {
+TEST_F(SessionTest, ARemoteThatIsConfiguredNoMoreIsLeftForTheFirstOfTheOthersAtOnce) {
   follows();
   session.remotesAre(Remote::parseList("unix:/four,unix:/five"), now);
   EXPECT_TRUE(session.connectionDropped());
@@ -300,7 +300,7 @@ TEST_F(SessionTest, aRemoteThatIsConfiguredNoMoreIsLeftForTheFirstOfTheOthersAtO
   EXPECT_EQ(connects(), "unix:/four");
 }
 
-TEST_F(SessionTest, aRemoteThatIsStillConfiguredIsKept) {
+TEST_F(SessionTest, ARemoteThatIsStillConfiguredIsKept) {
   follows();
   session.remotesAre(Remote::parseList("unix:/four,unix:/one"), now);
   EXPECT_FALSE(session.connectionDropped());
@@ -311,7 +311,7 @@ TEST_F(SessionTest, aRemoteThatIsStillConfiguredIsKept) {
   EXPECT_EQ(connects(), "unix:/four") << "the next one of the new list";
 }
 
-TEST_F(SessionTest, otherRemotesEndThePause) {
+TEST_F(SessionTest, OtherRemotesEndThePause) {
   session.connecting(now);
   session.failed("connecting: Connection refused", now);
   EXPECT_FALSE(session.connectTo(now));
@@ -319,7 +319,7 @@ TEST_F(SessionTest, otherRemotesEndThePause) {
   EXPECT_EQ(connects(), "unix:/four");
 }
 
-TEST_F(SessionTest, theSameErrorIsLoggedOnce) {
+TEST_F(SessionTest, TheSameErrorIsLoggedOnce) {
   SessionOptions one = options();
   one.remotes.resize(1);
   std::vector<std::string> lines;
@@ -331,7 +331,7 @@ TEST_F(SessionTest, theSameErrorIsLoggedOnce) {
   EXPECT_THAT(lines, ElementsAre("unix:/one: connecting: Connection refused"));
 }
 
-TEST(SessionSchema, theInstalledSchemaServes) {
+TEST(SessionSchema, TheInstalledSchemaServes) {
   std::ifstream file("/usr/share/openvswitch/vtep.ovsschema");
   if (!file) {
     GTEST_SKIP() << "the package with the hardware_vtep schema is not installed";

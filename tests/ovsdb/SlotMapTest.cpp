@@ -46,14 +46,14 @@ void comparesWithAModel(std::uint32_t seed, std::uint32_t keys) {
 
 }  // namespace
 
-TEST(SlotMapTest, behavesAsAPlainMapUnderRandomChanges) {
+TEST(SlotMapTest, BehavesAsAPlainMapUnderRandomChanges) {
   for (std::uint32_t seed = 1; seed <= 5; ++seed) {
     comparesWithAModel<SlotMap<std::uint32_t, int>>(seed, 5'000);
     comparesWithAModel<SlotMap<std::uint32_t, int, PoorHash>>(seed, 300);
   }
 }
 
-TEST(SlotMapTest, valuesStayInPlaceWhileItGrows) {
+TEST(SlotMapTest, ValuesStayInPlaceWhileItGrows) {
   SlotMap<std::uint32_t, int> map;
   const Slot first = map.insert(7).first;
   map[first] = 42;
@@ -65,7 +65,7 @@ TEST(SlotMapTest, valuesStayInPlaceWhileItGrows) {
   EXPECT_EQ(*place, 42);
 }
 
-TEST(SlotMapTest, anErasedSlotIsUsedAgainWithADefaultValue) {
+TEST(SlotMapTest, AnErasedSlotIsUsedAgainWithADefaultValue) {
   SlotMap<std::uint32_t, int> map;
   const Slot slot = map.insert(1).first;
   map[slot] = 9;
@@ -75,7 +75,7 @@ TEST(SlotMapTest, anErasedSlotIsUsedAgainWithADefaultValue) {
   EXPECT_EQ(map[slot], 0);
 }
 
-TEST(SlotMapTest, anIdDoesNotFindTheNextEntryOfItsSlot) {
+TEST(SlotMapTest, AnIdDoesNotFindTheNextEntryOfItsSlot) {
   SlotMap<std::uint32_t, int> map;
   const Slot slot = map.insert(1).first;
   const SlotId id = map.id(slot);
@@ -87,7 +87,7 @@ TEST(SlotMapTest, anIdDoesNotFindTheNextEntryOfItsSlot) {
   EXPECT_EQ(map.slotOf(SlotId()), noSlot);
 }
 
-TEST(SlotMapDeathTest, anEntryThatIsGoneIsNotUsed) {
+TEST(SlotMapDeathTest, AnEntryThatIsGoneIsNotUsed) {
   SlotMap<std::uint32_t, int> map;
   const Slot slot = map.insert(1).first;
   map.erase(slot);
@@ -95,7 +95,7 @@ TEST(SlotMapDeathTest, anEntryThatIsGoneIsNotUsed) {
   EXPECT_DEATH(static_cast<void>(map.key(slot)), "an entry is used that is not there");
 }
 
-TEST(SlotMapDeathTest, erasingWhatIsNotThereIsAMistake) {
+TEST(SlotMapDeathTest, ErasingWhatIsNotThereIsAMistake) {
   SlotMap<std::uint32_t, int> map;
   EXPECT_DEATH(map.erase(0), "an entry is erased that is not there");
 }

@@ -47,7 +47,7 @@ class TopologyTest : public testing::Test, private RowTaker {
 
 }  // namespace
 
-TEST_F(TopologyTest, aKeyOutOfRangeGivesNoVniAndTheEndsOfTheRangeDo) {
+TEST_F(TopologyTest, AKeyOutOfRangeGivesNoVniAndTheEndsOfTheRangeDo) {
   database.logicalSwitch("zero", 0);
   database.logicalSwitch("first", 1);
   database.logicalSwitch("last", 16777215);
@@ -61,7 +61,7 @@ TEST_F(TopologyTest, aKeyOutOfRangeGivesNoVniAndTheEndsOfTheRangeDo) {
   EXPECT_EQ(problems(ProblemKind::vniOutOfRange), 2U);
 }
 
-TEST_F(TopologyTest, vlansOutOfRangeAreProblems) {
+TEST_F(TopologyTest, VlansOutOfRangeAreProblems) {
   database.logicalSwitch("ls1", 5001);
   database.logicalSwitch("ls2", 5002);
   database.bind("leaf1", "t0", 4094, "ls1");
@@ -73,7 +73,7 @@ TEST_F(TopologyTest, vlansOutOfRangeAreProblems) {
   EXPECT_EQ(problems(ProblemKind::vlanOutOfRange), 2U);
 }
 
-TEST_F(TopologyTest, oneThatIsBoundComesBeforeOneThatIsNotAndThenTheFirstByName) {
+TEST_F(TopologyTest, OneThatIsBoundComesBeforeOneThatIsNotAndThenTheFirstByName) {
   for (const char* const name : {"b", "a", "c"}) {
     database.logicalSwitch(name, 5001);
   }
@@ -88,7 +88,7 @@ TEST_F(TopologyTest, oneThatIsBoundComesBeforeOneThatIsNotAndThenTheFirstByName)
   EXPECT_EQ(decisionOn("a").vni, 0U);
 }
 
-TEST_F(TopologyTest, whileConvergingOneThatHasTheKeyComesBeforeOneThatHadIt) {
+TEST_F(TopologyTest, WhileConvergingOneThatHasTheKeyComesBeforeOneThatHadIt) {
   database.logicalSwitch("a", 5001);
   database.logicalSwitch("b", 5002);
   derive();
@@ -99,7 +99,7 @@ TEST_F(TopologyTest, whileConvergingOneThatHasTheKeyComesBeforeOneThatHadIt) {
   EXPECT_EQ(decisionOn("b").vni, 5001U);
 }
 
-TEST_F(TopologyTest, aKeyThatIsGoneIsHeldWhileConvergingAlone) {
+TEST_F(TopologyTest, AKeyThatIsGoneIsHeldWhileConvergingAlone) {
   database.logicalSwitch("a", 5001);
   derive();
   database.key("a", std::nullopt);
@@ -112,7 +112,7 @@ TEST_F(TopologyTest, aKeyThatIsGoneIsHeldWhileConvergingAlone) {
   EXPECT_EQ(decisionOn("a").vni, 0U) << "what was let go does not come back";
 }
 
-TEST_F(TopologyTest, vlansOfALogicalSwitchThatIsGoneStayWhileConverging) {
+TEST_F(TopologyTest, VlansOfALogicalSwitchThatIsGoneStayWhileConverging) {
   database.logicalSwitch("a", 5001);
   database.logicalSwitch("b", 5002);
   database.bind("leaf1", "t0", 10, "a");
@@ -127,7 +127,7 @@ TEST_F(TopologyTest, vlansOfALogicalSwitchThatIsGoneStayWhileConverging) {
   EXPECT_EQ(vniOnVlan(10), 0U);
 }
 
-TEST_F(TopologyTest, aHeldVlanGivesWayToAnotherLogicalSwitch) {
+TEST_F(TopologyTest, AHeldVlanGivesWayToAnotherLogicalSwitch) {
   database.logicalSwitch("a", 5001);
   database.logicalSwitch("b", 5002);
   database.bind("leaf1", "t0", 10, "a");
@@ -138,7 +138,7 @@ TEST_F(TopologyTest, aHeldVlanGivesWayToAnotherLogicalSwitch) {
   EXPECT_EQ(vniOnVlan(10), 5002U);
 }
 
-TEST_F(TopologyTest, aHeldVniIsNotOnTwoVlans) {
+TEST_F(TopologyTest, AHeldVniIsNotOnTwoVlans) {
   database.logicalSwitch("a", 5001);
   database.bind("leaf1", "t0", 10, "a");
   derive();
@@ -150,7 +150,7 @@ TEST_F(TopologyTest, aHeldVniIsNotOnTwoVlans) {
   EXPECT_EQ(vniOnVlan(10), 0U);
 }
 
-TEST_F(TopologyTest, vlansAndAddressStayWhileConvergingThoughTheSwitchIsGone) {
+TEST_F(TopologyTest, VlansAndAddressStayWhileConvergingThoughTheSwitchIsGone) {
   database.logicalSwitch("a", 5001);
   database.bind("leaf1", "t0", 10, "a");
   derive();
@@ -164,7 +164,7 @@ TEST_F(TopologyTest, vlansAndAddressStayWhileConvergingThoughTheSwitchIsGone) {
   EXPECT_EQ(topology.localVtep(), 0U);
 }
 
-TEST_F(TopologyTest, ofSeveralSwitchesOfOneNameTheLowestUuidCounts) {
+TEST_F(TopologyTest, OfSeveralSwitchesOfOneNameTheLowestUuidCounts) {
   for (const char* const id :
        {"ffffffff-0000-4000-8000-000000000001", "00000000-0000-4000-8000-000000000001"}) {
     database.row("Physical_Switch", id) = {{"name", "leaf1"},
@@ -175,7 +175,7 @@ TEST_F(TopologyTest, ofSeveralSwitchesOfOneNameTheLowestUuidCounts) {
   EXPECT_EQ(topology.localVtep(), 0x0a000009U);
 }
 
-TEST_F(TopologyTest, aPortThatIsNotThereIsAProblem) {
+TEST_F(TopologyTest, APortThatIsNotThereIsAProblem) {
   database.logicalSwitch("a", 5001);
   database.bind("leaf1", "t0", 10, "a");
   database.remove(database.find("Physical_Port", "t0"));
@@ -184,7 +184,7 @@ TEST_F(TopologyTest, aPortThatIsNotThereIsAProblem) {
   EXPECT_EQ(vniOnVlan(10), 0U);
 }
 
-TEST_F(TopologyTest, aVlanThatAPortBindsIsTakenFromOneOfTheRange) {
+TEST_F(TopologyTest, AVlanThatAPortBindsIsTakenFromOneOfTheRange) {
   database.logicalSwitch("a", 5001);
   database.bind("leaf1", "t0", 0, "a");
   derive();
@@ -198,7 +198,7 @@ TEST_F(TopologyTest, aVlanThatAPortBindsIsTakenFromOneOfTheRange) {
   EXPECT_GE(decisionOn("a").vlan, 4000);
 }
 
-TEST_F(TopologyTest, problemsAreCountedThoughNotAllAreKeptInWords) {
+TEST_F(TopologyTest, ProblemsAreCountedThoughNotAllAreKeptInWords) {
   database.logicalSwitch("a", 5001);
   for (int vlan = 5000; vlan < 7000; ++vlan) {
     database.bind("leaf1", "t0", vlan, "a");

@@ -90,7 +90,7 @@ class TurnTest : public testing::Test, public Mapping {
 
 }  // namespace
 
-TEST_F(TurnTest, floodRowsOfOneMacComeAndAreSweptInTurns) {
+TEST_F(TurnTest, FloodRowsOfOneMacComeAndAreSweptInTurns) {
   comes(small() + "," + floodsOfOneMac(), true);
   expectBoundedAndLinear(3);
   EXPECT_EQ(problems(ProblemKind::duplicateMac), many - 1);
@@ -100,7 +100,7 @@ TEST_F(TurnTest, floodRowsOfOneMacComeAndAreSweptInTurns) {
   EXPECT_EQ(problems(ProblemKind::duplicateMac), 0U);
 }
 
-TEST_F(TurnTest, oneMoreRowOfAMacWithManyDuplicatesIsLookedAtWithTheNextOneAlone) {
+TEST_F(TurnTest, OneMoreRowOfAMacWithManyDuplicatesIsLookedAtWithTheNextOneAlone) {
   comes(small() + "," + hostsOfOneMac());
   comes(R"("Ucast_Macs_Remote":{")" + name('b', 1) + R"(":{"insert":{)" + hostColumns("02:00:00:00:00:01") +
         "}}}");
@@ -108,7 +108,7 @@ TEST_F(TurnTest, oneMoreRowOfAMacWithManyDuplicatesIsLookedAtWithTheNextOneAlone
   EXPECT_EQ(problems(ProblemKind::duplicateMac), many);
 }
 
-TEST_F(TurnTest, hostRowsOfOneMacFollowTheirLocatorInTurns) {
+TEST_F(TurnTest, HostRowsOfOneMacFollowTheirLocatorInTurns) {
   comes(small() + "," + hostsOfOneMac());
   expectBoundedAndLinear(2);
   comes(R"("Physical_Locator":{")" + std::string{locator1} + R"(":{"delete":null}})");
@@ -119,7 +119,7 @@ TEST_F(TurnTest, hostRowsOfOneMacFollowTheirLocatorInTurns) {
   EXPECT_EQ(problems(ProblemKind::duplicateMac), many - 1);
 }
 
-TEST_F(TurnTest, aLocatorThatManySetsHaveChangesTheirFloodsInTurns) {
+TEST_F(TurnTest, ALocatorThatManySetsHaveChangesTheirFloodsInTurns) {
   const std::string sets =
       rows("Physical_Locator_Set", '6', [](std::size_t) { return R"("locators":)" + reference(locator1); });
   const std::string floods = rows("Mcast_Macs_Remote", '5',
@@ -133,13 +133,13 @@ TEST_F(TurnTest, aLocatorThatManySetsHaveChangesTheirFloodsInTurns) {
   EXPECT_EQ(vni(5001)["macVtepMultiPathTable"][mac("01:00", many - 1)], json::parse(R"({"10.0.0.3": true})"));
 }
 
-TEST_F(TurnTest, aLocatorThatNothingNamesChangesNoFlood) {
+TEST_F(TurnTest, ALocatorThatNothingNamesChangesNoFlood) {
   comes(small() + "," + floodsOfManyMacs());
   comes(R"("Physical_Locator":{")" + name('2', 2) + R"(":{"insert":{"dst_ip":"10.0.0.9"}}})");
   EXPECT_LE(inAllTurns, 10U);
 }
 
-TEST_F(TurnTest, aLogicalSwitchChangesItsMacsInTurns) {
+TEST_F(TurnTest, ALogicalSwitchChangesItsMacsInTurns) {
   comes(small() + "," + hostsOfManyMacs() + "," + floodsOfManyMacs());
   patchesAreTaken();
   EXPECT_EQ(mapper.publishedHosts(), many);
@@ -154,7 +154,7 @@ TEST_F(TurnTest, aLogicalSwitchChangesItsMacsInTurns) {
   EXPECT_EQ(vni(5001), json());
 }
 
-TEST_F(TurnTest, eachTableIsSweptInTurns) {
+TEST_F(TurnTest, EachTableIsSweptInTurns) {
   const auto ports = rows("Physical_Port", '7', [](std::size_t) {
     return std::string(R"("name":"p","vlan_bindings":["map",[]])");
   });
@@ -179,7 +179,7 @@ TEST_F(TurnTest, eachTableIsSweptInTurns) {
   EXPECT_EQ(mapper.rows().locatorSets().size(), 0U);
 }
 
-TEST_F(TurnTest, whileConvergingAVniWithManyMacsButNoVtepCostsNothingToPublish) {
+TEST_F(TurnTest, WhileConvergingAVniWithManyMacsButNoVtepCostsNothingToPublish) {
   comes(small() + "," + hostsOfManyMacs());
   patchesAreTaken();
   sessionIsLost();
@@ -193,7 +193,7 @@ TEST_F(TurnTest, whileConvergingAVniWithManyMacsButNoVtepCostsNothingToPublish) 
   EXPECT_EQ(mapper.publishedHosts(), 0U);
 }
 
-TEST_F(TurnTest, whatIsHeldBackIsReleasedInTurns) {
+TEST_F(TurnTest, WhatIsHeldBackIsReleasedInTurns) {
   comes(small() + "," + floodsOfManyMacs());
   patchesAreTaken();
   sessionIsLost();

@@ -80,7 +80,7 @@ std::string update(const std::string& table, const std::string& change) {
 
 // --- framing
 
-TEST(Framing, messagesAreFoundHoweverTheStreamIsCut) {
+TEST(Framing, MessagesAreFoundHoweverTheStreamIsCut) {
   const std::string stream =
       R"( {"id":1,"result":{"a":[1,{"b":"}{]["}],"c":"x\"y\\"}}{"method":"echo","params":[]}  {} {"e":""})";
   const auto whole = framed(stream, {});
@@ -96,13 +96,13 @@ TEST(Framing, messagesAreFoundHoweverTheStreamIsCut) {
   }
 }
 
-TEST(Framing, whatIsNoObjectIsNoMessage) {
+TEST(Framing, WhatIsNoObjectIsNoMessage) {
   Framer framer;
   EXPECT_EQ(errorOf([&] { framer.scan("HTTP/1.1 400 Bad Request"); }),
             "this is not OVSDB: a message begins with byte 72 instead of '{'");
 }
 
-TEST(Framing, aMessageOverTheLimitIsRefusedBeforeItIsWhole) {
+TEST(Framing, AMessageOverTheLimitIsRefusedBeforeItIsWhole) {
   Framer framer(1 << 20);
   std::string text = R"({"a":[)";
   while (text.size() < (2U << 20)) {
@@ -111,13 +111,13 @@ TEST(Framing, aMessageOverTheLimitIsRefusedBeforeItIsWhole) {
   EXPECT_EQ(errorOf([&] { framer.scan(text); }), "a message is larger than the 1 MiB allowed");
 }
 
-TEST(Framing, aStringOverTheLimitIsRefusedBeforeItEnds) {
+TEST(Framing, AStringOverTheLimitIsRefusedBeforeItEnds) {
   Framer framer(1 << 20, 1000);
   EXPECT_EQ(errorOf([&] { framer.scan(R"({"a":")" + std::string(1001, 'x')); }),
             "a string is longer than the 1000 bytes allowed");
 }
 
-TEST(Framing, aMessageHasAHandfulOfMembers) {
+TEST(Framing, AMessageHasAHandfulOfMembers) {
   const auto refusal = [](const std::string& text) {
     return errorOf([&] {
       Framer framer;
@@ -135,7 +135,7 @@ TEST(Framing, aMessageHasAHandfulOfMembers) {
   EXPECT_EQ(refusal("{ }"), "no error");
 }
 
-TEST(Framing, nestingIsBoundedHoweverTheStreamIsCut) {
+TEST(Framing, NestingIsBoundedHoweverTheStreamIsCut) {
   const std::string deepest = R"({"a":)" + std::string(63, '[') + std::string(63, ']') + "}";
   for (const std::size_t piece : {std::size_t{1}, std::size_t{7}, std::size_t{1000}}) {
     Framer framer;
@@ -150,7 +150,7 @@ TEST(Framing, nestingIsBoundedHoweverTheStreamIsCut) {
             "a message is nested deeper than 64 levels");
 }
 
-TEST(Framing, whiteSpaceAndNumbersAreBounded) {
+TEST(Framing, WhiteSpaceAndNumbersAreBounded) {
   const std::string least(Framer::mostBetweenMarks, ' ');
   const std::string digits(Framer::mostBetweenMarks, '1');
   Framer fits;
@@ -172,7 +172,7 @@ TEST(Framing, whiteSpaceAndNumbersAreBounded) {
   }
 }
 
-TEST(ReceiveBufferTest, bytesStayWhileTheBufferGrowsAndShrinks) {
+TEST(ReceiveBufferTest, BytesStayWhileTheBufferGrowsAndShrinks) {
   ReceiveBuffer buffer;
   std::string expected;
   for (int round = 0; round < 40; ++round) {
@@ -190,7 +190,7 @@ TEST(ReceiveBufferTest, bytesStayWhileTheBufferGrowsAndShrinks) {
   EXPECT_EQ(buffer.capacity(), 0U) << "given back";
 }
 
-TEST(ReceiveBufferTest, lessThanTwiceOfWhatIsThereIsHeld) {
+TEST(ReceiveBufferTest, LessThanTwiceOfWhatIsThereIsHeld) {
   constexpr std::size_t mebibyte = std::size_t{1} << 20;
   ReceiveBuffer buffer;
   const std::string piece(mebibyte / 4, 'x');
@@ -218,7 +218,7 @@ TEST(ReceiveBufferTest, lessThanTwiceOfWhatIsThereIsHeld) {
 
 // --- JSON
 
-TEST(JsonReading, valuesAreReadInOrder) {
+TEST(JsonReading, ValuesAreReadInOrder) {
   JsonReader reader(R"( { "a" : [ 1 , -22 , true , false , null , "x" ] , "b" : {} , "c":[] } )");
   std::string name;
   reader.beginObject();
@@ -247,7 +247,7 @@ TEST(JsonReading, valuesAreReadInOrder) {
   EXPECT_TRUE(reader.atEnd());
 }
 
-TEST(JsonReading, skippingStepsOverAnyValue) {
+TEST(JsonReading, SkippingStepsOverAnyValue) {
   for (const std::string& value :
        {std::string{R"({"a":[1,2,{"b":null}],"c":{}})"}, std::string{"[]"}, std::string{"[[[]],{}]"},
         std::string{R"("a\"]b")"}, std::string{"-1.5e3"}, std::string{"null"}, std::string{"{}"}}) {
@@ -261,13 +261,13 @@ TEST(JsonReading, skippingStepsOverAnyValue) {
   }
 }
 
-TEST(JsonReading, escapesAndUtf8AreUnderstood) {
+TEST(JsonReading, EscapesAndUtf8AreUnderstood) {
   const std::string text = "\"a\\u00e9\\n\xc3\xa9\"";
   JsonReader reader(text);
   EXPECT_EQ(reader.string(), "a\xc3\xa9\n\xc3\xa9");
 }
 
-TEST(JsonReading, whatIsNotJsonIsRefusedWithItsPlace) {
+TEST(JsonReading, WhatIsNotJsonIsRefusedWithItsPlace) {
   const auto skip = [](const char* text) {
     return errorOf([&] {
       JsonReader reader(text);
@@ -291,7 +291,7 @@ TEST(JsonReading, whatIsNotJsonIsRefusedWithItsPlace) {
 
 // --- rows
 
-TEST(Rows, eachKindOfColumnIsRead) {
+TEST(Rows, EachKindOfColumnIsRead) {
   const std::string uuid = std::string{R"(["uuid",")"} + id2 + R"("])";
   auto rows = rowsOf(update("Logical_Switch", R"({"insert":{"name":"ls","tunnel_key":5010}})"));
   ASSERT_EQ(rows.size(), 1U);
@@ -335,13 +335,13 @@ TEST(Rows, eachKindOfColumnIsRead) {
   EXPECT_EQ(rows[0].change, RowChange::removed);
 }
 
-TEST(Rows, tablesAndColumnsThatAreNotFollowedAreSteppedOver) {
+TEST(Rows, TablesAndColumnsThatAreNotFollowedAreSteppedOver) {
   EXPECT_TRUE(rowsOf(update("Tunnel", R"({"insert":{"a":[1]}})")).empty());
   EXPECT_EQ(rowsOf(update("Global", R"({"insert":{"managers":["set",[]]}})")).size(), 1U);
   EXPECT_TRUE(rowsOf("{}").empty());
 }
 
-TEST(Rows, whatIsNotInTheFormIsRefusedWithTableRowAndColumn) {
+TEST(Rows, WhatIsNotInTheFormIsRefusedWithTableRowAndColumn) {
   const auto refusal = [](const std::string& text) { return errorOf([&] { rowsOf(text); }); };
   const std::string row = "table Logical_Switch, row " + std::string{id1};
   EXPECT_EQ(refusal(R"({"Logical_Switch":{"x":{}}})"),
@@ -360,7 +360,7 @@ TEST(Rows, whatIsNotInTheFormIsRefusedWithTableRowAndColumn) {
   EXPECT_EQ(refusal("{} x"), "at byte 3: there is more behind the end of the table updates");
 }
 
-TEST(Rows, aWalkTakesAsManyItemsAsItIsTold) {
+TEST(Rows, AWalkTakesAsManyItemsAsItIsTold) {
   std::string ports;
   for (int i = 0; i < 1000; ++i) {
     ports += (i > 0 ? "," : "") + std::string{R"(["uuid",")"} + id2 + R"("])";
@@ -386,7 +386,7 @@ TEST(Rows, aWalkTakesAsManyItemsAsItIsTold) {
   EXPECT_GE(steps, 100 + 2 * 5000 / 640);
 }
 
-TEST(Rows, aStepEndsWithALargeText) {
+TEST(Rows, AStepEndsWithALargeText) {
   std::string text = R"({"Physical_Locator":{)";
   for (int i = 0; i < 100; ++i) {
     text += (i > 0 ? ",\"" : "\"") + std::string{"11111111-1111-4111-8111-1111111111"} +
@@ -399,7 +399,7 @@ TEST(Rows, aStepEndsWithALargeText) {
   EXPECT_LE(rows.events.size(), 3U);
 }
 
-TEST(Rows, aColumnHoldsABoundedNumberOfElementsOnce) {
+TEST(Rows, AColumnHoldsABoundedNumberOfElementsOnce) {
   const auto refusal = [](const std::string& text) { return errorOf([&] { rowsOf(text); }); };
   const auto texts = [](std::size_t count) {
     std::string all = "\"\"";
@@ -420,7 +420,7 @@ TEST(Rows, aColumnHoldsABoundedNumberOfElementsOnce) {
 
 // --- the schema
 
-TEST(SchemaCheck, theColumnsThatAreFollowedMustBeThere) {
+TEST(SchemaCheck, TheColumnsThatAreFollowedMustBeThere) {
   nlohmann::json schema{{"name", "hardware_vtep"}, {"tables", nlohmann::json::object()}};
   EXPECT_THAT(schemaObjection(schema), HasSubstr("the schema does not serve: no table Global, no table "
                                                  "Physical_Switch"));
@@ -435,7 +435,7 @@ TEST(SchemaCheck, theColumnsThatAreFollowedMustBeThere) {
 
 // --- small things
 
-TEST(Addresses, macsAndIpv4AreReadStrictlyAndWrittenCanonically) {
+TEST(Addresses, MacsAndIpv4AreReadStrictlyAndWrittenCanonically) {
   EXPECT_EQ(macText(*parseMac("02:AB:cd:EF:00:09")), "02:ab:cd:ef:00:09");
   for (const char* const bad : {"", "02:ab:cd:ef:00", "02:ab:cd:ef:00:0g", "02-ab-cd-ef-00-09",
                                 "02:ab:cd:ef:00:091", "+2:ab:cd:ef:00:09", "-1:ab:cd:ef:00:09"}) {
@@ -454,7 +454,7 @@ TEST(Addresses, macsAndIpv4AreReadStrictlyAndWrittenCanonically) {
   EXPECT_FALSE(isGroup(*parseMac("02:00:5e:00:00:01")));
 }
 
-TEST(Uuids, theCanonicalFormIsReadAndWritten) {
+TEST(Uuids, TheCanonicalFormIsReadAndWritten) {
   const std::string text = "0123abcd-4567-89ef-0123-456789abcdef";
   EXPECT_EQ(Uuid::parse(text)->text(), text);
   EXPECT_EQ(Uuid::parse("0123ABCD-4567-89EF-0123-456789ABCDEF")->text(), text);
@@ -465,7 +465,7 @@ TEST(Uuids, theCanonicalFormIsReadAndWritten) {
   }
 }
 
-TEST(Remotes, eachKindIsReadAndWritten) {
+TEST(Remotes, EachKindIsReadAndWritten) {
   for (const char* const text :
        {"unix:/run/db.sock", "tcp:10.0.0.1:6640", "ssl:db.example.net:6640", "tcp:[2001:db8::1]:6640"}) {
     EXPECT_EQ(Remote::parse(text).text(), text);
@@ -475,7 +475,7 @@ TEST(Remotes, eachKindIsReadAndWritten) {
   EXPECT_EQ(list[1].port, 1);
 }
 
-TEST(Remotes, whatIsWrongIsNamed) {
+TEST(Remotes, WhatIsWrongIsNamed) {
   EXPECT_EQ(errorOf([] { Remote::parse("http:x"); }),
             "\"http:x\": want unix:PATH, tcp:HOST:PORT or ssl:HOST:PORT");
   EXPECT_EQ(errorOf([] { Remote::parse("tcp:host"); }), "\"tcp:host\": want HOST:PORT");

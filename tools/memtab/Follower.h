@@ -6,7 +6,7 @@
 
 #include "Source.h"
 
-/// Prints what changes in a table, from its present records on, for as long as it is let.
+// Prints what changes in a table, from its present records on, for as long as it is let.
 class Follower {
  public:
   struct Settings {

@@ -18,14 +18,14 @@
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kFailure = 2;
+constexpr int success = 0;
+constexpr int failure = 2;
 
-constexpr const char* kAbout =
+constexpr const char* about =
     "Looks into tables in shared memory, while they are written and after.\n"
     "It reads without locks and never disturbs the writer.";
 
-constexpr const char* kDetails =
+constexpr const char* details =
     "NAME is that of a shared memory object, with or without the leading slash, or the path of a file.\n"
     "\n"
     "A table is read only if it belongs to root, to you, or to the user of --table-owner, and nobody else\n"
@@ -47,8 +47,8 @@ constexpr const char* kDetails =
     "  memtab dump vxlan-l2rib-hosts --json | jq '.[] | select(.vlan == 100)'\n"
     "  memtab follow vxlan-l2rib-hosts";
 
-/// Whose tables are read, beside root's and the own user's, unless the command line says otherwise.
-constexpr const char* kUsualOwner = "vxlan-agent";
+// Whose tables are read, beside root's and the own user's, unless the command line says otherwise.
+constexpr const char* usualOwner = "vxlan-agent";
 
 struct Request {
   std::string name;
@@ -59,7 +59,7 @@ struct Request {
 };
 
 Source sourceOf(const Request& request) {
-  const std::optional<uid_t> owner = Files::userOf(request.owner.empty() ? kUsualOwner : request.owner);
+  const std::optional<uid_t> owner = Files::userOf(request.owner.empty() ? usualOwner : request.owner);
   if (!owner && !request.owner.empty()) {
     throw std::invalid_argument("memtab: there is no user \"" + request.owner + "\"");
   }
@@ -142,8 +142,8 @@ void addCommands(CLI::App& app, Request& request) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  CLI::App app(kAbout, "memtab");
-  app.footer(kDetails);
+  CLI::App app(about, "memtab");
+  app.footer(details);
   app.require_subcommand(1);
   app.fallthrough();
   Memtab::endOnTruncation("memtab");
@@ -153,14 +153,14 @@ int main(int argc, char** argv) {
     app.parse(argc, argv);
     if (std::fflush(stdout) != 0) {
       fmt::print(stderr, "memtab: standard output cannot be written\n");
-      return kFailure;
+      return failure;
     }
-    return kSuccess;
+    return success;
   } catch (const CLI::ParseError& error) {
-    return app.exit(error) == 0 ? kSuccess : kFailure;
+    return app.exit(error) == 0 ? success : failure;
   } catch (const std::exception& error) {
     static_cast<void>(std::fflush(stdout));
     fmt::print(stderr, "{}\n", error.what());
-    return kFailure;
+    return failure;
   }
 }

@@ -41,7 +41,7 @@ struct VxlanControllerMacAddrSmBase::KelVtiStatusDir final
       owner().vtiStatusDel(vti);
     }
   }
-  void onVtiStatuskelImmediate() override { owner().vtiStatus_.handle(); }
+  void onVtiStatuskelImmediate() override { owner().vtiStatusReconcile(); }
 };
 
 struct VxlanControllerMacAddrSmBase::KelControllerStatusBaseDir final
@@ -110,7 +110,7 @@ VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBase(
   mlagVxlanStatus_ = mlagVxlanStatus;
   unicastDeferredDeleteClock_.is(Kel::ActivityFacility::clock());
   bumDeferredDeleteClock_.is(Kel::ActivityFacility::clock());
-  vtiStatus_.handle();
+  vtiStatusReconcile();
   if (vxlanHwStatusDir) {
     kel_BumStatusIn_.is(vxlanHwStatusDir->bumStatus());
   }
@@ -401,6 +401,10 @@ bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp,
 }
 
 // Mutators of inputs and children.
+
+void VxlanControllerMacAddrSmBase::vtiStatusReconcile() {
+  vtiStatus_.handle();
+}
 
 void VxlanControllerMacAddrSmBase::vtiStatusDel(Qnet::IntfId vti) {
   vtiStatus_.del(vti);

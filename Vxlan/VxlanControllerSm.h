@@ -15,9 +15,9 @@
 //
 // The story of a MAC. VccPerVniFdbStatusSm hears that the controller published it, and writes it into the
 // received host table, once for each VTI that maps the VNI; the exporter copies the entry to the layer-2 RIB.
-// A withdrawn MAC leaves the same way. While the controller converges it is marked instead, and
-// keeps forwarding; when the convergence ends, the client's paced job sweeps what is still marked. A new
-// convergence suspends the job. Flood sets go the same way, through a second job.
+// A withdrawn MAC leaves the same way. While the controller converges it is marked instead and forwarded on;
+// when the convergence ends, the client's paced job sweeps what is still marked. A new convergence suspends
+// the job. Flood sets have a job of their own.
 //
 // Names, parameter lists, the order of virtual operations and the texts of traces are a contract with other
 // programs: docs/decisions/0012-names-that-are-a-contract.md. docs/glossary.md explains the names.
@@ -246,6 +246,7 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   struct KelBumDeferredDeleteClock;
   struct KelVtiStatus;
 
+  void vtiStatusReconcile();
   void kel_BumStatusInRebind();
   void addVni(const Kel::Name& name, const char* operation);
   void removeVni(VniExt vni, const char* operation);

@@ -13,10 +13,18 @@ namespace {
     Kel::typeNodeIs(MacVtepFloodListTableSmBase::type) && Kel::typeNodeIs(VccMacVtepFloodListTableSm::type);
 }  // namespace
 
-MacVtepFloodListTableSmBase::MacVtepFloodListTableSmBase(
-    const Qnet::EthAddr& macAddr,
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm)
+// What each input runs when it changes.
+
+struct MacVtepFloodListTableSmBase::KelMacVtepFloodListTable final
+    : Kel::Reacts<VxlanController::MacVtepFloodListV2, MacVtepFloodListTableSmBase> {
+  using Reacts::Reacts;
+  void onVtepIpFloodList(Qnet::IpAddr ip) override { owner().handleVtepIpFloodList(ip); }
+  void onVtepIpFloodList() override { owner().handleVtepIpFloodList(); }
+};
+
+MacVtepFloodListTableSmBase::MacVtepFloodListTableSmBase(const Qnet::EthAddr& macAddr,
+                                                         FloodListRef macVtepFloodListTable,
+                                                         RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm)
     : macAddr_(*this, "macAddr", macAddr), rmxPerVniFdbStatusSm_(rmxPerVniFdbStatusSm) {
   macVtepFloodListTable_.is(macVtepFloodListTable);
 }
@@ -76,24 +84,22 @@ void MacVtepFloodListTableSmBase::macVtepFloodListTableDel() {
   macVtepFloodListTable_.del();
 }
 
-void MacVtepFloodListTableSmBase::macVtepFloodListTableIs(
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list) {
+void MacVtepFloodListTableSmBase::macVtepFloodListTableIs(FloodListRef list) {
   macVtepFloodListTable_.is(list);
 }
 
-VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSm(
-    const Qnet::EthAddr& macAddr,
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde)
+VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSm(const Qnet::EthAddr& macAddr,
+                                                       FloodListRef macVtepFloodListTable,
+                                                       RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm,
+                                                       SourceRef rmxSde)
     : MacVtepFloodListTableSmBase(macAddr, macVtepFloodListTable, rmxPerVniFdbStatusSm),
       rmxSde_(*this, "rmxSde", rmxSde) {
   VccMacVtepFloodListTableSm::handleInitialized();
 }
 
 Kel::Ptr<VccMacVtepFloodListTableSm> VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSmIs(
-    const Qnet::EthAddr& macAddr,
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde) {
+    const Qnet::EthAddr& macAddr, FloodListRef macVtepFloodListTable,
+    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, SourceRef rmxSde) {
   return Kel::live<VccMacVtepFloodListTableSm>(macAddr, macVtepFloodListTable, rmxPerVniFdbStatusSm, rmxSde);
 }
 

@@ -1,13 +1,32 @@
 // The state machines of the VXLAN controller client, and the factories that make them.
 //
-// An attribute is read by the accessor of its name, one that holds a machine or an entity by a pointer. All
-// that is public here is exported: whoever has the client reaches every machine of it.
+// Who owns whom, the top machine first. A number in braces: one for each key.
 //
-// Some private steps take `operation`: the signature of the operation that they work for, under which they
-// trace.
+//   VxlanControllerClientSm                        the client: modes, marking, sweeping
+//     +-- RmxStateSm                               echoes the controller's convergence flag
+//     +-- VtiVlanVniMapSm {VTI}                    follows the VLAN-VNI map of a VTI
+//     +-- VccPerVniFdbStatusSm {VNI}               remote hosts, multipath sets
+//     |     +-- VccMacVtepFloodListTableSm {MAC}   one flood list
+//     +-- ReceivedHostTableToL2RibHostInputSm      copies received hosts to the layer-2 RIB
+//     +-- RmxMlagBumStatusSm                       mirrors the BUM VTEP lists of the MLAG peer
+//           +-- BumVtepListSm {(MAC, VLAN)}        one mirrored list
+//
+// RmxStateSmWrapper owns a RmxStateSm for programs that need nothing else.
+//
+// The story of a MAC. VccPerVniFdbStatusSm hears that the controller published it, and writes it into the
+// received host table, once for each VTI that maps the VNI; the exporter copies the entry to the layer-2 RIB.
+// A withdrawn MAC leaves the same way. While the controller converges it is marked instead and forwarded on;
+// when the convergence ends, the client's paced job sweeps what is still marked. A new convergence suspends
+// the job. Flood sets have a job of their own.
+//
+// Names, parameter lists, the order of virtual operations and the texts of traces are a contract with other
+// programs: docs/decisions/0012-names-that-are-a-contract.md. docs/glossary.md explains the names.
+//
+// An attribute is read by the accessor of its name, one that holds a machine or an entity by a pointer. All
+// that is public here is exported. Some private steps take `operation`: the signature of the operation that
+// they work for, under which they trace. A child points back to its owner, which outlives it.
 #pragma once
 
-#include <array>
 #include <optional>
 #include <vector>
 
@@ -30,8 +49,365 @@
 
 namespace Vxlan {
 
+class BumVtepListSm;
+class MacVtepFloodListTableSmBase;
+class ReceivedHostTableToL2RibHostInputSm;
+class RmxMlagBumStatusSm;
+class RmxMlagBumStatusSmBase;
 class RmxPerVniFdbStatusSmBase;
-class VxlanControllerMacAddrSmBase;
+class RmxStateSm;
+class VccMacVtepFloodListTableSm;
+class VccPerVniFdbStatusSm;
+class VtiVlanVniMapSm;
+class VtiVlanVniMapSmBase;
+
+// How the machines take and give the entities. A pointer to const is an input that is only read.
+using BumVtepListRef = const Kel::Ptr<const BumVtepList>&;
+using ClientViewRef = const Kel::Ptr<VxlanController::RmxStateClientViewV2>&;
+using ClockRef = const Kel::Ptr<Kel::Clock>&;
+using ConvergenceStatusRef = const Kel::Ptr<VxlanClientConvergenceStatus>&;
+using DirRef = const Kel::Ptr<const Kel::Dir>&;
+using FloodListRef = const Kel::Ptr<const VxlanController::MacVtepFloodListV2>&;
+using HostInputRef = const Kel::Ptr<L2Rib::HostInput>&;
+using HwStatusDirRef = const Kel::Ptr<VxlanHwStatusDir>&;
+using MlagStatusRef = const Kel::Ptr<const Mlag::Status>&;
+using MlagVxlanStatusRef = const Kel::Ptr<const Mlag::VxlanStatus>&;
+using ReceivedHostTableRef = const Kel::Ptr<const ReceivedHostTable>&;
+using RmxStateRef = const Kel::Ptr<const VxlanController::RmxStateV2>&;
+using SourceRef = const Kel::Ptr<L2Rib::SourceDirEntry>&;
+using VlanVniMapRef = const Kel::Ptr<const VlanVniMap>&;
+using VlanVniMapsRef = const Kel::Ptr<const VlanVniMaps>&;
+using VniStatusRef = const Kel::Ptr<const VxlanController::VniFdbStatusV2>&;
+using VtiStatusDirRef = const Kel::Ptr<const VtiStatusDir>&;
+
+// The statuses of all VTIs, followed one by one.
+template <class DirReactor, class Reactor>
+using FollowedVtis = Kel::Followed<Kel::Input<const VtiStatusDir, DirReactor>, VtiStatusDir::VtiStatuses,
+                                   &VtiStatusDir::vtiStatus, Reactor>;
+
+// What every controller client has: the inputs, the mode flags, the per-VNI machines, the marking and the
+// paced deletion of received hosts, and the operations that a concrete client overrides. Alone it keeps its
+// attributes and traces.
+//
+// The two paced jobs, processUnicastDeferredDeletes for hosts and processBumDeferredDeletes for flood sets:
+//
+//   state       | entered by                                    | left by
+//   ------------+-----------------------------------------------+-------------------------------------------
+//   idle        | completion, or nothing to remove              | the end of a convergence arms the clock
+//   running     | the clock, not converging, something to do *  | completion, or the budget is spent
+//   rescheduled | the budget is spent; bookmark set             | the clock: resumes at the bookmark
+//   suspended   | a run that finds a new convergence            | its end arms the clock; the bookmark stays
+//
+//   * hosts: marked ones (a mark alone does not start the job); flood sets: any, in controller mode
+class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
+ public:
+  using PerVniSms = Kel::Children<Kel::Table, VniExt, RmxPerVniFdbStatusSmBase>;
+  using Trackers = Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSmBase>;
+
+  // Any input may be null: then it has no reactor.
+  VxlanControllerMacAddrSmBase(VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir,
+                               ClientViewRef rmxStateClientView, HwStatusDirRef vxlanHwStatusDir,
+                               MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus);
+  static Kel::Ptr<VxlanControllerMacAddrSmBase> VxlanControllerMacAddrSmBaseIs(VtiStatusDirRef, DirRef,
+                                                                               ClientViewRef, HwStatusDirRef,
+                                                                               MlagStatusRef,
+                                                                               MlagVxlanStatusRef);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VxlanControllerMacAddrSmBase() override;
+
+  // In the order of their slots. Those that a client overrides only trace here.
+  virtual void deleteBumVtepListTable(Bridging::VlanId vlan);
+  virtual void deleteBumVtepListTable();
+  virtual void updateControllerClientMode();
+  virtual void handleControllerClientMode();
+  virtual void handleDatapathLearningMode();
+  // One entry of the controller's directory, or all: makes, refreshes or tears down the machine of its VNI.
+  virtual void handleControllerVniBaseDir(Kel::Name name);
+  virtual void handleControllerVniBaseDir();
+  virtual void createRmxPerVniFdbStatusSm(VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> status);
+  virtual void deleteRmxPerVniFdbStatusSm(VniExt vni);
+  virtual void handleMlagState();
+  virtual void createRmxMlagBumStatusSm();
+  virtual void deleteRmxMlagBumStatusSm();
+  virtual void processBumDeferredDeletes();
+  virtual void handleBumReplicationMode();
+  virtual void createVlanVniMapSm(Qnet::IntfId vti);
+  virtual void deleteVlanVniMapSm(Qnet::IntfId vti);
+  virtual void handleActivatedVti(Qnet::IntfId vti);
+  virtual void handleActivatedVti();
+  virtual void handleVtiUp(Qnet::IntfId vti);
+  virtual void handleVtiDown(Qnet::IntfId vti);
+  // The received host table, or none.
+  virtual Kel::Ptr<ReceivedHostTable> getHostTable() const;
+  // The VTIs that have a VLAN-VNI map, in the order of their names. The list holds until the maps change.
+  virtual const std::vector<Qnet::IntfId>& getVtiIterator() const;
+  virtual Bridging::VlanIdOrNone vlanForVni(Qnet::IntfId vti, VniExt vni) const;
+  virtual VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const;
+  virtual void setBumDeferredDeletionInProgress(bool inProgress);
+  virtual void setUnicastDeferredDeletionInProgress(bool inProgress);
+  virtual void handleInitialized();
+  virtual void vtiStatusDel(Qnet::IntfId vti);
+  virtual void vtiStatusIs(const Kel::Ptr<const VtiStatus>& status);
+  virtual void vtiStatusDirIs(VtiStatusDirRef dir);
+  virtual void vtiStatusDirDel();
+  virtual void controllerStatusBaseDirIs(DirRef dir);
+  virtual void controllerStatusBaseDirDel();
+  virtual void rmxStateClientViewIs(ClientViewRef view);
+  virtual void rmxStateClientViewDel();
+  virtual void vxlanHwStatusDirIs(HwStatusDirRef dir);
+  virtual void vxlanHwStatusDirDel();
+  virtual void mlagStatusIs(MlagStatusRef status);
+  virtual void mlagStatusDel();
+  // Another clock for a job; binding it counts as its time. Null raises the range error: a job has a clock.
+  virtual void unicastDeferredDeleteClockIs(ClockRef clock);
+  virtual void bumDeferredDeleteClockIs(ClockRef clock);
+
+  // The client view's flag changed, or was bound: while it is set deletions are held; when it is not, both
+  // jobs are scheduled for the next turn. Every notification counts; there is no memory of the edge.
+  void handleConvergenceInProgress();
+
+  // Marks the entry of a host for deletion; an absent or marked one stays as it is.
+  void deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key);
+  // Deletes the entry of a host now; an absent one is no error.
+  void deleteReceivedTableEntry(const Bridging::MacVlanPair& key);
+  // One run of the paced deletion: works for maxProcessTime at most.
+  void processUnicastDeferredDeletes();
+  // Whether a VTEP address is the switch's own: the VTI's, its virtual gateway's, or one of the MLAG pair's.
+  bool isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, Qnet::IntfId vti) const;
+
+  // Removes, or marks, all remote hosts of a VLAN.
+  void deleteRemoteMacFromController(Bridging::VlanId vlan, bool deferDel);
+  // Removes what a VNI's machine produced, VTI by VTI; with `deferIfConverging`, marks it while the
+  // controller converges.
+  void cleanupRmxPerVniFdbStatusSm(VniExt vni, bool deferIfConverging);
+  // The same for every VNI that has a machine.
+  void cleanupRmxPerVniFdbStatusSm();
+  // Refreshes the machine of a VNI, or creates it if the controller publishes the VNI.
+  void vxlanControllerScanVniStatus(VniExt vni);
+
+  VtiStatusDirRef vtiStatusDir() const { return vtiStatusDir_.get(); }
+  DirRef controllerStatusBaseDir() const { return controllerStatusBaseDir_.get(); }
+  ClientViewRef rmxStateClientView() const { return rmxStateClientView_.get(); }
+  HwStatusDirRef vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
+  MlagStatusRef mlagStatus() const { return mlagStatus_.get(); }
+  MlagVxlanStatusRef mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
+  const Kel::Ptr<BumStatus>& kel_BumStatusIn() const { return kel_BumStatusIn_.get(); }
+  const PerVniSms& rmxPerVniFdbStatusSm() const { return rmxPerVniFdbStatusSm_; }
+  Kel::Ptr<RmxPerVniFdbStatusSmBase> rmxPerVniFdbStatusSm(VniExt vni) const {
+    return rmxPerVniFdbStatusSm_(vni);
+  }
+  // Enters a per-VNI machine under its VNI; null raises the range error.
+  void rmxPerVniFdbStatusSmIs(const Kel::Ptr<RmxPerVniFdbStatusSmBase>& sm);
+  void rmxPerVniFdbStatusSmDel(VniExt vni) { rmxPerVniFdbStatusSm_.del(vni); }
+  void rmxPerVniFdbStatusSmDelAll() { rmxPerVniFdbStatusSm_.delAll(); }
+  const Trackers& vlanVniMapSm() const { return vlanVniMapSm_; }
+  Kel::Ptr<VtiVlanVniMapSmBase> vlanVniMapSm(const Qnet::IntfId& vti) const { return vlanVniMapSm_(vti); }
+  // Enters a tracker under its VTI; null raises the range error.
+  void vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSmBase>& sm);
+  void vlanVniMapSmDel(const Qnet::IntfId& vti) { vlanVniMapSm_.del(vti); }
+  void vlanVniMapSmDelAll() { vlanVniMapSm_.delAll(); }
+  const Kel::Ptr<RmxMlagBumStatusSmBase>& rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_.get(); }
+  void rmxMlagBumStatusSmIs(const Kel::Ptr<RmxMlagBumStatusSmBase>& sm) { rmxMlagBumStatusSm_.is(sm); }
+  void rmxMlagBumStatusSmDel() { rmxMlagBumStatusSm_.del(); }
+
+  // The time budget of one slice of deferred work, in seconds; 0.01 to begin with.
+  double maxProcessTime() const { return maxProcessTime_; }
+  void maxProcessTimeIs(double seconds) { maxProcessTime_ = seconds; }
+  const Bridging::MacVlanPair& unicastDeferredDeleteBookmark() const {
+    return unicastDeferredDeleteBookmark_;
+  }
+  ClockRef unicastDeferredDeleteClock() const { return unicastDeferredDeleteClock_.get(); }
+  bool bumDeferredDeleteBookmarkValid() const { return bumDeferredDeleteBookmarkValid_; }
+  ClockRef bumDeferredDeleteClock() const { return bumDeferredDeleteClock_.get(); }
+  bool vxlanControllerClientMode() const { return vxlanControllerClientMode_; }
+  bool datapathLearningMode() const { return datapathLearningMode_; }
+  bool initialized() const { return initialized_; }
+
+  // Whether the controller is converging, as the client view has it; false without a view.
+  bool converging() const;
+
+ protected:
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+  void vxlanControllerClientModeIs(bool mode) { vxlanControllerClientMode_ = mode; }
+  void datapathLearningModeIs(bool learning) { datapathLearningMode_ = learning; }
+  void bumDeferredDeleteBookmarkValidIs(bool valid) { bumDeferredDeleteBookmarkValid_ = valid; }
+  // The replication mode of the hardware, none without a BUM status.
+  BumReplicationMode bumReplicationMode() const;
+
+ private:
+  struct KelVtiStatusDir;
+  struct KelControllerStatusBaseDir;
+  struct KelRmxStateClientView;
+  struct KelVxlanHwStatusDir;
+  struct KelKel_BumStatusIn;
+  struct KelMlagStatus;
+  struct KelUnicastDeferredDeleteClock;
+  struct KelBumDeferredDeleteClock;
+  struct KelVtiStatus;
+
+  void vtiStatusReconcile();
+  void kel_BumStatusInRebind();
+  void addVni(const Kel::Name& name, const char* operation);
+  void removeVni(VniExt vni, const char* operation);
+  void finishUnicastDeferredDeletes();
+
+  Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
+  Kel::Input<const Kel::Dir, KelControllerStatusBaseDir> controllerStatusBaseDir_{*this,
+                                                                                  "controllerStatusBaseDir"};
+  Kel::Input<VxlanController::RmxStateClientViewV2, KelRmxStateClientView> rmxStateClientView_{
+      *this, "rmxStateClientView"};
+  PerVniSms rmxPerVniFdbStatusSm_{*this, "rmxPerVniFdbStatusSm", Kel::Owns::Alias};
+  Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
+  Kel::Input<const Mlag::Status, KelMlagStatus> mlagStatus_{*this, "mlagStatus"};
+  Kel::Held<const Mlag::VxlanStatus> mlagVxlanStatus_{*this, "mlagVxlanStatus"};
+  Kel::Child<RmxMlagBumStatusSmBase> rmxMlagBumStatusSm_{*this, "rmxMlagBumStatusSm", Kel::Owns::Alias};
+  Kel::Own<double> maxProcessTime_{*this, "maxProcessTime", 0.01};
+  Kel::Own<Bridging::MacVlanPair> unicastDeferredDeleteBookmark_{*this, "unicastDeferredDeleteBookmark"};
+  Kel::Input<Kel::Clock, KelUnicastDeferredDeleteClock> unicastDeferredDeleteClock_{
+      *this, "unicastDeferredDeleteClock"};
+  Kel::Own<bool> bumDeferredDeleteBookmarkValid_{*this, "bumDeferredDeleteBookmarkValid", false};
+  Kel::Input<Kel::Clock, KelBumDeferredDeleteClock> bumDeferredDeleteClock_{*this, "bumDeferredDeleteClock"};
+  Trackers vlanVniMapSm_{*this, "vlanVniMapSm", Kel::Owns::Alias};
+  FollowedVtis<KelVtiStatusDir, KelVtiStatus> vtiStatus_{*this, "vtiStatus", vtiStatusDir_};
+  Kel::Own<bool> vxlanControllerClientMode_{*this, "vxlanControllerClientMode", false};
+  Kel::Own<bool> datapathLearningMode_{*this, "datapathLearningMode", true};
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+  Kel::Input<BumStatus, KelKel_BumStatusIn> kel_BumStatusIn_{*this, "kel_BumStatusIn"};
+};
+
+// The top state machine, and the only one that outside code creates: the client of the VXLAN controller. It
+// decides from the VTIs whether the switch is a controller client, creates and deletes every other machine,
+// and removes stale state after a convergence in two paced jobs. It is live as soon as its factory returns.
+//
+// The client mode is on while any VTI asks for it; data-path learning counts as on only while every VTI has
+// it. With the mode off all per-VNI state is torn down. The MLAG BUM status machine exists while the mode is
+// on and MLAG is active.
+class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBase {
+ public:
+  using TrackerShadow = Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSm>;
+  using PerVniShadow = Kel::Children<Kel::Table, VniExt, VccPerVniFdbStatusSm>;
+
+  VxlanControllerClientSm(VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir,
+                          ClientViewRef rmxStateClientView, HwStatusDirRef vxlanHwStatusDir,
+                          MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus,
+                          DirRef rmxStateBaseDir, VlanVniMapsRef vlanVniMaps, SourceRef rmxSde,
+                          HostInputRef l2RibRmxInput, ConvergenceStatusRef rmxConvergenceStatus);
+  static Kel::Ptr<VxlanControllerClientSm> VxlanControllerClientSmIs(VtiStatusDirRef, DirRef, ClientViewRef,
+                                                                     HwStatusDirRef, MlagStatusRef,
+                                                                     MlagVxlanStatusRef, DirRef,
+                                                                     VlanVniMapsRef, SourceRef, HostInputRef,
+                                                                     ConvergenceStatusRef);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VxlanControllerClientSm() override;
+
+  void deleteBumVtepListTable(Bridging::VlanId vlan) override;
+  void deleteBumVtepListTable() override;
+  void updateControllerClientMode() override;
+  void handleControllerClientMode() override;
+  void handleDatapathLearningMode() override;
+  void createRmxPerVniFdbStatusSm(VniExt vni,
+                                  Kel::Ptr<const VxlanController::VniFdbStatusV2> status) override;
+  void deleteRmxPerVniFdbStatusSm(VniExt vni) override;
+  void createRmxMlagBumStatusSm() override;
+  void deleteRmxMlagBumStatusSm() override;
+  void processBumDeferredDeletes() override;
+  void handleBumReplicationMode() override;
+  void createVlanVniMapSm(Qnet::IntfId vti) override;
+  void deleteVlanVniMapSm(Qnet::IntfId vti) override;
+  Kel::Ptr<ReceivedHostTable> getHostTable() const override;
+  const std::vector<Qnet::IntfId>& getVtiIterator() const override;
+  Bridging::VlanIdOrNone vlanForVni(Qnet::IntfId vti, VniExt vni) const override;
+  VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const override;
+  void setBumDeferredDeletionInProgress(bool inProgress) override;
+  void setUnicastDeferredDeletionInProgress(bool inProgress) override;
+  void handleInitialized() override;
+
+  // One entry of the controller's state directory, or all: the echo of its convergence flag.
+  void handleRmxStateBaseDir(Kel::Name name);
+  void handleRmxStateBaseDir();
+  // A VTI's VLAN-VNI map came or went, or those of all VTIs did.
+  void handleVlanVniMapVti(Qnet::IntfId vti);
+  void handleVlanVniMapVti();
+
+  DirRef rmxStateBaseDir() const { return rmxStateBaseDir_.get(); }
+  void rmxStateBaseDirIs(DirRef dir);
+  void rmxStateBaseDirDel();
+  void vlanVniMapsIs(VlanVniMapsRef maps);
+  void vlanVniMapsDel();
+  VlanVniMapsRef vlanVniMaps() const { return vlanVniMaps_.get(); }
+  SourceRef rmxSde() const { return rmxSde_.get(); }
+  HostInputRef l2RibRmxInput() const { return l2RibRmxInput_.get(); }
+  ConvergenceStatusRef rmxConvergenceStatus() const { return rmxConvergenceStatus_.get(); }
+  const Kel::Ptr<RmxStateSm>& rmxStateSm() const { return rmxStateSm_.get(); }
+  void rmxStateSmIs(RmxStateRef rmxState, ClientViewRef rmxStateClientView);
+  void rmxStateSmDel();
+  // The received host table; `hostTableIs` makes it under this name, once.
+  const Kel::Ptr<ReceivedHostTable>& hostTable() const { return hostTable_.get(); }
+  Kel::Ptr<ReceivedHostTable> hostTableIs(const Kel::Name& name);
+  // What copies that table into l2RibRmxInput.
+  const Kel::Ptr<ReceivedHostTableToL2RibHostInputSm>& receivedHostTableToL2RibHostInputSm() const {
+    return receivedHostTableToL2RibHostInputSm_.get();
+  }
+  Bridging::VlanId bumDeferredDeleteBookmark() const { return bumDeferredDeleteBookmark_; }
+
+  // The children by their concrete classes. Each is also entered in the collection of its base class.
+  const TrackerShadow& vlanVniMapSmShadow() const { return vlanVniMapSmShadow_; }
+  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadow(const Qnet::IntfId& vti) const {
+    return vlanVniMapSmShadow_(vti);
+  }
+  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(Qnet::IntfId vti, VxlanControllerMacAddrSmBase* owner,
+                                                 VlanVniMapRef map);
+  void vlanVniMapSmShadowDel(const Qnet::IntfId& vti) { vlanVniMapSmShadow_.del(vti); }
+  void vlanVniMapSmShadowDelAll() { vlanVniMapSmShadow_.delAll(); }
+  const PerVniShadow& vccPerVniFdbStatusSmShadow() const { return vccPerVniFdbStatusSmShadow_; }
+  Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadow(VniExt vni) const {
+    return vccPerVniFdbStatusSmShadow_(vni);
+  }
+  Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadowIs(VniExt vni, VniStatusRef status,
+                                                              VtiStatusDirRef dir, HwStatusDirRef hwStatusDir,
+                                                              VxlanControllerMacAddrSmBase* owner,
+                                                              SourceRef sde);
+  void vccPerVniFdbStatusSmShadowDel(VniExt vni) { vccPerVniFdbStatusSmShadow_.del(vni); }
+  void vccPerVniFdbStatusSmShadowDelAll() { vccPerVniFdbStatusSmShadow_.delAll(); }
+  const Kel::Ptr<RmxMlagBumStatusSm>& rmxMlagBumStatusSmShadow() const {
+    return rmxMlagBumStatusSmShadow_.get();
+  }
+  Kel::Ptr<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadowIs(MlagVxlanStatusRef status,
+                                                          HwStatusDirRef hwStatusDir, VlanVniMapsRef maps);
+  void rmxMlagBumStatusSmShadowDel() { rmxMlagBumStatusSmShadow_.del(); }
+
+ private:
+  struct KelRmxStateBaseDir;
+  struct KelVlanVniMaps;
+
+  void deleteRemoteMacsOfMappedVlans(const char* operation);
+  L2Rib::SourceDirEntry::VlanFloodSets::Iterator bumStartPosition(const char* operation) const;
+  std::size_t pruneVlanFloodSet(Bridging::VlanId vlan, const char* operation);
+  Kel::Ptr<RmxPerVniFdbStatusSmBase> machineOfVlan(Bridging::VlanId vlan) const;
+  void finishBumDeferredDeletes(std::size_t deleted, const char* operation);
+
+  Kel::Input<const Kel::Dir, KelRmxStateBaseDir> rmxStateBaseDir_{*this, "rmxStateBaseDir"};
+  Kel::Input<const VlanVniMaps, KelVlanVniMaps> vlanVniMaps_{*this, "vlanVniMaps"};
+  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
+  Kel::Held<L2Rib::HostInput> l2RibRmxInput_;
+  Kel::Held<VxlanClientConvergenceStatus> rmxConvergenceStatus_;
+  Kel::Child<RmxStateSm> rmxStateSm_{*this, "rmxStateSm"};
+  TrackerShadow vlanVniMapSmShadow_{*this, "vlanVniMapSmShadow"};
+  PerVniShadow vccPerVniFdbStatusSmShadow_{*this, "vccPerVniFdbStatusSmShadow"};
+  Kel::Held<ReceivedHostTable> hostTable_{*this, "hostTable"};
+  Kel::Child<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSm_{
+      *this, "receivedHostTableToL2RibHostInputSm"};
+  Kel::Own<Bridging::VlanId> bumDeferredDeleteBookmark_{*this, "bumDeferredDeleteBookmark",
+                                                        Bridging::VlanId(1U)};
+  Kel::Child<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadow_{*this, "rmxMlagBumStatusSmShadow"};
+
+  // The list of getVtiIterator, made anew when the maps have changed.
+  mutable std::vector<Qnet::IntfId> vtis_;
+  mutable const VlanVniMaps* vtisOf_ = nullptr;
+  mutable std::uint64_t vtisVersion_ = 0;
+};
 
 // The tracker of one VTI's VLAN-VNI map, as its owner knows it: a VTI and its owner.
 class KEL_API VtiVlanVniMapSmBase : public Kel::StateMachine {
@@ -75,10 +451,9 @@ class KEL_API VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
   static constexpr Kel::Parameters<2> parameterNames{"_vxlanControllerMacAddrSm", "_vlanVniMap"};
 
   VtiVlanVniMapSm(const Qnet::IntfId& vtiIntfId, VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
-                  const Kel::Ptr<const VlanVniMap>& vlanVniMap);
-  static Kel::Ptr<VtiVlanVniMapSm> VtiVlanVniMapSmIs(const Qnet::IntfId& vtiIntfId,
-                                                     VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
-                                                     const Kel::Ptr<const VlanVniMap>& vlanVniMap);
+                  VlanVniMapRef vlanVniMap);
+  static Kel::Ptr<VtiVlanVniMapSm> VtiVlanVniMapSmIs(const Qnet::IntfId&, VxlanControllerMacAddrSmBase*,
+                                                     VlanVniMapRef);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
   ~VtiVlanVniMapSm() override;
@@ -88,116 +463,18 @@ class KEL_API VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
   void handleInitialized() override;
   void handleVlanVniMapUpdate(Bridging::VlanId vlan);
 
-  const Kel::Ptr<const VlanVniMap>& vlanVniMap() const { return vlanVniMap_.get(); }
+  VlanVniMapRef vlanVniMap() const { return vlanVniMap_.get(); }
   // Follows another map from now on, or none.
-  void vlanVniMapIs(const Kel::Ptr<const VlanVniMap>& map) { vlanVniMap_.is(map); }
+  void vlanVniMapIs(VlanVniMapRef map) { vlanVniMap_.is(map); }
   void vlanVniMapDel() { vlanVniMap_.del(); }
-  std::array<const void*, 2> parameters() const { return {&owner(), vlanVniMap().get()}; }
+  auto parameters() const { return Kel::rawValues(&owner(), vlanVniMap()); }
 
  private:
-  class KelVlanVniMap final : public Kel::Reacts<VlanVniMap, VtiVlanVniMapSm> {
-   public:
+  struct KelVlanVniMap final : Kel::Reacts<VlanVniMap, VtiVlanVniMapSm> {
     using Reacts::Reacts;
     void onNotifyingVlan(Bridging::VlanId vlan) override { owner().handleVlanVniMapUpdate(vlan); }
   };
   Kel::Input<const VlanVniMap, KelVlanVniMap> vlanVniMap_{*this, "vlanVniMap"};
-};
-
-// The state of one flood list, as the machine of its VNI knows it, and the gating that every operation
-// passes: flood sets are written only while the controller drives BUM replication, a MAC with multipath
-// destinations is left alone, and the first VTI that does not map the VNI ends the operation. It writes
-// nothing itself: getting past the gating here is a fatal assertion.
-class KEL_API MacVtepFloodListTableSmBase : public Kel::StateMachine {
- public:
-  MacVtepFloodListTableSmBase(
-      const Qnet::EthAddr& macAddr,
-      const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-      RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm);
-  static const Kel::TypeNode type;
-  void hasNotificationActiveIs(bool active) override;
-  const Kel::TypeNode& fwkType() const override { return type; }
-  ~MacVtepFloodListTableSmBase() override;
-
-  virtual void handleVtepIpFloodList(Qnet::IpAddr ip);
-  virtual void cleanup();
-  virtual void handleInitialized();
-  virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
-  virtual void macVtepFloodListTableDel();
-  virtual void macVtepFloodListTableIs(const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list);
-
-  // The list as a whole changed: every address anew.
-  void handleVtepIpFloodList();
-
-  const Qnet::EthAddr& macAddr() const { return macAddr_; }
-  const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable() const {
-    return macVtepFloodListTable_.get();
-  }
-  RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm() const { return rmxPerVniFdbStatusSm_; }
-  bool initialized() const { return initialized_; }
-
- protected:
-  // Whether flood sets of this MAC are to be written now: the controller drives BUM replication and there is
-  // no multipath entry.
-  bool mayWrite(const char* operation) const;
-  RmxPerVniFdbStatusSmBase& owner() const { return *rmxPerVniFdbStatusSm_; }
-  void initializedIs(bool initialized) { initialized_ = initialized; }
-
- private:
-  class KelMacVtepFloodListTable final
-      : public Kel::Reacts<VxlanController::MacVtepFloodListV2, MacVtepFloodListTableSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onVtepIpFloodList(Qnet::IpAddr ip) override { owner().handleVtepIpFloodList(ip); }
-    void onVtepIpFloodList() override { owner().handleVtepIpFloodList(); }
-  };
-  void actInBase(const char* operation) const;
-
-  Kel::Own<Qnet::EthAddr> macAddr_;
-  Kel::Input<const VxlanController::MacVtepFloodListV2, KelMacVtepFloodListTable> macVtepFloodListTable_{
-      *this, "macVtepFloodListTable"};
-  RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm_;  // outlives it
-  Kel::Own<bool> initialized_{*this, "initialized", false};
-};
-
-// Mirrors the flood list that the controller publishes for one MAC of one VNI into the L2 RIB: into the flood
-// set of that MAC, type "send to all", in every VLAN to which a VTI maps the VNI. While the controller
-// converges a full evaluation removes nothing; a change of a single address acts at once.
-class KEL_API VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
- public:
-  static constexpr Kel::Parameters<3> parameterNames{"_macVtepFloodListTable", "_rmxPerVniFdbStatusSm",
-                                                     "_rmxSde"};
-
-  VccMacVtepFloodListTableSm(const Qnet::EthAddr& macAddr,
-                             const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-                             RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm,
-                             const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
-  static Kel::Ptr<VccMacVtepFloodListTableSm> VccMacVtepFloodListTableSmIs(
-      const Qnet::EthAddr& macAddr,
-      const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-      RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
-  static const Kel::TypeNode type;
-  const Kel::TypeNode& fwkType() const override { return type; }
-  ~VccMacVtepFloodListTableSm() override;
-
-  void hasNotificationActiveIs(bool active) override {
-    MacVtepFloodListTableSmBase::hasNotificationActiveIs(active);
-  }
-  using MacVtepFloodListTableSmBase::handleVtepIpFloodList;
-  void handleVtepIpFloodList(Qnet::IpAddr ip) override;
-  void cleanup() override;
-  void handleInitialized() override;
-  void kelDoZombieReactors(bool zombie) override { MacVtepFloodListTableSmBase::kelDoZombieReactors(zombie); }
-
-  const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
-  std::array<const void*, 3> parameters() const {
-    return {macVtepFloodListTable().get(), &owner(), rmxSde_.get().get()};
-  }
-
- private:
-  Kel::Ptr<L2Rib::FloodSet> floodSetOfAll(Bridging::VlanId vlan);
-  void writeList(Bridging::VlanId vlan, const char* operation);
-
-  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
 };
 
 // The machine of one VNI: turns each remote MAC that the controller publishes into an entry of the received
@@ -209,10 +486,8 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
  public:
   using FloodListSms = Kel::Children<Kel::OrderedTable, Qnet::EthAddr, MacVtepFloodListTableSmBase>;
 
-  RmxPerVniFdbStatusSmBase(const VniExt& vni,
-                           const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
-                           const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-                           const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
+  RmxPerVniFdbStatusSmBase(const VniExt& vni, VniStatusRef rmxVniFdbStatusV2, VtiStatusDirRef vtiStatusDir,
+                           HwStatusDirRef vxlanHwStatusDir,
                            VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm);
   static const Kel::TypeNode type;
 
@@ -229,11 +504,11 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   virtual void vtiStatusIs(const Kel::Ptr<const VtiStatus>& status);
   virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
   virtual void rmxVniFdbStatusV2Del();
-  virtual void rmxVniFdbStatusV2Is(const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status);
+  virtual void rmxVniFdbStatusV2Is(VniStatusRef status);
   virtual void vtiStatusDirDel();
-  virtual void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
+  virtual void vtiStatusDirIs(VtiStatusDirRef dir);
   virtual void vxlanHwStatusDirDel();
-  virtual void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
+  virtual void vxlanHwStatusDirIs(HwStatusDirRef dir);
 
   // The first full evaluation, or one anew: hosts, then multipath entries, then flood lists.
   void handleInitialized();
@@ -251,11 +526,9 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm() const { return vxlanControllerMacAddrSm_; }
   bool initialized() const { return initialized_; }
   void initializedIs(bool initialized) { initialized_ = initialized; }
-  const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2() const {
-    return rmxVniFdbStatusV2_.get();
-  }
-  const Kel::Ptr<const VtiStatusDir>& vtiStatusDir() const { return vtiStatusDir_.get(); }
-  const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
+  VniStatusRef rmxVniFdbStatusV2() const { return rmxVniFdbStatusV2_.get(); }
+  VtiStatusDirRef vtiStatusDir() const { return vtiStatusDir_.get(); }
+  HwStatusDirRef vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
   const FloodListSms& macVtepFloodListTableSm() const { return macVtepFloodListTableSm_; }
   Kel::Ptr<MacVtepFloodListTableSmBase> macVtepFloodListTableSm(const Qnet::EthAddr& mac) const {
     return macVtepFloodListTableSm_(mac);
@@ -277,32 +550,10 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   VxlanControllerMacAddrSmBase& owner() const { return *vxlanControllerMacAddrSm_; }
 
  private:
-  class KelRmxVniFdbStatusV2 final
-      : public Kel::Reacts<VxlanController::VniFdbStatusV2, RmxPerVniFdbStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onMacVtepTable(Qnet::EthAddr mac) override { owner().handleRmxHostTable(mac); }
-    void onMacVtepTablekelImmediate() override { owner().handleRmxHostTable(); }
-    void onMacVtepFloodListTable(Qnet::EthAddr mac) override { owner().handleMacVtepFloodListTable(mac); }
-    void onMacVtepFloodListTable() override { owner().handleMacVtepFloodListTable(); }
-    void onMacVtepMultiPathTable(Qnet::EthAddr mac) override { owner().handleMacVtepMultiPathTable(mac); }
-    void onMacVtepMultiPathTable() override { owner().handleMacVtepMultiPathTable(); }
-  };
-  class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, RmxPerVniFdbStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onVtiStatus(Qnet::IntfId vti) override { owner().vtiStatusNotify(vti); }
-    void onVtiStatuskelImmediate() override { owner().vtiStatus_.reconcile(notifier()->vtiStatus()); }
-  };
-  class KelVxlanHwStatusDir final : public Kel::Reacts<VxlanHwStatusDir, RmxPerVniFdbStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-  };
-  class KelVtiStatus final : public Kel::Reacts<VtiStatus, RmxPerVniFdbStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onDgwVtepAddr() override { owner().handleDgwVtepAddr(); }
-  };
+  struct KelRmxVniFdbStatusV2;
+  struct KelVtiStatusDir;
+  struct KelVxlanHwStatusDir;
+  struct KelVtiStatus;
 
   void removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key, Qnet::IpAddr vtepIp,
                    const char* operation);
@@ -316,7 +567,7 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
   Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
   VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm_;  // outlives it
-  Kel::Reactors<Qnet::IntfId, KelVtiStatus> vtiStatus_{*this, "vtiStatus"};
+  FollowedVtis<KelVtiStatusDir, KelVtiStatus> vtiStatus_{*this, "vtiStatus", vtiStatusDir_};
   FloodListSms macVtepFloodListTableSm_{*this, "macVtepFloodListTableSm", Kel::Owns::Alias};
   Kel::Own<bool> initialized_{*this, "initialized", false};
 };
@@ -330,16 +581,12 @@ class KEL_API VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   static constexpr Kel::Parameters<5> parameterNames{
       "_rmxVniFdbStatusV2", "_vtiStatusDir", "_vxlanHwStatusDir", "_vxlanControllerMacAddrSm", "_rmxSde"};
 
-  VccPerVniFdbStatusSm(const VniExt& vni,
-                       const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
-                       const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-                       const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-                       VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
-                       const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
-  static Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSmIs(
-      const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
-      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-      VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde);
+  VccPerVniFdbStatusSm(const VniExt& vni, VniStatusRef rmxVniFdbStatusV2, VtiStatusDirRef vtiStatusDir,
+                       HwStatusDirRef vxlanHwStatusDir,
+                       VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, SourceRef rmxSde);
+  static Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSmIs(const VniExt&, VniStatusRef, VtiStatusDirRef,
+                                                               HwStatusDirRef, VxlanControllerMacAddrSmBase*,
+                                                               SourceRef);
   static const Kel::TypeNode type;
   void hasNotificationActiveIs(bool active) override;
   const Kel::TypeNode& fwkType() const override { return type; }
@@ -364,10 +611,9 @@ class KEL_API VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   void vccMacVtepFloodListTableSmDel(const Qnet::EthAddr& mac) { vccMacVtepFloodListTableSm_.del(mac); }
   void vccMacVtepFloodListTableSmDelAll() { vccMacVtepFloodListTableSm_.delAll(); }
 
-  const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
-  std::array<const void*, 5> parameters() const {
-    return {rmxVniFdbStatusV2().get(), vtiStatusDir().get(), vxlanHwStatusDir().get(), &owner(),
-            rmxSde_.get().get()};
+  SourceRef rmxSde() const { return rmxSde_.get(); }
+  auto parameters() const {
+    return Kel::rawValues(rmxVniFdbStatusV2(), vtiStatusDir(), vxlanHwStatusDir(), &owner(), rmxSde());
   }
 
  private:
@@ -379,6 +625,88 @@ class KEL_API VccPerVniFdbStatusSm final : public RmxPerVniFdbStatusSmBase {
   VccFloodListSms vccMacVtepFloodListTableSm_{*this, "vccMacVtepFloodListTableSm"};
 };
 
+// The state of one flood list, as the machine of its VNI knows it, and the gating that every operation
+// passes: flood sets are written only while the controller drives BUM replication, a MAC with multipath
+// destinations is left alone, and the first VTI that does not map the VNI ends the operation. It writes
+// nothing itself: getting past the gating here is a fatal assertion.
+class KEL_API MacVtepFloodListTableSmBase : public Kel::StateMachine {
+ public:
+  MacVtepFloodListTableSmBase(const Qnet::EthAddr& macAddr, FloodListRef macVtepFloodListTable,
+                              RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm);
+  static const Kel::TypeNode type;
+  void hasNotificationActiveIs(bool active) override;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~MacVtepFloodListTableSmBase() override;
+
+  virtual void handleVtepIpFloodList(Qnet::IpAddr ip);
+  virtual void cleanup();
+  virtual void handleInitialized();
+  virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
+  virtual void macVtepFloodListTableDel();
+  virtual void macVtepFloodListTableIs(FloodListRef list);
+
+  // The list as a whole changed: every address anew.
+  void handleVtepIpFloodList();
+
+  const Qnet::EthAddr& macAddr() const { return macAddr_; }
+  FloodListRef macVtepFloodListTable() const { return macVtepFloodListTable_.get(); }
+  RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm() const { return rmxPerVniFdbStatusSm_; }
+  bool initialized() const { return initialized_; }
+
+ protected:
+  // Whether flood sets of this MAC are to be written now: the controller drives BUM replication and there is
+  // no multipath entry.
+  bool mayWrite(const char* operation) const;
+  RmxPerVniFdbStatusSmBase& owner() const { return *rmxPerVniFdbStatusSm_; }
+  void initializedIs(bool initialized) { initialized_ = initialized; }
+
+ private:
+  struct KelMacVtepFloodListTable;
+  void actInBase(const char* operation) const;
+
+  Kel::Own<Qnet::EthAddr> macAddr_;
+  Kel::Input<const VxlanController::MacVtepFloodListV2, KelMacVtepFloodListTable> macVtepFloodListTable_{
+      *this, "macVtepFloodListTable"};
+  RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm_;  // outlives it
+  Kel::Own<bool> initialized_{*this, "initialized", false};
+};
+
+// Mirrors the flood list that the controller publishes for one MAC of one VNI into the L2 RIB: into the flood
+// set of that MAC, type "send to all", in every VLAN to which a VTI maps the VNI. While the controller
+// converges a full evaluation removes nothing; a change of a single address acts at once.
+class KEL_API VccMacVtepFloodListTableSm final : public MacVtepFloodListTableSmBase {
+ public:
+  static constexpr Kel::Parameters<3> parameterNames{"_macVtepFloodListTable", "_rmxPerVniFdbStatusSm",
+                                                     "_rmxSde"};
+
+  VccMacVtepFloodListTableSm(const Qnet::EthAddr& macAddr, FloodListRef macVtepFloodListTable,
+                             RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, SourceRef rmxSde);
+  static Kel::Ptr<VccMacVtepFloodListTableSm> VccMacVtepFloodListTableSmIs(const Qnet::EthAddr&, FloodListRef,
+                                                                           RmxPerVniFdbStatusSmBase*,
+                                                                           SourceRef);
+  static const Kel::TypeNode type;
+  const Kel::TypeNode& fwkType() const override { return type; }
+  ~VccMacVtepFloodListTableSm() override;
+
+  void hasNotificationActiveIs(bool active) override {
+    MacVtepFloodListTableSmBase::hasNotificationActiveIs(active);
+  }
+  using MacVtepFloodListTableSmBase::handleVtepIpFloodList;
+  void handleVtepIpFloodList(Qnet::IpAddr ip) override;
+  void cleanup() override;
+  void handleInitialized() override;
+  void kelDoZombieReactors(bool zombie) override { MacVtepFloodListTableSmBase::kelDoZombieReactors(zombie); }
+
+  SourceRef rmxSde() const { return rmxSde_.get(); }
+  auto parameters() const { return Kel::rawValues(macVtepFloodListTable(), &owner(), rmxSde()); }
+
+ private:
+  Kel::Ptr<L2Rib::FloodSet> floodSetOfAll(Bridging::VlanId vlan);
+  void writeList(Bridging::VlanId vlan, const char* operation);
+
+  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
+};
+
 // Copies the received host table into the controller's input to the L2 RIB. Every entry becomes one host of
 // the same key, also one that is marked for deletion; a key that leaves the table is deleted. When it is
 // built it reconciles: what the host input holds without an entry goes first, then every entry is written.
@@ -386,11 +714,9 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_receivedHostTable", "_l2RibRmxInput"};
 
-  ReceivedHostTableToL2RibHostInputSm(const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
-                                      const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput);
+  ReceivedHostTableToL2RibHostInputSm(ReceivedHostTableRef receivedHostTable, HostInputRef l2RibRmxInput);
   static Kel::Ptr<ReceivedHostTableToL2RibHostInputSm> ReceivedHostTableToL2RibHostInputSmIs(
-      const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
-      const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput);
+      ReceivedHostTableRef, HostInputRef);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
   ~ReceivedHostTableToL2RibHostInputSm() override;
@@ -401,19 +727,15 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
 
   // Follows another table from now on, which is exported in place of the old one; or none, which leaves the
   // hosts as they are.
-  void receivedHostTableIs(const Kel::Ptr<const ReceivedHostTable>& table) { receivedHostTable_.is(table); }
+  void receivedHostTableIs(ReceivedHostTableRef table) { receivedHostTable_.is(table); }
   void receivedHostTableDel() { receivedHostTable_.del(); }
-  const Kel::Ptr<const ReceivedHostTable>& receivedHostTable() const { return receivedHostTable_.get(); }
-  const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput() const { return l2RibRmxInput_.get(); }
+  ReceivedHostTableRef receivedHostTable() const { return receivedHostTable_.get(); }
+  HostInputRef l2RibRmxInput() const { return l2RibRmxInput_.get(); }
   bool initialized() const { return initialized_; }
-  std::array<const void*, 2> parameters() const {
-    return {receivedHostTable_.get().get(), l2RibRmxInput_.get().get()};
-  }
+  auto parameters() const { return Kel::rawValues(receivedHostTable(), l2RibRmxInput()); }
 
  private:
-  class KelReceivedHostTable final
-      : public Kel::Reacts<ReceivedHostTable, ReceivedHostTableToL2RibHostInputSm> {
-   public:
+  struct KelReceivedHostTable final : Kel::Reacts<ReceivedHostTable, ReceivedHostTableToL2RibHostInputSm> {
     using Reacts::Reacts;
     void onReceivedEntry(Bridging::MacVlanPair key) override { owner().handleReceivedHostEntry(key); }
     void onReceivedEntrykelImmediate() override { owner().handleReceivedHostEntry(); }
@@ -429,11 +751,8 @@ class KEL_API RmxStateSm final : public Kel::StateMachine {
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_rmxState", "_rmxStateClientView"};
 
-  RmxStateSm(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-             const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
-  static Kel::Ptr<RmxStateSm> RmxStateSmIs(
-      const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  RmxStateSm(RmxStateRef rmxState, ClientViewRef rmxStateClientView);
+  static Kel::Ptr<RmxStateSm> RmxStateSmIs(RmxStateRef, ClientViewRef);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
   ~RmxStateSm() override;
@@ -442,21 +761,16 @@ class KEL_API RmxStateSm final : public Kel::StateMachine {
   void handleConvergenceInProgress();
   void cleanup();
 
-  const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState() const { return rmxState_.get(); }
+  RmxStateRef rmxState() const { return rmxState_.get(); }
   // Follows another state from now on and echoes its flag; or none, which leaves the view as it is.
-  void rmxStateIs(const Kel::Ptr<const VxlanController::RmxStateV2>& state) { rmxState_.is(state); }
+  void rmxStateIs(RmxStateRef state) { rmxState_.is(state); }
   void rmxStateDel() { rmxState_.del(); }
-  const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView() const {
-    return rmxStateClientView_.get();
-  }
+  ClientViewRef rmxStateClientView() const { return rmxStateClientView_.get(); }
   bool initialized() const { return initialized_; }
-  std::array<const void*, 2> parameters() const {
-    return {rmxState_.get().get(), rmxStateClientView_.get().get()};
-  }
+  auto parameters() const { return Kel::rawValues(rmxState(), rmxStateClientView()); }
 
  private:
-  class KelRmxState final : public Kel::Reacts<VxlanController::RmxStateV2, RmxStateSm> {
-   public:
+  struct KelRmxState final : Kel::Reacts<VxlanController::RmxStateV2, RmxStateSm> {
     using Reacts::Reacts;
     void onConvergenceInProgress() override { owner().handleConvergenceInProgress(); }
   };
@@ -474,12 +788,8 @@ class KEL_API RmxStateSm final : public Kel::StateMachine {
 //   echoing     | both                                       | the controller's flag
 class KEL_API RmxStateSmWrapper final : public Kel::StateMachine {
  public:
-  RmxStateSmWrapper(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-                    const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-                    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
-  static Kel::Ptr<RmxStateSmWrapper> RmxStateSmWrapperIs(
-      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  RmxStateSmWrapper(VtiStatusDirRef vtiStatusDir, DirRef rmxStateBaseDir, ClientViewRef rmxStateClientView);
+  static Kel::Ptr<RmxStateSmWrapper> RmxStateSmWrapperIs(VtiStatusDirRef, DirRef, ClientViewRef);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
   ~RmxStateSmWrapper() override;
@@ -492,108 +802,29 @@ class KEL_API RmxStateSmWrapper final : public Kel::StateMachine {
   bool vxlanControllerClientMode() const;
   bool initialized() const { return initialized_; }
   const Kel::Ptr<RmxStateSm>& rmxStateSm() const { return rmxStateSm_.get(); }
-  void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-                    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
+  void rmxStateSmIs(RmxStateRef rmxState, ClientViewRef rmxStateClientView);
   void rmxStateSmDel();
-  const Kel::Ptr<const VtiStatusDir>& vtiStatusDir() const { return vtiStatusDir_.get(); }
-  void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
+  VtiStatusDirRef vtiStatusDir() const { return vtiStatusDir_.get(); }
+  void vtiStatusDirIs(VtiStatusDirRef dir);
   void vtiStatusDirDel();
-  const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir() const { return rmxStateBaseDir_.get(); }
-  void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) { rmxStateBaseDir_.is(dir); }
+  DirRef rmxStateBaseDir() const { return rmxStateBaseDir_.get(); }
+  void rmxStateBaseDirIs(DirRef dir) { rmxStateBaseDir_.is(dir); }
   void rmxStateBaseDirDel() { rmxStateBaseDir_.del(); }
-  const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView() const {
-    return rmxStateClientView_.get();
-  }
+  ClientViewRef rmxStateClientView() const { return rmxStateClientView_.get(); }
 
  private:
-  class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, RmxStateSmWrapper> {
-   public:
-    using Reacts::Reacts;
-    void onVtiStatus(Qnet::IntfId vti) override {
-      if (const Kel::Ptr<const VtiStatus> status = notifier()->vtiStatus(vti)) {
-        owner().vtiStatus_.is(vti, status);
-      } else {
-        owner().vtiStatus_.del(vti);
-      }
-    }
-    void onVtiStatuskelImmediate() override { owner().vtiStatus_.reconcile(notifier()->vtiStatus()); }
-  };
-  class KelRmxStateBaseDir final : public Kel::Reacts<Kel::Dir, RmxStateSmWrapper> {
-   public:
+  struct KelVtiStatusDir;
+  struct KelVtiStatus;
+  struct KelRmxStateBaseDir final : Kel::Reacts<Kel::Dir, RmxStateSmWrapper> {
     using Reacts::Reacts;
     void onEntityPtr(Kel::Name name) override { owner().handleRmxStateBaseDir(name); }
     void onEntityPtrkelImmediate() override { owner().handleRmxStateBaseDir(); }
-  };
-  class KelVtiStatus final : public Kel::Reacts<VtiStatus, RmxStateSmWrapper> {
-   public:
-    using Reacts::Reacts;
-    void onControllerClientMode() override { owner().handleRmxStateBaseDir(); }
   };
   Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
   Kel::Input<const Kel::Dir, KelRmxStateBaseDir> rmxStateBaseDir_{*this, "rmxStateBaseDir"};
   Kel::Held<VxlanController::RmxStateClientViewV2> rmxStateClientView_;
   Kel::Child<RmxStateSm> rmxStateSm_{*this, "rmxStateSm"};
-  Kel::Reactors<Qnet::IntfId, KelVtiStatus> vtiStatus_{*this, "vtiStatus"};
-  Kel::Own<bool> initialized_{*this, "initialized", false};
-};
-
-class RmxMlagBumStatusSmBase;
-
-// Copies one BUM VTEP list of the MLAG peer, its addresses and its type, into this switch's hardware BUM
-// status.
-//
-//   state     | meaning                                     | entered by
-//   ----------+---------------------------------------------+------------------------------------------
-//   idle      | no local list bound                         | construction, gate closed or no VNI found
-//   mirroring | list bound, address changes are copied      | handleInit, gate open and a VNI found
-//   frozen    | list bound, only type changes are copied    | gate closed, or the VLAN lost its mapping
-class KEL_API BumVtepListSm final : public Kel::StateMachine {
- public:
-  static constexpr Kel::Parameters<2> parameterNames{"_bumVtepList", "_rmxMlagBumStatusSm"};
-
-  BumVtepListSm(const MacVlanPair& macVlanPair, const Kel::Ptr<const BumVtepList>& bumVtepList,
-                RmxMlagBumStatusSmBase* rmxMlagBumStatusSm);
-  static Kel::Ptr<BumVtepListSm> BumVtepListSmIs(const MacVlanPair& macVlanPair,
-                                                 const Kel::Ptr<const BumVtepList>& bumVtepList,
-                                                 RmxMlagBumStatusSmBase* rmxMlagBumStatusSm);
-  static const Kel::TypeNode type;
-  const Kel::TypeNode& fwkType() const override { return type; }
-  ~BumVtepListSm() override;
-
-  // Passes the gate (both switches in controller mode, owner initialized, VLAN mapped on some VTI) and
-  // mirrors all.
-  void handleInit();
-  // Makes the local list equal to the peer's.
-  void handleRemoteVtepAddr();
-  // Brings one address up to date, in mode 3 with a mapped VLAN only.
-  void handleRemoteVtepAddr(Qnet::IpAddr ip);
-  void handleListType();
-
-  const MacVlanPair& macVlanPair() const { return macVlanPair_; }
-  RmxMlagBumStatusSmBase* rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_; }
-  const Kel::Ptr<const BumVtepList>& bumVtepList() const { return bumVtepList_.get(); }
-  // Follows another list of the peer from now on, or none.
-  void bumVtepListIs(const Kel::Ptr<const BumVtepList>& list) { bumVtepList_.is(list); }
-  void bumVtepListDel() { bumVtepList_.del(); }
-  bool vlanVniMapExists() const { return vlanVniMapExists_; }
-  void vlanVniMapExistsIs(bool exists) { vlanVniMapExists_ = exists; }
-  const Kel::Ptr<BumVtepList>& localBumVtepList() const { return localBumVtepList_.get(); }
-  bool initialized() const { return initialized_; }
-  std::array<const void*, 2> parameters() const { return {bumVtepList().get(), rmxMlagBumStatusSm_}; }
-
- private:
-  class KelBumVtepList final : public Kel::Reacts<BumVtepList, BumVtepListSm> {
-   public:
-    using Reacts::Reacts;
-    void onRemoteVtepAddr(Qnet::IpAddr ip) override { owner().handleRemoteVtepAddr(ip); }
-    void onRemoteVtepAddrkelImmediate() override { owner().handleRemoteVtepAddr(); }
-    void onBumVtepIpListType() override { owner().handleListType(); }
-  };
-  Kel::Own<MacVlanPair> macVlanPair_;
-  Kel::Input<const BumVtepList, KelBumVtepList> bumVtepList_{*this, "bumVtepList"};
-  RmxMlagBumStatusSmBase* rmxMlagBumStatusSm_;  // outlives it
-  Kel::Own<bool> vlanVniMapExists_{*this, "vlanVniMapExists", false};
-  Kel::Held<BumVtepList> localBumVtepList_{*this, "localBumVtepList"};
+  FollowedVtis<KelVtiStatusDir, KelVtiStatus> vtiStatus_{*this, "vtiStatus", vtiStatusDir_};
   Kel::Own<bool> initialized_{*this, "initialized", false};
 };
 
@@ -604,11 +835,8 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
  public:
   using BumVtepListSms = Kel::Children<Kel::OrderedTable, MacVlanPair, BumVtepListSm>;
 
-  RmxMlagBumStatusSmBase(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-                         const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir);
-  static Kel::Ptr<RmxMlagBumStatusSmBase> RmxMlagBumStatusSmBaseIs(
-      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir);
+  RmxMlagBumStatusSmBase(MlagVxlanStatusRef mlagVxlanStatus, HwStatusDirRef vxlanHwStatusDir);
+  static Kel::Ptr<RmxMlagBumStatusSmBase> RmxMlagBumStatusSmBaseIs(MlagVxlanStatusRef, HwStatusDirRef);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
   ~RmxMlagBumStatusSmBase() override;
@@ -635,41 +863,22 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
 
   const BumVtepListSms& bumVtepListSm() const { return bumVtepListSm_; }
   Kel::Ptr<BumVtepListSm> bumVtepListSm(const MacVlanPair& key) const { return bumVtepListSm_(key); }
-  Kel::Ptr<BumVtepListSm> bumVtepListSmIs(const MacVlanPair& key,
-                                          const Kel::Ptr<const BumVtepList>& remoteList,
+  Kel::Ptr<BumVtepListSm> bumVtepListSmIs(const MacVlanPair& key, BumVtepListRef remoteList,
                                           RmxMlagBumStatusSmBase* owner);
   void bumVtepListSmDel(const MacVlanPair& key) { bumVtepListSm_.del(key); }
   void bumVtepListSmDelAll() { bumVtepListSm_.delAll(); }
-  void mlagVxlanStatusIs(const Kel::Ptr<const Mlag::VxlanStatus>& status);
+  void mlagVxlanStatusIs(MlagVxlanStatusRef status);
   void mlagVxlanStatusDel();
-  void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
+  void vxlanHwStatusDirIs(HwStatusDirRef dir);
   void vxlanHwStatusDirDel();
-  const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
-  const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
+  MlagVxlanStatusRef mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
+  HwStatusDirRef vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
 
  private:
-  class KelMlagVxlanStatus final : public Kel::Reacts<Mlag::VxlanStatus, RmxMlagBumStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onBumStatus() override { owner().rebindRemote(); }
-  };
-  class KelVxlanHwStatusDir final : public Kel::Reacts<VxlanHwStatusDir, RmxMlagBumStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onBumStatus() override { owner().rebindLocal(); }
-  };
-  class KelRemoteBumStatus final : public Kel::Reacts<BumStatus, RmxMlagBumStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
-    void onBumVtepList(MacVlanPair key) override { owner().handleBumVtepList(key); }
-    void onBumVtepListkelImmediate() override { owner().handleBumVtepList(); }
-  };
-  class KelLocalBumStatus final : public Kel::Reacts<BumStatus, RmxMlagBumStatusSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
-  };
+  struct KelMlagVxlanStatus;
+  struct KelVxlanHwStatusDir;
+  struct KelRemoteBumStatus;
+  struct KelLocalBumStatus;
 
   void rebindRemote();
   void rebindLocal();
@@ -693,12 +902,10 @@ class KEL_API RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
   static constexpr Kel::Parameters<3> parameterNames{"_rmxMlagBumStatusSm", "_rmxMlagBumStatusSm",
                                                      "_rmxMlagBumStatusSm"};
 
-  RmxMlagBumStatusSm(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-                     const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-                     const Kel::Ptr<const VlanVniMaps>& vlanVniMaps);
-  static Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSmIs(
-      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const VlanVniMaps>& vlanVniMaps);
+  RmxMlagBumStatusSm(MlagVxlanStatusRef mlagVxlanStatus, HwStatusDirRef vxlanHwStatusDir,
+                     VlanVniMapsRef vlanVniMaps);
+  static Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSmIs(MlagVxlanStatusRef, HwStatusDirRef,
+                                                           VlanVniMapsRef);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
   ~RmxMlagBumStatusSm() override;
@@ -707,462 +914,91 @@ class KEL_API RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
   std::vector<Bridging::VlanId> getVlanIterator(Qnet::IntfId vti) const override;
   VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const override;
 
-  const Kel::Ptr<const VlanVniMaps>& vlanVniMaps() const { return vlanVniMaps_.get(); }
-  void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
+  VlanVniMapsRef vlanVniMaps() const { return vlanVniMaps_.get(); }
+  void vlanVniMapsIs(VlanVniMapsRef maps);
   void vlanVniMapsDel();
-  std::array<const void*, 3> parameters() const {
-    return {mlagVxlanStatus().get(), vxlanHwStatusDir().get(), vlanVniMaps_.get().get()};
-  }
+  auto parameters() const { return Kel::rawValues(mlagVxlanStatus(), vxlanHwStatusDir(), vlanVniMaps()); }
 
  private:
-  class KelVlanVniMaps final : public Kel::Reacts<VlanVniMaps, RmxMlagBumStatusSm> {
-   public:
-    using Reacts::Reacts;
-    void onVlanVniMap(Qnet::IntfId vti) override {
-      if (const Kel::Ptr<const VlanVniMap> map = notifier()->vlanVniMap(vti)) {
-        owner().vtiVlanVniMap_.is(vti, map);
-      } else {
-        owner().vtiVlanVniMap_.del(vti);
-      }
-    }
-    void onVlanVniMapkelImmediate() override { owner().vtiVlanVniMap_.reconcile(notifier()->vlanVniMap()); }
-  };
-  class KelVtiVlanVniMap final : public Kel::Reacts<VlanVniMap, RmxMlagBumStatusSm> {
-   public:
-    KelVtiVlanVniMap(RmxMlagBumStatusSm& owner, const Qnet::IntfId& vti) : Reacts(owner), vti_(vti) {}
-    void onNotifyingVlan(Bridging::VlanId vlan) override { owner().handleVlanVniMapUpdate(vti_, vlan); }
-    void onNotifyingVlankelImmediate() override { owner().handleVtiUpdate(vti_); }
-
-   private:
-    Qnet::IntfId vti_;
-  };
+  struct KelVlanVniMaps;
+  struct KelVtiVlanVniMap;
   Kel::Input<const VlanVniMaps, KelVlanVniMaps> vlanVniMaps_{*this, "vlanVniMaps"};
-  Kel::Reactors<Qnet::IntfId, KelVtiVlanVniMap, Kel::Arrival::Silent> vtiVlanVniMap_{*this, "vtiVlanVniMap"};
+  Kel::Followed<Kel::Input<const VlanVniMaps, KelVlanVniMaps>, VlanVniMaps::Maps, &VlanVniMaps::vlanVniMap,
+                KelVtiVlanVniMap, Kel::Arrival::Silent>
+      vtiVlanVniMap_{*this, "vtiVlanVniMap", vlanVniMaps_};
 };
 
-// What every controller client has: the inputs, the mode flags, the per-VNI machines, the marking and the
-// paced deletion of received hosts, and the operations that a concrete client overrides. Alone it keeps its
-// attributes and traces.
+// Copies one BUM VTEP list of the MLAG peer, its addresses and its type, into this switch's hardware BUM
+// status.
 //
-// The paced deletion of marked hosts, processUnicastDeferredDeletes:
-//
-//   state       | entered by                                  | left by
-//   ------------+---------------------------------------------+-----------------------------------------------
-//   idle        | completion, or nothing marked               | a mark; marking does not start the job
-//   waiting     | a host withdrawn while converging           | the end of the convergence arms the clock
-//   running     | the clock, convergence over, hosts marked   | none marked: idle; budget spent: rescheduled
-//   rescheduled | budget spent; bookmark set, clock armed     | the clock: goes on at the bookmark
-//   suspended   | a run that finds a new convergence          | its end arms the clock; the bookmark is kept
-class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
+//   state     | meaning                                     | entered by
+//   ----------+---------------------------------------------+------------------------------------------
+//   idle      | no local list bound                         | construction, gate closed or no VNI found
+//   mirroring | list bound, address changes are copied      | handleInit, gate open and a VNI found
+//   frozen    | list bound, only type changes are copied    | gate closed, or the VLAN lost its mapping
+class KEL_API BumVtepListSm final : public Kel::StateMachine {
  public:
-  using PerVniSms = Kel::Children<Kel::Table, VniExt, RmxPerVniFdbStatusSmBase>;
-  using Trackers = Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSmBase>;
+  static constexpr Kel::Parameters<2> parameterNames{"_bumVtepList", "_rmxMlagBumStatusSm"};
 
-  // Any input may be null: then it has no reactor.
-  VxlanControllerMacAddrSmBase(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-                               const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-                               const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-                               const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-                               const Kel::Ptr<const Mlag::Status>& mlagStatus,
-                               const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus);
-  static Kel::Ptr<VxlanControllerMacAddrSmBase> VxlanControllerMacAddrSmBaseIs(
-      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-      const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus);
+  BumVtepListSm(const MacVlanPair& macVlanPair, BumVtepListRef bumVtepList,
+                RmxMlagBumStatusSmBase* rmxMlagBumStatusSm);
+  static Kel::Ptr<BumVtepListSm> BumVtepListSmIs(const MacVlanPair&, BumVtepListRef, RmxMlagBumStatusSmBase*);
   static const Kel::TypeNode type;
   const Kel::TypeNode& fwkType() const override { return type; }
-  ~VxlanControllerMacAddrSmBase() override;
+  ~BumVtepListSm() override;
 
-  // In the order of their slots. Those that a client overrides only trace here.
-  virtual void deleteBumVtepListTable(Bridging::VlanId vlan);
-  virtual void deleteBumVtepListTable();
-  virtual void updateControllerClientMode();
-  virtual void handleControllerClientMode();
-  virtual void handleDatapathLearningMode();
-  // One entry of the controller's directory, or all: makes, refreshes or tears down the machine of its VNI.
-  virtual void handleControllerVniBaseDir(Kel::Name name);
-  virtual void handleControllerVniBaseDir();
-  virtual void createRmxPerVniFdbStatusSm(VniExt vni, Kel::Ptr<const VxlanController::VniFdbStatusV2> status);
-  virtual void deleteRmxPerVniFdbStatusSm(VniExt vni);
-  virtual void handleMlagState();
-  virtual void createRmxMlagBumStatusSm();
-  virtual void deleteRmxMlagBumStatusSm();
-  virtual void processBumDeferredDeletes();
-  virtual void handleBumReplicationMode();
-  virtual void createVlanVniMapSm(Qnet::IntfId vti);
-  virtual void deleteVlanVniMapSm(Qnet::IntfId vti);
-  virtual void handleActivatedVti(Qnet::IntfId vti);
-  virtual void handleActivatedVti();
-  virtual void handleVtiUp(Qnet::IntfId vti);
-  virtual void handleVtiDown(Qnet::IntfId vti);
-  // The received host table, or none.
-  virtual Kel::Ptr<ReceivedHostTable> getHostTable() const;
-  // The VTIs that have a VLAN-VNI map, in the order of their names. The list holds until the maps change.
-  virtual const std::vector<Qnet::IntfId>& getVtiIterator() const;
-  virtual Bridging::VlanIdOrNone vlanForVni(Qnet::IntfId vti, VniExt vni) const;
-  virtual VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const;
-  virtual void setBumDeferredDeletionInProgress(bool inProgress);
-  virtual void setUnicastDeferredDeletionInProgress(bool inProgress);
-  virtual void handleInitialized();
-  virtual void vtiStatusDel(Qnet::IntfId vti);
-  virtual void vtiStatusIs(const Kel::Ptr<const VtiStatus>& status);
-  virtual void vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir);
-  virtual void vtiStatusDirDel();
-  virtual void controllerStatusBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir);
-  virtual void controllerStatusBaseDirDel();
-  virtual void rmxStateClientViewIs(const Kel::Ptr<VxlanController::RmxStateClientViewV2>& view);
-  virtual void rmxStateClientViewDel();
-  virtual void vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir);
-  virtual void vxlanHwStatusDirDel();
-  virtual void mlagStatusIs(const Kel::Ptr<const Mlag::Status>& status);
-  virtual void mlagStatusDel();
-  // Another clock for a job; binding it counts as its time. Null raises the range error: a job has a clock.
-  virtual void unicastDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock);
-  virtual void bumDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock);
+  // Passes the gate (both switches in controller mode, owner initialized, VLAN mapped on some VTI) and
+  // mirrors all.
+  void handleInit();
+  // Makes the local list equal to the peer's.
+  void handleRemoteVtepAddr();
+  // Brings one address up to date, in mode 3 with a mapped VLAN only.
+  void handleRemoteVtepAddr(Qnet::IpAddr ip);
+  void handleListType();
 
-  // The client view's flag changed, or was bound: while it is set deletions are held; when it is not, both
-  // jobs are scheduled for the next turn. Every notification counts; there is no memory of the edge.
-  void handleConvergenceInProgress();
-
-  // Marks the entry of a host for deletion; an absent or marked one stays as it is.
-  void deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key);
-  // Deletes the entry of a host now; an absent one is no error.
-  void deleteReceivedTableEntry(const Bridging::MacVlanPair& key);
-  // One run of the paced deletion: works for maxProcessTime at most.
-  void processUnicastDeferredDeletes();
-  // Whether a VTEP address is the switch's own: the VTI's, its virtual gateway's, or one of the MLAG pair's.
-  bool isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, Qnet::IntfId vti) const;
-
-  // Removes, or marks, all remote hosts of a VLAN.
-  void deleteRemoteMacFromController(Bridging::VlanId vlan, bool deferDel);
-  // Removes what a VNI's machine produced, VTI by VTI; with `deferIfConverging`, marks it while the
-  // controller converges.
-  void cleanupRmxPerVniFdbStatusSm(VniExt vni, bool deferIfConverging);
-  // The same for every VNI that has a machine.
-  void cleanupRmxPerVniFdbStatusSm();
-  // Refreshes the machine of a VNI, or creates it if the controller publishes the VNI.
-  void vxlanControllerScanVniStatus(VniExt vni);
-
-  const Kel::Ptr<const VtiStatusDir>& vtiStatusDir() const { return vtiStatusDir_.get(); }
-  const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir() const { return controllerStatusBaseDir_.get(); }
-  const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView() const {
-    return rmxStateClientView_.get();
-  }
-  const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
-  const Kel::Ptr<const Mlag::Status>& mlagStatus() const { return mlagStatus_.get(); }
-  const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus() const { return mlagVxlanStatus_.get(); }
-  const Kel::Ptr<BumStatus>& kel_BumStatusIn() const { return kel_BumStatusIn_.get(); }
-  const PerVniSms& rmxPerVniFdbStatusSm() const { return rmxPerVniFdbStatusSm_; }
-  Kel::Ptr<RmxPerVniFdbStatusSmBase> rmxPerVniFdbStatusSm(VniExt vni) const {
-    return rmxPerVniFdbStatusSm_(vni);
-  }
-  // Enters a per-VNI machine under its VNI; null raises the range error.
-  void rmxPerVniFdbStatusSmIs(const Kel::Ptr<RmxPerVniFdbStatusSmBase>& sm);
-  void rmxPerVniFdbStatusSmDel(VniExt vni) { rmxPerVniFdbStatusSm_.del(vni); }
-  void rmxPerVniFdbStatusSmDelAll() { rmxPerVniFdbStatusSm_.delAll(); }
-  const Trackers& vlanVniMapSm() const { return vlanVniMapSm_; }
-  Kel::Ptr<VtiVlanVniMapSmBase> vlanVniMapSm(const Qnet::IntfId& vti) const { return vlanVniMapSm_(vti); }
-  // Enters a tracker under its VTI; null raises the range error.
-  void vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSmBase>& sm);
-  void vlanVniMapSmDel(const Qnet::IntfId& vti) { vlanVniMapSm_.del(vti); }
-  void vlanVniMapSmDelAll() { vlanVniMapSm_.delAll(); }
-  const Kel::Ptr<RmxMlagBumStatusSmBase>& rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_.get(); }
-  void rmxMlagBumStatusSmIs(const Kel::Ptr<RmxMlagBumStatusSmBase>& sm) { rmxMlagBumStatusSm_.is(sm); }
-  void rmxMlagBumStatusSmDel() { rmxMlagBumStatusSm_.del(); }
-
-  // The time budget of one slice of deferred work, in seconds; 0.01 to begin with.
-  double maxProcessTime() const { return maxProcessTime_; }
-  void maxProcessTimeIs(double seconds) { maxProcessTime_ = seconds; }
-  const Bridging::MacVlanPair& unicastDeferredDeleteBookmark() const {
-    return unicastDeferredDeleteBookmark_;
-  }
-  const Kel::Ptr<Kel::Clock>& unicastDeferredDeleteClock() const { return unicastDeferredDeleteClock_.get(); }
-  bool bumDeferredDeleteBookmarkValid() const { return bumDeferredDeleteBookmarkValid_; }
-  const Kel::Ptr<Kel::Clock>& bumDeferredDeleteClock() const { return bumDeferredDeleteClock_.get(); }
-  bool vxlanControllerClientMode() const { return vxlanControllerClientMode_; }
-  bool datapathLearningMode() const { return datapathLearningMode_; }
+  const MacVlanPair& macVlanPair() const { return macVlanPair_; }
+  RmxMlagBumStatusSmBase* rmxMlagBumStatusSm() const { return rmxMlagBumStatusSm_; }
+  BumVtepListRef bumVtepList() const { return bumVtepList_.get(); }
+  // Follows another list of the peer from now on, or none.
+  void bumVtepListIs(BumVtepListRef list) { bumVtepList_.is(list); }
+  void bumVtepListDel() { bumVtepList_.del(); }
+  bool vlanVniMapExists() const { return vlanVniMapExists_; }
+  void vlanVniMapExistsIs(bool exists) { vlanVniMapExists_ = exists; }
+  const Kel::Ptr<BumVtepList>& localBumVtepList() const { return localBumVtepList_.get(); }
   bool initialized() const { return initialized_; }
-
-  // Whether the controller is converging, as the client view has it; false without a view.
-  bool converging() const;
-
- protected:
-  void initializedIs(bool initialized) { initialized_ = initialized; }
-  void vxlanControllerClientModeIs(bool mode) { vxlanControllerClientMode_ = mode; }
-  void datapathLearningModeIs(bool learning) { datapathLearningMode_ = learning; }
-  void bumDeferredDeleteBookmarkValidIs(bool valid) { bumDeferredDeleteBookmarkValid_ = valid; }
-  // The replication mode of the hardware, none without a BUM status.
-  BumReplicationMode bumReplicationMode() const;
+  auto parameters() const { return Kel::rawValues(bumVtepList(), rmxMlagBumStatusSm_); }
 
  private:
-  class KelVtiStatusDir final : public Kel::Reacts<VtiStatusDir, VxlanControllerMacAddrSmBase> {
-   public:
+  struct KelBumVtepList final : Kel::Reacts<BumVtepList, BumVtepListSm> {
     using Reacts::Reacts;
-    void onVtiStatus(Qnet::IntfId vti) override {
-      if (const Kel::Ptr<const VtiStatus> status = notifier()->vtiStatus(vti)) {
-        owner().vtiStatusIs(status);
-      } else {
-        owner().vtiStatusDel(vti);
-      }
-    }
-    void onVtiStatuskelImmediate() override { owner().vtiStatusReconcile(); }
+    void onRemoteVtepAddr(Qnet::IpAddr ip) override { owner().handleRemoteVtepAddr(ip); }
+    void onRemoteVtepAddrkelImmediate() override { owner().handleRemoteVtepAddr(); }
+    void onBumVtepIpListType() override { owner().handleListType(); }
   };
-  class KelControllerStatusBaseDir final : public Kel::Reacts<Kel::Dir, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onEntityPtr(Kel::Name name) override { owner().handleControllerVniBaseDir(name); }
-    void onEntityPtrkelImmediate() override { owner().handleControllerVniBaseDir(); }
-  };
-  class KelRmxStateClientView final
-      : public Kel::Reacts<VxlanController::RmxStateClientViewV2, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onConvergenceInProgress() override { owner().handleConvergenceInProgress(); }
-  };
-  class KelVxlanHwStatusDir final : public Kel::Reacts<VxlanHwStatusDir, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onBumStatus() override { owner().kel_BumStatusInRebind(); }
-  };
-  class KelKel_BumStatusIn final : public Kel::Reacts<BumStatus, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
-  };
-  class KelMlagStatus final : public Kel::Reacts<Mlag::Status, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onMlagState() override { owner().handleMlagState(); }
-  };
-  class KelUnicastDeferredDeleteClock final : public Kel::Reacts<Kel::Clock, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onTime() override { owner().processUnicastDeferredDeletes(); }
-  };
-  class KelBumDeferredDeleteClock final : public Kel::Reacts<Kel::Clock, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onTime() override { owner().processBumDeferredDeletes(); }
-  };
-  class KelVtiStatus final : public Kel::Reacts<VtiStatus, VxlanControllerMacAddrSmBase> {
-   public:
-    using Reacts::Reacts;
-    void onControllerClientMode() override { owner().handleControllerClientMode(); }
-    void onDatapathLearning() override { owner().handleDatapathLearningMode(); }
-  };
-
-  void vtiStatusReconcile();
-  void kel_BumStatusInRebind();
-  void addVni(const Kel::Name& name, const char* operation);
-  void removeVni(VniExt vni, const char* operation);
-  void finishUnicastDeferredDeletes();
-
-  Kel::Input<const VtiStatusDir, KelVtiStatusDir> vtiStatusDir_{*this, "vtiStatusDir"};
-  Kel::Input<const Kel::Dir, KelControllerStatusBaseDir> controllerStatusBaseDir_{*this,
-                                                                                  "controllerStatusBaseDir"};
-  Kel::Input<VxlanController::RmxStateClientViewV2, KelRmxStateClientView> rmxStateClientView_{
-      *this, "rmxStateClientView"};
-  PerVniSms rmxPerVniFdbStatusSm_{*this, "rmxPerVniFdbStatusSm", Kel::Owns::Alias};
-  Kel::Input<VxlanHwStatusDir, KelVxlanHwStatusDir> vxlanHwStatusDir_{*this, "vxlanHwStatusDir"};
-  Kel::Input<const Mlag::Status, KelMlagStatus> mlagStatus_{*this, "mlagStatus"};
-  Kel::Held<const Mlag::VxlanStatus> mlagVxlanStatus_{*this, "mlagVxlanStatus"};
-  Kel::Child<RmxMlagBumStatusSmBase> rmxMlagBumStatusSm_{*this, "rmxMlagBumStatusSm", Kel::Owns::Alias};
-  Kel::Own<double> maxProcessTime_{*this, "maxProcessTime", 0.01};
-  Kel::Own<Bridging::MacVlanPair> unicastDeferredDeleteBookmark_{*this, "unicastDeferredDeleteBookmark"};
-  Kel::Input<Kel::Clock, KelUnicastDeferredDeleteClock> unicastDeferredDeleteClock_{
-      *this, "unicastDeferredDeleteClock"};
-  Kel::Own<bool> bumDeferredDeleteBookmarkValid_{*this, "bumDeferredDeleteBookmarkValid", false};
-  Kel::Input<Kel::Clock, KelBumDeferredDeleteClock> bumDeferredDeleteClock_{*this, "bumDeferredDeleteClock"};
-  Trackers vlanVniMapSm_{*this, "vlanVniMapSm", Kel::Owns::Alias};
-  Kel::Reactors<Qnet::IntfId, KelVtiStatus> vtiStatus_{*this, "vtiStatus"};
-  Kel::Own<bool> vxlanControllerClientMode_{*this, "vxlanControllerClientMode", false};
-  Kel::Own<bool> datapathLearningMode_{*this, "datapathLearningMode", true};
+  Kel::Own<MacVlanPair> macVlanPair_;
+  Kel::Input<const BumVtepList, KelBumVtepList> bumVtepList_{*this, "bumVtepList"};
+  RmxMlagBumStatusSmBase* rmxMlagBumStatusSm_;  // outlives it
+  Kel::Own<bool> vlanVniMapExists_{*this, "vlanVniMapExists", false};
+  Kel::Held<BumVtepList> localBumVtepList_{*this, "localBumVtepList"};
   Kel::Own<bool> initialized_{*this, "initialized", false};
-  Kel::Input<BumStatus, KelKel_BumStatusIn> kel_BumStatusIn_{*this, "kel_BumStatusIn"};
-};
-
-// The top state machine, and the only one that outside code creates: the client of the VXLAN controller. It
-// decides from the VTIs whether the switch is a controller client, creates and deletes every other machine,
-// and removes stale state after a convergence in two paced jobs. It is live as soon as its factory returns.
-//
-// The client mode is on while any VTI asks for it; data-path learning counts as on only while every VTI has
-// it. With the mode off all per-VNI state is torn down. The MLAG BUM status machine exists while the mode is
-// on and MLAG is active.
-class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBase {
- public:
-  using TrackerShadow = Kel::Children<Kel::OrderedTable, Qnet::IntfId, VtiVlanVniMapSm>;
-  using PerVniShadow = Kel::Children<Kel::Table, VniExt, VccPerVniFdbStatusSm>;
-
-  VxlanControllerClientSm(const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-                          const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-                          const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-                          const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-                          const Kel::Ptr<const Mlag::Status>& mlagStatus,
-                          const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-                          const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-                          const Kel::Ptr<const VlanVniMaps>& vlanVniMaps,
-                          const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
-                          const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
-                          const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus);
-  static Kel::Ptr<VxlanControllerClientSm> VxlanControllerClientSmIs(
-      const Kel::Ptr<const VtiStatusDir>& vtiStatusDir,
-      const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-      const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-      const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-      const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-      const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir, const Kel::Ptr<const VlanVniMaps>& vlanVniMaps,
-      const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde, const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
-      const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus);
-  static const Kel::TypeNode type;
-  const Kel::TypeNode& fwkType() const override { return type; }
-  ~VxlanControllerClientSm() override;
-
-  void deleteBumVtepListTable(Bridging::VlanId vlan) override;
-  void deleteBumVtepListTable() override;
-  void updateControllerClientMode() override;
-  void handleControllerClientMode() override;
-  void handleDatapathLearningMode() override;
-  void createRmxPerVniFdbStatusSm(VniExt vni,
-                                  Kel::Ptr<const VxlanController::VniFdbStatusV2> status) override;
-  void deleteRmxPerVniFdbStatusSm(VniExt vni) override;
-  void createRmxMlagBumStatusSm() override;
-  void deleteRmxMlagBumStatusSm() override;
-  void processBumDeferredDeletes() override;
-  void handleBumReplicationMode() override;
-  void createVlanVniMapSm(Qnet::IntfId vti) override;
-  void deleteVlanVniMapSm(Qnet::IntfId vti) override;
-  Kel::Ptr<ReceivedHostTable> getHostTable() const override;
-  const std::vector<Qnet::IntfId>& getVtiIterator() const override;
-  Bridging::VlanIdOrNone vlanForVni(Qnet::IntfId vti, VniExt vni) const override;
-  VniExtOrNone vniForVlan(Qnet::IntfId vti, Bridging::VlanId vlan) const override;
-  void setBumDeferredDeletionInProgress(bool inProgress) override;
-  void setUnicastDeferredDeletionInProgress(bool inProgress) override;
-  void handleInitialized() override;
-
-  // One entry of the controller's state directory, or all: the echo of its convergence flag.
-  void handleRmxStateBaseDir(Kel::Name name);
-  void handleRmxStateBaseDir();
-  // A VTI's VLAN-VNI map came or went, or those of all VTIs did.
-  void handleVlanVniMapVti(Qnet::IntfId vti);
-  void handleVlanVniMapVti();
-
-  const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir() const { return rmxStateBaseDir_.get(); }
-  void rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir);
-  void rmxStateBaseDirDel();
-  void vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps);
-  void vlanVniMapsDel();
-  const Kel::Ptr<const VlanVniMaps>& vlanVniMaps() const { return vlanVniMaps_.get(); }
-  const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde() const { return rmxSde_.get(); }
-  const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput() const { return l2RibRmxInput_.get(); }
-  const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus() const {
-    return rmxConvergenceStatus_.get();
-  }
-  const Kel::Ptr<RmxStateSm>& rmxStateSm() const { return rmxStateSm_.get(); }
-  void rmxStateSmIs(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-                    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
-  void rmxStateSmDel();
-  // The received host table; `hostTableIs` makes it under this name, once.
-  const Kel::Ptr<ReceivedHostTable>& hostTable() const { return hostTable_.get(); }
-  Kel::Ptr<ReceivedHostTable> hostTableIs(const Kel::Name& name);
-  // What copies that table into l2RibRmxInput.
-  const Kel::Ptr<ReceivedHostTableToL2RibHostInputSm>& receivedHostTableToL2RibHostInputSm() const {
-    return receivedHostTableToL2RibHostInputSm_.get();
-  }
-  Bridging::VlanId bumDeferredDeleteBookmark() const { return bumDeferredDeleteBookmark_; }
-
-  // The children by their concrete classes. Each is also entered in the collection of its base class.
-  const TrackerShadow& vlanVniMapSmShadow() const { return vlanVniMapSmShadow_; }
-  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadow(const Qnet::IntfId& vti) const {
-    return vlanVniMapSmShadow_(vti);
-  }
-  Kel::Ptr<VtiVlanVniMapSm> vlanVniMapSmShadowIs(Qnet::IntfId vti, VxlanControllerMacAddrSmBase* owner,
-                                                 const Kel::Ptr<const VlanVniMap>& map);
-  void vlanVniMapSmShadowDel(const Qnet::IntfId& vti) { vlanVniMapSmShadow_.del(vti); }
-  void vlanVniMapSmShadowDelAll() { vlanVniMapSmShadow_.delAll(); }
-  const PerVniShadow& vccPerVniFdbStatusSmShadow() const { return vccPerVniFdbStatusSmShadow_; }
-  Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadow(VniExt vni) const {
-    return vccPerVniFdbStatusSmShadow_(vni);
-  }
-  Kel::Ptr<VccPerVniFdbStatusSm> vccPerVniFdbStatusSmShadowIs(
-      VniExt vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status,
-      const Kel::Ptr<const VtiStatusDir>& dir, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
-      VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde);
-  void vccPerVniFdbStatusSmShadowDel(VniExt vni) { vccPerVniFdbStatusSmShadow_.del(vni); }
-  void vccPerVniFdbStatusSmShadowDelAll() { vccPerVniFdbStatusSmShadow_.delAll(); }
-  const Kel::Ptr<RmxMlagBumStatusSm>& rmxMlagBumStatusSmShadow() const {
-    return rmxMlagBumStatusSmShadow_.get();
-  }
-  Kel::Ptr<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadowIs(const Kel::Ptr<const Mlag::VxlanStatus>& status,
-                                                          const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
-                                                          const Kel::Ptr<const VlanVniMaps>& maps);
-  void rmxMlagBumStatusSmShadowDel() { rmxMlagBumStatusSmShadow_.del(); }
-
- private:
-  class KelRmxStateBaseDir final : public Kel::Reacts<Kel::Dir, VxlanControllerClientSm> {
-   public:
-    using Reacts::Reacts;
-    void onEntityPtr(Kel::Name name) override { owner().handleRmxStateBaseDir(name); }
-    void onEntityPtrkelImmediate() override { owner().handleRmxStateBaseDir(); }
-  };
-  class KelVlanVniMaps final : public Kel::Reacts<VlanVniMaps, VxlanControllerClientSm> {
-   public:
-    using Reacts::Reacts;
-    void onVlanVniMap(Qnet::IntfId vti) override { owner().handleVlanVniMapVti(vti); }
-    void onVlanVniMapkelImmediate() override { owner().handleVlanVniMapVti(); }
-  };
-
-  void deleteRemoteMacsOfMappedVlans(const char* operation);
-  L2Rib::SourceDirEntry::VlanFloodSets::Iterator bumStartPosition(const char* operation) const;
-  std::size_t pruneVlanFloodSet(Bridging::VlanId vlan, const char* operation);
-  Kel::Ptr<RmxPerVniFdbStatusSmBase> machineOfVlan(Bridging::VlanId vlan) const;
-  void finishBumDeferredDeletes(std::size_t deleted, const char* operation);
-
-  Kel::Input<const Kel::Dir, KelRmxStateBaseDir> rmxStateBaseDir_{*this, "rmxStateBaseDir"};
-  Kel::Input<const VlanVniMaps, KelVlanVniMaps> vlanVniMaps_{*this, "vlanVniMaps"};
-  Kel::Held<L2Rib::SourceDirEntry> rmxSde_;
-  Kel::Held<L2Rib::HostInput> l2RibRmxInput_;
-  Kel::Held<VxlanClientConvergenceStatus> rmxConvergenceStatus_;
-  Kel::Child<RmxStateSm> rmxStateSm_{*this, "rmxStateSm"};
-  TrackerShadow vlanVniMapSmShadow_{*this, "vlanVniMapSmShadow"};
-  PerVniShadow vccPerVniFdbStatusSmShadow_{*this, "vccPerVniFdbStatusSmShadow"};
-  Kel::Held<ReceivedHostTable> hostTable_{*this, "hostTable"};
-  Kel::Child<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSm_{
-      *this, "receivedHostTableToL2RibHostInputSm"};
-  Kel::Own<Bridging::VlanId> bumDeferredDeleteBookmark_{*this, "bumDeferredDeleteBookmark",
-                                                        Bridging::VlanId(1U)};
-  Kel::Child<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadow_{*this, "rmxMlagBumStatusSmShadow"};
-
-  // The list of getVtiIterator, made anew when the maps have changed.
-  mutable std::vector<Qnet::IntfId> vtis_;
-  mutable const VlanVniMaps* vtisOf_ = nullptr;
-  mutable std::uint64_t vtisVersion_ = 0;
 };
 
 // The factories. Each counts as a handler and delivers all that the construction set off before it returns,
 // so that what it returns is live. Hold the machine for as long as it is to run.
 KEL_API Kel::Ptr<VxlanControllerClientSm> vxlanControllerClientSmFactory(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
-    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus);
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus,
+    DirRef rmxStateBaseDir, VlanVniMapsRef vlanVniMaps, SourceRef rmxSde, HostInputRef l2RibRmxInput,
+    ConvergenceStatusRef rmxConvergenceStatus);
 KEL_API Kel::Ptr<VxlanControllerMacAddrSmBase> vxlanControllerMacAddrSmBaseFactory(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus);
-KEL_API Kel::Ptr<RmxStateSmWrapper> rmxStateSmWrapperFactory(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView);
-KEL_API Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir);
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus);
+KEL_API Kel::Ptr<RmxStateSmWrapper> rmxStateSmWrapperFactory(VtiStatusDirRef vtiStatusDir,
+                                                             DirRef rmxStateBaseDir,
+                                                             ClientViewRef rmxStateClientView);
+KEL_API Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(MlagVxlanStatusRef mlagVxlanStatus,
+                                                                       HwStatusDirRef vxlanHwStatusDir);
 KEL_API Kel::Ptr<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSmFactory(
-    const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput);
+    ReceivedHostTableRef receivedHostTable, HostInputRef l2RibRmxInput);
 
 }  // namespace Vxlan

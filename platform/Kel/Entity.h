@@ -256,6 +256,7 @@ class Collection final : public AttributeBase {
   static constexpr bool hasWhole = !std::is_null_pointer_v<decltype(onWhole)>;
 
  public:
+  using Key = K;
   using Iterator = typename Storage<K, V>::Iterator;
 
   explicit Collection(const Entity& entity) : AttributeBase(entity) {}

@@ -10,6 +10,7 @@
 namespace Kel {
 
 class Entity;
+class Part;
 class StateMachine;
 
 // A notifiee: bound to at most one entity, its notifier, and belonging to one state machine. Each entity type
@@ -56,6 +57,7 @@ class KEL_API Reactor : public Referenced {
  private:
   friend class ActivityLoop;
   friend class Entity;
+  friend class Part;
   bool listens(std::uint32_t binding) const noexcept { return binding == binding_ && active_ && !zombie_; }
 
   std::uint32_t binding_ = 0;  // counts the bindings, so that what an earlier one queued is known

@@ -1,5 +1,6 @@
 #include "agent/daemon/AgentService.h"
 
+#include "agent/daemon/Flush.h"
 #include "agent/state/Branches.h"
 #include "agent/state/InputDocument.h"
 #include "agent/state/JsonChecks.h"
@@ -7,7 +8,6 @@
 namespace Agent {
 namespace {
 
-using Control::RequestError;
 using nlohmann::json;
 
 // What is there of one VNI.
@@ -18,6 +18,41 @@ Service::Part vniRecord(const Kel::Ptr<Kel::Entity>& entity) {
                             {"floodLists", status ? status->macVtepFloodListTable().size() : 0},
                             {"multiPaths", status ? status->macVtepMultiPathTable().size() : 0}});
 }
+
+Refused failure(const std::exception& error) {
+  return {"", error.what(), Refused::Kind::failed};
+}
+
+// Members that are made one by one, and behind them those of a document that is made as a whole, where one of
+// them is asked for.
+class MembersAndMore final : public Service::Branch {
+ public:
+  MembersAndMore(std::unique_ptr<Service::Members> members, std::function<json()> more)
+      : members_(std::move(members)), makeMore_(std::move(more)) {}
+
+  Service::Walked next(std::string& name, Service::Part& part) override {
+    if (const Service::Walked walked = members_->next(name, part); walked != Service::Walked::end) {
+      return walked;
+    }
+    return more().next(name, part);
+  }
+  Service::Part find(const std::string& name) override {
+    Service::Part member = members_->find(name);
+    return member.there() ? std::move(member) : more().find(name);
+  }
+
+ private:
+  Service::Branch& more() {
+    if (!more_.branch) {
+      more_ = Service::partOf(makeMore_());
+    }
+    return *more_.branch;
+  }
+
+  std::unique_ptr<Service::Members> members_;
+  std::function<json()> makeMore_;
+  Service::Part more_;
+};
 
 }  // namespace
 
@@ -31,11 +66,11 @@ void AgentService::patch(json&& patch, std::string_view who, Answer answer) {
   }
   hooks_.carryOut(std::move(patch), [this, answer = std::move(answer)](const std::exception* error) {
     if (const auto* refused = dynamic_cast<const Refused*>(error)) {
-      answer(Control::Refusal{refused->pointer(), refused->what()});
+      answer(*refused);
       return;
     }
     changed();
-    answer(error == nullptr ? std::nullopt : std::optional(Control::Refusal{"", error->what(), true}));
+    answer(error == nullptr ? std::nullopt : std::optional(failure(*error)));
   });
 }
 
@@ -47,26 +82,22 @@ Service::Part AgentService::part(const std::string& pointer) {
   return partAt(Service::Part(std::move(document)), pointer);
 }
 
-json AgentService::call(const std::string& method, const json& params) {
+void AgentService::call(const std::string& method, const json& params, CallAnswer answer) {
   if (method == "explain") {
-    return explain(params);
+    return answer(std::nullopt, explain(params));
   }
   if (method == "problems") {
-    return hooks_.problems();
+    return answer(std::nullopt, hooks_.problems());
   }
   if (method == "flush") {
-    return flush();
+    return flush(std::move(answer));
   }
-  throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + "\"");
+  throw Refused("", "unknown method \"" + method + "\"");
 }
 
 // Each member is made when it is asked for: counting what the kernel has takes long.
 Service::Part AgentService::agentPart() {
   auto members = std::make_unique<Service::Members>();
-  const auto own = std::make_shared<const json>(hooks_.agentSection());
-  for (const auto& [name, value] : own->items()) {
-    members->add(name, [own, member = &value] { return Service::partOf(*member); });
-  }
   members->add("vnis", [this] { return vnis(); });
   if (database_ != nullptr) {
     members->add("ovsdb", [this] { return Service::partOf(database_->status().json()); });
@@ -76,7 +107,7 @@ Service::Part AgentService::agentPart() {
                  [this] { return Service::partOf(kernel_->status().value("kinds", json::object())); });
     members->add("kernelStatus", [this] { return Service::partOf(kernel_->status()); });
   }
-  return Service::Part(std::move(members));
+  return Service::Part(std::make_unique<MembersAndMore>(std::move(members), hooks_.agentSection));
 }
 
 Service::Part AgentService::vnis() const {
@@ -110,35 +141,30 @@ json AgentService::explain(const json& params) {
       }
     }
     if (vlans.empty()) {
-      throw RequestError(RequestError::Kind::notFound, "",
-                         "nothing is known of " + mac->text() + " in any VLAN of this switch");
+      throw Refused("", "nothing is known of " + mac->text() + " in any VLAN of this switch",
+                    Refused::Kind::notFound);
     }
     return explainHost(world_, *mac, vlans.front(), database_, kernel_, refused_);
-  } catch (const Refused& refused) {
-    throw RequestError(RequestError::Kind::refused, refused.pointer(), refused.what());
   } catch (const json::exception& error) {
-    throw RequestError(RequestError::Kind::refused, "", error.what());
+    throw Refused("", error.what());
   }
 }
 
-// Takes the switch out of service: all forwarding state goes, and none comes before the next start.
-json AgentService::flush() {
-  hooks_.finishPatches();
-  std::size_t floodSets = 0;
-  const std::size_t hosts = world_.hosts->hosts();
-  Kel::ActivityLoop::instance().asHandler([&] {
-    for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
-      floodSets += vlan.value->floodSets();
+// Takes the switch out of service, behind the patches that came before.
+void AgentService::flush(CallAnswer answer) {
+  const auto flush = std::make_shared<Flush>(world_);
+  const auto step = [this, flush] {
+    const bool more = flush->step();
+    changed();
+    return more;
+  };
+  hooks_.inOrder(step, [flush, answer = std::move(answer)](const std::exception* error) {
+    if (error != nullptr) {
+      answer(failure(*error), nullptr);
+    } else {
+      answer(std::nullopt, {{"hosts", flush->hosts()}, {"floodSets", flush->floodSets()}});
     }
-    world_.clientDel();
-    for (auto host = world_.hosts->firstHost(); host; host = world_.hosts->nextHost(host->key)) {
-      world_.hosts->hostDel(host->key);
-    }
-    world_.floodSets->vlanFloodSetDelAll();
-    world_.hwStatus->bumStatus()->bumVtepListDelAll();
   });
-  changed();
-  return {{"hosts", hosts}, {"floodSets", floodSets}};
 }
 
 }  // namespace Agent

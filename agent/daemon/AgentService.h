@@ -25,7 +25,7 @@ class AgentService final : public Control::Backend {
   // How the daemon carries a patch out and what it knows beside the world.
   struct Hooks {
     std::function<void(nlohmann::json patch, PatchQueue::Done done)> carryOut;
-    std::function<void()> finishPatches;
+    std::function<void(PatchQueue::Step step, PatchQueue::Done done)> inOrder;  // with the patches
     std::function<nlohmann::json()> agentSection;  // what is the daemon's own in "agent"
     std::function<nlohmann::json()> problems;      // an array of kind, where, text
   };
@@ -40,7 +40,7 @@ class AgentService final : public Control::Backend {
 
   void patch(nlohmann::json&& patch, std::string_view who, Answer answer) override;
   Service::Part part(const std::string& pointer) override;
-  nlohmann::json call(const std::string& method, const nlohmann::json& params) override;
+  void call(const std::string& method, const nlohmann::json& params, CallAnswer answer) override;
   bool callChanges(const std::string& method) const override { return method == "flush"; }
   void onChange(std::function<void()> listener) override { listener_ = std::move(listener); }
 
@@ -55,7 +55,7 @@ class AgentService final : public Control::Backend {
   Service::Part agentPart();
   Service::Part vnis() const;
   nlohmann::json explain(const nlohmann::json& params);
-  nlohmann::json flush();
+  void flush(CallAnswer answer);
 
   World& world_;
   OutputDocument output_;

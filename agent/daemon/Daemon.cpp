@@ -212,7 +212,9 @@ void Daemon::openControl() {
   hooks.carryOut = [this](json patch, PatchQueue::Done done) {
     patches_.add(std::move(patch), std::move(done));
   };
-  hooks.finishPatches = [this] { patches_.finish(); };
+  hooks.inOrder = [this](PatchQueue::Step step, PatchQueue::Done done) {
+    patches_.addSteps(std::move(step), std::move(done));
+  };
   hooks.agentSection = [this] { return agentSection(); };
   hooks.problems = [this] { return problems(); };
   service_ = std::make_unique<AgentService>(world_, options_.table, std::move(hooks));

@@ -43,7 +43,18 @@ void PatchQueue::add(json patch, Done done) {
   patches_.push_back({std::move(patch), std::move(done)});
   if (!waits) {
     finish();
-  } else if (work_ == Service::EventLoop::WorkId::none) {
+  } else {
+    workIsDue();
+  }
+}
+
+void PatchQueue::addSteps(Step step, Done done) {
+  patches_.push_back({nullptr, std::move(done), std::move(step)});
+  workIsDue();
+}
+
+void PatchQueue::workIsDue() {
+  if (work_ == Service::EventLoop::WorkId::none) {
     work_ = loop_.addWork([this] { return slice(); });
   }
 }
@@ -80,6 +91,9 @@ void PatchQueue::advance() {
 
 // False when the patch is carried out.
 bool PatchQueue::step(Patch& patch) {
+  if (patch.steps) {
+    return patch.steps();
+  }
   if (!patch.checked) {
     check(patch);
   } else if (!patch.pieces.empty()) {

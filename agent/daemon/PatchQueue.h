@@ -28,6 +28,7 @@ class PatchQueue {
   };
   // Told why a patch was refused (Refused) or what else stopped it, or null when it was carried out.
   using Done = std::function<void(const std::exception*)>;
+  using Step = std::function<bool()>;
 
   // `loop` and `world` must outlive the queue.
   PatchQueue(Service::EventLoop& loop, World& world, Hooks hooks);
@@ -37,6 +38,10 @@ class PatchQueue {
 
   // Takes a patch in; `done` is called when it is carried out, at once or in a later turn.
   void add(nlohmann::json patch, Done done);
+  // Takes in something else that has its place in the order of the patches: `step` does a part of it, a short
+  // one, and returns whether there is more. It is done in slices, and `done` is called in a later turn. What
+  // `step` throws ends it.
+  void addSteps(Step step, Done done);
   // Carries out all that waits.
   void finish();
 
@@ -45,6 +50,7 @@ class PatchQueue {
   struct Patch {
     nlohmann::json whole;
     Done done;
+    Step steps{};  // of what is no patch
     std::optional<PatchPieces> cut{};
     nlohmann::json renewed{};  // mappings to be signalled once more behind the head
     bool checked = false;
@@ -53,6 +59,7 @@ class PatchQueue {
     bool headIsOut = false;
   };
 
+  void workIsDue();
   bool slice();
   void advance();
   bool step(Patch& patch);

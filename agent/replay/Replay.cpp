@@ -41,7 +41,7 @@ std::string oneLine(const std::string& message) {
 }
 
 std::string message(const Refused& refused) {
-  return oneLine(refused.pointer()) + ": " + refused.what();
+  return oneLine(refused.pointer()) + ": " + refused.reason();
 }
 
 double secondsAt(const Place& place, const json& value) {

@@ -5,25 +5,14 @@
 #include <deque>
 #include <functional>
 #include <nlohmann/json.hpp>
-#include <stdexcept>
-#include <string>
-#include <utility>
 
 #include "agent/state/World.h"
+#include "service/json/Refused.h"
 
 namespace Agent {
 
-// A patch, or another text from outside, that was not accepted: where (a JSON Pointer) and why. Nothing was
-// changed.
-class Refused : public std::runtime_error {
- public:
-  Refused(std::string pointer, const std::string& reason)
-      : std::runtime_error(reason), pointer_(std::move(pointer)) {}
-  const std::string& pointer() const { return pointer_; }
-
- private:
-  std::string pointer_;
-};
+// A patch, or another text from outside, that was not accepted. Nothing was changed.
+using Service::Refused;
 
 // A JSON Merge Patch (RFC 7396) on the input document, checked whole and taken apart into single changes of
 // the state database, in the order that the document's contract gives: sections, then at every level first

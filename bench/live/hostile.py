@@ -1,50 +1,63 @@
 #!/usr/bin/env python3
-"""Measures what hostile clients cost: the loop's longest stall, and how long the superuser waits.
+"""Measures what hostile clients cost: the loop's longest stalls, and how long the superuser waits.
 
     hostile.py --agent FILE --vxlanctl FILE --memtab FILE [--hosts N] [--clients N] [--seconds N] [--tiny]
 
-As the superuser, the clients are of four other users. The longest stall is the agent's own figure, over the time of the
-crowd alone where the agent tells the sum of the stalls in buckets, and else since the start.
+As the superuser, the clients are of four other users. A stall is the time between two polls of the agent's loop; the agent
+counts them in buckets, and what is printed are those of the crowd alone, with the flush at its end. A machine that has other
+work makes them longer: the agent's share of the processor and how often it was taken off one stand beside them.
 """
 
-import argparse
-import os
+import re
 import sys
 import time
+import urllib.request
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../tests/live"))
-
-import readers  # noqa: E402
-from rig import Lines, Rig, Skip  # noqa: E402
+import bench
+import readers
+from database import free_ports
+from rig import Lines
 
 
 def main():
-    parser = argparse.ArgumentParser(description="Measures the agent among hostile clients.")
-    for name in ("agent", "vxlanctl", "memtab"):
-        parser.add_argument("--" + name, required=True, metavar="FILE", help=f"the program {name}")
-    parser.add_argument("--hosts", type=int, default=100_000)
-    parser.add_argument("--clients", type=int, default=200)
-    parser.add_argument("--seconds", type=int, default=300)
-    parser.add_argument("--tiny", action="store_true", help="a run that says nothing but that it runs")
-    options = parser.parse_args()
-    if options.tiny:
-        options.hosts, options.clients, options.seconds = 500, 8, 1
+    options = bench.options_of("Measures the agent among hostile clients.", {"hosts": 500, "clients": 8, "seconds": 1},
+                               hosts=100_000, clients=200, seconds=300)
     readers.HOSTS = options.hosts
-    rig = Rig({name: os.path.realpath(getattr(options, name)) for name in ("agent", "vxlanctl", "memtab")})
-    try:
-        measure(rig, options)
-    except Skip as skip:
-        print(f"skipped: {skip}")
-        return 77
-    finally:
-        rig.close()
-    return 0
+    return bench.measure(options, lambda rig: among_hostile_clients(rig, options))
 
 
-def measure(rig, options):
-    agent = readers.agent_with_hosts(rig)
-    before = agent.get("/agent/loop/longestStall")
-    print(f"{options.hosts} hosts; the longest stall while they came in {before * 1000:.1f} ms", flush=True)
+class Stalls:
+    """The stalls of an agent's loop: how many were longer than each bound, in milliseconds."""
+
+    def __init__(self, port):
+        with urllib.request.urlopen(f"http://127.0.0.1:{port}/metrics", timeout=60) as page:
+            text = page.read().decode()
+        below = {float(bound): int(float(count)) for bound, count in
+                 re.findall(r'vxlan_agent_loop_stall_seconds_bucket{le="([^"]*)"} (\S+)', text)}
+        self.turns = below[float("inf")]
+        self.longer = {bound * 1000: self.turns - count for bound, count in below.items() if bound >= 0.005 and bound < 9}
+
+    def since(self, before):
+        longer = {bound: count - before.longer[bound] for bound, count in self.longer.items()}
+        told = ", ".join(f"{count} longer than {bound:g} ms" for bound, count in sorted(longer.items()) if count != 0)
+        return f"{self.turns - before.turns} turns, {told or 'none longer than 5 ms'}"
+
+
+def scheduling(pid):
+    """Seconds on a processor, and how often the agent was taken off one while it had work."""
+    with open(f"/proc/{pid}/schedstat", encoding="utf-8") as file:
+        ran, waited, _ = (int(number) for number in file.read().split())
+    with open(f"/proc/{pid}/status", encoding="utf-8") as file:
+        taken = next(int(line.split()[1]) for line in file if line.startswith("nonvoluntary"))
+    return ran * 1e-9, waited * 1e-9, taken
+
+
+def among_hostile_clients(rig, options):
+    port = free_ports(1)[0]
+    agent = readers.agent_with_hosts(rig, "--metrics", f"127.0.0.1:{port}")
+    stalls, scheduled = Stalls(port), scheduling(agent.process.pid)
+    print(f"{options.hosts} hosts; the longest stall while they came in {agent.get('/agent/loop/longestStall') * 1000:.1f} ms",
+          flush=True)
     readers.crowd(rig, agent, options.clients)
     end = time.monotonic() + options.seconds
     waits = []
@@ -55,9 +68,11 @@ def measure(rig, options):
         waits.append(time.monotonic() - began)
         lines.close()
         time.sleep(0.2)
-    loop, control = agent.get("/agent/loop"), agent.get("/agent/control")
+    control, crowd = agent.get("/agent/control"), Stalls(port)
+    ran, waited, taken = (now - then for now, then in zip(scheduling(agent.process.pid), scheduled))
     print(f"{options.clients} clients for {options.seconds} s: {control}")
-    print(f"the longest stall {loop['longestStall'] * 1000:.1f} ms (it was {before * 1000:.1f} ms before), {loop['turns']} turns")
+    print(f"among them {crowd.since(stalls)}; the longest of all {agent.get('/agent/loop/longestStall') * 1000:.1f} ms")
+    print(f"the agent ran for {ran:.1f} s, waited {waited:.1f} s for a processor, and was taken off one {taken} times")
     waits.sort()
     print(f"the superuser connects and is answered within {waits[len(waits) // 2] * 1000:.1f} ms in the median, "
           f"{waits[-1] * 1000:.1f} ms at worst, of {len(waits)}")
@@ -66,6 +81,8 @@ def measure(rig, options):
     began = time.monotonic()
     flushed = Lines(agent.socket).ask({"call": "flush"})
     print(f"flush of {flushed['value']['hosts']} hosts answered after {(time.monotonic() - began) * 1000:.1f} ms")
+    print(f"while it was carried out {Stalls(port).since(crowd)}; "
+          f"the longest of all {agent.get('/agent/loop/longestStall') * 1000:.1f} ms")
 
 
 if __name__ == "__main__":

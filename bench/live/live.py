@@ -8,16 +8,14 @@ did not look at its descriptors, as the agent itself measures it, since it start
 memory is the most that the process ever had.
 """
 
-import argparse
 import os
 import subprocess
 import sys
 import time
 
-sys.path.insert(0, os.path.join(os.path.dirname(os.path.realpath(__file__)), "../../tests/live"))
-
-from database import Published, Server, behind, mac, tools  # noqa: E402
-from rig import Agent, Rig, Skip, until  # noqa: E402
+import bench
+from database import Published, Server, behind, mac, tools
+from rig import Agent, until
 
 VTEPS = [f"10.0.{number // 250}.{number % 250 + 2}" for number in range(32)]
 BATCH = 5000
@@ -161,34 +159,16 @@ def many_logical_switches(rig, sheet, options):
     agent.stop()
 
 
-def main():
-    parser = argparse.ArgumentParser(description="Measures the agent as a whole below a real database.")
-    for name in ("agent", "vxlanctl", "memtab"):
-        parser.add_argument("--" + name, required=True, metavar="FILE", help=f"the program {name}")
-    parser.add_argument("--hosts", type=int, default=100_000)
-    parser.add_argument("--vlans", type=int, default=10)
-    parser.add_argument("--switches", type=int, default=4000)
-    parser.add_argument("--tiny", action="store_true", help="a run that says nothing but that it runs")
-    parser.add_argument("--only", help="one part: " + ", ".join(PARTS))
-    options = parser.parse_args()
-    if options.tiny:
-        options.hosts, options.switches = 500, 50
-    sheet = Sheet()
-    for name, part in PARTS.items():
-        if options.only not in (None, name):
-            continue
-        rig = Rig({name: os.path.realpath(getattr(options, name)) for name in ("agent", "vxlanctl", "memtab")})
-        try:
-            part(rig, sheet, options)
-        except Skip as skip:
-            print(f"skipped: {skip}")
-            return 77
-        finally:
-            rig.close()
-    return 0
-
-
 PARTS = {"database": below_a_database, "control": over_the_control_socket, "switches": many_logical_switches}
+
+
+def main():
+    options = bench.options_of("Measures the agent as a whole below a real database.", {"hosts": 500, "switches": 50},
+                               only=tuple(PARTS), hosts=100_000, vlans=10, switches=4000)
+    sheet = Sheet()
+    parts = [part for name, part in PARTS.items() if options.only in (None, name)]
+    return bench.measure(options, *(lambda rig, part=part: part(rig, sheet, options) for part in parts))
+
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -31,7 +31,7 @@ void Answer::end(std::string& out) {
     return;
   }
   if (nothing_ == Nothing::isError) {
-    throw RequestError(RequestError::Kind::notFound, pointer_, "nothing is there");
+    throw Service::Refused(pointer_, "nothing is there", Service::Refused::Kind::notFound);
   }
   out += valueLine(id_, nullptr);
 }

@@ -12,7 +12,7 @@ namespace Control {
 class Answer {
  public:
   enum class Nothing {
-    isError,  // a part that is not there raises RequestError (notFound)
+    isError,  // a part that is not there raises Service::Refused (notFound)
     isNull,   // its value is null
   };
 

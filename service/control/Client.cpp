@@ -62,7 +62,8 @@ json Client::ask(const json& request) {
   send(lineText(request));
   json answer = receive(patience_);
   if (const auto error = answer.find("error"); error != answer.end()) {
-    throw Refused(error->value("kind", "refused"), error->value("pointer", ""), error->value("reason", ""));
+    throw Service::Refused(error->value("pointer", ""), error->value("reason", ""),
+                           Service::refusedKindOf(error->value("kind", "refused")));
   }
   return answer;
 }

@@ -6,7 +6,8 @@
 #include <stdexcept>
 #include <string>
 
-#include "service/control/UniqueFd.h"
+#include "service/json/Refused.h"
+#include "service/loop/UniqueFd.h"
 
 namespace Control {
 
@@ -14,22 +15,6 @@ namespace Control {
 class Unreachable : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
-};
-
-// The agent's "error" answer. `kind` is "refused", "notFound" or "denied".
-class Refused : public std::runtime_error {
- public:
-  Refused(std::string kind, std::string pointer, const std::string& reason)
-      : std::runtime_error(pointer.empty() ? reason : pointer + ": " + reason),
-        kind_(std::move(kind)),
-        pointer_(std::move(pointer)) {}
-
-  const std::string& kind() const { return kind_; }
-  const std::string& pointer() const { return pointer_; }
-
- private:
-  std::string kind_;
-  std::string pointer_;
 };
 
 // A program's end of the control socket. It waits for each answer.
@@ -40,7 +25,8 @@ class Client {
   explicit Client(const std::string& path,
                   std::optional<std::chrono::milliseconds> patience = std::chrono::seconds{30});
 
-  // Each asks and returns the value of the answer. They raise Refused and Unreachable.
+  // Each asks and returns the value of the answer. They raise Service::Refused, which is the
+  // agent's "error" answer, and Unreachable.
   void patch(const nlohmann::json& patch);
   nlohmann::json get(const std::string& pointer);
   nlohmann::json call(const std::string& method, nlohmann::json params = nlohmann::json::object());
@@ -58,7 +44,7 @@ class Client {
 
   std::string path_;
   std::optional<std::chrono::milliseconds> patience_;
-  UniqueFd socket_;
+  Service::UniqueFd socket_;
   std::string in_;
 };
 

@@ -19,7 +19,7 @@ bool mayTryAgain(int error) {
 
 }  // namespace
 
-Connection::Connection(UniqueFd socket, std::size_t longestLine)
+Connection::Connection(Service::UniqueFd socket, std::size_t longestLine)
     : socket_(std::move(socket)), longestLine_(longestLine) {}
 
 void Connection::fill() {

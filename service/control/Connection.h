@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "service/control/UniqueFd.h"
+#include "service/loop/UniqueFd.h"
 
 namespace Control {
 
@@ -19,7 +19,7 @@ class Connection {
   };
 
   // Takes over a non-blocking stream socket. A line may have up to `longestLine` bytes.
-  Connection(UniqueFd socket, std::size_t longestLine);
+  Connection(Service::UniqueFd socket, std::size_t longestLine);
 
   int fd() const { return socket_.get(); }
 
@@ -60,7 +60,7 @@ class Connection {
     Kind kind;
   };
 
-  UniqueFd socket_;
+  Service::UniqueFd socket_;
   std::size_t longestLine_;
   std::string in_;
   std::size_t taken_ = 0;    // of in_, bytes already taken as lines

@@ -35,8 +35,8 @@ sockaddr_un addressOf(const std::string& path) {
   return address;
 }
 
-UniqueFd streamSocket(const std::string& path) {
-  UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
+Service::UniqueFd streamSocket(const std::string& path) {
+  Service::UniqueFd fd{socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)};
   if (!fd) {
     raise(path, "no socket", errno);
   }
@@ -54,7 +54,7 @@ Files::LockFile lockOf(const std::string& path) {
 }
 
 // The process at the other end, where the system tells.
-std::string peerOf(const UniqueFd& connection) {
+std::string peerOf(const Service::UniqueFd& connection) {
   ucred peer{};
   socklen_t size = sizeof peer;
   return getsockopt(connection.get(), SOL_SOCKET, SO_PEERCRED, &peer, &size) == 0 && peer.pid != 0
@@ -91,7 +91,7 @@ void Listener::makeRoom() const {
   if (!S_ISSOCK(status.st_mode)) {
     raise(path_, "there is something else than a socket");
   }
-  const UniqueFd probe = streamSocket(path_);
+  const Service::UniqueFd probe = streamSocket(path_);
   const sockaddr_un address = addressOf(path_);
   const bool refused =
       connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 &&
@@ -128,7 +128,7 @@ void Listener::bindSocket(const Access& access) {
 
 // By a descriptor of the very file: where others can write to the folder, the name may lead elsewhere by now.
 void Listener::accessIs(const Access& access) const {
-  const UniqueFd file{open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
+  const Service::UniqueFd file{open(path_.c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)};
   struct stat status {};
   if (!file || fstat(file.get(), &status) != 0 || status.st_dev != device_ || status.st_ino != inode_) {
     raise(path_, "the agent's file is no more there");
@@ -142,8 +142,8 @@ void Listener::accessIs(const Access& access) const {
   }
 }
 
-UniqueFd Listener::accept() const {
-  return UniqueFd{accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
+Service::UniqueFd Listener::accept() const {
+  return Service::UniqueFd{accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
 }
 
 }  // namespace Control

@@ -6,7 +6,7 @@
 
 #include "Files/LockFile.h"
 #include "service/control/Access.h"
-#include "service/control/UniqueFd.h"
+#include "service/loop/UniqueFd.h"
 
 namespace Control {
 
@@ -30,7 +30,7 @@ class Listener {
 
   // The next connection that waits, non-blocking; an empty one with errno set when there is none or the
   // system has no descriptor left.
-  UniqueFd accept() const;
+  Service::UniqueFd accept() const;
   // Lets others in. Raises std::runtime_error when the file cannot be changed.
   void accessIs(const Access& access) const;
 
@@ -40,7 +40,7 @@ class Listener {
 
   std::string path_;
   Files::LockFile lock_;
-  UniqueFd socket_;
+  Service::UniqueFd socket_;
   dev_t device_ = 0;
   ino_t inode_ = 0;
 };

@@ -52,6 +52,42 @@ class MirrorBranch final : public Service::Branch {
   bool begun_ = false;
 };
 
+MirrorMemory::~MirrorMemory() {
+  for (std::size_t steps = 1; free(steps); steps = 1) {
+  }
+}
+
+bool MirrorMemory::free(std::size_t& steps) {
+  while (steps > 0 && given_ != nullptr) {
+    MirrorLevel* const level = given_;
+    --steps;
+    if (level->members.empty()) {
+      given_ = level->next;
+      delete level;
+      continue;
+    }
+    const auto first = level->members.begin();
+    bytes_ -= memberBytes + first->first.size() + first->second.record.size();
+    level->members.erase(first);  // a level below it comes to the head of the list
+  }
+  return given_ != nullptr;
+}
+
+Mirror::~Mirror() {
+  memory_->bytes_ -= root_.record.size();
+}
+
+// A level that goes to the memory's list, if that is still there, when its last user has gone.
+std::shared_ptr<MirrorLevel> Mirror::makeLevel() const {
+  return {new MirrorLevel, [memory = std::weak_ptr(memory_)](MirrorLevel* level) {
+            if (const std::shared_ptr<MirrorMemory> there = memory.lock()) {
+              level->next = std::exchange(there->given_, level);
+            } else {
+              delete level;
+            }
+          }};
+}
+
 void Mirror::begin(bool tells) {
   ++round_;
   tells_ = tells;
@@ -98,7 +134,7 @@ Mirror::Known& Mirror::meet(Level& level, const std::string& name) {
   const auto [at, isNew] = level.members.try_emplace(name);
   Known& known = at->second;
   if (isNew) {
-    bytes_ += memberBytes + name.size();
+    memory_->bytes_ += memberBytes + name.size();
   }
   if (known.round != round_) {
     known.round = round_;
@@ -125,7 +161,7 @@ Mirror::Known& Mirror::meet(const Path& path) {
 }
 
 // The level of the place that the first `depth` names of a path lead to; it counts as walked in this round.
-std::shared_ptr<Mirror::Level> Mirror::levelOf(const Path& path, std::size_t depth, Known& known) {
+std::shared_ptr<MirrorLevel> Mirror::levelOf(const Path& path, std::size_t depth, Known& known) {
   if (!known.level) {
     becomesLevel(path, depth, known);
   }
@@ -139,9 +175,9 @@ std::shared_ptr<Mirror::Level> Mirror::levelOf(const Path& path, std::size_t dep
 }
 
 void Mirror::becomesLevel(const Path& path, std::size_t depth, Known& known) {
-  known.level = std::make_shared<Level>();
+  known.level = makeLevel();
   const std::string record = std::exchange(known.record, {});
-  bytes_ -= record.size();
+  memory_->bytes_ -= record.size();
   if (!record.starts_with('{')) {
     put(path, depth, json::object());
     return;
@@ -150,7 +186,7 @@ void Mirror::becomesLevel(const Path& path, std::size_t depth, Known& known) {
   for (const auto& [name, member] : members.items()) {
     Known& old = known.level->members[name];
     old.record = member.dump();
-    bytes_ += memberBytes + name.size() + old.record.size();
+    memory_->bytes_ += memberBytes + name.size() + old.record.size();
   }
 }
 
@@ -162,7 +198,7 @@ void Mirror::recordChanges(const Path& path, Known& known, const std::string& te
   }
   forget(known);
   known.record = text;
-  bytes_ += text.size();
+  memory_->bytes_ += text.size();
 }
 
 bool Mirror::sweep(std::size_t& steps) {
@@ -179,7 +215,7 @@ bool Mirror::sweep(std::size_t& steps) {
       --steps;
     }
   }
-  return freeDying(steps) || !walked_.empty();
+  return !walked_.empty();
 }
 
 // Nothing is there any more.
@@ -205,47 +241,16 @@ void Mirror::sweepLevel(Walk& walk, std::size_t& steps) {
     walk.path.push_back(at->first);
     put(walk.path, walk.path.size(), nullptr);
     walk.path.pop_back();
-    bytes_ -= memberBytes + at->first.size();
+    memory_->bytes_ -= memberBytes + at->first.size();
     forget(at->second);
     at = members.erase(at);
   }
 }
 
 void Mirror::forget(Known& known) {
-  bytes_ -= known.record.size();
+  memory_->bytes_ -= known.record.size();
   known.record.clear();
-  if (known.level) {
-    dying_.push_back(std::move(known.level));
-  }
   known.level = nullptr;
-}
-
-bool Mirror::dissolve(std::size_t& steps) {
-  walked_.clear();
-  lastLevel_ = nullptr;
-  forget(root_);
-  return freeDying(steps);
-}
-
-// Who still walks a level gives it back.
-bool Mirror::freeDying(std::size_t& steps) {
-  while (steps > 0 && !dying_.empty()) {
-    const std::shared_ptr<Level> level = dying_.back();
-    dying_.pop_back();
-    --steps;
-    if (level.use_count() > 1 || level->members.empty()) {
-      continue;
-    }
-    const auto first = level->members.begin();
-    const std::shared_ptr<Level> below = std::move(first->second.level);
-    bytes_ -= memberBytes + first->first.size() + first->second.record.size();
-    level->members.erase(first);
-    dying_.push_back(level);
-    if (below) {
-      dying_.push_back(below);
-    }
-  }
-  return !dying_.empty();
 }
 
 std::optional<json> Mirror::takePatch() {

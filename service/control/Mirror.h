@@ -7,11 +7,37 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service/json/Parts.h"
 
 namespace Control {
+
+struct MirrorLevel;
+
+// The memory of mirrors. What a mirror gives up, and what is given up by the last who walks it, comes back
+// here as it is and is freed little by little, since freeing a large part at once takes long.
+class MirrorMemory {
+ public:
+  MirrorMemory() = default;
+  ~MirrorMemory();
+  MirrorMemory(const MirrorMemory&) = delete;
+  MirrorMemory& operator=(const MirrorMemory&) = delete;
+
+  // About how many bytes all mirrors take, with what is not yet freed.
+  std::size_t bytes() const { return bytes_; }
+  // Whether there is something to free.
+  bool due() const { return given_ != nullptr; }
+  // Frees about `steps` members, which it counts down; returns whether there is more.
+  bool free(std::size_t& steps);
+
+ private:
+  friend class Mirror;
+
+  std::size_t bytes_ = 0;
+  MirrorLevel* given_ = nullptr;  // a list of levels that nobody uses any more
+};
 
 // A part of the document as its followers know it, and what has to be told them.
 //
@@ -20,11 +46,12 @@ namespace Control {
 // since the last round is not walked. Each step takes a short time, however large the part.
 class Mirror {
  public:
-  struct Level;  // the members of an object
+  using Level = MirrorLevel;  // the members of an object
 
-  Mirror() = default;
-  Mirror(Mirror&&) = default;
-  Mirror& operator=(Mirror&&) = default;
+  explicit Mirror(std::shared_ptr<MirrorMemory> memory) : memory_(std::move(memory)) {}
+  ~Mirror();
+  Mirror(const Mirror&) = delete;
+  Mirror& operator=(const Mirror&) = delete;
 
   // A round begins. `tells`: whether what changes goes into the patch; where nobody follows yet it need not.
   void begin(bool tells);
@@ -44,14 +71,12 @@ class Mirror {
   // What is known. It may be walked while rounds go on: it is then the old or the new of each record, and the
   // patches that come meanwhile make the new of all.
   Service::Part part() const;
-  // About how many bytes of memory it takes.
-  std::size_t bytes() const { return bytes_; }
-
-  // Gives its memory back, about `steps` members at a time, which it counts down; returns whether there is
-  // more.
-  bool dissolve(std::size_t& steps);
 
  private:
+  friend class MirrorBranch;
+  friend class MirrorMemory;
+  friend struct MirrorLevel;
+
   // What is known of a place: a record, a level or, of the root alone, nothing.
   struct Known {
     std::string record{};
@@ -65,6 +90,7 @@ class Mirror {
     std::string next{};  // the member that the sweep goes on with
   };
 
+  std::shared_ptr<Level> makeLevel() const;
   static const Known* find(const Known& known, const std::string& name);
   Known& meet(Level& level, const std::string& name);
   Known& meet(const std::vector<std::string>& path);
@@ -74,33 +100,30 @@ class Mirror {
   void sweepLevel(Walk& walk, std::size_t& steps);
   void sweepRoot();
   void forget(Known& known);
-  bool freeDying(std::size_t& steps);
   void put(const std::vector<std::string>& path, std::size_t depth, nlohmann::json value);
   static nlohmann::json jsonOf(const Known& known);
 
+  std::shared_ptr<MirrorMemory> memory_;
   Known root_;
   std::uint64_t round_ = 0;
   std::vector<std::string> lastPath_;  // of the last record
   std::shared_ptr<Level> lastLevel_;   // that it stands in
   std::vector<std::uint64_t> stamps_;  // of the branches that the walk stands in
   std::vector<Walk> walked_;
-  std::vector<std::shared_ptr<Level>> dying_;  // are given back little by little
 
   bool tells_ = false;
   nlohmann::json patch_;
   bool hasPatch_ = false;
   std::size_t changes_ = 0;
-  std::size_t bytes_ = 0;
-
-  friend class MirrorBranch;
 };
 
 // The members of an object, as they are known.
-struct Mirror::Level {
-  std::map<std::string, Known> members{};
-  std::size_t met = 0;      // members that were met in `round`
-  std::uint64_t round = 0;  // in which it was walked last
-  std::uint64_t stamp = 0;  // of the branch when that walk began
+struct MirrorLevel {
+  std::map<std::string, Mirror::Known> members{};
+  std::size_t met = 0;          // members that were met in `round`
+  std::uint64_t round = 0;      // in which it was walked last
+  std::uint64_t stamp = 0;      // of the branch when that walk began
+  MirrorLevel* next = nullptr;  // in the list of those that are to be freed
 };
 
 }  // namespace Control

@@ -44,14 +44,14 @@ std::optional<std::string> Ownership::ownerOf(std::string_view pointer) const {
   }
 }
 
-std::optional<Refusal> Ownership::check(const nlohmann::json& patch, std::string_view who) const {
+std::optional<Service::Refused> Ownership::check(const nlohmann::json& patch, std::string_view who) const {
   return owners_.empty() ? std::nullopt : checkAt("", patch, who);
 }
 
 // Only leaves of the patch touch anything; what is an object merely leads to them, unless it is empty or a
 // new owner begins there.
-std::optional<Refusal> Ownership::checkAt(const std::string& pointer, const nlohmann::json& patch,
-                                          std::string_view who) const {
+std::optional<Service::Refused> Ownership::checkAt(const std::string& pointer, const nlohmann::json& patch,
+                                                   std::string_view who) const {
   if (patch.is_object() && !patch.empty()) {
     for (const auto& [name, member] : patch.items()) {
       if (auto refusal = checkAt(pointer + '/' + token(name), member, who)) {
@@ -61,17 +61,18 @@ std::optional<Refusal> Ownership::checkAt(const std::string& pointer, const nloh
     return std::nullopt;
   }
   if (const auto owner = ownerOf(pointer); owner && *owner != who) {
-    return Refusal{pointer, "owned by " + *owner};
+    return Service::Refused(pointer, "owned by " + *owner);
   }
   return patch.is_object() ? std::nullopt : ownedBelow(pointer, who);
 }
 
-std::optional<Refusal> Ownership::ownedBelow(const std::string& pointer, std::string_view who) const {
+std::optional<Service::Refused> Ownership::ownedBelow(const std::string& pointer,
+                                                      std::string_view who) const {
   const std::string prefix = pointer + '/';
   for (auto claim = owners_.lower_bound(prefix); claim != owners_.end() && claim->first.starts_with(prefix);
        ++claim) {
     if (claim->second != who) {
-      return Refusal{claim->first, "owned by " + claim->second};
+      return Service::Refused(claim->first, "owned by " + claim->second);
     }
   }
   return std::nullopt;

@@ -26,12 +26,12 @@ class Ownership {
   // Whether `who` may carry out a merge patch of the input document: it must not set, change or remove a
   // member that another owns, nor replace or remove one above it. Returns the first member in the way, and
   // whose it is.
-  std::optional<Refusal> check(const nlohmann::json& patch, std::string_view who) const;
+  std::optional<Service::Refused> check(const nlohmann::json& patch, std::string_view who) const;
 
  private:
-  std::optional<Refusal> checkAt(const std::string& pointer, const nlohmann::json& patch,
-                                 std::string_view who) const;
-  std::optional<Refusal> ownedBelow(const std::string& pointer, std::string_view who) const;
+  std::optional<Service::Refused> checkAt(const std::string& pointer, const nlohmann::json& patch,
+                                          std::string_view who) const;
+  std::optional<Service::Refused> ownedBelow(const std::string& pointer, std::string_view who) const;
 
   std::map<std::string, std::string, std::less<>> owners_;  // by JSON Pointer
 };

@@ -152,14 +152,10 @@ std::string cutLine(const json& id) {
   return line(id, "\"cut\":true");
 }
 
-std::string errorLine(const json& id, std::string_view kind, const Refusal& refusal) {
-  const json error{{"kind", kind}, {"pointer", refusal.pointer}, {"reason", refusal.reason}};
+std::string errorLine(const json& id, const Service::Refused& refused) {
+  const json error{
+      {"kind", nameOf(refused.kind())}, {"pointer", refused.pointer()}, {"reason", refused.reason()}};
   return line(id, "\"error\":" + lineText(error));
-}
-
-std::string errorLine(const json& id, const RequestError& error) {
-  const bool notFound = error.kind() == RequestError::Kind::notFound;
-  return errorLine(id, notFound ? "notFound" : "refused", Refusal{error.pointer(), error.what()});
 }
 
 }  // namespace Control

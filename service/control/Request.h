@@ -26,10 +26,9 @@ struct Request {
 };
 
 // What is wrong with a line, and the id that its answer carries.
-class BadRequest : public RequestError {
+class BadRequest : public Service::Refused {
  public:
-  BadRequest(nlohmann::json id, const std::string& reason)
-      : RequestError(Kind::refused, "", reason), id_(std::move(id)) {}
+  BadRequest(nlohmann::json id, const std::string& reason) : Refused("", reason), id_(std::move(id)) {}
   const nlohmann::json& id() const { return id_; }
 
  private:
@@ -44,9 +43,7 @@ std::string valueHead(const nlohmann::json& id);
 // `merge` is a patch that is text already: it is the same for all who follow the same part.
 std::string mergeLine(const nlohmann::json& id, const std::string& merge);
 std::string cutLine(const nlohmann::json& id);
-// `kind` is "refused", "notFound", "denied" or "failed".
-std::string errorLine(const nlohmann::json& id, std::string_view kind, const Refusal& refusal);
-std::string errorLine(const nlohmann::json& id, const RequestError& error);
+std::string errorLine(const nlohmann::json& id, const Service::Refused& refused);
 
 // Text of a value for a line: bytes that are not UTF-8 are replaced.
 std::string lineText(const nlohmann::json& value);

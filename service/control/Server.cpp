@@ -60,7 +60,7 @@ void Server::accessIs(const Access& access) {
 
 void Server::acceptClients() {
   for (int i = 0; i < fewestAccepted || (i < mostAccepted && budget_.left()); ++i) {
-    UniqueFd socket = listener_.accept();
+    Service::UniqueFd socket = listener_.accept();
     if (socket) {
       admit(std::move(socket));
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -82,7 +82,7 @@ void Server::restAccepting() {
   });
 }
 
-void Server::admit(UniqueFd socket) {
+void Server::admit(Service::UniqueFd socket) {
   Peer peer;
   try {
     peer = options_.identify(socket.get());
@@ -358,7 +358,9 @@ void Server::sendAway(Session& session, std::string_view why) {
   ++stats_.dropped;
   log("control client " + session.name + " dropped: " + std::string(why));
   session.connection.stopReading();
-  session.connection.queue(errorLine(nullptr, "denied", {"", std::string(why)}), Connection::Kind::answer);
+  session.connection.queue(
+      errorLine(nullptr, Service::Refused("", std::string(why), Service::Refused::Kind::denied)),
+      Connection::Kind::answer);
   session.leaving = true;
 }
 

@@ -119,7 +119,7 @@ class Server {
 
   void acceptClients();
   void restAccepting();
-  void admit(UniqueFd socket);
+  void admit(Service::UniqueFd socket);
   std::string makeRoom(const Peer& peer, Right right);
   std::optional<Service::EventLoop::Clock::time_point> idleSince(ClientId client,
                                                                  const Session& session) const;
@@ -147,12 +147,14 @@ class Server {
   void continueAnswer(ClientId client, Session& session, std::size_t others);
   void beginAnswer(Session& session, std::unique_ptr<Answer> answer);
   void endAnswer(Session& session);
-  void parseInPieces(ClientId client, Session& session, std::string line);
+  void parseInPieces(ClientId client, Session& session, std::string&& line);
   bool parsePiece(ClientId client);
   template <typename Read>
   void answer(ClientId client, Session& session, Read read);
   void carryOut(ClientId client, Session& session, Request request);
   void patch(ClientId client, Session& session, Request request);
+  void answerLate(ClientId client, const nlohmann::json& id, const std::optional<Service::Refused>& refused,
+                  std::string line);
   std::string ask(ClientId client, Session& session, const Request& request);
   std::string refuse(std::string line);
   std::string failed(const nlohmann::json& id, std::string_view who, const std::exception& error);

@@ -10,6 +10,7 @@ namespace Control {
 namespace {
 
 using nlohmann::json;
+using Service::Refused;
 
 constexpr std::size_t largeLine = std::size_t{64} << 10;  // is read a part at a time
 constexpr std::size_t pieceOfLine = std::size_t{32} << 10;
@@ -52,7 +53,7 @@ void Server::answerNext(ClientId client, Session& session) {
   }
 }
 
-void Server::parseInPieces(ClientId client, Session& session, std::string line) {
+void Server::parseInPieces(ClientId client, Session& session, std::string&& line) {
   session.busy = true;
   session.parser = std::make_unique<Service::PieceParser>(std::move(line));
   session.parsing = loop_.addWork([this, client] {
@@ -99,13 +100,13 @@ void Server::carryOut(ClientId client, Session& session, Request request) {
     const bool changes = request.verb == Request::Verb::patch ||
                          (request.verb == Request::Verb::call && service_.callChanges(request.target));
     if (changes && session.right != Right::patch) {
-      line = refuse(errorLine(id, "denied", {"", session.name + " may only read"}));
+      line = refuse(errorLine(id, Refused("", session.name + " may only read", Refused::Kind::denied)));
     } else if (request.verb == Request::Verb::patch) {
       patch(client, session, std::move(request));
     } else {
       line = ask(client, session, request);
     }
-  } catch (const RequestError& error) {
+  } catch (const Refused& error) {
     line = refuse(errorLine(id, error));
   } catch (const std::exception& error) {
     line = failed(id, session.name, error);
@@ -116,30 +117,34 @@ void Server::carryOut(ClientId client, Session& session, Request request) {
   }
 }
 
-// The answer may come in a later turn, when the client may have gone.
 void Server::patch(ClientId client, Session& session, Request request) {
   session.busy = true;
   service_.patch(std::move(request.content), session.name,
-                 [this, client, id = request.id](const std::optional<Refusal>& refusal) {
-                   const auto found = sessions_.find(client);
-                   if (found == sessions_.end()) {
-                     return;
-                   }
-                   Session& asker = *found->second;
-                   asker.busy = false;
-                   std::string line = okLine(id);
-                   if (refusal && refusal->failed) {
-                     line = failed(id, asker.name, std::runtime_error(refusal->reason));
-                   } else if (refusal) {
-                     line = refuse(errorLine(id, "refused", *refusal));
-                   }
-                   asker.connection.queue(std::move(line), Connection::Kind::answer);
-                   asker.idleSince = loop_.now();
-                   wait(client, asker);
+                 [this, client, id = request.id](const std::optional<Service::Refused>& refused) {
+                   answerLate(client, id, refused, okLine(id));
                  });
 }
 
-// Asks the service for what is no patch. Returns the answer, or nothing if it comes in pieces.
+// Answers by `line` if nothing was refused. The client may have gone meanwhile.
+void Server::answerLate(ClientId client, const json& id, const std::optional<Service::Refused>& refused,
+                        std::string line) {
+  const auto found = sessions_.find(client);
+  if (found == sessions_.end()) {
+    return;
+  }
+  Session& asker = *found->second;
+  asker.busy = false;
+  if (refused && refused->kind() == Refused::Kind::failed) {
+    line = failed(id, asker.name, *refused);
+  } else if (refused) {
+    line = refuse(errorLine(id, *refused));
+  }
+  asker.connection.queue(std::move(line), Connection::Kind::answer);
+  asker.idleSince = loop_.now();
+  wait(client, asker);
+}
+
+// Asks the service for what is no patch. Returns the answer, or nothing if it comes in pieces or later.
 std::string Server::ask(ClientId client, Session& session, const Request& request) {
   if (session.connection.deaf() && request.verb != Request::Verb::call) {
     return {};  // it changes nothing, and nobody hears it
@@ -147,9 +152,7 @@ std::string Server::ask(ClientId client, Session& session, const Request& reques
   switch (request.verb) {
     case Request::Verb::subscribe:
       if (subscriptions_.count(client) >= options_.mostSubscriptions) {
-        return refuse(
-            errorLine(request.id, "refused",
-                      {"", "at most " + std::to_string(options_.mostSubscriptions) + " subscriptions"}));
+        throw Refused("", "at most " + std::to_string(options_.mostSubscriptions) + " subscriptions");
       }
       session.busy = true;
       subscriptions_.subscribe(client, request.target, request.id);
@@ -158,9 +161,15 @@ std::string Server::ask(ClientId client, Session& session, const Request& reques
       return {};
     case Request::Verb::call:
       try {
-        return valueLine(request.id, service_.call(request.target, request.content));
+        session.busy = true;
+        service_.call(request.target, request.content,
+                      [this, client, id = request.id](const std::optional<Service::Refused>& refused,
+                                                      const json& value) {
+                        answerLate(client, id, refused, valueLine(id, value));
+                      });
+        return {};
       } catch (const json::exception& error) {  // a parameter of another type than the method takes
-        return refuse(errorLine(request.id, "refused", {"", error.what()}));
+        throw Refused("", error.what());
       }
     case Request::Verb::get:
     case Request::Verb::patch:
@@ -183,12 +192,12 @@ void Server::continueAnswer(ClientId client, Session& session, std::size_t other
       answer.fresh() ? budget_.instant() : std::max(fewestItems, budget_.items() / (others + 1));
   std::string text;
   try {
-    budget_.use(answer.step(items, text));
+    budget_.piece(items, [&](std::size_t some) { return answer.step(some, text); });
     if (!answer.ended()) {
       session.connection.queuePiece(std::move(text));
       return;
     }
-  } catch (const RequestError& error) {
+  } catch (const Refused& error) {
     text = refuse(errorLine(answer.id(), error));
   } catch (const std::exception& error) {
     const bool begun = answer.begun();
@@ -210,6 +219,9 @@ void Server::endAnswer(Session& session) {
     session.connection.queue(std::move(line), kind);
   }
   session.heldBytes = 0;
+  if (subscriptions_.due()) {
+    serveSoon();  // what it walked may be to be freed
+  }
 }
 
 std::string Server::refuse(std::string line) {
@@ -223,7 +235,8 @@ std::string Server::failed(const json& id, std::string_view who, const std::exce
   if (options_.failed) {
     options_.failed(who, error.what());
   }
-  return refuse(errorLine(id, "failed", {"", std::string("an error of the agent: ") + error.what()}));
+  return refuse(errorLine(
+      id, Refused("", std::string("an error of the agent: ") + error.what(), Refused::Kind::failed)));
 }
 
 Subscriptions::Hooks Server::subscriptionHooks() {
@@ -250,7 +263,7 @@ void Server::subscriptionFails(ClientId client, const json& id, bool began, cons
     failed(id, session.name, why);
     queueBehind(session, cutLine(id), Connection::Kind::answer);
   } else {
-    const auto* refusal = dynamic_cast<const RequestError*>(&why);
+    const auto* refusal = dynamic_cast<const Refused*>(&why);
     session.busy = false;
     session.connection.queue(
         refusal != nullptr ? refuse(errorLine(id, *refusal)) : failed(id, session.name, why),

@@ -22,9 +22,9 @@ Subscriptions::Subscriptions(Backend& service, Hooks hooks, std::size_t mostByte
 
 void Subscriptions::subscribe(ClientId client, const std::string& pointer, const Id& id) {
   if (!topics_.contains(pointer) && bytes() >= mostBytes_) {
-    throw RequestError(RequestError::Kind::refused, pointer, "too much is followed already");
+    throw Service::Refused(pointer, "too much is followed already");
   }
-  Topic& topic = topics_[pointer];
+  Topic& topic = topics_.try_emplace(pointer, memory_).first->second;
   topic.followers.erase(client);
   topic.joining.erase(client);
   topic.arriving.insert_or_assign(client, id);
@@ -61,17 +61,6 @@ std::size_t Subscriptions::count(ClientId client) const {
   return found == followed_.end() ? 0 : found->second.size();
 }
 
-std::size_t Subscriptions::bytes() const {
-  std::size_t bytes = 0;
-  for (const auto& [pointer, topic] : topics_) {
-    bytes += topic.mirror.bytes();
-  }
-  for (const Mirror& mirror : dying_) {
-    bytes += mirror.bytes();
-  }
-  return bytes;
-}
-
 void Subscriptions::refresh() {
   for (auto& [pointer, topic] : topics_) {
     topic.ofRefresh = true;
@@ -98,13 +87,10 @@ void Subscriptions::advance(TurnBudget& budget) {
       due_.push_back(pointer);
     }
   }
-  while (!dying_.empty() && budget.left()) {
+  while (memory_->due() && budget.left()) {
     std::size_t steps = itemsAtOnce;
-    const bool more = dying_.front().dissolve(steps);
-    budget.use(itemsAtOnce - steps + 1);
-    if (!more) {
-      dying_.pop_front();
-    }
+    memory_->free(steps);
+    budget.use(itemsAtOnce - steps);
   }
 }
 
@@ -116,10 +102,12 @@ bool Subscriptions::step(const std::string& pointer, Topic& topic, TurnBudget& b
       beginRound(pointer, topic);
       budget.use(roundItems);
     }
-    const std::size_t granted = begins ? budget.instant() - roundItems : itemsAtOnce;
-    std::size_t items = granted;
-    const bool more = read(pointer, topic, items);
-    budget.use(granted - items);
+    bool more = true;
+    budget.piece(begins ? budget.instant() - roundItems : itemsAtOnce, [&](std::size_t some) {
+      std::size_t left = some;
+      more = more && read(pointer, topic, left);
+      return some - left;
+    });
     if (more) {
       return true;
     }
@@ -217,7 +205,6 @@ void Subscriptions::dropIfUnfollowed(const std::string& pointer) {
   const auto found = topics_.find(pointer);
   Topic& topic = found->second;
   if (topic.followers.empty() && topic.joining.empty() && topic.arriving.empty()) {
-    dying_.push_back(std::move(topic.mirror));
     topics_.erase(found);
   }
 }

@@ -6,6 +6,7 @@
 #include <exception>
 #include <functional>
 #include <map>
+#include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
@@ -39,7 +40,7 @@ class Subscriptions {
   Subscriptions(Backend& service, Hooks hooks, std::size_t mostBytes);
 
   // Follows the part at a well-formed `pointer`, begun anew if the client follows it already. It begins when
-  // the part has been read. Raises RequestError when there is no memory for it.
+  // the part has been read. Raises Service::Refused when there is no memory for it.
   void subscribe(ClientId client, const std::string& pointer, const Id& id);
   // Ends all that `client` follows.
   void unsubscribe(ClientId client);
@@ -49,19 +50,21 @@ class Subscriptions {
   // Every part that is followed is to be read, and what has changed since it was read last handed out.
   void refresh();
   // Whether there is something to read, or memory to be given back.
-  bool due() const { return !due_.empty() || !dying_.empty(); }
+  bool due() const { return !due_.empty() || memory_->due(); }
   // Whether a refresh is under way: some of what was followed then is still to be read.
   bool refreshing() const;
   // Goes on with that, as far as the budget of this turn goes.
   void advance(TurnBudget& budget);
 
-  std::size_t bytes() const;
+  std::size_t bytes() const { return memory_->bytes(); }
 
  private:
   using Clients = std::map<ClientId, Id>;
 
   struct Topic {
-    Mirror mirror{};
+    explicit Topic(const std::shared_ptr<MirrorMemory>& memory) : mirror(memory) {}
+
+    Mirror mirror;
     Clients followers{};
     Clients joining{};   // wait for the round that is under way
     Clients arriving{};  // wait for the next
@@ -86,10 +89,10 @@ class Subscriptions {
   Backend& service_;
   Hooks hooks_;
   std::size_t mostBytes_;
+  std::shared_ptr<MirrorMemory> memory_ = std::make_shared<MirrorMemory>();
   std::map<std::string, Topic> topics_;                 // by pointer; none is without clients
   std::map<ClientId, std::set<std::string>> followed_;  // the pointers of each client
   std::deque<std::string> due_;  // pointers of topics to be read, some of which may be gone
-  std::deque<Mirror> dying_;     // of topics that nobody follows any more
 };
 
 }  // namespace Control

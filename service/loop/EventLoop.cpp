@@ -48,16 +48,9 @@ void LoopStall::add(nanoseconds length) noexcept {
 }
 
 EventLoop::EventLoop(TimeSource now) : now_(std::move(now)), epoll_(epoll_create1(EPOLL_CLOEXEC)) {
-  if (epoll_ < 0) {
+  if (!epoll_) {
     raise("epoll_create1");
   }
-}
-
-EventLoop::~EventLoop() {
-  if (signals_ >= 0) {
-    close(signals_);
-  }
-  close(epoll_);
 }
 
 void EventLoop::watch(int fd, std::uint32_t events, FdHandler handler) {
@@ -66,7 +59,7 @@ void EventLoop::watch(int fd, std::uint32_t events, FdHandler handler) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = id;
-  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) < 0) {
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0) {
     raise("watch a descriptor");
   }
   ids_[fd] = id;
@@ -84,7 +77,7 @@ void EventLoop::change(int fd, std::uint32_t events) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = found->second;
-  if (epoll_ctl(epoll_, EPOLL_CTL_MOD, fd, &event) < 0) {
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_MOD, fd, &event) < 0) {
     raise("change the events of a descriptor");
   }
 }
@@ -94,8 +87,8 @@ void EventLoop::forget(int fd) {
   if (found == ids_.end()) {
     return;
   }
-  epoll_ctl(epoll_, EPOLL_CTL_DEL, fd, nullptr);       // fails only for a descriptor that is closed already
-  const auto watch = watches_.extract(found->second);  // what the handler owns goes last
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);  // fails only for a descriptor that is closed already
+  const auto watch = watches_.extract(found->second);   // what the handler owns goes last
   ids_.erase(found);
 }
 
@@ -174,19 +167,19 @@ void EventLoop::onSignal(int signal, Handler handler) {
   if (const int error = pthread_sigmask(SIG_BLOCK, &followed, nullptr); error != 0) {
     throw std::system_error(error, std::generic_category(), "block a signal");
   }
-  const int fd = signalfd(signals_, &followed, SFD_NONBLOCK | SFD_CLOEXEC);
+  const int fd = signalfd(signals_.get(), &followed, SFD_NONBLOCK | SFD_CLOEXEC);
   if (fd < 0) {
     raise("signalfd");
   }
-  if (signals_ < 0) {
-    signals_ = fd;
+  if (!signals_) {
+    signals_ = UniqueFd(fd);
     watch(fd, EPOLLIN, [this](std::uint32_t) { readSignals(); });
   }
 }
 
 void EventLoop::readSignals() {
   signalfd_siginfo info{};
-  while (read(signals_, &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
+  while (read(signals_.get(), &info, sizeof info) == static_cast<ssize_t>(sizeof info)) {
     const auto found = signalHandlers_.find(static_cast<int>(info.ssi_signo));
     if (found != signalHandlers_.end()) {
       const std::shared_ptr<Handler> call = found->second;
@@ -228,7 +221,7 @@ void EventLoop::rest(std::uint64_t watchId) {
     return;
   }
   found->second->resting = true;
-  epoll_ctl(epoll_, EPOLL_CTL_DEL, found->second->fd, nullptr);
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, found->second->fd, nullptr);
   after(restAfterError, [this, watchId] { wake(watchId); });
 }
 
@@ -242,7 +235,7 @@ void EventLoop::wake(std::uint64_t watchId) {
   epoll_event event{};
   event.events = watch.events;
   event.data.u64 = watchId;
-  if (epoll_ctl(epoll_, EPOLL_CTL_ADD, watch.fd, &event) < 0) {
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, watch.fd, &event) < 0) {
     raise("watch a descriptor again");
   }
 }
@@ -276,7 +269,7 @@ void EventLoop::runOnce(nanoseconds timeout) {
     }
   };
   std::array<epoll_event, readyAtOnce> ready{};
-  const int count = epoll_wait(epoll_, ready.data(), static_cast<int>(ready.size()), wait);
+  const int count = epoll_wait(epoll_.get(), ready.data(), static_cast<int>(ready.size()), wait);
   const int error = errno;
   const Turn turn{*this, now_()};
   const std::uint64_t lastArmed = lastId_;  // what is armed from here on waits for the next turn

@@ -13,6 +13,8 @@
 #include <utility>
 #include <vector>
 
+#include "service/loop/UniqueFd.h"
+
 namespace Service {
 
 // What the loop did not look at its descriptors for: the length of each turn, from the return of one poll to
@@ -89,7 +91,6 @@ class EventLoop {
   // `now` is read several times a turn; a test gives its own. Raises std::system_error when the kernel
   // refuses an epoll instance.
   explicit EventLoop(TimeSource now = &Clock::now);
-  ~EventLoop();
   EventLoop(const EventLoop&) = delete;
   EventLoop& operator=(const EventLoop&) = delete;
 
@@ -186,8 +187,8 @@ class EventLoop {
   void rest(Work work);
 
   TimeSource now_;
-  int epoll_ = -1;
-  int signals_ = -1;
+  UniqueFd epoll_;
+  UniqueFd signals_;
   bool stopped_ = false;
   bool turning_ = false;
   std::uint64_t lastId_ = 0;

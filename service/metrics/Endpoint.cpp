@@ -5,7 +5,6 @@
 #include <prometheus/text_serializer.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -41,22 +40,17 @@ Address parse(const std::string& text) {
   return address;
 }
 
-int listenAt(const addrinfo& where) {
-  const int fd =
-      ::socket(where.ai_family, where.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, where.ai_protocol);
+UniqueFd listenAt(const addrinfo& where) {
+  UniqueFd fd{::socket(where.ai_family, where.ai_socktype | SOCK_NONBLOCK | SOCK_CLOEXEC, where.ai_protocol)};
   const int on = 1;
-  if (fd >= 0 && ::setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) == 0 &&
-      ::bind(fd, where.ai_addr, where.ai_addrlen) == 0 && ::listen(fd, SOMAXCONN) == 0) {
-    return fd;
+  if (!fd || ::setsockopt(fd.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on) != 0 ||
+      ::bind(fd.get(), where.ai_addr, where.ai_addrlen) != 0 || ::listen(fd.get(), SOMAXCONN) != 0) {
+    throw std::system_error(errno, std::generic_category());
   }
-  const int error = errno;
-  if (fd >= 0) {
-    ::close(fd);
-  }
-  throw std::system_error(error, std::generic_category());
+  return fd;
 }
 
-int listenAt(const std::string& text) {
+UniqueFd listenAt(const std::string& text) {
   try {
     const Address address = parse(text);
     addrinfo hints{};
@@ -90,7 +84,7 @@ std::string refusal(const char* status, bool headOnly = false) {
 MetricsEndpoint::MetricsEndpoint(EventLoop& loop, const std::string& address, Families families,
                                  const Limits& limits)
     : loop_(loop), families_(std::move(families)), limits_(limits), listener_(listenAt(address)) {
-  loop_.watch(listener_, EPOLLIN, [this](std::uint32_t) { accept(); });
+  loop_.watch(listener_.get(), EPOLLIN, [this](std::uint32_t) { accept(); });
 }
 
 MetricsEndpoint::~MetricsEndpoint() {
@@ -98,42 +92,41 @@ MetricsEndpoint::~MetricsEndpoint() {
     drop(clients_.begin()->first);
   }
   loop_.cancel(resting_);
-  loop_.forget(listener_);
-  ::close(listener_);
+  loop_.forget(listener_.get());
 }
 
 int MetricsEndpoint::port() const {
   sockaddr_storage address{};
   socklen_t size = sizeof address;
-  ::getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &size);
+  ::getsockname(listener_.get(), reinterpret_cast<sockaddr*>(&address), &size);
   // The port lies at the same place in both families.
   return ntohs(reinterpret_cast<const sockaddr_in*>(&address)->sin_port);
 }
 
 void MetricsEndpoint::accept() {
   for (int i = 0; i < acceptedAtOnce; ++i) {
-    const int fd = ::accept4(listener_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
-    if (fd >= 0) {
-      admit(fd);
+    UniqueFd fd{::accept4(listener_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC)};
+    if (fd) {
+      admit(std::move(fd));
     } else if (errno == EAGAIN) {
       return;
     } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
       // The connection stays in the backlog and would be found ready in every turn.
-      loop_.change(listener_, 0);
-      resting_ = loop_.after(rest, [this] { loop_.change(listener_, EPOLLIN); });
+      loop_.change(listener_.get(), 0);
+      resting_ = loop_.after(rest, [this] { loop_.change(listener_.get(), EPOLLIN); });
       return;
     }
   }
 }
 
-void MetricsEndpoint::admit(int fd) {
+void MetricsEndpoint::admit(UniqueFd fd) {
   if (clients_.size() >= limits_.clients) {
     drop(clients_.begin()->first);
   }
   const ClientId id = ++lastClient_;
-  Client& client = clients_.emplace(id, Client{fd}).first->second;
+  Client& client = clients_.emplace(id, Client{std::move(fd)}).first->second;
   client.end = loop_.after(limits_.time, [this, id] { drop(id); });
-  loop_.watch(fd, EPOLLIN, [this, id](std::uint32_t) { onReady(id); });
+  loop_.watch(client.fd.get(), EPOLLIN, [this, id](std::uint32_t) { onReady(id); });
 }
 
 void MetricsEndpoint::onReady(ClientId id) {
@@ -154,7 +147,7 @@ void MetricsEndpoint::onReady(ClientId id) {
 // client has gone before.
 bool MetricsEndpoint::read(Client& client) const {
   std::array<char, 4096> some{};
-  const ssize_t got = ::recv(client.fd, some.data(), some.size(), 0);
+  const ssize_t got = ::recv(client.fd.get(), some.data(), some.size(), 0);
   if (got <= 0) {
     return got < 0 && (errno == EAGAIN || errno == EINTR);
   }
@@ -169,17 +162,17 @@ bool MetricsEndpoint::read(Client& client) const {
 
 // False when all is out, or the client has gone.
 bool MetricsEndpoint::write(Client& client) {
-  const ssize_t sent = ::send(client.fd, client.answer.data() + client.sent,
+  const ssize_t sent = ::send(client.fd.get(), client.answer.data() + client.sent,
                               client.answer.size() - client.sent, MSG_NOSIGNAL | MSG_DONTWAIT);
   if (sent < 0 && errno != EAGAIN && errno != EINTR) {
     return false;
   }
   client.sent += static_cast<std::size_t>(std::max<ssize_t>(sent, 0));
   if (client.sent == client.answer.size()) {
-    ::shutdown(client.fd, SHUT_WR);
+    ::shutdown(client.fd.get(), SHUT_WR);
     return false;
   }
-  loop_.change(client.fd, EPOLLOUT);
+  loop_.change(client.fd.get(), EPOLLOUT);
   return true;
 }
 
@@ -211,8 +204,7 @@ std::string MetricsEndpoint::answer(const std::string& request) const {
 void MetricsEndpoint::drop(ClientId id) {
   const auto client = clients_.find(id);
   loop_.cancel(client->second.end);
-  loop_.forget(client->second.fd);
-  ::close(client->second.fd);
+  loop_.forget(client->second.fd.get());
   clients_.erase(client);
 }
 

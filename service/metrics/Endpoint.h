@@ -10,6 +10,7 @@
 #include <prometheus/metric_family.h>
 
 #include "service/loop/EventLoop.h"
+#include "service/loop/UniqueFd.h"
 
 namespace Service {
 
@@ -44,7 +45,7 @@ class MetricsEndpoint {
 
  private:
   struct Client {
-    int fd;
+    UniqueFd fd;
     std::string request{};
     std::string answer{};
     std::size_t sent = 0;
@@ -53,7 +54,7 @@ class MetricsEndpoint {
   using ClientId = std::uint64_t;
 
   void accept();
-  void admit(int fd);
+  void admit(UniqueFd fd);
   void onReady(ClientId id);
   bool read(Client& client) const;
   bool write(Client& client);
@@ -63,7 +64,7 @@ class MetricsEndpoint {
   EventLoop& loop_;
   Families families_;
   Limits limits_;
-  int listener_;
+  UniqueFd listener_;
   ClientId lastClient_ = 0;
   std::map<ClientId, Client> clients_;  // the oldest first
   EventLoop::TimerId resting_ = EventLoop::TimerId::none;

@@ -5,7 +5,6 @@
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <unistd.h>
 
 #include <array>
 #include <cerrno>
@@ -127,21 +126,21 @@ void Transport::tryNextAddress() {
   int error = EADDRNOTAVAIL;
   while (nextAddress_ < addresses_.size()) {
     const Address& address = addresses_[nextAddress_++];
-    closeSocket();
-    fd_ = socket(address.family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) {
+    fd_.reset();
+    fd_ = Service::UniqueFd(socket(address.family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    if (!fd_) {
       error = errno;
       continue;
     }
     if (address.family != AF_UNIX) {
       const int on = 1;
-      setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+      setsockopt(fd_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
     }
     sockaddr_storage storage{};
     std::memcpy(&storage, address.bytes.data(), std::min(address.bytes.size(), sizeof storage));
     const void* const place = &storage;
-    if (connect(fd_, static_cast<const sockaddr*>(place), static_cast<socklen_t>(address.bytes.size())) ==
-            0 ||
+    if (connect(fd_.get(), static_cast<const sockaddr*>(place),
+                static_cast<socklen_t>(address.bytes.size())) == 0 ||
         errno == EINPROGRESS) {
       connecting_ = true;
       return;
@@ -158,10 +157,10 @@ bool Transport::finishConnect() {
   sockaddr_storage peer{};
   socklen_t peerSize = sizeof peer;
   void* const place = &peer;
-  if (getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
+  if (getsockopt(fd_.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0) {
     error = errno;
   }
-  if (error == 0 && getpeername(fd_, static_cast<sockaddr*>(place), &peerSize) != 0) {
+  if (error == 0 && getpeername(fd_.get(), static_cast<sockaddr*>(place), &peerSize) != 0) {
     if (errno == ENOTCONN) {
       return false;
     }
@@ -215,7 +214,7 @@ bool Transport::handshake() {
 }
 
 std::optional<std::size_t> Transport::receive(std::span<char> into) {
-  const ssize_t got = recv(fd_, into.data(), into.size(), 0);
+  const ssize_t got = recv(fd_.get(), into.data(), into.size(), 0);
   if (got > 0) {
     return static_cast<std::size_t>(got);
   }
@@ -266,7 +265,7 @@ std::size_t Transport::write(std::string_view bytes) {
     flush();
     return piece.size();
   }
-  const ssize_t sent = send(fd_, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+  const ssize_t sent = send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
   if (sent >= 0) {
     return static_cast<std::size_t>(sent);
   }
@@ -280,7 +279,7 @@ std::size_t Transport::write(std::string_view bytes) {
 void Transport::flush() {
   backlog_ += std::exchange(tls_->output(), {});
   while (!backlog_.empty()) {
-    const ssize_t sent = send(fd_, backlog_.data(), backlog_.size(), MSG_NOSIGNAL);
+    const ssize_t sent = send(fd_.get(), backlog_.data(), backlog_.size(), MSG_NOSIGNAL);
     if (sent < 0) {
       if (errno == EAGAIN || errno == EINTR) {
         return;
@@ -291,15 +290,8 @@ void Transport::flush() {
   }
 }
 
-void Transport::closeSocket() {
-  if (fd_ >= 0) {
-    ::close(fd_);
-    fd_ = -1;
-  }
-}
-
 void Transport::close() {
-  closeSocket();
+  fd_.reset();
   connecting_ = false;
   tls_.reset();
   backlog_.clear();

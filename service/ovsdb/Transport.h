@@ -10,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "service/loop/UniqueFd.h"
 #include "service/ovsdb/Remote.h"
 #include "service/ovsdb/Tls.h"
 
@@ -33,14 +34,14 @@ class Transport {
 
   void open(const Remote& remote);
   void close();
-  bool isOpen() const { return lookup_ != nullptr || fd_ >= 0; }
+  bool isOpen() const { return lookup_ != nullptr || fd_; }
 
   // Goes on until it is up; returns whether it is. While resolving(), there is no descriptor to wait on: ask
   // again a little later. The descriptor may be another one afterwards.
   bool establish();
   bool resolving() const { return lookup_ != nullptr; }
   // To wait on; -1 if there is none.
-  int fd() const { return fd_; }
+  int fd() const { return fd_.get(); }
   // Whether it waits for the descriptor to become writable.
   bool wantsOutput() const { return connecting_ || !backlog().empty(); }
 
@@ -64,7 +65,6 @@ class Transport {
   std::optional<std::size_t> receive(std::span<char> into);
   void flush();
   std::string_view backlog() const { return backlog_; }
-  void closeSocket();
 
   TlsOptions tlsOptions_;
   Remote remote_;
@@ -72,7 +72,7 @@ class Transport {
   std::list<std::unique_ptr<Lookup>> abandoned_;  // that could not be canceled
   std::vector<Address> addresses_;
   std::size_t nextAddress_ = 0;
-  int fd_ = -1;
+  Service::UniqueFd fd_;
   bool connecting_ = false;
   std::unique_ptr<Tls> tls_;
   std::string backlog_;  // of TLS: encrypted, not sent yet

@@ -4,7 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "service/control/UniqueFd.h"
+#include "service/loop/UniqueFd.h"
 
 namespace {
 
@@ -48,8 +48,8 @@ TEST(Access, TheSocketFileLetsInJustThem) {
 TEST(Access, TheKernelSaysWhoIsThere) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  const Control::UniqueFd near{ends[0]};
-  const Control::UniqueFd far{ends[1]};
+  const Service::UniqueFd near{ends[0]};
+  const Service::UniqueFd far{ends[1]};
   const Peer peer = Control::peerOf(near.get());
   EXPECT_EQ(peer.uid, geteuid());
   EXPECT_EQ(peer.gid, getegid());

@@ -19,7 +19,6 @@ namespace TestControl {
 class FakeService : public Control::Backend {
  public:
   using json = nlohmann::json;
-  using RequestError = Control::RequestError;
 
   void patch(json&& patch, std::string_view who, Answer answer) override {
     lastWho = who;
@@ -32,12 +31,12 @@ class FakeService : public Control::Backend {
     }
   }
 
-  std::optional<Control::Refusal> apply(const json& patch, std::string_view who) {
+  std::optional<Service::Refused> apply(const json& patch, std::string_view who) {
     if (auto refusal = ownership.check(patch, who)) {
       return refusal;
     }
     if (patch.contains("explode")) {
-      return Control::Refusal{"/explode", "unknown member"};
+      return Service::Refused("/explode", "unknown member");
     }
     document["input"].merge_patch(patch);
     tellChange();
@@ -55,19 +54,30 @@ class FakeService : public Control::Backend {
     return Service::partAt(Service::partOf(document), pointer);
   }
 
-  json call(const std::string& method, const json& params) override {
+  void call(const std::string& method, const json& params, CallAnswer answer) override {
     throwIfAsked(method);
     if (method == "echo") {
-      return params;
+      return answer(std::nullopt, params);
     }
     if (method == "flush") {
-      ++flushes;
-      return json::object();
+      if (takesItsTime) {
+        later.emplace_back([this, answer] { flush(answer); });
+        return;
+      }
+      return flush(answer);
     }
     if (method == "double") {
-      return 2 * params.at("number").get<int>();
+      return answer(std::nullopt, 2 * params.at("number").get<int>());
     }
-    throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + '"');
+    throw Service::Refused("", "unknown method \"" + method + '"');
+  }
+
+  void flush(const CallAnswer& answer) {
+    if (flushFails) {
+      return answer(Service::Refused("", "half of it is left", Service::Refused::Kind::failed), nullptr);
+    }
+    ++flushes;
+    answer(std::nullopt, json::object());
   }
 
   bool callChanges(const std::string& method) const override { return method == "flush"; }
@@ -89,7 +99,8 @@ class FakeService : public Control::Backend {
   std::string throwsAt;  // patches and methods with this text throw
   int reads = 0;
   int flushes = 0;
-  bool takesItsTime = false;                 // patches wait in `later`
+  bool flushFails = false;
+  bool takesItsTime = false;                 // patches and flushes wait in `later`
   std::vector<std::function<void()>> later;  // which carry them out and answer them
 
  private:

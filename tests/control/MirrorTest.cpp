@@ -7,6 +7,7 @@
 namespace {
 
 using Control::Mirror;
+using Control::MirrorMemory;
 using nlohmann::json;
 using Service::Records;
 using Service::Walked;
@@ -70,7 +71,7 @@ TEST(MirrorTest, TheFirstValueAndThePatchesGiveTheDocument) {
   for (unsigned seed = 0; seed < 300; ++seed) {
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 random(seed);
-    Mirror mirror;
+    Mirror mirror(std::make_shared<MirrorMemory>());
     round(mirror, someDocument(random), false);
     json follower = Service::jsonOf(mirror.part());
     for (int i = 0; i < 20; ++i) {
@@ -86,7 +87,7 @@ TEST(MirrorTest, TheFirstValueAndThePatchesGiveTheDocument) {
 }
 
 TEST(MirrorTest, ThePatchHasOnlyWhatHasChanged) {
-  Mirror mirror;
+  Mirror mirror(std::make_shared<MirrorMemory>());
   round(mirror, json::parse(R"({"10":{"a":{"x":1,"y":2}},"20":{"b":3},"n":[1]})"), false);
   round(mirror, json::parse(R"({"10":{"a":{"x":1,"y":5}},"20":{"b":3},"n":[1]})"), true);
   EXPECT_EQ(mirror.takePatch(), json::parse(R"({"10":{"a":{"y":5}}})"));
@@ -102,7 +103,7 @@ TEST(MirrorTest, ManyThatGoAreSweptInPieces) {
     document["hosts"][std::to_string(i)] = i;
   }
   document["hosts"]["stays"] = true;
-  Mirror mirror;
+  Mirror mirror(std::make_shared<MirrorMemory>());
   round(mirror, document, false);
   mirror.begin(true);
   mirror.record({"hosts", "stays"}, "true");
@@ -134,7 +135,7 @@ class Counted final : public Service::Branch {
 };
 
 TEST(MirrorTest, ABranchThatHasNotChangedIsNotWalked) {
-  Mirror mirror;
+  Mirror mirror(std::make_shared<MirrorMemory>());
   int walked = 0;
   const auto look = [&](std::uint64_t stamp) {
     mirror.begin(true);
@@ -159,21 +160,86 @@ TEST(MirrorTest, ABranchThatHasNotChangedIsNotWalked) {
   EXPECT_EQ(walked, 2);
 }
 
-TEST(MirrorTest, ItsMemoryIsCountedAndGivenBackInPieces) {
+// Frees all that is to be freed, so many members at a time; returns how many pieces that took.
+int freeAll(MirrorMemory& memory, std::size_t atOnce) {
+  for (int pieces = 1;; ++pieces) {
+    std::size_t steps = atOnce;
+    if (!memory.free(steps)) {
+      return pieces;
+    }
+  }
+}
+
+json aThousandMembers() {
   json document;
   for (int i = 0; i < 1'000; ++i) {
     document["vlan"][std::to_string(i)] = std::string(50, 'x');
   }
-  Mirror mirror;
-  round(mirror, document, false);
-  EXPECT_GT(mirror.bytes(), 250'000U);
-  int pieces = 0;
-  for (bool more = true; more; ++pieces) {
-    std::size_t steps = 100;
-    more = mirror.dissolve(steps);
+  return document;
+}
+
+TEST(MirrorTest, ItsMemoryIsCountedAndGivenBackInPieces) {
+  const auto memory = std::make_shared<MirrorMemory>();
+  {
+    Mirror mirror(memory);
+    round(mirror, aThousandMembers(), false);
+    EXPECT_GT(memory->bytes(), 250'000U);
+    EXPECT_FALSE(memory->due());
   }
-  EXPECT_GE(pieces, 10);
-  EXPECT_EQ(mirror.bytes(), 0U);
+  EXPECT_GT(memory->bytes(), 250'000U) << "nothing of it was freed with the mirror";
+  EXPECT_TRUE(memory->due());
+  EXPECT_GE(freeAll(*memory, 100), 10);
+  EXPECT_EQ(memory->bytes(), 0U);
+}
+
+TEST(MirrorTest, MemoryOfAPartThatChangesItsShapeIsCountedAndGivenBackInPieces) {
+  const auto memory = std::make_shared<MirrorMemory>();
+  {
+    Mirror mirror(memory);
+    round(mirror, aThousandMembers(), false);
+    round(mirror, json{{"vlan", "no object any more"}}, true);
+    EXPECT_GE(freeAll(*memory, 100), 10);
+    EXPECT_LT(memory->bytes(), 1'000U);
+    round(mirror, json("one text"), true);
+  }
+  freeAll(*memory, 100);
+  EXPECT_EQ(memory->bytes(), 0U);
+}
+
+TEST(MirrorTest, WhatIsWalkedIsFreedInPiecesWhenTheWalkEndsToo) {
+  const auto memory = std::make_shared<MirrorMemory>();
+  auto mirror = std::make_unique<Mirror>(memory);
+  round(*mirror, aThousandMembers(), false);
+  std::optional<Records> walk(mirror->part());
+  while (walk->next() != Walked::member) {
+  }
+  mirror = nullptr;
+  freeAll(*memory, 100);
+  EXPECT_EQ(walk->next(), Walked::member) << "it goes on over what it began with";
+  EXPECT_GT(memory->bytes(), 250'000U);
+  walk.reset();
+  EXPECT_GE(freeAll(*memory, 100), 10);
+  EXPECT_EQ(memory->bytes(), 0U);
+}
+
+// A record that turns into a branch is taken apart into the members that it had.
+TEST(MirrorTest, ARecordThatBecomesABranchTellsOnlyWhatIsNew) {
+  const auto memory = std::make_shared<MirrorMemory>();
+  Mirror mirror(memory);
+  mirror.begin(false);
+  mirror.record({"host"},
+                R"({"vlan":{"number":10},"vtep":"10.0.0.2","text":"a text that has its own memory"})");
+  sweepAll(mirror, 10);
+  mirror.begin(true);
+  mirror.record({"host", "vlan"}, R"({"number":10})");
+  mirror.record({"host", "vtep"}, R"("10.0.0.3")");
+  mirror.record({"host", "text"}, R"("a text that has its own memory")");
+  sweepAll(mirror, 10);
+  EXPECT_EQ(mirror.takePatch(), json::parse(R"({"host":{"vtep":"10.0.0.3"}})"));
+  EXPECT_EQ(
+      Service::jsonOf(mirror.part()),
+      json::parse(
+          R"({"host":{"vlan":{"number":10},"vtep":"10.0.0.3","text":"a text that has its own memory"}})"));
 }
 
 TEST(MirrorTest, AWalkOfWhatIsKnownGoesOnWhileRoundsChangeIt) {
@@ -181,7 +247,7 @@ TEST(MirrorTest, AWalkOfWhatIsKnownGoesOnWhileRoundsChangeIt) {
   for (int i = 0; i < 100; ++i) {
     document["hosts"][std::to_string(i)] = i;
   }
-  Mirror mirror;
+  Mirror mirror(std::make_shared<MirrorMemory>());
   round(mirror, document, false);
   Records walk(mirror.part());
   json follower;

@@ -7,8 +7,8 @@
 namespace {
 
 using Control::Ownership;
-using Control::Refusal;
 using nlohmann::json;
+using Service::Refused;
 
 class OwnershipTest : public testing::Test {
  protected:
@@ -33,20 +33,20 @@ TEST_F(OwnershipTest, WhatNobodyOwnsIsFree) {
 
 TEST_F(OwnershipTest, AnOwnedMemberIsRefusedWithItsOwnersName) {
   EXPECT_EQ(check(R"({"vtiStatus":{"Vxlan1":{"localVtepAddr":"10.0.0.1"}}})"),
-            (Refusal{"/vtiStatus/Vxlan1/localVtepAddr", "owned by ovsdb"}));
-  EXPECT_EQ(check(R"({"mlag":null})"), (Refusal{"/mlag", "owned by peer"}));
+            (Refused("/vtiStatus/Vxlan1/localVtepAddr", "owned by ovsdb")));
+  EXPECT_EQ(check(R"({"mlag":null})"), (Refused("/mlag", "owned by peer")));
 }
 
 TEST_F(OwnershipTest, SoIsAllBelowIt) {
   EXPECT_EQ(check(R"({"controller":{"fdb":{"5000":{"macVtepTable":{}}}}})"),
-            (Refusal{"/controller/fdb/5000/macVtepTable", "owned by ovsdb"}));
+            (Refused("/controller/fdb/5000/macVtepTable", "owned by ovsdb")));
 }
 
 TEST_F(OwnershipTest, NothingAboveItIsRemovedOrReplaced) {
   EXPECT_EQ(check(R"({"vtiStatus":{"Vxlan1":null}})"),
-            (Refusal{"/vtiStatus/Vxlan1/localVtepAddr", "owned by ovsdb"}));
-  EXPECT_EQ(check("null"), (Refusal{"/controller/fdb", "owned by ovsdb"}));
-  EXPECT_EQ(check(R"({"controller":7})"), (Refusal{"/controller/fdb", "owned by ovsdb"}));
+            (Refused("/vtiStatus/Vxlan1/localVtepAddr", "owned by ovsdb")));
+  EXPECT_EQ(check("null"), (Refused("/controller/fdb", "owned by ovsdb")));
+  EXPECT_EQ(check(R"({"controller":7})"), (Refused("/controller/fdb", "owned by ovsdb")));
 }
 
 TEST_F(OwnershipTest, AnEmptyObjectAboveItTouchesNothing) {
@@ -56,7 +56,7 @@ TEST_F(OwnershipTest, AnEmptyObjectAboveItTouchesNothing) {
 TEST_F(OwnershipTest, TheOwnerMayDoWithItsOwn) {
   EXPECT_EQ(check(R"({"controller":{"fdb":{"5000":null}}})", "ovsdb"), std::nullopt);
   EXPECT_EQ(check(R"({"vtiStatus":{"Vxlan1":null}})", "ovsdb"), std::nullopt);
-  EXPECT_EQ(check(R"({"mlag":{"mlagState":1}})", "ovsdb"), (Refusal{"/mlag/mlagState", "owned by peer"}));
+  EXPECT_EQ(check(R"({"mlag":{"mlagState":1}})", "ovsdb"), (Refused("/mlag/mlagState", "owned by peer")));
 }
 
 TEST_F(OwnershipTest, TheLongerClaimCounts) {
@@ -69,13 +69,13 @@ TEST_F(OwnershipTest, TheLongerClaimCounts) {
 TEST_F(OwnershipTest, WhatIsReleasedIsFreeAgain) {
   owners.release("ovsdb");
   EXPECT_EQ(check(R"({"controller":null})"), std::nullopt);
-  EXPECT_EQ(check(R"({"mlag":null})"), (Refusal{"/mlag", "owned by peer"}));
+  EXPECT_EQ(check(R"({"mlag":null})"), (Refused("/mlag", "owned by peer")));
 }
 
 TEST_F(OwnershipTest, NamesAreWrittenAsTokensOfAPointer) {
   owners.claim("/vtiStatus/Et1~11~0", "port");
   EXPECT_EQ(check(R"({"vtiStatus":{"Et1/1~":{"localVtepAddr":"10.0.0.1"}}})"),
-            (Refusal{"/vtiStatus/Et1~11~0/localVtepAddr", "owned by port"}));
+            (Refused("/vtiStatus/Et1~11~0/localVtepAddr", "owned by port")));
 }
 
 }  // namespace

@@ -64,7 +64,7 @@ TEST(Request, AnswersAreLinesOfJson) {
   EXPECT_EQ(valueLine(3, json::array({1, "x"})), R"({"id":3,"value":[1,"x"]})");
   EXPECT_EQ(mergeLine("s", R"({"a":null})"), R"({"id":"s","merge":{"a":null}})");
   EXPECT_EQ(cutLine(nullptr), R"({"cut":true})");
-  EXPECT_EQ(errorLine(nullptr, "refused", {"/a", "too \"big\""}),
+  EXPECT_EQ(errorLine(nullptr, Service::Refused("/a", "too \"big\"")),
             R"({"error":{"kind":"refused","pointer":"/a","reason":"too \"big\""}})");
   EXPECT_EQ(valueLine(nullptr, "line\nbreak \xff"), "{\"value\":\"line\\nbreak \xef\xbf\xbd\"}");
 }

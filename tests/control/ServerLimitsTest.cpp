@@ -19,7 +19,10 @@ class ServerLimitsTest : public TestControl::ControlTest {
     options.failed = [this](std::string_view where, std::string_view text) {
       failures.emplace_back(std::string(where) + ": " + std::string(text));
     };
-    options.identify = [this](int) { return Peer{user, user, 4711}; };
+    options.identify = [this](int) {
+      time += newcomersTake;
+      return Peer{user, user, 4711};
+    };
     options.access.othersRead = true;
   }
   // A client of a user; 0 is the superuser.
@@ -34,6 +37,7 @@ class ServerLimitsTest : public TestControl::ControlTest {
   }
 
   uid_t user = 0;
+  std::chrono::nanoseconds newcomersTake{0};  // each of them
   std::vector<std::string> failures;
 };
 
@@ -123,6 +127,25 @@ TEST_F(ServerLimitsTest, WhoMayPatchIsServedInTheNextTurnWhateverReadersAskFor) 
   EXPECT_THAT(root->lines, ElementsAre(json::parse(R"({"value":{}})")));
 }
 
+TEST_F(ServerLimitsTest, NewcomersDoNotUseUpTheTurnsOfWhoMayPatch) {
+  serve();
+  const auto root = connectAs(0);
+  root->send("{\"call\":\"flush\"}\n{\"call\":\"flush\"}\n{\"call\":\"flush\"}\n{\"call\":\"flush\"}\n");
+  turns(1);  // the first is answered, the others wait for the next turns
+  user = 1000;
+  newcomersTake = 5ms;  // more than all clients have in a turn
+  std::vector<std::unique_ptr<TestControl::RawClient>> newcomers;
+  for (int turn = 2; turn <= 4; ++turn) {
+    for (int i = 0; i < 20; ++i) {
+      newcomers.push_back(std::make_unique<TestControl::RawClient>(options.path));
+    }
+    const auto before = time;
+    turns(1);
+    EXPECT_GT(time - before, options.turn.time) << "or it would show nothing";
+    EXPECT_EQ(service.flushes, turn);
+  }
+}
+
 // Has a million records, and counts how many were read.
 class Endless final : public Service::Branch {
  public:
@@ -140,6 +163,50 @@ class Endless final : public Service::Branch {
  private:
   int& count_;
 };
+
+// Has records that take long, and counts how many were read.
+class Slow final : public Service::Branch {
+ public:
+  Slow(int& count, std::function<void()> read) : count_(count), read_(std::move(read)) {}
+  Service::Walked next(std::string& name, Service::Part& part) override {
+    if (at_ == 3'000) {
+      return Service::Walked::end;
+    }
+    read_();
+    ++count_;
+    name = std::to_string(at_++);
+    part = Service::recordOf(at_);
+    return Service::Walked::member;
+  }
+  Service::Part find(const std::string& /*name*/) override { return {}; }
+
+ private:
+  int& count_;
+  std::function<void()> read_;
+  int at_ = 0;
+};
+
+TEST_F(ServerLimitsTest, AnInstantEndsWhereItTakesLong) {
+  int count = 0;
+  const auto read = [this] { time += 100us; };
+  service.parts["/slow"] = [&] { return Service::Part(std::make_unique<Slow>(count, read)); };
+  serve();
+  const auto client = connectAs(1000);
+  client->send("{\"get\":\"/slow\"}\n");
+  turns(1);
+  EXPECT_LE(count, 300);
+  for (int i = 0; i < 100 && client->lines.empty(); ++i) {
+    turns(1);
+    client->take();
+  }
+  ASSERT_EQ(client->lines.size(), 1U);
+  EXPECT_EQ(client->lines[0].at("value").size(), 3'000U);
+  const int before = count;
+  client->send("{\"subscribe\":\"/slow\"}\n");
+  turns(1);
+  EXPECT_GT(count, before);
+  EXPECT_LE(count, before + 300);
+}
 
 TEST_F(ServerLimitsTest, AnAnswerIsReadNoFurtherThanItsClientTakesIt) {
   int count = 0;

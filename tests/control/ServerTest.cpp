@@ -225,6 +225,47 @@ TEST_F(ServerTest, APatchThatTakesItsTimeIsCarriedOutWhenItsClientHasLeft) {
   EXPECT_EQ(server->clients(), 0U);
 }
 
+TEST_F(ServerTest, ACallThatTakesItsTimeIsAnsweredWhenItIsCarriedOutAndKeepsNobodyElseWaiting) {
+  service.takesItsTime = true;
+  serve();
+  const auto client = connect();
+  const auto other = connect();
+  client->send("{\"call\":\"flush\",\"id\":1}\n{\"call\":\"echo\",\"id\":2}\n");
+  turns(4);
+  EXPECT_EQ(ask(*other, {{"call", "double"}, {"params", {{"number", 2}}}}), json::parse(R"({"value":4})"));
+  client->take();
+  EXPECT_THAT(client->lines, IsEmpty()) << "the next request waits for the call";
+  service.later.front()();
+  turns(4);
+  client->take();
+  EXPECT_THAT(client->lines,
+              ElementsAre(json::parse(R"({"id":1,"value":{}})"), json::parse(R"({"id":2,"value":{}})")));
+}
+
+TEST_F(ServerTest, ACallThatTakesItsTimeIsCarriedOutWhenItsClientHasLeft) {
+  service.takesItsTime = true;
+  serve();
+  const auto client = connect();
+  client->send("{\"call\":\"flush\"}\n");
+  turns(2);
+  client->hangUp();
+  turns(4);
+  service.later.front()();
+  turns(4);
+  EXPECT_EQ(service.flushes, 1);
+  EXPECT_EQ(server->clients(), 0U);
+}
+
+TEST_F(ServerTest, ACallThatFailsHalfwayIsAnsweredAndCounted) {
+  service.flushFails = true;
+  serve();
+  const auto client = connect();
+  EXPECT_EQ(ask(*client, {{"call", "flush"}}),
+            error("failed", "", "an error of the agent: half of it is left"));
+  EXPECT_EQ(server->stats().failed, 1U);
+  EXPECT_EQ(ask(*client, {{"call", "echo"}}), json::parse(R"({"value":{}})"));
+}
+
 TEST_F(ServerTest, ALargeRequestIsReadAPartATurn) {
   serve();
   json patch;

@@ -165,6 +165,37 @@ TEST_F(PatchQueueTest, AnAnswerThatThrowsEndsNoOtherPatch) {
   EXPECT_EQ(mlagState(), 3U);
 }
 
+TEST_F(PatchQueueTest, StepsHaveTheirPlaceAmongThePatchesAndAreSlices) {
+  queue.add(hosts(1), note("first"));
+  queue.add(hosts(3000), note("large"));
+  int steps = 0;
+  std::vector<std::size_t> knownAt;
+  queue.addSteps(
+      [&] {
+        knownAt.push_back(known());
+        EXPECT_EQ(mlagState(), 0U) << "what came later waits";
+        return ++steps < 5;
+      },
+      note("steps"));
+  queue.add(mlag(3), note("small"));
+  EXPECT_EQ(steps, 0);
+  while (loop.works() != 0) {
+    loop.runOnce(0ns);
+  }
+  EXPECT_THAT(answers, ElementsAre("first", "large", "steps", "small"));
+  EXPECT_THAT(knownAt, ElementsAre(3000U, 3000U, 3000U, 3000U, 3000U));
+  EXPECT_EQ(mlagState(), 3U);
+}
+
+TEST_F(PatchQueueTest, AStepThatThrowsEndsThemWithAnAnswer) {
+  int steps = 0;
+  queue.addSteps([&]() -> bool { throw std::runtime_error("step " + std::to_string(++steps)); },
+                 note("steps"));
+  queue.add(mlag(3), note("small"));
+  queue.finish();
+  EXPECT_THAT(answers, ElementsAre("steps: step 1", "small"));
+}
+
 TEST_F(PatchQueueTest, EveryChangeIsUnderTheGuard) {
   int guardedChanges = 0;
   guarded = [&](const std::function<void()>& change) {

@@ -16,12 +16,12 @@ CLIENT = {"vtiStatus": {"Vxlan1": {"controllerClientMode": True}}, "vlanVniMap":
           "controller": {"fdb": {"5010": {}}}}
 
 
-def agent_with_hosts(rig):
+def agent_with_hosts(rig, *options):
     """One that everybody may read from."""
     if os.geteuid() != 0:
         raise Skip("only the superuser can be several users")
     os.chmod(rig.folder, 0o755)
-    agent = Agent(rig, "--socket-read-all").start()
+    agent = Agent(rig, "--socket-read-all", *options).start()
     hosts = {mac(number): {"vtepIp": "10.0.0.2"} for number in range(HOSTS)}
     check(agent.ask({"patch": CLIENT}) == {"ok": True}, "the agent takes a client")
     check(agent.ask({"patch": {"controller": {"fdb": {"5010": {"macVtepTable": hosts}}}}}) == {"ok": True}, "and hosts")

@@ -26,11 +26,9 @@ using nlohmann::json;
 // An agent that knows only what the test has put into its document, and answers methods from a list.
 class FakeAgent : public Control::Backend {
  public:
-  using RequestError = Control::RequestError;
-
   void patch(json&& patch, std::string_view, Answer answer) override {
     if (patch.contains("vlanVniMap") && patch["vlanVniMap"].contains("bad")) {
-      answer(Control::Refusal{"/vlanVniMap/bad/5000", "VLAN out of range 1 to 4094"});
+      answer(Service::Refused("/vlanVniMap/bad/5000", "VLAN out of range 1 to 4094"));
       return;
     }
     document["input"].merge_patch(patch);
@@ -48,12 +46,12 @@ class FakeAgent : public Control::Backend {
     }
     return found;
   }
-  json call(const std::string& method, const json& params) override {
+  void call(const std::string& method, const json& params, CallAnswer answer) override {
     called.push_back({{"method", method}, {"params", params}});
     if (!answers.contains(method)) {
-      throw RequestError(RequestError::Kind::refused, "", "unknown method \"" + method + '"');
+      throw Service::Refused("", "unknown method \"" + method + '"');
     }
-    return answers.at(method);
+    answer(std::nullopt, answers.at(method));
   }
   bool callChanges(const std::string& method) const override { return method == "flush"; }
   void onChange(std::function<void()> listener) override { listener_ = std::move(listener); }

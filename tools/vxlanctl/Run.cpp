@@ -27,9 +27,9 @@ namespace Vxlanctl {
 namespace {
 
 using Control::Client;
-using Control::Refused;
 using Control::Unreachable;
 using nlohmann::json;
+using Service::Refused;
 
 // Where a command reads and writes.
 struct Streams {
@@ -42,7 +42,7 @@ json partOf(Client& client, const std::string& pointer) {
   try {
     return client.get(pointer);
   } catch (const Refused& refusal) {
-    if (refusal.kind() == "notFound") {
+    if (refusal.kind() == Refused::Kind::notFound) {
       return nullptr;
     }
     throw;
@@ -59,7 +59,7 @@ std::string vlanOf(std::uint32_t vni, const Part& part) {
       }
     }
   }
-  throw Refused("notFound", "", fmt::format("VNI {} is mapped to no VLAN", vni));
+  throw Refused("", fmt::format("VNI {} is mapped to no VLAN", vni), Refused::Kind::notFound);
 }
 
 std::optional<uid_t> tableOwner(const Request& request) {
@@ -230,14 +230,15 @@ ExitCode carryOut(const CLI::App& app, Request& request, const Streams& streams)
 
 // Carries the command out; what it raises becomes a message and an exit code.
 ExitCode answer(const CLI::App& app, Request& request, const Streams& streams) {
-  const auto fail = [&streams](const std::exception& error, ExitCode code) {
-    streams.err << "vxlanctl: " << error.what() << '\n';
+  const auto say = [&streams](const std::string& text, ExitCode code) {
+    streams.err << "vxlanctl: " << text << '\n';
     return code;
   };
+  const auto fail = [&say](const std::exception& error, ExitCode code) { return say(error.what(), code); };
   try {
     return carryOut(app, request, streams);
   } catch (const Refused& refusal) {
-    return fail(refusal, refusal.kind() == "notFound" ? negative : refused);
+    return say(refusal.text(), refusal.kind() == Refused::Kind::notFound ? negative : refused);
   } catch (const Unreachable& error) {
     return fail(error, unreachable);
   } catch (const NoTable& error) {

@@ -4,16 +4,16 @@
 
 #include <utility>
 
-namespace Control {
+namespace Service {
 
-// A descriptor that closes itself.
+// The one owner of a descriptor, which closes it.
 class UniqueFd {
  public:
   UniqueFd() = default;
   explicit UniqueFd(int fd) : fd_(fd) {}
   UniqueFd(UniqueFd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
   UniqueFd& operator=(UniqueFd&& other) noexcept {
-    std::swap(fd_, other.fd_);
+    UniqueFd old(std::exchange(fd_, std::exchange(other.fd_, -1)));
     return *this;
   }
   ~UniqueFd() {
@@ -22,6 +22,9 @@ class UniqueFd {
     }
   }
 
+  // Closes it; there is none afterwards.
+  void reset() { *this = UniqueFd(); }
+  // -1 if there is none.
   int get() const { return fd_; }
   explicit operator bool() const { return fd_ >= 0; }
 
@@ -29,4 +32,4 @@ class UniqueFd {
   int fd_ = -1;
 };
 
-}  // namespace Control
+}  // namespace Service

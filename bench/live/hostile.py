@@ -69,7 +69,7 @@ def among_hostile_clients(rig, options):
         lines.close()
         time.sleep(0.2)
     control, crowd = agent.get("/agent/control"), Stalls(port)
-    ran, waited, taken = (now - then for now, then in zip(scheduling(agent.process.pid), scheduled))
+    ran, waited, taken = (at_end - at_begin for at_end, at_begin in zip(scheduling(agent.process.pid), scheduled))
     print(f"{options.clients} clients for {options.seconds} s: {control}")
     print(f"among them {crowd.since(stalls)}; the longest of all {agent.get('/agent/loop/longestStall') * 1000:.1f} ms")
     print(f"the agent ran for {ran:.1f} s, waited {waited:.1f} s for a processor, and was taken off one {taken} times")

@@ -126,7 +126,7 @@ class Writer {
   friend class Reader<Key, Value>;
   using Shape = FixedShape<Words<Key>::count, Words<Value>::count>;
   using Content = Table<Shape>;
-  static constexpr Segment::Shape bytes{sizeof(Key), sizeof(Value)};
+  static constexpr Segment::Shape recordShape{sizeof(Key), sizeof(Value)};
 
   static Files::LockFile lockFor(const Options& options) {
     if (options.name.empty()) {
@@ -144,7 +144,7 @@ class Writer {
 
   std::unique_ptr<Content> adoptedOrBegun() {
     try {
-      return std::make_unique<Content>(Segment::forWriter(options_, bytes), Shape());
+      return std::make_unique<Content>(Segment::forWriter(options_, recordShape), Shape());
     } catch (const Damaged& damaged) {
       if (!options_.replaceDamaged) {
         throw;
@@ -155,9 +155,9 @@ class Writer {
 
   // An empty table in place of a damaged one; one without a name has no readers and nobody to wait for.
   std::unique_ptr<Content> begun(const Damaged& damaged) const {
-    auto table = std::make_unique<Content>(
-        options_.name.empty() ? Segment::forWriter(options_, bytes) : Segment::successor(options_, bytes),
-        Shape());
+    auto table = std::make_unique<Content>(options_.name.empty() ? Segment::forWriter(options_, recordShape)
+                                                                 : Segment::successor(options_, recordShape),
+                                           Shape());
     damage_ = damaged.what();
     replacing_ = !options_.name.empty();
     return table;

@@ -8,6 +8,7 @@
 
 #include "Memtab/Adoption.h"
 #include "Memtab/Error.h"
+#include "Memtab/Export.h"
 #include "Memtab/Index.h"
 #include "Memtab/Segment.h"
 #include "Memtab/SlotQueue.h"
@@ -103,7 +104,7 @@ class Table {
 };
 
 // Number of this process, for those who look at the table.
-std::uint32_t ownPid();
+MEMTAB_API std::uint32_t ownPid();
 
 template <class Shape>
 Table<Shape>::Table(Segment segment, Shape shape)

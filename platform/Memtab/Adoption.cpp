@@ -210,6 +210,7 @@ class Adoption {
 
   Adopted collect() {
     Adopted adopted;
+    adopted.buckets = heads_;
     adopted.freeSlots = end;
     for (std::uint32_t number = used_; number-- > 0;) {
       Format::Slot* slot = index_.slot(number);

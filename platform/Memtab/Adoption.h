@@ -11,7 +11,8 @@ namespace Memtab {
 // What a writer must know of a table that it takes over.
 struct Adopted {
   std::size_t records = 0;
-  std::uint32_t freeSlots;  // first of the slots without a record, chained by their links; end: none
+  std::uint32_t buckets = 0;  // bucket heads in the list
+  std::uint32_t freeSlots;    // first of the slots without a record, chained by their links; end: none
 };
 
 // Brings a table whose writer ended, at whatever instruction, to the last published turn: a torn write is

@@ -144,6 +144,7 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments, Lo
       activity_(std::make_unique<Activity>(*this)),
       repair_(world_,
               [this](const std::string& text) { noteProblem("table-damaged", options_.table, text); }),
+      sweep_(loop_, world_.hosts),
       patches_(loop_, world_,
                {[this] { finishPatch(); },
                 [this](const std::function<void()>& change) { guarded("a patch", change); },
@@ -432,6 +433,7 @@ void Daemon::cleanAdopted() {
 void Daemon::everySecond() {
   loop_.after(std::chrono::seconds(1), [this] { everySecond(); });  // first, whatever is thrown below
   repairTable();
+  sweep_.look();
   ::sd_notify(0, "WATCHDOG=1");
   log_.flush();
   if (!world_.client) {

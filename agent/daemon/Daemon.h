@@ -17,6 +17,7 @@
 #include "agent/daemon/Recorder.h"
 #include "agent/daemon/RefusedWrites.h"
 #include "agent/daemon/RunOptions.h"
+#include "agent/daemon/SlotSweep.h"
 #include "agent/daemon/TableRepair.h"
 #include "agent/loop/EventLoop.h"
 #include "agent/metrics/Endpoint.h"
@@ -84,6 +85,7 @@ class Daemon {
   std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
   std::unique_ptr<Activity> activity_;
   TableRepair repair_;
+  SlotSweep sweep_;
   PatchQueue patches_;  // from the control socket
   Recorder recorder_;
   std::unique_ptr<AgentService> service_;

@@ -19,8 +19,8 @@ struct Adopted {
 // undone from the journal, additions and deletions of the unpublished turn are taken back, deleted records
 // are swept out. Values replaced within the unpublished turn stay, whole, as readers have seen them already.
 // Readers may read all the while. Raises Damaged, with the table unchanged, when it is damaged, as no
-// writer's end leaves it. What cannot be told from what a writer leaves is adopted: a value, a key that is
-// in its place.
+// writer's end leaves it. Damage that looks like what a writer leaves is adopted: in a value, or in a key
+// that is in its place.
 MEMTAB_API Adopted adopt(const Segment& segment);
 
 }  // namespace Memtab

@@ -45,7 +45,7 @@ void checkOptions(const Options& options, Segment::Shape shape) {
   }
 }
 
-// From the system's source of randomness: nobody can guess it.
+// From the system's source of randomness, so that it cannot be guessed.
 std::uint64_t randomWord() {
   std::random_device random;
   return std::uint64_t{random()} << 32U ^ random();

@@ -80,7 +80,7 @@ struct alignas(64) State {
   alignas(64) Word changes;  // length of the change ring, unpublished turn included
 };
 
-// What a segment begins with: who wrote it and how, then what changes.
+// The beginning of a segment: its constants, then what changes.
 struct Header {
   Description description;
   State state;

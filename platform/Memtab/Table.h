@@ -106,7 +106,7 @@ class Table {
   std::uint32_t taken_ = 0;  // slots that have memory
 };
 
-// Number of this process, for those who look at the table.
+// Number of this process, for tools that show the table.
 MEMTAB_API std::uint32_t ownPid();
 
 template <class Shape>
@@ -233,7 +233,8 @@ void Table<Shape>::fill(Format::Slot* slot, const std::byte* key, const std::byt
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
-// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
+// Remembers KEY for followers, before it changes: a writer that dies in between leaves one change too many in
+// the ring, not one too few.
 template <class Shape>
 void Table<Shape>::note(const std::byte* key) {
   storeWords(ring_ + (changes_ & ringMask_) * shape_.keyWords(), key, shape_.keyWords());

@@ -1,12 +1,5 @@
-// The top state machine's flood state: the replication mode, and the paced job that removes what is stale
-// after a convergence.
-//
-//   state       | entered by                                  | left by
-//   ------------+---------------------------------------------+----------------------------------------------
-//   idle        | completion, or nothing the job may touch    | the end of a convergence
-//   running     | the clock, in controller mode, not converging | completion, or budget spent
-//   rescheduled | budget spent after a deletion; bookmark set | the clock: goes on at the bookmark's VLAN
-//   suspended   | a run that finds a new convergence          | its end arms the clock; the bookmark is kept
+// The top machine's flood state: the replication mode, and the paced job that removes stale flood sets after
+// a convergence. Its states stand at VxlanControllerMacAddrSmBase, beside those of UnicastDeferredDelete.cpp.
 #include <functional>
 
 #include "Kel/System.h"
@@ -129,8 +122,8 @@ void VxlanControllerClientSm::processBumDeferredDeletes() {
     }
     deleted += pruneVlanFloodSet(vlan, __PRETTY_FUNCTION__);
     if (startKey.value() == vlan.value() && !rmxSde_->vlanFloodSet(vlan)) {
-      startKey =
-          Bridging::VlanIdOrNone();  // the walk would never come round to it: the next one takes its place
+      // The start key was erased: restart the loop detection at the next one.
+      startKey = Bridging::VlanIdOrNone();
     }
     ++at;
     if (!at) {

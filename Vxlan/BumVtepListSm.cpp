@@ -10,7 +10,7 @@ namespace {
 [[maybe_unused]] const bool registered = Kel::typeNodeIs(BumVtepListSm::type);
 }  // namespace
 
-BumVtepListSm::BumVtepListSm(const MacVlanPair& macVlanPair, const Kel::Ptr<const BumVtepList>& bumVtepList,
+BumVtepListSm::BumVtepListSm(const MacVlanPair& macVlanPair, BumVtepListRef bumVtepList,
                              RmxMlagBumStatusSmBase* rmxMlagBumStatusSm)
     : macVlanPair_(*this, "macVlanPair", macVlanPair), rmxMlagBumStatusSm_(rmxMlagBumStatusSm) {
   bumVtepList_.is(bumVtepList);
@@ -18,7 +18,7 @@ BumVtepListSm::BumVtepListSm(const MacVlanPair& macVlanPair, const Kel::Ptr<cons
 }
 
 Kel::Ptr<BumVtepListSm> BumVtepListSm::BumVtepListSmIs(const MacVlanPair& macVlanPair,
-                                                       const Kel::Ptr<const BumVtepList>& bumVtepList,
+                                                       BumVtepListRef bumVtepList,
                                                        RmxMlagBumStatusSmBase* rmxMlagBumStatusSm) {
   return Kel::live<BumVtepListSm>(macVlanPair, bumVtepList, rmxMlagBumStatusSm);
 }

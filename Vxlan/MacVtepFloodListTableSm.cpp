@@ -13,10 +13,18 @@ namespace {
     Kel::typeNodeIs(MacVtepFloodListTableSmBase::type) && Kel::typeNodeIs(VccMacVtepFloodListTableSm::type);
 }  // namespace
 
-MacVtepFloodListTableSmBase::MacVtepFloodListTableSmBase(
-    const Qnet::EthAddr& macAddr,
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm)
+// The reactors: which handler each change of an input runs.
+
+struct MacVtepFloodListTableSmBase::KelMacVtepFloodListTable final
+    : Kel::Reacts<VxlanController::MacVtepFloodListV2, MacVtepFloodListTableSmBase> {
+  using Reacts::Reacts;
+  void onVtepIpFloodList(Qnet::IpAddr ip) override { owner().handleVtepIpFloodList(ip); }
+  void onVtepIpFloodList() override { owner().handleVtepIpFloodList(); }
+};
+
+MacVtepFloodListTableSmBase::MacVtepFloodListTableSmBase(const Qnet::EthAddr& macAddr,
+                                                         FloodListRef macVtepFloodListTable,
+                                                         RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm)
     : macAddr_(*this, "macAddr", macAddr), rmxPerVniFdbStatusSm_(rmxPerVniFdbStatusSm) {
   macVtepFloodListTable_.is(macVtepFloodListTable);
 }
@@ -76,24 +84,22 @@ void MacVtepFloodListTableSmBase::macVtepFloodListTableDel() {
   macVtepFloodListTable_.del();
 }
 
-void MacVtepFloodListTableSmBase::macVtepFloodListTableIs(
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& list) {
+void MacVtepFloodListTableSmBase::macVtepFloodListTableIs(FloodListRef list) {
   macVtepFloodListTable_.is(list);
 }
 
-VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSm(
-    const Qnet::EthAddr& macAddr,
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde)
+VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSm(const Qnet::EthAddr& macAddr,
+                                                       FloodListRef macVtepFloodListTable,
+                                                       RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm,
+                                                       SourceRef rmxSde)
     : MacVtepFloodListTableSmBase(macAddr, macVtepFloodListTable, rmxPerVniFdbStatusSm),
       rmxSde_(*this, "rmxSde", rmxSde) {
   VccMacVtepFloodListTableSm::handleInitialized();
 }
 
 Kel::Ptr<VccMacVtepFloodListTableSm> VccMacVtepFloodListTableSm::VccMacVtepFloodListTableSmIs(
-    const Qnet::EthAddr& macAddr,
-    const Kel::Ptr<const VxlanController::MacVtepFloodListV2>& macVtepFloodListTable,
-    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde) {
+    const Qnet::EthAddr& macAddr, FloodListRef macVtepFloodListTable,
+    RmxPerVniFdbStatusSmBase* rmxPerVniFdbStatusSm, SourceRef rmxSde) {
   return Kel::live<VccMacVtepFloodListTableSm>(macAddr, macVtepFloodListTable, rmxPerVniFdbStatusSm, rmxSde);
 }
 
@@ -101,7 +107,7 @@ VccMacVtepFloodListTableSm::~VccMacVtepFloodListTableSm() {
   kelDoZombieReactors(true);
 }
 
-// The flood set of the MAC in this VLAN, made if need be, sending to all of its destinations.
+// The flood set of the MAC in this VLAN, made if needed, sending to all of its destinations.
 Kel::Ptr<L2Rib::FloodSet> VccMacVtepFloodListTableSm::floodSetOfAll(Bridging::VlanId vlan) {
   Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(macAddr());
   set->floodSetTypeIs(L2Rib::FloodSetType::SendToAll);
@@ -135,7 +141,8 @@ void VccMacVtepFloodListTableSm::writeList(Bridging::VlanId vlan, const char* op
       }
     }
   }
-  // Whatever its value: an address whose value is false goes above and comes back here, until its own change.
+  // An address is added regardless of its value: one whose value is false is removed above and added back
+  // here, until its own change.
   for (auto&& vtep : list.vtepIpFloodList()) {
     set->destSetIs(L2Rib::Dest::ofVtep(vtep.key), true);
   }

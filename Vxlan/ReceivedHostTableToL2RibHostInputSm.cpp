@@ -29,8 +29,7 @@ L2Rib::Host hostOf(const ReceivedEntry& entry) {
 }  // namespace
 
 ReceivedHostTableToL2RibHostInputSm::ReceivedHostTableToL2RibHostInputSm(
-    const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput)
+    ReceivedHostTableRef receivedHostTable, HostInputRef l2RibRmxInput)
     : l2RibRmxInput_(*this, "l2RibRmxInput", l2RibRmxInput) {
   receivedHostTable_.is(receivedHostTable);
   handleInitialized();
@@ -38,8 +37,7 @@ ReceivedHostTableToL2RibHostInputSm::ReceivedHostTableToL2RibHostInputSm(
 
 Kel::Ptr<ReceivedHostTableToL2RibHostInputSm>
 ReceivedHostTableToL2RibHostInputSm::ReceivedHostTableToL2RibHostInputSmIs(
-    const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput) {
+    ReceivedHostTableRef receivedHostTable, HostInputRef l2RibRmxInput) {
   vccRlHandleInit();
   return Kel::live<ReceivedHostTableToL2RibHostInputSm>(receivedHostTable, l2RibRmxInput);
 }
@@ -88,8 +86,7 @@ void ReceivedHostTableToL2RibHostInputSm::handleReceivedHostEntry() {
 }
 
 Kel::Ptr<ReceivedHostTableToL2RibHostInputSm> receivedHostTableToL2RibHostInputSmFactory(
-    const Kel::Ptr<const ReceivedHostTable>& receivedHostTable,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput) {
+    ReceivedHostTableRef receivedHostTable, HostInputRef l2RibRmxInput) {
   return ReceivedHostTableToL2RibHostInputSm::ReceivedHostTableToL2RibHostInputSmIs(receivedHostTable,
                                                                                     l2RibRmxInput);
 }

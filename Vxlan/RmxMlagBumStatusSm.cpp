@@ -12,8 +12,49 @@ namespace {
     Kel::typeNodeIs(RmxMlagBumStatusSmBase::type) && Kel::typeNodeIs(RmxMlagBumStatusSm::type);
 }  // namespace
 
-RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBase(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-                                               const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+// The reactors: which handler each change of an input runs.
+
+struct RmxMlagBumStatusSmBase::KelMlagVxlanStatus final
+    : Kel::Reacts<Mlag::VxlanStatus, RmxMlagBumStatusSmBase> {
+  using Reacts::Reacts;
+  void onBumStatus() override { owner().rebindRemote(); }
+};
+
+struct RmxMlagBumStatusSmBase::KelVxlanHwStatusDir final
+    : Kel::Reacts<VxlanHwStatusDir, RmxMlagBumStatusSmBase> {
+  using Reacts::Reacts;
+  void onBumStatus() override { owner().rebindLocal(); }
+};
+
+struct RmxMlagBumStatusSmBase::KelRemoteBumStatus final : Kel::Reacts<BumStatus, RmxMlagBumStatusSmBase> {
+  using Reacts::Reacts;
+  void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
+  void onBumVtepList(MacVlanPair key) override { owner().handleBumVtepList(key); }
+  void onBumVtepListkelImmediate() override { owner().handleBumVtepList(); }
+};
+
+struct RmxMlagBumStatusSmBase::KelLocalBumStatus final : Kel::Reacts<BumStatus, RmxMlagBumStatusSmBase> {
+  using Reacts::Reacts;
+  void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
+};
+
+struct RmxMlagBumStatusSm::KelVlanVniMaps final : Kel::Reacts<VlanVniMaps, RmxMlagBumStatusSm> {
+  using Reacts::Reacts;
+  void onVlanVniMap(Qnet::IntfId vti) override { owner().vtiVlanVniMap_.handle(vti); }
+  void onVlanVniMapkelImmediate() override { owner().vtiVlanVniMap_.handle(); }
+};
+
+struct RmxMlagBumStatusSm::KelVtiVlanVniMap final : Kel::Reacts<VlanVniMap, RmxMlagBumStatusSm> {
+  KelVtiVlanVniMap(RmxMlagBumStatusSm& owner, const Qnet::IntfId& vti) : Reacts(owner), vti_(vti) {}
+  void onNotifyingVlan(Bridging::VlanId vlan) override { owner().handleVlanVniMapUpdate(vti_, vlan); }
+  void onNotifyingVlankelImmediate() override { owner().handleVtiUpdate(vti_); }
+
+ private:
+  Qnet::IntfId vti_;
+};
+
+RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBase(MlagVxlanStatusRef mlagVxlanStatus,
+                                               HwStatusDirRef vxlanHwStatusDir) {
   mlagVxlanStatus_.is(mlagVxlanStatus);
   vxlanHwStatusDir_.is(vxlanHwStatusDir);
   if (mlagVxlanStatus) {
@@ -25,8 +66,7 @@ RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBase(const Kel::Ptr<const Mlag::VxlanS
 }
 
 Kel::Ptr<RmxMlagBumStatusSmBase> RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBaseIs(
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+    MlagVxlanStatusRef mlagVxlanStatus, HwStatusDirRef vxlanHwStatusDir) {
   vccRlHandleInit();
   return Kel::live<RmxMlagBumStatusSmBase>(mlagVxlanStatus, vxlanHwStatusDir);
 }
@@ -168,7 +208,7 @@ void RmxMlagBumStatusSmBase::handleVtiUpdate(Qnet::IntfId vti) {
 }
 
 Kel::Ptr<BumVtepListSm> RmxMlagBumStatusSmBase::bumVtepListSmIs(const MacVlanPair& key,
-                                                                const Kel::Ptr<const BumVtepList>& remoteList,
+                                                                BumVtepListRef remoteList,
                                                                 RmxMlagBumStatusSmBase* owner) {
   return bumVtepListSm_.shadowIs(key, remoteList, owner);
 }
@@ -195,7 +235,7 @@ void RmxMlagBumStatusSmBase::rebindLocal() {
 
 // In a live machine binding counts as a change of the BUM status; binding to none is made to.
 
-void RmxMlagBumStatusSmBase::mlagVxlanStatusIs(const Kel::Ptr<const Mlag::VxlanStatus>& status) {
+void RmxMlagBumStatusSmBase::mlagVxlanStatusIs(MlagVxlanStatusRef status) {
   mlagVxlanStatus_.is(status);
   if (!status) {
     rebindRemote();
@@ -206,7 +246,7 @@ void RmxMlagBumStatusSmBase::mlagVxlanStatusDel() {
   mlagVxlanStatusIs(nullptr);
 }
 
-void RmxMlagBumStatusSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir) {
+void RmxMlagBumStatusSmBase::vxlanHwStatusDirIs(HwStatusDirRef dir) {
   vxlanHwStatusDir_.is(dir);
   if (!dir) {
     rebindLocal();
@@ -217,25 +257,21 @@ void RmxMlagBumStatusSmBase::vxlanHwStatusDirDel() {
   vxlanHwStatusDirIs(nullptr);
 }
 
-Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir) {
+Kel::Ptr<RmxMlagBumStatusSmBase> rmxMlagBumStatusSmBaseFactory(MlagVxlanStatusRef mlagVxlanStatus,
+                                                               HwStatusDirRef vxlanHwStatusDir) {
   return RmxMlagBumStatusSmBase::RmxMlagBumStatusSmBaseIs(mlagVxlanStatus, vxlanHwStatusDir);
 }
 
-RmxMlagBumStatusSm::RmxMlagBumStatusSm(const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-                                       const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-                                       const Kel::Ptr<const VlanVniMaps>& vlanVniMaps)
+RmxMlagBumStatusSm::RmxMlagBumStatusSm(MlagVxlanStatusRef mlagVxlanStatus, HwStatusDirRef vxlanHwStatusDir,
+                                       VlanVniMapsRef vlanVniMaps)
     : RmxMlagBumStatusSmBase(mlagVxlanStatus, vxlanHwStatusDir) {
   vlanVniMaps_.is(vlanVniMaps);
-  if (vlanVniMaps) {
-    vtiVlanVniMap_.reconcile(vlanVniMaps->vlanVniMap());
-  }
+  vtiVlanVniMap_.handle();
 }
 
-Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSm::RmxMlagBumStatusSmIs(
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const VlanVniMaps>& vlanVniMaps) {
+Kel::Ptr<RmxMlagBumStatusSm> RmxMlagBumStatusSm::RmxMlagBumStatusSmIs(MlagVxlanStatusRef mlagVxlanStatus,
+                                                                      HwStatusDirRef vxlanHwStatusDir,
+                                                                      VlanVniMapsRef vlanVniMaps) {
   return Kel::live<RmxMlagBumStatusSm>(mlagVxlanStatus, vxlanHwStatusDir, vlanVniMaps);
 }
 
@@ -244,11 +280,8 @@ RmxMlagBumStatusSm::~RmxMlagBumStatusSm() {
   bumVtepListSmDelAll();
 }
 
-void RmxMlagBumStatusSm::vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps) {
-  vlanVniMaps_.is(maps);
-  if (!maps) {
-    vtiVlanVniMap_.delAll();
-  }
+void RmxMlagBumStatusSm::vlanVniMapsIs(VlanVniMapsRef maps) {
+  vtiVlanVniMap_.inputIs(maps);
 }
 
 void RmxMlagBumStatusSm::vlanVniMapsDel() {

@@ -18,17 +18,44 @@ bool published(const VxlanController::MacVtepV2& host) {
 
 }  // namespace
 
-RmxPerVniFdbStatusSmBase::RmxPerVniFdbStatusSmBase(
-    const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm)
+// The reactors: which handler each change of an input runs.
+
+struct RmxPerVniFdbStatusSmBase::KelRmxVniFdbStatusV2 final
+    : Kel::Reacts<VxlanController::VniFdbStatusV2, RmxPerVniFdbStatusSmBase> {
+  using Reacts::Reacts;
+  void onMacVtepTable(Qnet::EthAddr mac) override { owner().handleRmxHostTable(mac); }
+  void onMacVtepTablekelImmediate() override { owner().handleRmxHostTable(); }
+  void onMacVtepFloodListTable(Qnet::EthAddr mac) override { owner().handleMacVtepFloodListTable(mac); }
+  void onMacVtepFloodListTable() override { owner().handleMacVtepFloodListTable(); }
+  void onMacVtepMultiPathTable(Qnet::EthAddr mac) override { owner().handleMacVtepMultiPathTable(mac); }
+  void onMacVtepMultiPathTable() override { owner().handleMacVtepMultiPathTable(); }
+};
+
+struct RmxPerVniFdbStatusSmBase::KelVtiStatusDir final : Kel::Reacts<VtiStatusDir, RmxPerVniFdbStatusSmBase> {
+  using Reacts::Reacts;
+  void onVtiStatus(Qnet::IntfId vti) override { owner().vtiStatusNotify(vti); }
+  void onVtiStatuskelImmediate() override { owner().vtiStatus_.handle(); }
+};
+
+struct RmxPerVniFdbStatusSmBase::KelVxlanHwStatusDir final
+    : Kel::Reacts<VxlanHwStatusDir, RmxPerVniFdbStatusSmBase> {
+  using Reacts::Reacts;
+};
+
+struct RmxPerVniFdbStatusSmBase::KelVtiStatus final : Kel::Reacts<VtiStatus, RmxPerVniFdbStatusSmBase> {
+  using Reacts::Reacts;
+  void onDgwVtepAddr() override { owner().handleDgwVtepAddr(); }
+};
+
+RmxPerVniFdbStatusSmBase::RmxPerVniFdbStatusSmBase(const VniExt& vni, VniStatusRef rmxVniFdbStatusV2,
+                                                   VtiStatusDirRef vtiStatusDir,
+                                                   HwStatusDirRef vxlanHwStatusDir,
+                                                   VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm)
     : vni_(*this, "vni", vni), vxlanControllerMacAddrSm_(vxlanControllerMacAddrSm) {
   rmxVniFdbStatusV2_.is(rmxVniFdbStatusV2);
   vtiStatusDir_.is(vtiStatusDir);
   vxlanHwStatusDir_.is(vxlanHwStatusDir);
-  if (vtiStatusDir) {
-    vtiStatus_.reconcile(vtiStatusDir->vtiStatus());
-  }
+  vtiStatus_.handle();
 }
 
 RmxPerVniFdbStatusSmBase::~RmxPerVniFdbStatusSmBase() = default;
@@ -256,19 +283,17 @@ void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Del() {
   rmxVniFdbStatusV2_.del();
 }
 
-void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Is(
-    const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status) {
+void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Is(VniStatusRef status) {
   rmxVniFdbStatusV2_.is(status);
 }
 
 void RmxPerVniFdbStatusSmBase::vtiStatusDirDel() {
-  vtiStatusDir_.del();
-  vtiStatus_.delAll();
+  vtiStatus_.inputIs(nullptr);
 }
 
-void RmxPerVniFdbStatusSmBase::vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir) {
+void RmxPerVniFdbStatusSmBase::vtiStatusDirIs(VtiStatusDirRef dir) {
   if (dir) {
-    vtiStatusDir_.is(dir);
+    vtiStatus_.inputIs(dir);
   } else {
     vtiStatusDirDel();
   }
@@ -278,7 +303,7 @@ void RmxPerVniFdbStatusSmBase::vxlanHwStatusDirDel() {
   vxlanHwStatusDir_.del();
 }
 
-void RmxPerVniFdbStatusSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir) {
+void RmxPerVniFdbStatusSmBase::vxlanHwStatusDirIs(HwStatusDirRef dir) {
   vxlanHwStatusDir_.is(dir);
 }
 

@@ -1,4 +1,5 @@
-// The echo of the controller's convergence flag, and its stand-alone owner.
+// The echo of the controller's convergence flag, and how its two owners, the stand-alone one and the client,
+// keep it.
 #include "Vxlan/VxlanControllerSm.h"
 #include "Vxlan/framework/Trace.h"
 
@@ -10,18 +11,64 @@ const Kel::TypeNode RmxStateSmWrapper::type{"Vxlan::RmxStateSmWrapper"};
 namespace {
 [[maybe_unused]] const bool registered =
     Kel::typeNodeIs(RmxStateSm::type) && Kel::typeNodeIs(RmxStateSmWrapper::type);
+
+// Keeps an owner's echo in line with one entry of the controller's state directory.
+template <class Owner>
+void handleEntry(Owner& owner, const Kel::Name& name, const char* operation) {
+  if (!owner.initialized() || !owner.rmxStateBaseDir()) {
+    return;
+  }
+  if (!owner.rmxStateBaseDir()->hasEntry(name) || !owner.vxlanControllerClientMode()) {
+    VCC_LINE_OF(operation, traceOrdinary, "handleRmxStateBaseDir", " entry subdir deleted for ");
+    owner.rmxStateSmDel();
+    return;
+  }
+  const Kel::Ptr<Kel::Entity> entity = owner.rmxStateBaseDir()->entityPtr(name);
+  if (!entity) {
+    VCC_LINE_OF(operation, traceOrdinary, "handleRmxStateBaseDir",
+                " entry subdir added, but not instantiated ");
+    return;
+  }
+  VCC_LINE_OF(operation, traceOrdinary, "handleRmxStateBaseDir", " entry subdir added ");
+  if (const auto state = Kel::ptrCast<VxlanController::RmxStateV2>(entity)) {
+    owner.rmxStateSmIs(state, owner.rmxStateClientView());
+  }
+}
+
+// The same for every entry.
+template <class Owner>
+void handleEntries(Owner& owner) {
+  if (!owner.initialized() || !owner.rmxStateBaseDir()) {
+    return;
+  }
+  const Kel::Ptr<const Kel::Dir> dir = owner.rmxStateBaseDir();
+  for (auto&& entry : *dir) {
+    owner.handleRmxStateBaseDir(entry.key);
+  }
+}
+
 }  // namespace
 
-RmxStateSm::RmxStateSm(const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-                       const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView)
+// The reactors: which handler each change of an input runs.
+
+struct RmxStateSmWrapper::KelVtiStatusDir final : Kel::Reacts<VtiStatusDir, RmxStateSmWrapper> {
+  using Reacts::Reacts;
+  void onVtiStatus(Qnet::IntfId vti) override { owner().vtiStatus_.handle(vti); }
+  void onVtiStatuskelImmediate() override { owner().vtiStatus_.handle(); }
+};
+
+struct RmxStateSmWrapper::KelVtiStatus final : Kel::Reacts<VtiStatus, RmxStateSmWrapper> {
+  using Reacts::Reacts;
+  void onControllerClientMode() override { owner().handleRmxStateBaseDir(); }
+};
+
+RmxStateSm::RmxStateSm(RmxStateRef rmxState, ClientViewRef rmxStateClientView)
     : rmxStateClientView_(*this, "rmxStateClientView", rmxStateClientView) {
   rmxState_.is(rmxState);
   handleInitialized();
 }
 
-Kel::Ptr<RmxStateSm> RmxStateSm::RmxStateSmIs(
-    const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
+Kel::Ptr<RmxStateSm> RmxStateSm::RmxStateSmIs(RmxStateRef rmxState, ClientViewRef rmxStateClientView) {
   return Kel::live<RmxStateSm>(rmxState, rmxStateClientView);
 }
 
@@ -57,21 +104,18 @@ void RmxStateSm::cleanup() {
   }
 }
 
-RmxStateSmWrapper::RmxStateSmWrapper(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView)
+RmxStateSmWrapper::RmxStateSmWrapper(VtiStatusDirRef vtiStatusDir, DirRef rmxStateBaseDir,
+                                     ClientViewRef rmxStateClientView)
     : rmxStateClientView_(*this, "rmxStateClientView", rmxStateClientView) {
   vtiStatusDir_.is(vtiStatusDir);
   rmxStateBaseDir_.is(rmxStateBaseDir);
-  if (vtiStatusDir) {
-    vtiStatus_.reconcile(vtiStatusDir->vtiStatus());
-  }
+  vtiStatus_.handle();
   handleInitialized();
 }
 
-Kel::Ptr<RmxStateSmWrapper> RmxStateSmWrapper::RmxStateSmWrapperIs(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
+Kel::Ptr<RmxStateSmWrapper> RmxStateSmWrapper::RmxStateSmWrapperIs(VtiStatusDirRef vtiStatusDir,
+                                                                   DirRef rmxStateBaseDir,
+                                                                   ClientViewRef rmxStateClientView) {
   vccRlHandleInit();
   return Kel::live<RmxStateSmWrapper>(vtiStatusDir, rmxStateBaseDir, rmxStateClientView);
 }
@@ -89,33 +133,12 @@ void RmxStateSmWrapper::handleInitialized() {
 
 void RmxStateSmWrapper::handleRmxStateBaseDir() {
   VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
-  if (!initialized() || !rmxStateBaseDir_) {
-    return;
-  }
-  for (auto&& entry : *rmxStateBaseDir_.get()) {
-    handleRmxStateBaseDir(entry.key);
-  }
+  handleEntries(*this);
 }
 
 void RmxStateSmWrapper::handleRmxStateBaseDir(Kel::Name name) {
   VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
-  if (!initialized() || !rmxStateBaseDir_) {
-    return;
-  }
-  if (!rmxStateBaseDir_->hasEntry(name) || !vxlanControllerClientMode()) {
-    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir deleted for ");
-    rmxStateSmDel();
-    return;
-  }
-  const Kel::Ptr<Kel::Entity> entity = rmxStateBaseDir_->entityPtr(name);
-  if (!entity) {
-    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added, but not instantiated ");
-    return;
-  }
-  VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added ");
-  if (const auto state = Kel::ptrCast<VxlanController::RmxStateV2>(entity)) {
-    rmxStateSmIs(state, rmxStateClientView_.get());
-  }
+  handleEntry(*this, name, __PRETTY_FUNCTION__);
 }
 
 bool RmxStateSmWrapper::vxlanControllerClientMode() const {
@@ -130,9 +153,7 @@ bool RmxStateSmWrapper::vxlanControllerClientMode() const {
   return false;
 }
 
-void RmxStateSmWrapper::rmxStateSmIs(
-    const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
+void RmxStateSmWrapper::rmxStateSmIs(RmxStateRef rmxState, ClientViewRef rmxStateClientView) {
   rmxStateSm_.shadowIs(rmxState, rmxStateClientView);
 }
 
@@ -140,23 +161,37 @@ void RmxStateSmWrapper::rmxStateSmDel() {
   rmxStateSm_.del();
 }
 
-void RmxStateSmWrapper::vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir) {
-  if (dir) {
-    vtiStatusDir_.is(dir);
-  } else {
-    vtiStatusDirDel();
-  }
+void RmxStateSmWrapper::vtiStatusDirIs(VtiStatusDirRef dir) {
+  vtiStatus_.inputIs(dir);
 }
 
 void RmxStateSmWrapper::vtiStatusDirDel() {
-  vtiStatusDir_.del();
-  vtiStatus_.delAll();
+  vtiStatus_.inputIs(nullptr);
 }
 
-Kel::Ptr<RmxStateSmWrapper> rmxStateSmWrapperFactory(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
+Kel::Ptr<RmxStateSmWrapper> rmxStateSmWrapperFactory(VtiStatusDirRef vtiStatusDir, DirRef rmxStateBaseDir,
+                                                     ClientViewRef rmxStateClientView) {
   return RmxStateSmWrapper::RmxStateSmWrapperIs(vtiStatusDir, rmxStateBaseDir, rmxStateClientView);
+}
+
+// The client.
+
+void VxlanControllerClientSm::handleRmxStateBaseDir() {
+  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
+  handleEntries(*this);
+}
+
+void VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name name) {
+  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
+  handleEntry(*this, name, __PRETTY_FUNCTION__);
+}
+
+void VxlanControllerClientSm::rmxStateSmIs(RmxStateRef rmxState, ClientViewRef rmxStateClientView) {
+  rmxStateSm_.shadowIs(rmxState, rmxStateClientView);
+}
+
+void VxlanControllerClientSm::rmxStateSmDel() {
+  rmxStateSm_.del();
 }
 
 }  // namespace Vxlan

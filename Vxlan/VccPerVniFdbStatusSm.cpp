@@ -11,10 +11,10 @@ namespace {
 [[maybe_unused]] const bool registered = Kel::typeNodeIs(VccPerVniFdbStatusSm::type);
 }  // namespace
 
-VccPerVniFdbStatusSm::VccPerVniFdbStatusSm(
-    const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde)
+VccPerVniFdbStatusSm::VccPerVniFdbStatusSm(const VniExt& vni, VniStatusRef rmxVniFdbStatusV2,
+                                           VtiStatusDirRef vtiStatusDir, HwStatusDirRef vxlanHwStatusDir,
+                                           VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
+                                           SourceRef rmxSde)
     : RmxPerVniFdbStatusSmBase(vni, rmxVniFdbStatusV2, vtiStatusDir, vxlanHwStatusDir,
                                vxlanControllerMacAddrSm),
       rmxSde_(*this, "rmxSde", rmxSde) {
@@ -22,9 +22,9 @@ VccPerVniFdbStatusSm::VccPerVniFdbStatusSm(
 }
 
 Kel::Ptr<VccPerVniFdbStatusSm> VccPerVniFdbStatusSm::VccPerVniFdbStatusSmIs(
-    const VniExt& vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& rmxVniFdbStatusV2,
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir,
-    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde) {
+    const VniExt& vni, VniStatusRef rmxVniFdbStatusV2, VtiStatusDirRef vtiStatusDir,
+    HwStatusDirRef vxlanHwStatusDir, VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
+    SourceRef rmxSde) {
   return Kel::live<VccPerVniFdbStatusSm>(vni, rmxVniFdbStatusV2, vtiStatusDir, vxlanHwStatusDir,
                                          vxlanControllerMacAddrSm, rmxSde);
 }

@@ -54,7 +54,7 @@ void VtiVlanVniMapSmBase::rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vl
 
 VtiVlanVniMapSm::VtiVlanVniMapSm(const Qnet::IntfId& vtiIntfId,
                                  VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
-                                 const Kel::Ptr<const VlanVniMap>& vlanVniMap)
+                                 VlanVniMapRef vlanVniMap)
     : VtiVlanVniMapSmBase(vtiIntfId, vxlanControllerMacAddrSm) {
   vlanVniMap_.is(vlanVniMap);
   VtiVlanVniMapSm::handleInitialized();
@@ -62,7 +62,7 @@ VtiVlanVniMapSm::VtiVlanVniMapSm(const Qnet::IntfId& vtiIntfId,
 
 Kel::Ptr<VtiVlanVniMapSm> VtiVlanVniMapSm::VtiVlanVniMapSmIs(
     const Qnet::IntfId& vtiIntfId, VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
-    const Kel::Ptr<const VlanVniMap>& vlanVniMap) {
+    VlanVniMapRef vlanVniMap) {
   return Kel::live<VtiVlanVniMapSm>(vtiIntfId, vxlanControllerMacAddrSm, vlanVniMap);
 }
 

@@ -13,14 +13,27 @@ namespace {
 [[maybe_unused]] const bool registered = Kel::typeNodeIs(VxlanControllerClientSm::type);
 }  // namespace
 
-VxlanControllerClientSm::VxlanControllerClientSm(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
-    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus)
+// The reactors: which handler each change of an input runs.
+
+struct VxlanControllerClientSm::KelRmxStateBaseDir final : Kel::Reacts<Kel::Dir, VxlanControllerClientSm> {
+  using Reacts::Reacts;
+  void onEntityPtr(Kel::Name name) override { owner().handleRmxStateBaseDir(name); }
+  void onEntityPtrkelImmediate() override { owner().handleRmxStateBaseDir(); }
+};
+
+struct VxlanControllerClientSm::KelVlanVniMaps final : Kel::Reacts<VlanVniMaps, VxlanControllerClientSm> {
+  using Reacts::Reacts;
+  void onVlanVniMap(Qnet::IntfId vti) override { owner().handleVlanVniMapVti(vti); }
+  void onVlanVniMapkelImmediate() override { owner().handleVlanVniMapVti(); }
+};
+
+VxlanControllerClientSm::VxlanControllerClientSm(VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir,
+                                                 ClientViewRef rmxStateClientView,
+                                                 HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus,
+                                                 MlagVxlanStatusRef mlagVxlanStatus, DirRef rmxStateBaseDir,
+                                                 VlanVniMapsRef vlanVniMaps, SourceRef rmxSde,
+                                                 HostInputRef l2RibRmxInput,
+                                                 ConvergenceStatusRef rmxConvergenceStatus)
     : VxlanControllerMacAddrSmBase(vtiStatusDir, controllerStatusBaseDir, rmxStateClientView,
                                    vxlanHwStatusDir, mlagStatus, mlagVxlanStatus),
       rmxSde_(*this, "rmxSde", rmxSde),
@@ -32,13 +45,10 @@ VxlanControllerClientSm::VxlanControllerClientSm(
 }
 
 Kel::Ptr<VxlanControllerClientSm> VxlanControllerClientSm::VxlanControllerClientSmIs(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
-    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus) {
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus,
+    DirRef rmxStateBaseDir, VlanVniMapsRef vlanVniMaps, SourceRef rmxSde, HostInputRef l2RibRmxInput,
+    ConvergenceStatusRef rmxConvergenceStatus) {
   return Kel::live<VxlanControllerClientSm>(vtiStatusDir, controllerStatusBaseDir, rmxStateClientView,
                                             vxlanHwStatusDir, mlagStatus, mlagVxlanStatus, rmxStateBaseDir,
                                             vlanVniMaps, rmxSde, l2RibRmxInput, rmxConvergenceStatus);
@@ -132,50 +142,6 @@ void VxlanControllerClientSm::deleteRemoteMacsOfMappedVlans(const char* operatio
   }
 }
 
-// The controller's state.
-
-void VxlanControllerClientSm::handleRmxStateBaseDir() {
-  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
-  if (!initialized() || !rmxStateBaseDir_) {
-    return;
-  }
-  const Kel::Ptr<const Kel::Dir> dir = rmxStateBaseDir_.get();
-  for (auto&& entry : *dir) {
-    handleRmxStateBaseDir(entry.key);
-  }
-}
-
-void VxlanControllerClientSm::handleRmxStateBaseDir(Kel::Name name) {
-  VCC_TRACE(traceOrdinary, "handleRmxStateBaseDir", " init ", initialized());
-  if (!initialized() || !rmxStateBaseDir_) {
-    return;
-  }
-  if (!rmxStateBaseDir_->hasEntry(name) || !vxlanControllerClientMode()) {
-    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir deleted for ");
-    rmxStateSmDel();
-    return;
-  }
-  const Kel::Ptr<Kel::Entity> entity = rmxStateBaseDir_->entityPtr(name);
-  if (!entity) {
-    VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added, but not instantiated ");
-    return;
-  }
-  VCC_LINE(traceOrdinary, "handleRmxStateBaseDir", " entry subdir added ");
-  if (const auto state = Kel::ptrCast<VxlanController::RmxStateV2>(entity)) {
-    rmxStateSmIs(state, rmxStateClientView());
-  }
-}
-
-void VxlanControllerClientSm::rmxStateSmIs(
-    const Kel::Ptr<const VxlanController::RmxStateV2>& rmxState,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView) {
-  rmxStateSm_.shadowIs(rmxState, rmxStateClientView);
-}
-
-void VxlanControllerClientSm::rmxStateSmDel() {
-  rmxStateSm_.del();
-}
-
 // The VLAN-VNI maps.
 
 void VxlanControllerClientSm::handleVlanVniMapVti(Qnet::IntfId vti) {
@@ -214,8 +180,9 @@ void VxlanControllerClientSm::deleteVlanVniMapSm(Qnet::IntfId vti) {
   vlanVniMapSmShadowDel(vti);
 }
 
-Kel::Ptr<VtiVlanVniMapSm> VxlanControllerClientSm::vlanVniMapSmShadowIs(
-    Qnet::IntfId vti, VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<const VlanVniMap>& map) {
+Kel::Ptr<VtiVlanVniMapSm> VxlanControllerClientSm::vlanVniMapSmShadowIs(Qnet::IntfId vti,
+                                                                        VxlanControllerMacAddrSmBase* owner,
+                                                                        VlanVniMapRef map) {
   return vlanVniMapSmShadow_.shadowIs(vti, owner, map);
 }
 
@@ -245,13 +212,13 @@ VniExtOrNone VxlanControllerClientSm::vniForVlan(Qnet::IntfId vti, Bridging::Vla
   return map == nullptr ? VniExtOrNone() : (*map)->vlanToVsp(vlan).vni;
 }
 
-void VxlanControllerClientSm::rmxStateBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) {
+void VxlanControllerClientSm::rmxStateBaseDirIs(DirRef dir) {
   rmxStateBaseDir_.is(dir);
 }
 void VxlanControllerClientSm::rmxStateBaseDirDel() {
   rmxStateBaseDir_.del();
 }
-void VxlanControllerClientSm::vlanVniMapsIs(const Kel::Ptr<const VlanVniMaps>& maps) {
+void VxlanControllerClientSm::vlanVniMapsIs(VlanVniMapsRef maps) {
   vtis_.clear();  // other maps may come to lie where the old ones lay
   vtisOf_ = nullptr;
   vlanVniMaps_.is(maps);
@@ -276,9 +243,8 @@ void VxlanControllerClientSm::deleteRmxPerVniFdbStatusSm(VniExt vni) {
 }
 
 Kel::Ptr<VccPerVniFdbStatusSm> VxlanControllerClientSm::vccPerVniFdbStatusSmShadowIs(
-    VniExt vni, const Kel::Ptr<const VxlanController::VniFdbStatusV2>& status,
-    const Kel::Ptr<const VtiStatusDir>& dir, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
-    VxlanControllerMacAddrSmBase* owner, const Kel::Ptr<L2Rib::SourceDirEntry>& sde) {
+    VniExt vni, VniStatusRef status, VtiStatusDirRef dir, HwStatusDirRef hwStatusDir,
+    VxlanControllerMacAddrSmBase* owner, SourceRef sde) {
   return vccPerVniFdbStatusSmShadow_.shadowIs(vni, status, dir, hwStatusDir, owner, sde);
 }
 
@@ -314,20 +280,17 @@ void VxlanControllerClientSm::deleteRmxMlagBumStatusSm() {
   rmxMlagBumStatusSmDel();
 }
 
-Kel::Ptr<RmxMlagBumStatusSm> VxlanControllerClientSm::rmxMlagBumStatusSmShadowIs(
-    const Kel::Ptr<const Mlag::VxlanStatus>& status, const Kel::Ptr<VxlanHwStatusDir>& hwStatusDir,
-    const Kel::Ptr<const VlanVniMaps>& maps) {
+Kel::Ptr<RmxMlagBumStatusSm> VxlanControllerClientSm::rmxMlagBumStatusSmShadowIs(MlagVxlanStatusRef status,
+                                                                                 HwStatusDirRef hwStatusDir,
+                                                                                 VlanVniMapsRef maps) {
   return rmxMlagBumStatusSmShadow_.shadowIs(status, hwStatusDir, maps);
 }
 
 Kel::Ptr<VxlanControllerClientSm> vxlanControllerClientSmFactory(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus, const Kel::Ptr<const Kel::Dir>& rmxStateBaseDir,
-    const Kel::Ptr<const VlanVniMaps>& vlanVniMaps, const Kel::Ptr<L2Rib::SourceDirEntry>& rmxSde,
-    const Kel::Ptr<L2Rib::HostInput>& l2RibRmxInput,
-    const Kel::Ptr<VxlanClientConvergenceStatus>& rmxConvergenceStatus) {
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus,
+    DirRef rmxStateBaseDir, VlanVniMapsRef vlanVniMaps, SourceRef rmxSde, HostInputRef l2RibRmxInput,
+    ConvergenceStatusRef rmxConvergenceStatus) {
   return VxlanControllerClientSm::VxlanControllerClientSmIs(
       vtiStatusDir, controllerStatusBaseDir, rmxStateClientView, vxlanHwStatusDir, mlagStatus,
       mlagVxlanStatus, rmxStateBaseDir, vlanVniMaps, rmxSde, l2RibRmxInput, rmxConvergenceStatus);

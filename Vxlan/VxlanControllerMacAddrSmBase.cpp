@@ -29,11 +29,74 @@ VniExt vniOf(const Kel::Name& name) {
 
 }  // namespace
 
+// The reactors: which handler each change of an input runs.
+
+struct VxlanControllerMacAddrSmBase::KelVtiStatusDir final
+    : Kel::Reacts<VtiStatusDir, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onVtiStatus(Qnet::IntfId vti) override {
+    if (const Kel::Ptr<const VtiStatus> status = notifier()->vtiStatus(vti)) {
+      owner().vtiStatusIs(status);
+    } else {
+      owner().vtiStatusDel(vti);
+    }
+  }
+  void onVtiStatuskelImmediate() override { owner().vtiStatusReconcile(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelControllerStatusBaseDir final
+    : Kel::Reacts<Kel::Dir, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onEntityPtr(Kel::Name name) override { owner().handleControllerVniBaseDir(name); }
+  void onEntityPtrkelImmediate() override { owner().handleControllerVniBaseDir(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelRmxStateClientView final
+    : Kel::Reacts<VxlanController::RmxStateClientViewV2, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onConvergenceInProgress() override { owner().handleConvergenceInProgress(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelVxlanHwStatusDir final
+    : Kel::Reacts<VxlanHwStatusDir, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onBumStatus() override { owner().kel_BumStatusInRebind(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelKel_BumStatusIn final
+    : Kel::Reacts<BumStatus, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onBumReplicationMode() override { owner().handleBumReplicationMode(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelMlagStatus final
+    : Kel::Reacts<Mlag::Status, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onMlagState() override { owner().handleMlagState(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelUnicastDeferredDeleteClock final
+    : Kel::Reacts<Kel::Clock, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onTime() override { owner().processUnicastDeferredDeletes(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelBumDeferredDeleteClock final
+    : Kel::Reacts<Kel::Clock, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onTime() override { owner().processBumDeferredDeletes(); }
+};
+
+struct VxlanControllerMacAddrSmBase::KelVtiStatus final
+    : Kel::Reacts<VtiStatus, VxlanControllerMacAddrSmBase> {
+  using Reacts::Reacts;
+  void onControllerClientMode() override { owner().handleControllerClientMode(); }
+  void onDatapathLearning() override { owner().handleDatapathLearningMode(); }
+};
+
 VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBase(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus) {
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus) {
   vtiStatusDir_.is(vtiStatusDir);
   controllerStatusBaseDir_.is(controllerStatusBaseDir);
   rmxStateClientView_.is(rmxStateClientView);
@@ -54,10 +117,8 @@ VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBase(
 }
 
 Kel::Ptr<VxlanControllerMacAddrSmBase> VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBaseIs(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus) {
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus) {
   return Kel::live<VxlanControllerMacAddrSmBase>(vtiStatusDir, controllerStatusBaseDir, rmxStateClientView,
                                                  vxlanHwStatusDir, mlagStatus, mlagVxlanStatus);
 }
@@ -317,114 +378,6 @@ void VxlanControllerMacAddrSmBase::vxlanControllerScanVniStatus(VniExt vni) {
   handleControllerVniBaseDir(Kel::Name(std::to_string(vni.value())));
 }
 
-// Received hosts: marking and deleting.
-
-void VxlanControllerMacAddrSmBase::deleteRemoteMacFromController(Bridging::VlanId vlan, bool deferDel) {
-  if (!initialized()) {
-    return;
-  }
-  const Kel::Ptr<ReceivedHostTable> table = getHostTable();
-  VCC_TRACE(traceOrdinary, "deleteRemoteMacFromController", " vlanId ", vlan, " deferDel ", deferDel);
-  if (!table) {
-    return;
-  }
-  for (const Bridging::MacVlanPair& key : table->receivedEntryOfVlan(vlan)) {
-    VCC_LINE(traceOrdinary, " Deleting: Mac: ", key.mac, " Vlan: ", key.vlan, " deferDel ", deferDel);
-    if (deferDel) {
-      deferDeleteReceivedTableEntry(key);
-    } else {
-      deleteReceivedTableEntry(key);
-    }
-  }
-}
-
-void VxlanControllerMacAddrSmBase::deferDeleteReceivedTableEntry(const Bridging::MacVlanPair& key) {
-  const Kel::Ptr<ReceivedHostTable> table = getHostTable();
-  VCC_TRACE(traceOrdinary, " key ", key.mac, " vlan ", key.vlan);
-  const ReceivedEntry* present = table ? table->receivedEntry().find(key) : nullptr;
-  if (present == nullptr || present->markedForDel) {
-    return;
-  }
-  ReceivedEntry marked = *present;
-  marked.markedForDel = true;
-  VCC_LINE(traceOrdinary, "defer delete of ", key.mac, " vlan ", key.vlan, " old vtep: ", marked.vtepIp);
-  table->receivedEntryIs(marked);
-  table->markedForDelCountInc(1);
-  VCC_LINE(traceOrdinary, "new marked for deletion count ", table->markedForDelCount());
-}
-
-void VxlanControllerMacAddrSmBase::deleteReceivedTableEntry(const Bridging::MacVlanPair& key) {
-  const Kel::Ptr<ReceivedHostTable> table = getHostTable();
-  VCC_TRACE(traceOrdinary, " deleting ", key.mac, " vlan ", key.vlan);
-  if (!table) {
-    return;
-  }
-  const ReceivedEntry* present = table->receivedEntry().find(key);
-  if (present != nullptr && present->markedForDel) {
-    table->markedForDelCountDec(1);
-    VCC_LINE(traceOrdinary, " new marked for deletion count ", table->markedForDelCount());
-  }
-  table->receivedEntryDel(key);
-}
-
-void VxlanControllerMacAddrSmBase::processUnicastDeferredDeletes() {
-  const Kel::Ptr<ReceivedHostTable> table = initialized() ? getHostTable() : nullptr;
-  if (!table) {
-    return;
-  }
-  VCC_TRACE(traceOrdinary, " init ", initialized(), " convergence state ", converging(),
-            " marked for del count ", table->markedForDelCount());
-  if (converging()) {
-    VCC_LINE(traceOrdinary, " called but nothing to do - nexo rebooted again?");
-    return;
-  }
-  if (table->markedForDelCount() == 0) {
-    finishUnicastDeferredDeletes();
-    VCC_LINE(traceOrdinary, " no markedForDel entries");
-    return;
-  }
-  const Bridging::MacVlanPair bookmark = unicastDeferredDeleteBookmark();
-  auto at = table->receivedEntry().begin();
-  if (const auto marked = table->receivedEntry().at(bookmark);
-      bookmark != Bridging::MacVlanPair() && marked) {
-    VCC_LINE(traceOrdinary, " starting at bookmark ", bookmark.mac, " vlan ", bookmark.vlan);
-    at = marked;
-  } else {
-    VCC_LINE(traceOrdinary, " no bookmark. start fresh");
-  }
-  const double deadline = Kel::System::currentTime() + maxProcessTime();
-  VCC_LINE(traceOrdinary, " initial count ", table->markedForDelCount());
-  while (table->markedForDelCount() != 0) {
-    if (!at) {
-      VCC_LINE(traceOrdinary, " reached end, resume from first entry");
-      at = table->receivedEntry().begin();
-      // Cannot be reached while the count is right: it never exceeds the number of entries.
-      Kel::fatalUnless(static_cast<bool>(at), "iter");
-    }
-    const Bridging::MacVlanPair key = at->key;
-    const double now = Kel::System::currentTime();
-    if (now >= deadline) {
-      unicastDeferredDeleteBookmark_ = key;
-      VCC_LINE(traceOrdinary, " reschedule, resume later from ", key.mac, " vlan ", key.vlan,
-               " Remaining count ", table->markedForDelCount());
-      unicastDeferredDeleteClock_->timeMinIs(now);
-      return;
-    }
-    if (at->value.markedForDel) {
-      deleteReceivedTableEntry(key);
-    }
-    ++at;
-  }
-  finishUnicastDeferredDeletes();
-  VCC_RECORD(traceOrdinary, " unicast mac deferred del complete");
-  VCC_LINE(traceOrdinary, " unicast mac deferred delete complete.");
-}
-
-void VxlanControllerMacAddrSmBase::finishUnicastDeferredDeletes() {
-  unicastDeferredDeleteBookmark_ = Bridging::MacVlanPair();
-  setUnicastDeferredDeletionInProgress(false);
-}
-
 bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, Qnet::IntfId vti) const {
   VCC_TRACE(traceOrdinary, " vni ", vni, " vtepIp ", vtepIp, " vti ", vti);
   const Kel::Ptr<const VtiStatus> status = vtiStatusDir_ ? vtiStatusDir_->vtiStatus(vti) : nullptr;
@@ -447,12 +400,10 @@ bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp,
   return false;
 }
 
-// The generated mutators.
+// Mutators of inputs and children.
 
 void VxlanControllerMacAddrSmBase::vtiStatusReconcile() {
-  if (vtiStatusDir_) {
-    vtiStatus_.reconcile(vtiStatusDir_->vtiStatus());
-  }
+  vtiStatus_.handle();
 }
 
 void VxlanControllerMacAddrSmBase::vtiStatusDel(Qnet::IntfId vti) {
@@ -466,33 +417,31 @@ void VxlanControllerMacAddrSmBase::vtiStatusIs(const Kel::Ptr<const VtiStatus>& 
   vtiStatus_.is(status->intfId(), status);
 }
 
-void VxlanControllerMacAddrSmBase::vtiStatusDirIs(const Kel::Ptr<const VtiStatusDir>& dir) {
+void VxlanControllerMacAddrSmBase::vtiStatusDirIs(VtiStatusDirRef dir) {
   if (dir) {
-    vtiStatusDir_.is(dir);
+    vtiStatus_.inputIs(dir);
   } else {
     vtiStatusDirDel();
   }
 }
 
 void VxlanControllerMacAddrSmBase::vtiStatusDirDel() {
-  vtiStatusDir_.del();
-  vtiStatus_.delAll();
+  vtiStatus_.inputIs(nullptr);
 }
 
-void VxlanControllerMacAddrSmBase::controllerStatusBaseDirIs(const Kel::Ptr<const Kel::Dir>& dir) {
+void VxlanControllerMacAddrSmBase::controllerStatusBaseDirIs(DirRef dir) {
   controllerStatusBaseDir_.is(dir);
 }
 void VxlanControllerMacAddrSmBase::controllerStatusBaseDirDel() {
   controllerStatusBaseDir_.del();
 }
-void VxlanControllerMacAddrSmBase::rmxStateClientViewIs(
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& view) {
+void VxlanControllerMacAddrSmBase::rmxStateClientViewIs(ClientViewRef view) {
   rmxStateClientView_.is(view);
 }
 void VxlanControllerMacAddrSmBase::rmxStateClientViewDel() {
   rmxStateClientView_.del();
 }
-void VxlanControllerMacAddrSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStatusDir>& dir) {
+void VxlanControllerMacAddrSmBase::vxlanHwStatusDirIs(HwStatusDirRef dir) {
   vxlanHwStatusDir_.is(dir);
   if (!dir) {
     kel_BumStatusInRebind();
@@ -501,19 +450,19 @@ void VxlanControllerMacAddrSmBase::vxlanHwStatusDirIs(const Kel::Ptr<VxlanHwStat
 void VxlanControllerMacAddrSmBase::vxlanHwStatusDirDel() {
   vxlanHwStatusDirIs(nullptr);
 }
-void VxlanControllerMacAddrSmBase::mlagStatusIs(const Kel::Ptr<const Mlag::Status>& status) {
+void VxlanControllerMacAddrSmBase::mlagStatusIs(MlagStatusRef status) {
   mlagStatus_.is(status);
 }
 void VxlanControllerMacAddrSmBase::mlagStatusDel() {
   mlagStatus_.del();
 }
-void VxlanControllerMacAddrSmBase::unicastDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock) {
+void VxlanControllerMacAddrSmBase::unicastDeferredDeleteClockIs(ClockRef clock) {
   if (!clock) {
     Kel::throwNullParameter(className, "unicastDeferredDeleteClock");
   }
   unicastDeferredDeleteClock_.is(clock);
 }
-void VxlanControllerMacAddrSmBase::bumDeferredDeleteClockIs(const Kel::Ptr<Kel::Clock>& clock) {
+void VxlanControllerMacAddrSmBase::bumDeferredDeleteClockIs(ClockRef clock) {
   if (!clock) {
     Kel::throwNullParameter(className, "bumDeferredDeleteClock");
   }
@@ -544,10 +493,8 @@ void VxlanControllerMacAddrSmBase::vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSm
 }
 
 Kel::Ptr<VxlanControllerMacAddrSmBase> vxlanControllerMacAddrSmBaseFactory(
-    const Kel::Ptr<const VtiStatusDir>& vtiStatusDir, const Kel::Ptr<const Kel::Dir>& controllerStatusBaseDir,
-    const Kel::Ptr<VxlanController::RmxStateClientViewV2>& rmxStateClientView,
-    const Kel::Ptr<VxlanHwStatusDir>& vxlanHwStatusDir, const Kel::Ptr<const Mlag::Status>& mlagStatus,
-    const Kel::Ptr<const Mlag::VxlanStatus>& mlagVxlanStatus) {
+    VtiStatusDirRef vtiStatusDir, DirRef controllerStatusBaseDir, ClientViewRef rmxStateClientView,
+    HwStatusDirRef vxlanHwStatusDir, MlagStatusRef mlagStatus, MlagVxlanStatusRef mlagVxlanStatus) {
   return VxlanControllerMacAddrSmBase::VxlanControllerMacAddrSmBaseIs(vtiStatusDir, controllerStatusBaseDir,
                                                                       rmxStateClientView, vxlanHwStatusDir,
                                                                       mlagStatus, mlagVxlanStatus);

@@ -174,7 +174,7 @@ function(vcc_scenarios name)
 endfunction()
 
 # vcc_add_folders(PARENT...): every folder below each PARENT that has a CMakeLists.txt. Where the agent and the tools
-# are left out, so are the folders of the same name (tests/control belongs to agent/control) and what runs the agent.
+# are left out, so are the folders of the same name (tests/control belongs to service/control) and what runs the agent.
 function(vcc_add_folders)
   foreach(parent IN LISTS ARGN)
     file(GLOB lists CONFIGURE_DEPENDS RELATIVE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/${parent}/*/CMakeLists.txt")
@@ -182,7 +182,8 @@ function(vcc_add_folders)
     foreach(list IN LISTS lists)
       get_filename_component(folder "${list}" DIRECTORY)
       get_filename_component(name "${folder}" NAME)
-      if(NOT VCC_AGENT AND (name MATCHES "^(agent|examples|demo|journals|lab|live)$" OR EXISTS "${CMAKE_SOURCE_DIR}/agent/${name}/CMakeLists.txt"
+      if(NOT VCC_AGENT AND (name MATCHES "^(agent|examples|demo|journals|lab|live)$" OR EXISTS "${CMAKE_SOURCE_DIR}/service/${name}/CMakeLists.txt"
+                            OR EXISTS "${CMAKE_SOURCE_DIR}/agent/${name}/CMakeLists.txt"
                             OR EXISTS "${CMAKE_SOURCE_DIR}/tools/${name}/CMakeLists.txt"))
         continue()
       endif()

@@ -68,7 +68,7 @@ build() {
 }
 
 # Tests that wait for real servers and the kernel: on a machine that is busy one of them may wait longer than it is allowed to.
-real_servers='^(live|lab|ovsdb_live_test|kernel_test)\.'
+real_servers='^(live|lab|vtep_live_test|kernel_live_test)\.'
 
 # run_tests FOLDER [CTEST ARGUMENT...] runs the tests of a build folder, shows those that failed and ctest's summary, and
 # counts. Those that wait for real servers get a second run when they fail, which is told; all others have one.

@@ -11,12 +11,12 @@ using Control::RequestError;
 using nlohmann::json;
 
 // What is there of one VNI.
-Part vniRecord(const Kel::Ptr<Kel::Entity>& entity) {
+Service::Part vniRecord(const Kel::Ptr<Kel::Entity>& entity) {
   const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
-  return recordOf({{"state", status ? "instantiated" : "announced"},
-                   {"hosts", status ? status->macVtepTable().size() : 0},
-                   {"floodLists", status ? status->macVtepFloodListTable().size() : 0},
-                   {"multiPaths", status ? status->macVtepMultiPathTable().size() : 0}});
+  return Service::recordOf({{"state", status ? "instantiated" : "announced"},
+                            {"hosts", status ? status->macVtepTable().size() : 0},
+                            {"floodLists", status ? status->macVtepFloodListTable().size() : 0},
+                            {"multiPaths", status ? status->macVtepMultiPathTable().size() : 0}});
 }
 
 }  // namespace
@@ -39,12 +39,12 @@ void AgentService::patch(json&& patch, std::string_view who, Answer answer) {
   });
 }
 
-Part AgentService::part(const std::string& pointer) {
-  auto document = std::make_unique<Members>();
+Service::Part AgentService::part(const std::string& pointer) {
+  auto document = std::make_unique<Service::Members>();
   document->add("agent", [this] { return agentPart(); });
   document->add("input", [this] { return inputPart(world_); });
   document->add("output", [this] { return output_.part(); });
-  return partAt(Part(std::move(document)), pointer);
+  return partAt(Service::Part(std::move(document)), pointer);
 }
 
 json AgentService::call(const std::string& method, const json& params) {
@@ -61,25 +61,26 @@ json AgentService::call(const std::string& method, const json& params) {
 }
 
 // Each member is made when it is asked for: counting what the kernel has takes long.
-Part AgentService::agentPart() {
-  auto members = std::make_unique<Members>();
+Service::Part AgentService::agentPart() {
+  auto members = std::make_unique<Service::Members>();
   const auto own = std::make_shared<const json>(hooks_.agentSection());
   for (const auto& [name, value] : own->items()) {
-    members->add(name, [own, member = &value] { return partOf(*member); });
+    members->add(name, [own, member = &value] { return Service::partOf(*member); });
   }
   members->add("vnis", [this] { return vnis(); });
   if (database_ != nullptr) {
-    members->add("ovsdb", [this] { return partOf(database_->status().json()); });
+    members->add("ovsdb", [this] { return Service::partOf(database_->status().json()); });
   }
   if (kernel_ != nullptr) {
-    members->add("kernel", [this] { return partOf(kernel_->status().value("kinds", json::object())); });
-    members->add("kernelStatus", [this] { return partOf(kernel_->status()); });
+    members->add("kernel",
+                 [this] { return Service::partOf(kernel_->status().value("kinds", json::object())); });
+    members->add("kernelStatus", [this] { return Service::partOf(kernel_->status()); });
   }
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
-Part AgentService::vnis() const {
-  return Part(std::make_unique<DirBranch>(world_.fdb, &vniRecord));
+Service::Part AgentService::vnis() const {
+  return Service::Part(std::make_unique<DirBranch>(world_.fdb, &vniRecord));
 }
 
 json AgentService::explain(const json& params) {

@@ -7,20 +7,20 @@
 #include <string>
 #include <vector>
 
-#include "agent/control/Ownership.h"
-#include "agent/control/Service.h"
 #include "agent/daemon/PatchQueue.h"
 #include "agent/daemon/RefusedWrites.h"
 #include "agent/kernel/Adapter.h"
-#include "agent/ovsdb/Adapter.h"
 #include "agent/state/OutputDocument.h"
 #include "agent/state/World.h"
+#include "agent/vtep/Adapter.h"
+#include "service/control/Backend.h"
+#include "service/control/Ownership.h"
 
 namespace Agent {
 
 // The document {"input", "output", "agent"} over a world, patches on its inputs, and the named methods.
 // Adapters are shown where there are any.
-class AgentService final : public Control::Service {
+class AgentService final : public Control::Backend {
  public:
   // How the daemon carries a patch out and what it knows beside the world.
   struct Hooks {
@@ -33,13 +33,13 @@ class AgentService final : public Control::Service {
   AgentService(World& world, const std::string& hostTable, Hooks hooks);
 
   // The adapters, null where there is none; they outlive the service or are taken back.
-  void databaseIs(const Ovsdb::Adapter* database) { database_ = database; }
+  void databaseIs(const Vtep::Adapter* database) { database_ = database; }
   void kernelIs(Kernel::Adapter* kernel) { kernel_ = kernel; }
   void refusedWritesAre(const RefusedWrites* refused) { refused_ = refused; }
   Control::Ownership& ownership() { return ownership_; }
 
   void patch(nlohmann::json&& patch, std::string_view who, Answer answer) override;
-  Part part(const std::string& pointer) override;
+  Service::Part part(const std::string& pointer) override;
   nlohmann::json call(const std::string& method, const nlohmann::json& params) override;
   bool callChanges(const std::string& method) const override { return method == "flush"; }
   void onChange(std::function<void()> listener) override { listener_ = std::move(listener); }
@@ -52,8 +52,8 @@ class AgentService final : public Control::Service {
   }
 
  private:
-  Part agentPart();
-  Part vnis() const;
+  Service::Part agentPart();
+  Service::Part vnis() const;
   nlohmann::json explain(const nlohmann::json& params);
   nlohmann::json flush();
 
@@ -61,7 +61,7 @@ class AgentService final : public Control::Service {
   OutputDocument output_;
   Hooks hooks_;
   Control::Ownership ownership_;
-  const Ovsdb::Adapter* database_ = nullptr;
+  const Vtep::Adapter* database_ = nullptr;
   Kernel::Adapter* kernel_ = nullptr;
   const RefusedWrites* refused_ = nullptr;
   std::function<void()> listener_;
@@ -70,7 +70,7 @@ class AgentService final : public Control::Service {
 // Follows one MAC in one VLAN from the controller to the layer-2 RIB and, with a kernel adapter, to the
 // kernel: the answer to the method "explain", {mac, vlan, vni, steps, verdict, published}.
 nlohmann::json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId vlan,
-                           const Ovsdb::Adapter* database, Kernel::Adapter* kernel,
+                           const Vtep::Adapter* database, Kernel::Adapter* kernel,
                            const RefusedWrites* refused);
 // The VLANs in which something is known of the MAC, ascending.
 std::vector<Bridging::VlanId> vlansKnowing(const World& world, const Qnet::EthAddr& mac);

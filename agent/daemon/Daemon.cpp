@@ -17,6 +17,7 @@
 #include "Kel/TraceHelper.h"
 #include "Vxlan/framework/Trace.h"
 #include "agent/daemon/Delivery.h"
+#include "agent/daemon/Render.h"
 #include "agent/state/JsonChecks.h"
 #include "agent/state/ReplayTables.h"
 
@@ -119,7 +120,7 @@ std::string joined(const std::vector<std::string>& names) {
 
 }  // namespace
 
-class Daemon::Activity final : public EventLoop::Embedded {
+class Daemon::Activity final : public Service::EventLoop::Embedded {
  public:
   explicit Activity(Daemon& daemon) : daemon_(daemon) {}
   bool turn() override {
@@ -161,10 +162,10 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments, Lo
   openKernel();
   openDatabase();
   if (!options_.metrics.empty()) {
-    metrics_ = std::make_unique<MetricsEndpoint>(loop_, options_.metrics, [this] {
+    metrics_ = std::make_unique<Service::MetricsEndpoint>(loop_, options_.metrics, [this] {
       Metrics numbers;
       guarded("the metrics", [&] { numbers = metrics(); });
-      return numbers;
+      return render(numbers);
     });
   }
   if (world_.hosts->hosts() != 0 && database_ != nullptr) {
@@ -244,11 +245,11 @@ void Daemon::openKernel() {
 
 // Lets the kernel adapter work, in slices, until it has nothing to do at once.
 void Daemon::runKernel() {
-  if (kernelWork_ == EventLoop::WorkId::none) {
+  if (kernelWork_ == Service::EventLoop::WorkId::none) {
     kernelWork_ = loop_.addWork([this] {
       const bool more = kernel_->run(kernelSlice);
       if (!more) {
-        kernelWork_ = EventLoop::WorkId::none;
+        kernelWork_ = Service::EventLoop::WorkId::none;
         armKernel();
       }
       return more;
@@ -271,7 +272,7 @@ void Daemon::openDatabase() {
   if (options_.switchName.empty()) {
     throw std::invalid_argument("--ovsdb needs --switch, the name of this switch in the database");
   }
-  Ovsdb::Adapter::Options adapter;
+  Vtep::Adapter::Options adapter;
   adapter.session.remotes = remotesOf(options_);
   adapter.session.largestFirst = options_.maxMessage << 20;
   adapter.mapper.topology.switchName = options_.switchName;
@@ -280,15 +281,15 @@ void Daemon::openDatabase() {
   adapter.mapper.vti = options_.vti;
   adapter.mapper.convergence = {options_.convergeQuiet, options_.convergeMax};
   adapter.tls = {options_.ovsdbKey, options_.ovsdbCert, options_.ovsdbCa};
-  database_ = std::make_unique<Ovsdb::Adapter>(
+  database_ = std::make_unique<Vtep::Adapter>(
       loop_, adapter,
       [this] {
-        if (databaseWork_ == EventLoop::WorkId::none) {
+        if (databaseWork_ == Service::EventLoop::WorkId::none) {
           databaseWork_ = loop_.addWork([this] { return takeFromDatabase(); });
         }
       },
       [this](const std::string& text) { log_.line(text); });
-  for (const std::string& pointer : Ovsdb::Adapter::ownedPointers()) {
+  for (const std::string& pointer : Vtep::Adapter::ownedPointers()) {
     service_->ownership().claim(pointer, "ovsdb");
   }
   service_->databaseIs(database_.get());
@@ -298,7 +299,7 @@ void Daemon::openDatabase() {
 bool Daemon::takeFromDatabase() {
   while (loop_.budgetLeft()) {
     if (!patch_ && !nextDatabasePatch()) {
-      databaseWork_ = EventLoop::WorkId::none;
+      databaseWork_ = Service::EventLoop::WorkId::none;
       return false;
     }
     stepPatch();
@@ -382,9 +383,9 @@ void Daemon::noteProblem(const std::string& kind, const std::string& where, cons
 
 // Whether the controller's state is in, and nothing of it waits to be carried out.
 bool Daemon::settled() const {
-  return database_ == nullptr ||
-         (database_->status().session == Ovsdb::SessionState::following && !patch_ &&
-          databaseWork_ == EventLoop::WorkId::none && !database_->mapper().convergence().inProgress());
+  return database_ == nullptr || (database_->status().session == Ovsdb::SessionState::following && !patch_ &&
+                                  databaseWork_ == Service::EventLoop::WorkId::none &&
+                                  !database_->mapper().convergence().inProgress());
 }
 
 void Daemon::repairTable() {
@@ -414,7 +415,7 @@ void Daemon::settleStart() {
 }
 
 void Daemon::cleanAdopted() {
-  if (adoptionWork_ != EventLoop::WorkId::none) {
+  if (adoptionWork_ != Service::EventLoop::WorkId::none) {
     return;
   }
   adoptionWork_ = loop_.addWork([this] {
@@ -423,7 +424,7 @@ void Daemon::cleanAdopted() {
       guarded("the end of the adoption", [&] { more = adoption_->clean(adoptedPerSlice); });
     }
     if (!more) {
-      adoptionWork_ = EventLoop::WorkId::none;
+      adoptionWork_ = Service::EventLoop::WorkId::none;
       adoption_ = nullptr;
     }
     return more;

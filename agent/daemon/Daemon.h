@@ -8,20 +8,21 @@
 #include <string>
 #include <vector>
 
-#include "agent/control/Server.h"
 #include "agent/daemon/Adoption.h"
 #include "agent/daemon/AgentService.h"
 #include "agent/daemon/KernelFollower.h"
 #include "agent/daemon/Log.h"
+#include "agent/daemon/Metrics.h"
 #include "agent/daemon/PatchQueue.h"
 #include "agent/daemon/Recorder.h"
 #include "agent/daemon/RefusedWrites.h"
 #include "agent/daemon/RunOptions.h"
 #include "agent/daemon/SlotSweep.h"
 #include "agent/daemon/TableRepair.h"
-#include "agent/loop/EventLoop.h"
-#include "agent/metrics/Endpoint.h"
 #include "agent/state/World.h"
+#include "service/control/Server.h"
+#include "service/loop/EventLoop.h"
+#include "service/metrics/Endpoint.h"
 
 namespace Agent {
 
@@ -79,7 +80,7 @@ class Daemon {
   RunOptions options_;
   std::vector<std::string> arguments_;
   Log& log_;
-  EventLoop loop_;
+  Service::EventLoop loop_;
   World world_;
   RefusedWrites refused_;
   std::unique_ptr<Adoption> adoption_;  // while hosts of an earlier run may be stale
@@ -90,17 +91,17 @@ class Daemon {
   Recorder recorder_;
   std::unique_ptr<AgentService> service_;
   std::unique_ptr<Control::Server> server_;
-  std::unique_ptr<Ovsdb::Adapter> database_;
+  std::unique_ptr<Vtep::Adapter> database_;
   std::unique_ptr<Kernel::Adapter> kernel_;
   std::unique_ptr<KernelFollower> follower_;
-  std::unique_ptr<MetricsEndpoint> metrics_;
+  std::unique_ptr<Service::MetricsEndpoint> metrics_;
 
   std::optional<InputPatch> patch_;  // of the database, being carried out
   nlohmann::json patchText_;
-  EventLoop::WorkId databaseWork_ = EventLoop::WorkId::none;
-  EventLoop::WorkId adoptionWork_ = EventLoop::WorkId::none;
-  EventLoop::WorkId kernelWork_ = EventLoop::WorkId::none;
-  EventLoop::TimerId kernelTimer_ = EventLoop::TimerId::none;
+  Service::EventLoop::WorkId databaseWork_ = Service::EventLoop::WorkId::none;
+  Service::EventLoop::WorkId adoptionWork_ = Service::EventLoop::WorkId::none;
+  Service::EventLoop::WorkId kernelWork_ = Service::EventLoop::WorkId::none;
+  Service::EventLoop::TimerId kernelTimer_ = Service::EventLoop::TimerId::none;
   bool kernelSettled_ = false;
   bool toldRefused_ = false;  // that hosts wait for a place in the table
   std::uint64_t errors_ = 0;  // exceptions that were contained

@@ -14,7 +14,7 @@ using nlohmann::json;
 }  // namespace
 
 json Daemon::agentSection() const {
-  const LoopStall& stall = loop_.stall();
+  const Service::LoopStall& stall = loop_.stall();
   json section = {{"pid", ::getpid()},
                   {"uptime", Kel::System::loopTime() - started_},
                   {"table",
@@ -37,7 +37,7 @@ json Daemon::agentSection() const {
         {"mostItems", stats.mostItems}};
   }
   if (database_ != nullptr) {
-    const Ovsdb::AdapterStatus status = database_->status();
+    const Vtep::AdapterStatus status = database_->status();
     section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};
   }
   return section;
@@ -46,12 +46,12 @@ json Daemon::agentSection() const {
 json Daemon::problems() const {
   json all = json::array();
   if (database_ != nullptr) {
-    for (const Ovsdb::Problem& problem : database_->problems(mostProblems)) {
-      all.push_back({{"kind", std::string(Ovsdb::nameOf(problem.kind))},
+    for (const Vtep::Problem& problem : database_->problems(mostProblems)) {
+      all.push_back({{"kind", std::string(Vtep::nameOf(problem.kind))},
                      {"where", problem.row.text()},
                      {"text", problem.text}});
     }
-    const Ovsdb::AdapterStatus status = database_->status();
+    const Vtep::AdapterStatus status = database_->status();
     if (!status.problem.empty()) {
       all.push_back({{"kind", "session"}, {"where", status.remote}, {"text", status.problem}});
     }
@@ -98,7 +98,7 @@ Metrics Daemon::metrics() const {
     numbers.problems[refused_.kind()] = refused_.waiting();
   }
   if (database_ != nullptr) {
-    const Ovsdb::AdapterStatus status = database_->status();
+    const Vtep::AdapterStatus status = database_->status();
     numbers.sessions["ovsdb"] = {status.session == Ovsdb::SessionState::following, status.reconnects};
     numbers.convergenceSeconds = status.convergingFor;
     numbers.longestSliceSeconds = static_cast<double>(status.longestSlice.count()) * 1e-9;

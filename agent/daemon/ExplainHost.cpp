@@ -49,8 +49,8 @@ Mapped mappingOf(const World& world, Bridging::VlanId vlan) {
   return {};
 }
 
-void tellDatabase(Story& story, const Ovsdb::Adapter& database, const Qnet::EthAddr& mac,
-                  const Mapped& mapped, Bridging::VlanId vlan) {
+void tellDatabase(Story& story, const Vtep::Adapter& database, const Qnet::EthAddr& mac, const Mapped& mapped,
+                  Bridging::VlanId vlan) {
   const json account = database.explain(
       mac.value(), mapped.vni ? std::optional(mapped.vni.value()) : std::nullopt, vlan.value());
   story.step("controller database", databaseTold(account), account);
@@ -143,7 +143,7 @@ bool tellL2Rib(Story& story, const World& world, const Bridging::MacVlanPair& ke
 }  // namespace
 
 json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId vlan,
-                 const Ovsdb::Adapter* database, Kernel::Adapter* kernel, const RefusedWrites* refused) {
+                 const Vtep::Adapter* database, Kernel::Adapter* kernel, const RefusedWrites* refused) {
   const Bridging::MacVlanPair key{mac, vlan};
   const Mapped mapped = mappingOf(world, vlan);
   Story story;

@@ -39,7 +39,7 @@ int openAgain(int fd) {
 
 }  // namespace
 
-Log::Log(int fd, EventLoop::TimeSource now, const Limits& limits)
+Log::Log(int fd, Service::EventLoop::TimeSource now, const Limits& limits)
     : now_(std::move(now)),
       limits_(limits),
       fd_(fd),
@@ -96,7 +96,7 @@ void Log::flush() {
 
 // Takes a token; they come back with time.
 bool Log::mayCome() {
-  const EventLoop::Clock::time_point now = now_();
+  const Service::EventLoop::Clock::time_point now = now_();
   const double passed = std::chrono::duration<double>(now - filled_).count();
   filled_ = now;
   tokens_ = std::min(limits_.burst, tokens_ + passed * limits_.perSecond);

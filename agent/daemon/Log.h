@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "agent/loop/EventLoop.h"
+#include "service/loop/EventLoop.h"
 
 namespace Agent {
 
@@ -26,8 +26,8 @@ class Log {
   static constexpr std::size_t longestLine = 2'000;  // bytes; what is longer is cut
 
   // Takes SIGPIPE from the process, which would otherwise end with the reader of any pipe or socket.
-  explicit Log(int fd) : Log(fd, &EventLoop::Clock::now, Limits()) {}
-  Log(int fd, EventLoop::TimeSource now, const Limits& limits);
+  explicit Log(int fd) : Log(fd, &Service::EventLoop::Clock::now, Limits()) {}
+  Log(int fd, Service::EventLoop::TimeSource now, const Limits& limits);
   ~Log();
   Log(const Log&) = delete;
   Log& operator=(const Log&) = delete;
@@ -53,13 +53,13 @@ class Log {
   bool append(std::string_view before, std::string_view line);
   long writeSome(std::string_view text) const;
 
-  EventLoop::TimeSource now_;
+  Service::EventLoop::TimeSource now_;
   Limits limits_;
   int fd_;
   Kind kind_;
   std::string waiting_;
   double tokens_;
-  EventLoop::Clock::time_point filled_;  // when the tokens were counted last
+  Service::EventLoop::Clock::time_point filled_;  // when the tokens were counted last
   std::uint64_t leftOut_ = 0;
   std::uint64_t untold_ = 0;  // of them, those that no line has told of
 };

@@ -31,7 +31,7 @@ bool isLarge(const json& patch) {
 
 }  // namespace
 
-PatchQueue::PatchQueue(EventLoop& loop, World& world, Hooks hooks)
+PatchQueue::PatchQueue(Service::EventLoop& loop, World& world, Hooks hooks)
     : loop_(loop), world_(world), hooks_(std::move(hooks)) {}
 
 PatchQueue::~PatchQueue() {
@@ -43,7 +43,7 @@ void PatchQueue::add(json patch, Done done) {
   patches_.push_back({std::move(patch), std::move(done)});
   if (!waits) {
     finish();
-  } else if (work_ == EventLoop::WorkId::none) {
+  } else if (work_ == Service::EventLoop::WorkId::none) {
     work_ = loop_.addWork([this] { return slice(); });
   }
 }
@@ -59,7 +59,7 @@ bool PatchQueue::slice() {
     advance();
   }
   if (patches_.empty()) {
-    work_ = EventLoop::WorkId::none;
+    work_ = Service::EventLoop::WorkId::none;
   }
   return !patches_.empty();
 }

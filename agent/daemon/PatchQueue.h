@@ -7,9 +7,9 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
-#include "agent/loop/EventLoop.h"
 #include "agent/state/InputPatch.h"
 #include "agent/state/PatchPieces.h"
+#include "service/loop/EventLoop.h"
 
 namespace Agent {
 
@@ -30,7 +30,7 @@ class PatchQueue {
   using Done = std::function<void(const std::exception*)>;
 
   // `loop` and `world` must outlive the queue.
-  PatchQueue(EventLoop& loop, World& world, Hooks hooks);
+  PatchQueue(Service::EventLoop& loop, World& world, Hooks hooks);
   ~PatchQueue();
   PatchQueue(const PatchQueue&) = delete;
   PatchQueue& operator=(const PatchQueue&) = delete;
@@ -61,11 +61,11 @@ class PatchQueue {
   void renewMaps(Patch& patch);
   void end(const std::exception* error);
 
-  EventLoop& loop_;
+  Service::EventLoop& loop_;
   World& world_;
   Hooks hooks_;
   std::deque<Patch> patches_;
-  EventLoop::WorkId work_ = EventLoop::WorkId::none;
+  Service::EventLoop::WorkId work_ = Service::EventLoop::WorkId::none;
 };
 
 }  // namespace Agent

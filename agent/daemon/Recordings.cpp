@@ -12,7 +12,7 @@
 #include <stdexcept>
 #include <system_error>
 
-#include "agent/json/Text.h"
+#include "service/json/Text.h"
 
 namespace Agent {
 namespace {
@@ -50,8 +50,8 @@ json marksIn(const std::string& line) {
     return {};
   }
   try {
-    return parseJson(line.substr(2));
-  } catch (const BadJson&) {
+    return Service::parseJson(line.substr(2));
+  } catch (const Service::BadJson&) {
     return {};
   }
 }

@@ -7,7 +7,7 @@
 
 namespace Agent {
 
-RefusedWrites::RefusedWrites(EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts, Wanted wanted,
+RefusedWrites::RefusedWrites(Service::EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts, Wanted wanted,
                              const Pace& pace)
     : loop_(loop), hosts_(std::move(hosts)), wanted_(std::move(wanted)), pace_(pace), pause_(pace.first) {
   hosts_->refusalsAre({[this](const L2Rib::Host& host, const Memtab::Error& why) { onRefused(host, why); },
@@ -26,8 +26,8 @@ std::string RefusedWrites::text() const {
 
 void RefusedWrites::clear() {
   waiting_.clear();
-  loop_.cancel(std::exchange(timer_, EventLoop::TimerId::none));
-  loop_.dropWork(std::exchange(work_, EventLoop::WorkId::none));
+  loop_.cancel(std::exchange(timer_, Service::EventLoop::TimerId::none));
+  loop_.dropWork(std::exchange(work_, Service::EventLoop::WorkId::none));
   pause_ = pace_.first;
 }
 
@@ -36,7 +36,7 @@ void RefusedWrites::onRefused(const L2Rib::Host& host, const Memtab::Error& why)
   why_ = why.what();
   full_ = dynamic_cast<const Memtab::Full*>(&why) != nullptr;
   ++refused_;
-  if (work_ == EventLoop::WorkId::none && timer_ == EventLoop::TimerId::none) {
+  if (work_ == Service::EventLoop::WorkId::none && timer_ == Service::EventLoop::TimerId::none) {
     arm();
   }
 }
@@ -46,7 +46,7 @@ void RefusedWrites::onDone(const Bridging::MacVlanPair& key, bool removed) {
     return;
   }
   waiting_.erase(key);
-  const bool sooner = removed && timer_ != EventLoop::TimerId::none && pause_ > pace_.first;
+  const bool sooner = removed && timer_ != Service::EventLoop::TimerId::none && pause_ > pace_.first;
   if (sooner) {
     loop_.cancel(timer_);
     pause_ = pace_.first;
@@ -59,7 +59,7 @@ void RefusedWrites::arm() {
 }
 
 void RefusedWrites::begin() {
-  timer_ = EventLoop::TimerId::none;
+  timer_ = Service::EventLoop::TimerId::none;
   wentIn_ = false;
   work_ = loop_.addWork([this] { return slice(); });
 }
@@ -75,7 +75,7 @@ bool RefusedWrites::slice() {
   if (taken && !waiting_.empty()) {
     return true;
   }
-  work_ = EventLoop::WorkId::none;
+  work_ = Service::EventLoop::WorkId::none;
   pause_ = taken || wentIn_ ? pace_.first : std::min(2 * pause_, pace_.longest);
   if (!waiting_.empty()) {
     arm();

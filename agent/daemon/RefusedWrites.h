@@ -9,7 +9,7 @@
 #include <string>
 
 #include "Vxlan/types/HostInput.h"
-#include "agent/loop/EventLoop.h"
+#include "service/loop/EventLoop.h"
 
 namespace Agent {
 
@@ -30,9 +30,9 @@ class RefusedWrites {
   using Wanted = std::function<bool(const Bridging::MacVlanPair&)>;
 
   // From now on `hosts` raises nothing for a refused write. `loop` outlives this.
-  RefusedWrites(EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts, Wanted wanted)
+  RefusedWrites(Service::EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts, Wanted wanted)
       : RefusedWrites(loop, std::move(hosts), std::move(wanted), Pace()) {}
-  RefusedWrites(EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts, Wanted wanted, const Pace& pace);
+  RefusedWrites(Service::EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts, Wanted wanted, const Pace& pace);
   ~RefusedWrites();
   RefusedWrites(const RefusedWrites&) = delete;
   RefusedWrites& operator=(const RefusedWrites&) = delete;
@@ -60,7 +60,7 @@ class RefusedWrites {
   bool slice();
   bool tryNext();
 
-  EventLoop& loop_;
+  Service::EventLoop& loop_;
   Kel::Ptr<L2Rib::HostInput> hosts_;
   Wanted wanted_;
   Pace pace_;
@@ -71,8 +71,8 @@ class RefusedWrites {
   std::uint64_t refused_ = 0;
   std::chrono::nanoseconds pause_;
   bool wentIn_ = false;  // one or more, in the present try
-  EventLoop::TimerId timer_ = EventLoop::TimerId::none;
-  EventLoop::WorkId work_ = EventLoop::WorkId::none;
+  Service::EventLoop::TimerId timer_ = Service::EventLoop::TimerId::none;
+  Service::EventLoop::WorkId work_ = Service::EventLoop::WorkId::none;
 };
 
 }  // namespace Agent

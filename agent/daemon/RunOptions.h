@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-#include "agent/control/Defaults.h"
 #include "agent/kernel/Options.h"
+#include "service/control/Defaults.h"
 
 namespace Agent {
 

@@ -17,7 +17,7 @@ bool SlotSweep::slice() {
     more = waiting > 0 && waiting < before;
   } while (more && loop_.works() == 1 && loop_.budgetLeft());
   if (!more) {
-    work_ = EventLoop::WorkId::none;
+    work_ = Service::EventLoop::WorkId::none;
   }
   return more;
 }

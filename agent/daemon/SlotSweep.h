@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "Vxlan/types/HostInput.h"
-#include "agent/loop/EventLoop.h"
+#include "service/loop/EventLoop.h"
 
 namespace Agent {
 
@@ -16,21 +16,22 @@ class SlotSweep {
  public:
   static constexpr std::size_t atOnce = 256;  // slots between two looks at the budget
 
-  SlotSweep(EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts) : loop_(loop), hosts_(std::move(hosts)) {}
+  SlotSweep(Service::EventLoop& loop, Kel::Ptr<L2Rib::HostInput> hosts)
+      : loop_(loop), hosts_(std::move(hosts)) {}
   SlotSweep(const SlotSweep&) = delete;
   SlotSweep& operator=(const SlotSweep&) = delete;
   ~SlotSweep() { loop_.dropWork(work_); }
 
   // Begins to sweep if slots wait for it; to be called now and then.
   void look();
-  bool sweeping() const { return work_ != EventLoop::WorkId::none; }
+  bool sweeping() const { return work_ != Service::EventLoop::WorkId::none; }
 
  private:
   bool slice();
 
-  EventLoop& loop_;
+  Service::EventLoop& loop_;
   Kel::Ptr<L2Rib::HostInput> hosts_;
-  EventLoop::WorkId work_ = EventLoop::WorkId::none;
+  Service::EventLoop::WorkId work_ = Service::EventLoop::WorkId::none;
 };
 
 }  // namespace Agent

@@ -6,11 +6,11 @@
 #include "Kel/Error.h"
 #include "Memtab/Error.h"
 #include "Memtab/Segment.h"
-#include "agent/json/Text.h"
 #include "agent/replay/Expectation.h"
 #include "agent/state/InputPatch.h"
 #include "agent/state/JsonChecks.h"
 #include "agent/state/ReplayTables.h"
+#include "service/json/Text.h"
 
 namespace Agent {
 namespace {
@@ -131,10 +131,10 @@ bool Replay::runLine(const std::string& text) {
     return false;
   };
   try {
-    const json line = parseJson(text);
+    const json line = Service::parseJson(text);
     carryOut(read(line));
     return true;
-  } catch (const BadJson& error) {
+  } catch (const Service::BadJson& error) {
     return report(error.what());
   } catch (const Refused& refused) {
     return report("line: " + message(refused));

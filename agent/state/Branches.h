@@ -14,7 +14,7 @@
 #include "Kel/Dir.h"
 #include "Kel/Ptr.h"
 #include "Vxlan/types/Bridging.h"
-#include "agent/json/Parts.h"
+#include "service/json/Parts.h"
 
 namespace Agent {
 
@@ -31,12 +31,12 @@ std::string nameOfKey(const Key& key) {
 // A collection of an entity, which is held while it is walked. `keyOf` makes a key of a member's name, if it
 // is one; `partOf` prints a value.
 template <class Owner, class Collection, class KeyOf, class PartOf>
-class CollectionBranch final : public Branch {
+class CollectionBranch final : public Service::Branch {
  public:
   CollectionBranch(Owner owner, const Collection& collection, KeyOf keyOf, PartOf partOf)
       : owner_(std::move(owner)), collection_(collection), keyOf_(keyOf), partOf_(partOf) {}
 
-  Walked next(std::string& name, Part& part) override {
+  Service::Walked next(std::string& name, Service::Part& part) override {
     if (!begun_) {
       at_ = collection_.begin();
       begun_ = true;
@@ -44,17 +44,17 @@ class CollectionBranch final : public Branch {
       ++at_;
     }
     if (at_ == collection_.end()) {
-      return Walked::end;
+      return Service::Walked::end;
     }
     auto&& entry = *at_;
     part = partOf_(entry.value);
     name = nameOfKey(entry.key);
-    return part.there() ? Walked::member : Walked::search;
+    return part.there() ? Service::Walked::member : Service::Walked::search;
   }
-  Part find(const std::string& name) override {
+  Service::Part find(const std::string& name) override {
     const auto key = keyOf_(name);
     const auto* value = key ? collection_.find(*key) : nullptr;
-    return value == nullptr ? Part() : partOf_(*value);
+    return value == nullptr ? Service::Part() : partOf_(*value);
   }
 
  private:
@@ -73,14 +73,14 @@ auto collectionBranch(Owner owner, const Collection& collection, KeyOf keyOf, Pa
 }
 
 // The entries of a directory; `partOf` prints one, whose entity is null while it is announced.
-class DirBranch final : public Branch {
+class DirBranch final : public Service::Branch {
  public:
-  using PartOf = std::function<Part(const Kel::Ptr<Kel::Entity>&)>;
+  using PartOf = std::function<Service::Part(const Kel::Ptr<Kel::Entity>&)>;
 
   DirBranch(Kel::Ptr<Kel::Dir> dir, PartOf partOf) : dir_(std::move(dir)), partOf_(std::move(partOf)) {}
 
-  Walked next(std::string& name, Part& part) override;
-  Part find(const std::string& name) override;
+  Service::Walked next(std::string& name, Service::Part& part) override;
+  Service::Part find(const std::string& name) override;
 
  private:
   Kel::Ptr<Kel::Dir> dir_;
@@ -111,13 +111,13 @@ using MakeHostTable = std::function<std::unique_ptr<HostTable>()>;
 
 // Such a table as {VLAN: {MAC: record}}. Its keys are collected first, 8 bytes each, since a table is in no
 // order of VLANs.
-class VlansBranch final : public Branch {
+class VlansBranch final : public Service::Branch {
  public:
   explicit VlansBranch(MakeHostTable make) : make_(std::move(make)), table_(make_()) {}
 
-  Walked next(std::string& name, Part& part) override;
+  Service::Walked next(std::string& name, Service::Part& part) override;
   // A VLAN, which may turn out to be empty.
-  Part find(const std::string& name) override;
+  Service::Part find(const std::string& name) override;
   std::uint64_t stamp() const override { return table_->stamp(); }
 
  private:

@@ -67,8 +67,8 @@ class PeerLists final : public HostTable {
     if (!list) {
       return {};
     }
-    return recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
-                     {"remoteVtepAddr", addressSet(list->remoteVtepAddr())}})
+    return Service::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
+                              {"remoteVtepAddr", addressSet(list->remoteVtepAddr())}})
         .text;
   }
 
@@ -78,25 +78,27 @@ class PeerLists final : public HostTable {
   bool begun_ = false;
 };
 
-Part peerStatus(const World& world) {
-  auto members = std::make_unique<Members>();
+Service::Part peerStatus(const World& world) {
+  auto members = std::make_unique<Service::Members>();
   members->add("bumReplicationMode", [&world] {
-    return recordOf(static_cast<std::uint32_t>(world.mlagVxlanStatus->bumStatus()->bumReplicationMode()));
+    return Service::recordOf(
+        static_cast<std::uint32_t>(world.mlagVxlanStatus->bumStatus()->bumReplicationMode()));
   });
   members->add("bumVtepList", [&world] {
-    return Part(std::make_unique<VlansBranch>(
+    return Service::Part(std::make_unique<VlansBranch>(
         [&world] { return std::make_unique<PeerLists>(world.mlagVxlanStatus->bumStatus()); }));
   });
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
-Part mlag(const World& world) {
-  auto members = std::make_unique<Members>();
+Service::Part mlag(const World& world) {
+  auto members = std::make_unique<Service::Members>();
   members->add("bumStatus", [&world] { return peerStatus(world); });
-  members->add("mlagState",
-               [&world] { return recordOf(static_cast<std::uint32_t>(world.mlagStatus->mlagState())); });
-  members->add("vtepAddr", [&world] { return recordOf(mlagAddresses(world)); });
-  return Part(std::move(members));
+  members->add("mlagState", [&world] {
+    return Service::recordOf(static_cast<std::uint32_t>(world.mlagStatus->mlagState()));
+  });
+  members->add("vtepAddr", [&world] { return Service::recordOf(mlagAddresses(world)); });
+  return Service::Part(std::move(members));
 }
 
 json hardware(const World& world) {
@@ -105,64 +107,70 @@ json hardware(const World& world) {
              static_cast<std::uint32_t>(world.hwStatus->bumStatus()->bumReplicationMode())}}}};
 }
 
-Part hostRecord(const VxlanController::MacVtepV2& host) {
-  return Part("{\"hostAttr\":" + std::to_string(static_cast<unsigned>(host.hostAttr)) + ",\"moveCount\":" +
-              std::to_string(host.moveCount) + ",\"vtepIp\":\"" + host.vtepIp.text() + "\"}");
+Service::Part hostRecord(const VxlanController::MacVtepV2& host) {
+  return Service::Part("{\"hostAttr\":" + std::to_string(static_cast<unsigned>(host.hostAttr)) +
+                       ",\"moveCount\":" + std::to_string(host.moveCount) + ",\"vtepIp\":\"" +
+                       host.vtepIp.text() + "\"}");
 }
 
-Part multiPathRecord(const VxlanController::MacVtepMultiPathV2& entry) {
+Service::Part multiPathRecord(const VxlanController::MacVtepMultiPathV2& entry) {
   json vteps = json::object();
   for (const auto& [vtep, value] : entry.vtepIpList) {
     vteps[vtep.text()] = value;
   }
-  return recordOf(vteps);
+  return Service::recordOf(vteps);
 }
 
-Part vniTables(const Kel::Ptr<VxlanController::VniFdbStatusV2>& status) {
+Service::Part vniTables(const Kel::Ptr<VxlanController::VniFdbStatusV2>& status) {
   using List = Kel::Ptr<VxlanController::MacVtepFloodListV2>;
-  auto members = std::make_unique<Members>();
+  auto members = std::make_unique<Service::Members>();
   members->add("macVtepFloodListTable", [status] {
-    const auto record = [](const List& list) { return recordOf(addressSet(list->vtepIpFloodList())); };
-    return Part(collectionBranch(status, status->macVtepFloodListTable(), &Qnet::EthAddr::parse, record));
+    const auto record = [](const List& list) {
+      return Service::recordOf(addressSet(list->vtepIpFloodList()));
+    };
+    return Service::Part(
+        collectionBranch(status, status->macVtepFloodListTable(), &Qnet::EthAddr::parse, record));
   });
   members->add("macVtepMultiPathTable", [status] {
-    return Part(
+    return Service::Part(
         collectionBranch(status, status->macVtepMultiPathTable(), &Qnet::EthAddr::parse, &multiPathRecord));
   });
   members->add("macVtepTable", [status] {
-    return Part(collectionBranch(status, status->macVtepTable(), &Qnet::EthAddr::parse, &hostRecord));
+    return Service::Part(
+        collectionBranch(status, status->macVtepTable(), &Qnet::EthAddr::parse, &hostRecord));
   });
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
-Part controller(const World& world) {
-  auto members = std::make_unique<Members>();
+Service::Part controller(const World& world) {
+  auto members = std::make_unique<Service::Members>();
   members->add("fdb", [&world] {
-    return Part(std::make_unique<DirBranch>(world.fdb, [](const Kel::Ptr<Kel::Entity>& entity) {
+    return Service::Part(std::make_unique<DirBranch>(world.fdb, [](const Kel::Ptr<Kel::Entity>& entity) {
       const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
-      return status ? vniTables(status) : recordOf("announced");
+      return status ? vniTables(status) : Service::recordOf("announced");
     }));
   });
   members->add("state", [&world] {
-    return Part(std::make_unique<DirBranch>(world.controllerState, [](const Kel::Ptr<Kel::Entity>& entity) {
-      const auto status = Kel::ptrCast<VxlanController::RmxStateV2>(entity);
-      return recordOf(status ? json{{"convergenceInProgress", status->convergenceInProgress()}}
-                             : json("announced"));
-    }));
+    return Service::Part(
+        std::make_unique<DirBranch>(world.controllerState, [](const Kel::Ptr<Kel::Entity>& entity) {
+          const auto status = Kel::ptrCast<VxlanController::RmxStateV2>(entity);
+          return Service::recordOf(status ? json{{"convergenceInProgress", status->convergenceInProgress()}}
+                                          : json("announced"));
+        }));
   });
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
 }  // namespace
 
-Part inputPart(const World& world) {
-  auto members = std::make_unique<Members>();
+Service::Part inputPart(const World& world) {
+  auto members = std::make_unique<Service::Members>();
   members->add("controller", [&world] { return controller(world); });
-  members->add("hardware", [&world] { return recordOf(hardware(world)); });
+  members->add("hardware", [&world] { return Service::recordOf(hardware(world)); });
   members->add("mlag", [&world] { return mlag(world); });
-  members->add("vlanVniMap", [&world] { return recordOf(vlanVniMap(world)); });
-  members->add("vtiStatus", [&world] { return recordOf(vtiStatus(world)); });
-  return Part(std::move(members));
+  members->add("vlanVniMap", [&world] { return Service::recordOf(vlanVniMap(world)); });
+  members->add("vtiStatus", [&world] { return Service::recordOf(vtiStatus(world)); });
+  return Service::Part(std::move(members));
 }
 
 }  // namespace Agent

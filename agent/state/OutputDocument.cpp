@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "agent/json/Text.h"
+#include "service/json/Text.h"
 
 namespace Agent {
 namespace {
@@ -41,7 +41,7 @@ std::string hostRecord(std::string_view intf, unsigned entryType, std::string_vi
   std::string text = "{\"entryType\":" + std::to_string(entryType);
   text += ",\"hostAttr\":" + std::to_string(hostAttr);
   text += ",\"intf\":";
-  appendQuoted(text, intf);
+  Service::appendQuoted(text, intf);
   text += ",\"lastUpdateTime\":" + number(lastUpdateTime);
   text += ",\"moveCount\":" + std::to_string(moveCount);
   text += ",\"vtepIp\":\"";
@@ -133,7 +133,7 @@ class L2RibHosts final : public HostTable {
   std::optional<Key> last_;
 };
 
-Part floodSetRecord(const L2Rib::FloodSet& set) {
+Service::Part floodSetRecord(const L2Rib::FloodSet& set) {
   std::vector<Qnet::IpAddr> addresses;
   for (auto&& dest : set.destSet()) {
     addresses.push_back(dest.key.vxlan().vtepAddr().v4());
@@ -143,29 +143,29 @@ Part floodSetRecord(const L2Rib::FloodSet& set) {
   for (const Qnet::IpAddr address : addresses) {
     dests.push_back(address.text());
   }
-  return Agent::recordOf(
+  return Service::recordOf(
       {{"floodSetType", static_cast<std::uint32_t>(set.floodSetType())}, {"dests", std::move(dests)}});
 }
 
 // A VLAN without a flood set is not shown.
-class FloodSetsOfVlan final : public Branch {
+class FloodSetsOfVlan final : public Service::Branch {
  public:
-  explicit FloodSetsOfVlan(std::unique_ptr<Branch> sets) : sets_(std::move(sets)) {}
-  Walked next(std::string& name, Part& part) override { return sets_->next(name, part); }
-  Part find(const std::string& name) override { return sets_->find(name); }
+  explicit FloodSetsOfVlan(std::unique_ptr<Service::Branch> sets) : sets_(std::move(sets)) {}
+  Service::Walked next(std::string& name, Service::Part& part) override { return sets_->next(name, part); }
+  Service::Part find(const std::string& name) override { return sets_->find(name); }
   bool shownEmpty() const override { return false; }
 
  private:
-  std::unique_ptr<Branch> sets_;
+  std::unique_ptr<Service::Branch> sets_;
 };
 
-Part floodSets(const World& world) {
+Service::Part floodSets(const World& world) {
   const auto ofVlan = [](const Kel::Ptr<L2Rib::VlanFloodSet>& vlan) {
     const auto ofMac = [](const Kel::Ptr<L2Rib::FloodSet>& set) { return floodSetRecord(*set); };
-    return Part(std::make_unique<FloodSetsOfVlan>(
+    return Service::Part(std::make_unique<FloodSetsOfVlan>(
         collectionBranch(vlan, vlan->floodSet(), &Qnet::EthAddr::parse, ofMac)));
   };
-  return Part(
+  return Service::Part(
       collectionBranch(world.floodSets, world.floodSets->vlanFloodSet(), &Bridging::VlanId::parse, ofVlan));
 }
 
@@ -193,8 +193,8 @@ class BumVtepLists final : public HostTable {
         addresses.push_back(address.key.text());
       }
     }
-    return Agent::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
-                            {"remoteVtepAddr", std::move(addresses)}})
+    return Service::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
+                              {"remoteVtepAddr", std::move(addresses)}})
         .text;
   }
 
@@ -204,16 +204,16 @@ class BumVtepLists final : public HostTable {
   bool begun_ = false;
 };
 
-Part hardware(const World& world) {
-  auto members = std::make_unique<Members>();
+Service::Part hardware(const World& world) {
+  auto members = std::make_unique<Service::Members>();
   members->add("bumReplicationMode", [&world] {
-    return Agent::recordOf(static_cast<std::uint32_t>(world.hwStatus->bumStatus()->bumReplicationMode()));
+    return Service::recordOf(static_cast<std::uint32_t>(world.hwStatus->bumStatus()->bumReplicationMode()));
   });
   members->add("bumVtepList", [&world] {
-    return Part(std::make_unique<VlansBranch>(
+    return Service::Part(std::make_unique<VlansBranch>(
         [&world] { return std::make_unique<BumVtepLists>(world.hwStatus->bumStatus()); }));
   });
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
 json convergenceStatus(const World& world) {
@@ -233,52 +233,52 @@ OutputDocument::OutputDocument(const World& world, const std::string& hostTable)
   }
 }
 
-Part OutputDocument::l2RibHosts() {
-  return Part(std::make_unique<VlansBranch>(
+Service::Part OutputDocument::l2RibHosts() {
+  return Service::Part(std::make_unique<VlansBranch>(
       [this] { return std::make_unique<L2RibHosts>(world_.hosts, reader_.get()); }));
 }
 
-Part OutputDocument::receivedHosts() {
-  return Part(std::make_unique<VlansBranch>(
+Service::Part OutputDocument::receivedHosts() {
+  return Service::Part(std::make_unique<VlansBranch>(
       [this] { return std::make_unique<ReceivedHosts>(receivedTable(world_)); }));
 }
 
-Part OutputDocument::l2Rib() {
-  auto members = std::make_unique<Members>();
+Service::Part OutputDocument::l2Rib() {
+  auto members = std::make_unique<Service::Members>();
   members->add("floodSets", [this] { return floodSets(world_); });
   members->add("hosts", [this] { return l2RibHosts(); });
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
-Part OutputDocument::part() {
-  auto members = std::make_unique<Members>();
-  members->add("client", [this] { return Agent::recordOf(clientSection(world_)); });
+Service::Part OutputDocument::part() {
+  auto members = std::make_unique<Service::Members>();
+  members->add("client", [this] { return Service::recordOf(clientSection(world_)); });
   members->add("clientView", [this] {
-    return Agent::recordOf({{"convergenceInProgress", world_.clientView->convergenceInProgress()}});
+    return Service::recordOf({{"convergenceInProgress", world_.clientView->convergenceInProgress()}});
   });
-  members->add("convergenceStatus", [this] { return Agent::recordOf(convergenceStatus(world_)); });
+  members->add("convergenceStatus", [this] { return Service::recordOf(convergenceStatus(world_)); });
   members->add("hardware", [this] { return hardware(world_); });
   members->add("l2Rib", [this] { return l2Rib(); });
   members->add("markedForDelCount", [this] {
     const Kel::Ptr<Vxlan::ReceivedHostTable> table = receivedTable(world_);
-    return Agent::recordOf(table ? table->markedForDelCount() : 0);
+    return Service::recordOf(table ? table->markedForDelCount() : 0);
   });
   members->add("receivedHosts", [this] { return receivedHosts(); });
-  return Part(std::move(members));
+  return Service::Part(std::move(members));
 }
 
 // The hosts that are asked for by name; of a VLAN that is asked for as a whole, all.
-json OutputDocument::hostsLike(const json& expected, Part hosts) {
+json OutputDocument::hostsLike(const json& expected, Service::Part hosts) {
   if (!expected.is_object()) {
     return jsonOf(std::move(hosts));
   }
   json vlans = json::object();
   for (auto vlan = expected.begin(); vlan != expected.end(); ++vlan) {
     json& shown = vlans[vlan.key()] = json::object();
-    Part there = hosts.branch->find(vlan.key());
+    Service::Part there = hosts.branch->find(vlan.key());
     for (auto host = vlan->begin(); vlan->is_object() && there.branch && host != vlan->end(); ++host) {
-      if (const Part record = there.branch->find(host.key()); record.there()) {
-        shown[host.key()] = parseJson(record.text);
+      if (const Service::Part record = there.branch->find(host.key()); record.there()) {
+        shown[host.key()] = Service::parseJson(record.text);
       }
     }
     // A VLAN is absent if it has no host at all.

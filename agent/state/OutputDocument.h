@@ -6,9 +6,9 @@
 #include <string>
 
 #include "Memtab/Reader.h"
-#include "agent/json/Parts.h"
 #include "agent/state/Branches.h"
 #include "agent/state/World.h"
+#include "service/json/Parts.h"
 
 namespace Agent {
 
@@ -21,7 +21,7 @@ class OutputDocument {
   OutputDocument(const World& world, const std::string& hostTable);
 
   // All of it, to be walked or looked into.
-  Part part();
+  Service::Part part();
   // The same as one value.
   nlohmann::json whole() { return jsonOf(part()); }
   // The part that a JSON Pointer leads to; null where it leads nowhere. Raises nlohmann::json::exception for
@@ -33,10 +33,10 @@ class OutputDocument {
  private:
   using Reader = Memtab::Reader<Bridging::MacVlanPair, L2Rib::HostValue>;
 
-  Part l2Rib();
-  Part l2RibHosts();
-  Part receivedHosts();
-  nlohmann::json hostsLike(const nlohmann::json& expected, Part hosts);
+  Service::Part l2Rib();
+  Service::Part l2RibHosts();
+  Service::Part receivedHosts();
+  nlohmann::json hostsLike(const nlohmann::json& expected, Service::Part hosts);
 
   const World& world_;
   std::unique_ptr<Reader> reader_;

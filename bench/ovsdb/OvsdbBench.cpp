@@ -13,9 +13,11 @@
 #include <string>
 
 #include "LiveServer.h"
-#include "agent/ovsdb/Adapter.h"
+#include "agent/vtep/Adapter.h"
 
-namespace Agent::Ovsdb {
+namespace Agent::Vtep {
+
+using namespace Ovsdb;
 
 namespace {
 
@@ -93,7 +95,7 @@ void connectToAllPatches(benchmark::State& state) {
   std::size_t patches = 0;
   for (auto _ : state) {
     // A new loop each time, for its own account of stalls.
-    EventLoop loop;
+    Service::EventLoop loop;
     Adapter::Options options;
     options.session.remotes = Remote::parseList(server().remote());
     options.mapper.topology.switchName = "leaf1";
@@ -161,7 +163,7 @@ void mapSnapshot(benchmark::State& state) {
     options.topology.switchName = "leaf1";
     Mapper mapper(options);
     auto begin = Clock::now();
-    UpdateWalk walk(text);
+    UpdateWalk walk(hardwareVtep(), text);
     mapper.beginUpdate(true, 0);
     while (walk.step(512, mapper)) {
     }
@@ -192,12 +194,12 @@ BENCHMARK(mapSnapshot)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 
-}  // namespace Agent::Ovsdb
+}  // namespace Agent::Vtep
 
 int main(int argc, char** argv) {
   char** const end = std::remove_if(argv + 1, argv + argc, [](const char* word) {
     const bool tiny = std::strcmp(word, "--tiny") == 0;
-    Agent::Ovsdb::rows = tiny ? 500 : Agent::Ovsdb::rows;
+    Agent::Vtep::rows = tiny ? 500 : Agent::Vtep::rows;
     return tiny;
   });
   argc = static_cast<int>(end - argv);

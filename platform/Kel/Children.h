@@ -20,11 +20,18 @@ const void* rawValue(T* pointer) noexcept {
   return pointer;
 }
 
+// The values of several.
+template <class... Args>
+std::array<const void*, sizeof...(Args)> rawValues(const Args&... args) noexcept {
+  return {rawValue(args)...};
+}
+
 // The names of a machine's constructor parameters (without the key that its owner keeps it under), in the
 // order in which it takes them. A machine class that has a shadow declares
 //
 //     static constexpr Kel::Parameters<2> parameterNames{"_rmxState", "_rmxStateClientView"};
-//     std::array<const void*, 2> parameters() const;   // their present values, by rawValue
+//     auto parameters() const { return Kel::rawValues(rmxState(), rmxStateClientView()); }   // the present
+//     ones
 template <std::size_t n>
 using Parameters = std::array<const char*, n>;
 

@@ -12,7 +12,7 @@
 
 namespace Kel {
 
-// Ordinary text.
+// Ordinary text, under the name that programs use for it.
 using String = std::string;
 
 // The name of a directory entry, or another text that serves as a key. Names are interned: equal names share

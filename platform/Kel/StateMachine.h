@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <string>
+#include <type_traits>
 #include <utility>
 
 #include "Kel/Entity.h"
@@ -14,8 +15,8 @@ namespace Kel {
 
 class Part;
 
-// A machine that follows entities through its reactors, writes others, and owns children. What it consists of
-// are parts (Own, Held, Input, Reactors, Child, Children), each declared as one member and known to the
+// A machine that follows entities through its reactors, writes others, and owns children. It consists of
+// parts (Own, Held, Input, Reactors, Followed, Child, Children), each declared as one member and known to the
 // machine by name, so that switching notification on and off and marking as a zombie reach every reactor and
 // child, and generic tools can print the machine.
 //
@@ -76,6 +77,10 @@ class KEL_API Part {
   StateMachine& machine() const noexcept { return machine_; }
   bool machineActive() const noexcept { return machine_.active_; }
 
+  // For parts that hold reactors by their base, so that a machine's reactor classes must be complete only
+  // where they are bound.
+  static void bind(Reactor& reactor, Ptr<const Entity> notifier) { reactor.bind(std::move(notifier)); }
+
  private:
   friend class StateMachine;
   virtual void activeIs(bool) {}
@@ -130,10 +135,13 @@ class Held final : public Part {
 enum class Arrival { CountsAsChange, Silent };
 
 // An entity, or none, that the machine follows through a reactor of class R, which exists exactly while there
-// is an entity. `E` is const for an input that is only read.
+// is an entity. `E` is const for an input that is only read. R may be declared in the machine's class and
+// defined where the machine's operations are: `is` and `reactor` need it complete.
 template <class E, class R, Arrival arrival = Arrival::CountsAsChange>
 class Input final : public Part {
  public:
+  using Followed = E;
+
   Input(StateMachine& machine, const char* name) : Part(machine, name) {}
   ~Input() override { del(); }
 
@@ -141,9 +149,9 @@ class Input final : public Part {
   E* operator->() const noexcept { return entity_.get(); }
   explicit operator bool() const noexcept { return static_cast<bool>(entity_); }
   // The reactor, null while there is no entity.
-  R* reactor() const noexcept { return reactor_.get(); }
+  R* reactor() const noexcept { return static_cast<R*>(reactor_.get()); }
 
-  // Binds the reactor to this entity, making it if need be; null drops it. In a live machine this counts as a
+  // Binds the reactor to this entity, making it if needed; null drops it. In a live machine this counts as a
   // change of all that the reactor follows.
   void is(const Ptr<E>& entity) {
     if (!entity) {
@@ -156,20 +164,20 @@ class Input final : public Part {
       reactor_->zombieIs(machine().zombie());
       reactor_->hasNotificationActiveIs(machineActive());
     }
-    const Ptr<R> reactor = reactor_;
+    const Ptr<Reactor> reactor = reactor_;
     if constexpr (arrival == Arrival::Silent) {
       const bool active = reactor->hasNotificationActive();
       reactor->hasNotificationActiveIs(false);
-      reactor->notifierIs(entity);
+      bind(*reactor, entity);
       reactor->hasNotificationActiveIs(active);
     } else {
-      reactor->notifierIs(entity);
+      bind(*reactor, entity);
     }
   }
   void del() {
     if (reactor_) {
       reactor_->zombieIs(true);
-      reactor_->notifierIs(nullptr);
+      bind(*reactor_, nullptr);
       reactor_ = nullptr;
     }
     entity_ = nullptr;
@@ -189,51 +197,50 @@ class Input final : public Part {
   }
 
   Ptr<E> entity_;
-  Ptr<R> reactor_;
+  Ptr<Reactor> reactor_;
 };
 
-// One reactor of class R for each key of a followed collection. R is constructed with its owner, and with the
-// key if it takes one.
+// One reactor of class R for each key. R is constructed with its owner, and with the key if it takes one;
+// `is` and the look-up need it complete.
 template <class K, class R, Arrival arrival = Arrival::CountsAsChange>
-class Reactors final : public Part {
+class Reactors : public Part {
  public:
-  using E = typename R::Followed;
-
   Reactors(StateMachine& machine, const char* name) : Part(machine, name) {}
   ~Reactors() override { delAll(); }
 
   std::size_t size() const noexcept { return table_.size(); }
   R* operator()(const K& key) const {
-    const Ptr<R>* reactor = table_.find(key);
-    return reactor == nullptr ? nullptr : reactor->get();
+    const Ptr<Reactor>* reactor = table_.find(key);
+    return reactor == nullptr ? nullptr : static_cast<R*>(reactor->get());
   }
 
   // Makes the reactor of a new key and binds it; one that is bound to another entity is rebound, not
   // replaced.
-  void is(const K& key, const Ptr<const E>& entity) {
-    if (const Ptr<R>* present = table_.find(key)) {
-      const Ptr<R> reactor = *present;
-      reactor->notifierIs(entity);
+  template <class Reaction = R>
+  void is(const K& key, const Ptr<const typename Reaction::Followed>& entity) {
+    if (const Ptr<Reactor>* present = table_.find(key)) {
+      const Ptr<Reactor> reactor = *present;
+      bind(*reactor, entity);
       return;
     }
-    const Ptr<R> reactor = newReactor(key);
+    const Ptr<Reactor> reactor = newReactor(key);
     table_.emplace(key, reactor);
     reactor->zombieIs(machine().zombie());
     if constexpr (arrival == Arrival::Silent) {
-      reactor->notifierIs(entity);
+      bind(*reactor, entity);
       reactor->hasNotificationActiveIs(machineActive());
     } else {
       reactor->hasNotificationActiveIs(machineActive());
-      reactor->notifierIs(entity);
+      bind(*reactor, entity);
     }
   }
   // Drops the reactor of a key; an absent key is no error.
   void del(const K& key) {
-    if (const Ptr<R>* present = table_.find(key)) {
-      const Ptr<R> reactor = *present;
+    if (const Ptr<Reactor>* present = table_.find(key)) {
+      const Ptr<Reactor> reactor = *present;
       table_.erase(key);
       reactor->zombieIs(true);
-      reactor->notifierIs(nullptr);
+      bind(*reactor, nullptr);
     }
   }
   void delAll() {
@@ -243,8 +250,8 @@ class Reactors final : public Part {
   }
   // Makes this collection have the keys of the followed one: what is missing is made, then what is stale is
   // dropped.
-  template <class Followed>
-  void reconcile(const Followed& collection) {
+  template <class Collection>
+  void reconcile(const Collection& collection) {
     for (auto&& pair : collection) {
       is(pair.key, pair.value);
     }
@@ -261,7 +268,7 @@ class Reactors final : public Part {
   }
 
  private:
-  Ptr<R> newReactor(const K& key) {
+  Ptr<Reactor> newReactor(const K& key) {
     auto& owner = static_cast<typename R::Owner&>(machine());
     if constexpr (std::is_constructible_v<R, typename R::Owner&, const K&>) {
       return make<R>(owner, key);
@@ -280,11 +287,50 @@ class Reactors final : public Part {
     }
   }
 
-  OrderedTable<K, Ptr<R>> table_;
+  OrderedTable<K, Ptr<Reactor>> table_;
 };
 
-// Makes a machine that is live: constructed, then activated, as a handler, so that whatever its construction
-// set off has been delivered when this returns.
+// A followed collection: one reactor of class R for each entity in a collection C of the entity that `In`, an
+// input of the same machine that is declared before it, follows. The input's reactor hands its callbacks on:
+// `handle(key)` for a key, `handle()` for the collection as a whole.
+template <class In, class C, const C& (std::remove_const_t<typename In::Followed>::*collection)() const,
+          class R, Arrival arrival = Arrival::CountsAsChange>
+class Followed final : public Reactors<typename C::Key, R, arrival> {
+ public:
+  using Key = typename C::Key;
+
+  Followed(StateMachine& machine, const char* name, In& input)
+      : Reactors<Key, R, arrival>(machine, name), input_(input) {}
+
+  // Follows the collection of another entity from now on; null drops the input and every reactor.
+  void inputIs(const Ptr<typename In::Followed>& entity) {
+    input_.is(entity);
+    if (!entity) {
+      this->delAll();
+    }
+  }
+  // Makes, rebinds or drops the reactor of a key, as the collection has it now.
+  void handle(const Key& key) {
+    const auto* present = input_ ? (input_.get().get()->*collection)().find(key) : nullptr;
+    if (present != nullptr && *present) {
+      this->is(key, *present);
+    } else {
+      this->del(key);
+    }
+  }
+  // The same for every key. Without an input nothing happens.
+  void handle() {
+    if (input_) {
+      this->reconcile((input_.get().get()->*collection)());
+    }
+  }
+
+ private:
+  In& input_;
+};
+
+// Makes a machine that is live: constructed, then activated, as a handler, so that everything its
+// construction caused has been delivered when this returns.
 template <class Sm, class... Args>
 Ptr<Sm> live(Args&&... args) {
   return ActivityLoop::instance().asHandler([&] {

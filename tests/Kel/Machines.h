@@ -124,18 +124,9 @@ class MonitorSm final : public Kel::StateMachine {
 
   void handlePart(const Name& name) {
     journal.hear("monitor part " + name.text());
-    const Ptr<Device> part = device_ ? device_->parts().get(name) : nullptr;
-    if (part) {
-      parts.is(name, part);
-    } else {
-      parts.del(name);
-    }
+    parts.handle(name);
   }
-  void handleParts() {
-    if (device_) {
-      parts.reconcile(device_->parts());
-    }
-  }
+  void handleParts() { parts.handle(); }
 
   // The shadow mutators of the guards.
   Ptr<GuardSm> guardShadowIs(const Name& name, const Ptr<Device>& part) {
@@ -149,7 +140,8 @@ class MonitorSm final : public Kel::StateMachine {
   Kel::Input<const Device, KelDevice> device_{*this, "device"};
 
  public:
-  Kel::Reactors<Name, KelPart> parts{*this, "part"};
+  Kel::Followed<Kel::Input<const Device, KelDevice>, Device::Parts, &Device::parts, KelPart> parts{
+      *this, "part", device_};
   Kel::Reactors<std::uint32_t, KelQuiet, Kel::Arrival::Silent> quiet{*this, "quiet"};
   Kel::Children<Kel::OrderedTable, Name, GuardSm> guards{*this, "guard"};
   Kel::Child<ChiefSm> chief{*this, "chief"};

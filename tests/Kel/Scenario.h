@@ -55,7 +55,9 @@ class Device final : public Kel::Entity {
   void counterDelAll() { counter_.delAll(); }
 
   // An ordered collection of entities, with an immediate callback for the whole.
-  const auto& parts() const { return part_; }
+  using Parts =
+      Kel::Collection<Kel::OrderedTable, Name, Ptr<Device>, &Reactor::onPart, &Reactor::onPartkelImmediate>;
+  const Parts& parts() const { return part_; }
   void partIs(const Name& name, const Ptr<Device>& part) {
     if (!part) {
       Kel::throwNullParameter("scenario::Device", "part");
@@ -97,8 +99,7 @@ class Device final : public Kel::Entity {
   Kel::Attribute<int, &Reactor::onLoad> load_{*this, 0};
   Kel::Attribute<Ptr<Device>, &Reactor::onPeer> peer_{*this};
   Kel::Collection<Kel::Table, std::uint32_t, int, &Reactor::onCounter> counter_{*this};
-  Kel::Collection<Kel::OrderedTable, Name, Ptr<Device>, &Reactor::onPart, &Reactor::onPartkelImmediate> part_{
-      *this};
+  Parts part_{*this};
   Kel::Collection<Kel::OrderedTable, std::uint32_t, int, &Reactor::onOrder, &Reactor::onOrders,
                   Kel::Whole::Queued>
       order_{*this};

@@ -213,6 +213,45 @@ TEST_F(StateMachineTest, DroppingAllReactorsUnbindsThem) {
   monitor->parts.del(Name("x"));
 }
 
+// A collection follows the entity that the machine's input follows.
+
+TEST_F(StateMachineTest, AnotherInputBringsItsOwnCollection) {
+  part("x");
+  const auto y = part("y");
+  const auto other = Kel::make<Device>();
+  other->partIs(Name("y"), y);
+  other->partIs(Name("z"), Kel::make<Device>());
+  take();
+  monitor->parts.inputIs(other);
+  EXPECT_EQ(monitor->deviceReactor()->notifier(), other.get());
+  EXPECT_EQ(monitor->parts(Name("x")), nullptr);
+  EXPECT_NE(monitor->parts(Name("y")), nullptr);
+  EXPECT_NE(monitor->parts(Name("z")), nullptr);
+  EXPECT_THAT(take(),
+              testing::Contains("monitor load of z"));  // what a live machine binds counts as a change
+}
+
+TEST_F(StateMachineTest, WithoutAnInputNothingOfTheCollectionIsFollowed) {
+  const auto x = part("x");
+  monitor->parts.inputIs(nullptr);
+  EXPECT_EQ(monitor->deviceReactor(), nullptr);
+  EXPECT_EQ(monitor->parts.size(), 0U);
+  EXPECT_EQ(x->reactors(), 0U);
+  take();
+  monitor->handleParts();
+  monitor->handlePart(Name("x"));
+  EXPECT_EQ(monitor->parts.size(), 0U);
+}
+
+TEST_F(StateMachineTest, AKeyThatIsHandledWithoutAnInputLosesItsReactor) {
+  part("x");
+  monitor->deviceDel();  // drops the input alone
+  monitor->handleParts();
+  EXPECT_EQ(monitor->parts.size(), 1U);
+  monitor->handlePart(Name("x"));
+  EXPECT_EQ(monitor->parts.size(), 0U);
+}
+
 // A handler of the reactor drops it while the reconciliation that made it is walking.
 TEST_F(StateMachineTest, AReactorMayBeDroppedByItsOwnFirstCall) {
   part("x");

@@ -1,16 +1,16 @@
-#include "agent/control/Access.h"
+#include "service/control/Access.h"
 
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "agent/control/UniqueFd.h"
+#include "service/control/UniqueFd.h"
 
 namespace {
 
-using Agent::Control::Access;
-using Agent::Control::Peer;
-using Agent::Control::Right;
+using Control::Access;
+using Control::Peer;
+using Control::Right;
 
 constexpr Peer person(uid_t uid, gid_t gid) {
   return {uid, gid, 4711};
@@ -48,9 +48,9 @@ TEST(Access, TheSocketFileLetsInJustThem) {
 TEST(Access, TheKernelSaysWhoIsThere) {
   int ends[2];
   ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-  const Agent::Control::UniqueFd near{ends[0]};
-  const Agent::Control::UniqueFd far{ends[1]};
-  const Peer peer = Agent::Control::peerOf(near.get());
+  const Control::UniqueFd near{ends[0]};
+  const Control::UniqueFd far{ends[1]};
+  const Peer peer = Control::peerOf(near.get());
   EXPECT_EQ(peer.uid, geteuid());
   EXPECT_EQ(peer.gid, getegid());
   EXPECT_EQ(peer.pid, getpid());

@@ -1,4 +1,4 @@
-#include "agent/control/Client.h"
+#include "service/control/Client.h"
 
 #include <gmock/gmock.h>
 
@@ -9,9 +9,9 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::Control::Client;
-using Agent::Control::Refused;
-using Agent::Control::Unreachable;
+using Control::Client;
+using Control::Refused;
+using Control::Unreachable;
 using TestControl::json;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
@@ -57,9 +57,9 @@ class ClientTest : public testing::Test {
 
   TestControl::TempFolder folder;
   TestControl::FakeService service;
-  Agent::EventLoop loop;
-  Agent::Control::ServerOptions options;
-  std::optional<Agent::Control::Server> server;
+  Service::EventLoop loop;
+  Control::ServerOptions options;
+  std::optional<Control::Server> server;
   std::thread agent;
   int order[2] = {-1, -1};
 };
@@ -111,7 +111,7 @@ TEST_F(ClientTest, SaysThatTheAgentWentAway) {
 }
 
 TEST_F(ClientTest, DoesNotWaitForEver) {
-  const Agent::Control::Listener mute(options.path, options.access);
+  const Control::Listener mute(options.path, options.access);
   Client client(options.path, 1ms);
   EXPECT_THAT([&] { client.get(""); }, ThrowsMessage<Unreachable>(HasSubstr("has not answered within 1 ms")));
 }

@@ -10,16 +10,16 @@
 #include <utility>
 #include <vector>
 
-#include "agent/control/Ownership.h"
-#include "agent/control/Service.h"
+#include "service/control/Backend.h"
+#include "service/control/Ownership.h"
 
 namespace TestControl {
 
 // An agent that is nothing but its document: patches go into "input"; "explode" is a member that it refuses.
-class FakeService : public Agent::Control::Service {
+class FakeService : public Control::Backend {
  public:
   using json = nlohmann::json;
-  using RequestError = Agent::Control::RequestError;
+  using RequestError = Control::RequestError;
 
   void patch(json&& patch, std::string_view who, Answer answer) override {
     lastWho = who;
@@ -32,19 +32,19 @@ class FakeService : public Agent::Control::Service {
     }
   }
 
-  std::optional<Agent::Control::Refusal> apply(const json& patch, std::string_view who) {
+  std::optional<Control::Refusal> apply(const json& patch, std::string_view who) {
     if (auto refusal = ownership.check(patch, who)) {
       return refusal;
     }
     if (patch.contains("explode")) {
-      return Agent::Control::Refusal{"/explode", "unknown member"};
+      return Control::Refusal{"/explode", "unknown member"};
     }
     document["input"].merge_patch(patch);
     tellChange();
     return std::nullopt;
   }
 
-  Agent::Part part(const std::string& pointer) override {
+  Service::Part part(const std::string& pointer) override {
     ++reads;
     if (onGet) {
       onGet();
@@ -52,7 +52,7 @@ class FakeService : public Agent::Control::Service {
     if (const auto found = parts.find(pointer); found != parts.end()) {
       return found->second();
     }
-    return Agent::partAt(Agent::partOf(document), pointer);
+    return Service::partAt(Service::partOf(document), pointer);
   }
 
   json call(const std::string& method, const json& params) override {
@@ -81,11 +81,12 @@ class FakeService : public Agent::Control::Service {
   }
 
   json document = {{"input", json::object()}, {"output", json::object()}, {"agent", json::object()}};
-  Agent::Control::Ownership ownership;
+  Control::Ownership ownership;
   std::string lastWho;
   std::function<void()> onGet;
-  std::map<std::string, std::function<Agent::Part()>> parts;  // instead of those of the document, by pointer
-  std::string throwsAt;                                       // patches and methods with this text throw
+  std::map<std::string, std::function<Service::Part()>>
+      parts;             // instead of those of the document, by pointer
+  std::string throwsAt;  // patches and methods with this text throw
   int reads = 0;
   int flushes = 0;
   bool takesItsTime = false;                 // patches wait in `later`

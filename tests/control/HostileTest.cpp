@@ -17,7 +17,7 @@ class HostileTest : public TestControl::ControlTest, public testing::WithParamIn
     options.access.owner = 990;
     options.identify = [this](int) {
       const uid_t whose = isRoot ? 0 : 1000 + static_cast<uid_t>(random() % 7);
-      return Agent::Control::Peer{whose, whose, 4711};
+      return Control::Peer{whose, whose, 4711};
     };
     for (int i = 0; i < 3'000; ++i) {
       service.document["output"]["hosts"][std::to_string(i)] = {{"number", i}};

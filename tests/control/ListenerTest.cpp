@@ -1,4 +1,4 @@
-#include "agent/control/Listener.h"
+#include "service/control/Listener.h"
 
 #include <gmock/gmock.h>
 
@@ -10,8 +10,8 @@
 
 namespace {
 
-using Agent::Control::Access;
-using Agent::Control::Listener;
+using Control::Access;
+using Control::Listener;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
 

@@ -1,4 +1,4 @@
-#include "agent/control/MergeDiff.h"
+#include "service/control/MergeDiff.h"
 
 #include <gmock/gmock.h>
 
@@ -8,7 +8,7 @@
 
 namespace {
 
-using Agent::Control::mergeDiff;
+using Control::mergeDiff;
 using nlohmann::json;
 
 json diff(const char* from, const char* to) {

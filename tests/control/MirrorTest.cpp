@@ -1,4 +1,4 @@
-#include "agent/control/Mirror.h"
+#include "service/control/Mirror.h"
 
 #include <gtest/gtest.h>
 
@@ -6,10 +6,10 @@
 
 namespace {
 
-using Agent::Records;
-using Agent::Walked;
-using Agent::Control::Mirror;
+using Control::Mirror;
 using nlohmann::json;
+using Service::Records;
+using Service::Walked;
 
 // Sweeps to the end, so many members at a time; returns how many pieces that took.
 int sweepAll(Mirror& mirror, std::size_t atOnce) {
@@ -24,7 +24,7 @@ int sweepAll(Mirror& mirror, std::size_t atOnce) {
 // A round of the mirror over a document.
 void round(Mirror& mirror, const json& document, bool tells, std::size_t atOnce = 3) {
   mirror.begin(tells);
-  Records records(document.is_null() ? Agent::Part() : Agent::partOf(document));
+  Records records(document.is_null() ? Service::Part() : Service::partOf(document));
   for (Walked walked = records.next(); walked != Walked::end; walked = records.next()) {
     if (walked == Walked::member) {
       mirror.record(records.path(), records.text());
@@ -72,7 +72,7 @@ TEST(MirrorTest, TheFirstValueAndThePatchesGiveTheDocument) {
     std::mt19937 random(seed);
     Mirror mirror;
     round(mirror, someDocument(random), false);
-    json follower = Agent::jsonOf(mirror.part());
+    json follower = Service::jsonOf(mirror.part());
     for (int i = 0; i < 20; ++i) {
       const json now = someDocument(random);
       round(mirror, now, true);
@@ -80,7 +80,7 @@ TEST(MirrorTest, TheFirstValueAndThePatchesGiveTheDocument) {
         follower.merge_patch(*patch);
       }
       ASSERT_EQ(follower, now);
-      ASSERT_EQ(Agent::jsonOf(mirror.part()), now);
+      ASSERT_EQ(Service::jsonOf(mirror.part()), now);
     }
   }
 }
@@ -113,19 +113,19 @@ TEST(MirrorTest, ManyThatGoAreSweptInPieces) {
 }
 
 // A branch that counts its changes.
-class Counted final : public Agent::Branch {
+class Counted final : public Service::Branch {
  public:
   explicit Counted(std::uint64_t stamp) : stamp_(stamp) {}
-  Walked next(std::string& name, Agent::Part& part) override {
+  Walked next(std::string& name, Service::Part& part) override {
     if (walked_) {
       return Walked::end;
     }
     walked_ = true;
     name = "value";
-    part = Agent::recordOf(stamp_);
+    part = Service::recordOf(stamp_);
     return Walked::member;
   }
-  Agent::Part find(const std::string& /*name*/) override { return {}; }
+  Service::Part find(const std::string& /*name*/) override { return {}; }
   std::uint64_t stamp() const override { return stamp_; }
 
  private:
@@ -138,9 +138,9 @@ TEST(MirrorTest, ABranchThatHasNotChangedIsNotWalked) {
   int walked = 0;
   const auto look = [&](std::uint64_t stamp) {
     mirror.begin(true);
-    auto members = std::make_unique<Agent::Members>();
-    members->add("counted", [stamp] { return Agent::Part(std::make_unique<Counted>(stamp)); });
-    Records records{Agent::Part(std::move(members))};
+    auto members = std::make_unique<Service::Members>();
+    members->add("counted", [stamp] { return Service::Part(std::make_unique<Counted>(stamp)); });
+    Records records{Service::Part(std::move(members))};
     for (Walked step = records.next(); step != Walked::end; step = records.next()) {
       if (step == Walked::member) {
         ++walked;

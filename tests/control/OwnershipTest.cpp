@@ -1,4 +1,4 @@
-#include "agent/control/Ownership.h"
+#include "service/control/Ownership.h"
 
 #include <gmock/gmock.h>
 
@@ -6,8 +6,8 @@
 
 namespace {
 
-using Agent::Control::Ownership;
-using Agent::Control::Refusal;
+using Control::Ownership;
+using Control::Refusal;
 using nlohmann::json;
 
 class OwnershipTest : public testing::Test {

@@ -1,11 +1,11 @@
-#include "agent/control/Places.h"
+#include "service/control/Places.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::Control::Places;
+using Control::Places;
 using Clock = Places::Clock;
 
 constexpr Clock::time_point now{1h};

@@ -1,11 +1,11 @@
-#include "agent/control/Request.h"
+#include "service/control/Request.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
-using Agent::Control::BadRequest;
-using Agent::Control::Request;
+using Control::BadRequest;
+using Control::Request;
 using nlohmann::json;
 using testing::HasSubstr;
 using testing::ThrowsMessage;
@@ -59,7 +59,7 @@ TEST(Request, TheIdComesBackEvenWithARefusal) {
 }
 
 TEST(Request, AnswersAreLinesOfJson) {
-  using namespace Agent::Control;
+  using namespace Control;
   EXPECT_EQ(okLine(nullptr), R"({"ok":true})");
   EXPECT_EQ(valueLine(3, json::array({1, "x"})), R"({"id":3,"value":[1,"x"]})");
   EXPECT_EQ(mergeLine("s", R"({"a":null})"), R"({"id":"s","merge":{"a":null}})");

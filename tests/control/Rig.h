@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "FakeService.h"
-#include "agent/control/Server.h"
+#include "service/control/Server.h"
 
 namespace TestControl {
 
@@ -89,7 +89,7 @@ class RawClient {
 // it.
 class ControlTest : public testing::Test {
  protected:
-  using ServerOptions = Agent::Control::ServerOptions;
+  using ServerOptions = Control::ServerOptions;
 
   ControlTest() {
     options.path = folder / "control.sock";
@@ -97,7 +97,7 @@ class ControlTest : public testing::Test {
     options.log = [this](std::string_view text) { logged.emplace_back(text); };
   }
 
-  void serve() { server = std::make_unique<Agent::Control::Server>(loop, service, options); }
+  void serve() { server = std::make_unique<Control::Server>(loop, service, options); }
 
   std::unique_ptr<RawClient> connect() {
     auto client = std::make_unique<RawClient>(options.path);
@@ -133,13 +133,13 @@ class ControlTest : public testing::Test {
     client.take();
   }
 
-  Agent::EventLoop::Clock::time_point time{std::chrono::hours{1}};
-  Agent::EventLoop loop{[this] { return time; }};
+  Service::EventLoop::Clock::time_point time{std::chrono::hours{1}};
+  Service::EventLoop loop{[this] { return time; }};
   TempFolder folder;
   FakeService service;
   ServerOptions options;
   std::vector<std::string> logged;
-  std::unique_ptr<Agent::Control::Server> server;
+  std::unique_ptr<Control::Server> server;
 };
 
 }  // namespace TestControl

@@ -4,7 +4,7 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::Control::Peer;
+using Control::Peer;
 using TestControl::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
@@ -124,18 +124,18 @@ TEST_F(ServerLimitsTest, WhoMayPatchIsServedInTheNextTurnWhateverReadersAskFor) 
 }
 
 // Has a million records, and counts how many were read.
-class Endless final : public Agent::Branch {
+class Endless final : public Service::Branch {
  public:
   explicit Endless(int& count) : count_(count) {}
-  Agent::Walked next(std::string& name, Agent::Part& part) override {
+  Service::Walked next(std::string& name, Service::Part& part) override {
     if (++count_ == 1'000'000) {
-      return Agent::Walked::end;
+      return Service::Walked::end;
     }
     name = std::to_string(count_);
-    part = Agent::recordOf(std::string(100, 'x'));
-    return Agent::Walked::member;
+    part = Service::recordOf(std::string(100, 'x'));
+    return Service::Walked::member;
   }
-  Agent::Part find(const std::string& /*name*/) override { return {}; }
+  Service::Part find(const std::string& /*name*/) override { return {}; }
 
  private:
   int& count_;
@@ -143,7 +143,7 @@ class Endless final : public Agent::Branch {
 
 TEST_F(ServerLimitsTest, AnAnswerIsReadNoFurtherThanItsClientTakesIt) {
   int count = 0;
-  service.parts["/endless"] = [&] { return Agent::Part(std::make_unique<Endless>(count)); };
+  service.parts["/endless"] = [&] { return Service::Part(std::make_unique<Endless>(count)); };
   serve();
   const auto deaf = connectAs(1000);
   deaf->send("{\"get\":\"/endless\"}\n");
@@ -316,18 +316,18 @@ TEST_F(ServerLimitsTest, APatchOrACallThatThrowsIsAnswered) {
 }
 
 // Has so many records and then an error.
-class Broken final : public Agent::Branch {
+class Broken final : public Service::Branch {
  public:
   explicit Broken(int whole) : whole_(whole) {}
-  Agent::Walked next(std::string& name, Agent::Part& part) override {
+  Service::Walked next(std::string& name, Service::Part& part) override {
     if (at_ == whole_) {
       throw std::runtime_error("broken");
     }
     name = std::to_string(at_++);
-    part = Agent::recordOf("a record of some length");
-    return Agent::Walked::member;
+    part = Service::recordOf("a record of some length");
+    return Service::Walked::member;
   }
-  Agent::Part find(const std::string& /*name*/) override { return {}; }
+  Service::Part find(const std::string& /*name*/) override { return {}; }
 
  private:
   int whole_;
@@ -335,7 +335,7 @@ class Broken final : public Agent::Branch {
 };
 
 TEST_F(ServerLimitsTest, AnAnswerThatFailsBeforeItWentOutIsAnErrorLine) {
-  service.parts["/broken"] = [] { return Agent::Part(std::make_unique<Broken>(100)); };
+  service.parts["/broken"] = [] { return Service::Part(std::make_unique<Broken>(100)); };
   serve();
   const auto client = connectAs(0);
   EXPECT_EQ(ask(*client, {{"get", "/broken"}}).at("error").at("kind"), "failed");
@@ -343,7 +343,7 @@ TEST_F(ServerLimitsTest, AnAnswerThatFailsBeforeItWentOutIsAnErrorLine) {
 }
 
 TEST_F(ServerLimitsTest, AnAnswerThatFailsHalfwayEndsItsClientAlone) {
-  service.parts["/broken"] = [] { return Agent::Part(std::make_unique<Broken>(30'000)); };
+  service.parts["/broken"] = [] { return Service::Part(std::make_unique<Broken>(30'000)); };
   serve();
   const auto client = connectAs(0);
   const auto other = connectAs(1000);

@@ -1,4 +1,4 @@
-#include "agent/control/Server.h"
+#include "service/control/Server.h"
 
 #include "Rig.h"
 
@@ -127,7 +127,7 @@ TEST_F(ServerTest, AnEndlessLineIsStoppedWithAClearMessage) {
 
 TEST_F(ServerTest, AReaderMayAskButChangeNothing) {
   options.access = {.owner = 990, .othersRead = true};
-  options.identify = [](int) { return Agent::Control::Peer{1000, 1000, 4711}; };
+  options.identify = [](int) { return Control::Peer{1000, 1000, 4711}; };
   serve();
   const auto client = connect();
   EXPECT_EQ(ask(*client, {{"get", "/agent"}}), json::parse(R"({"value":{}})"));
@@ -139,7 +139,7 @@ TEST_F(ServerTest, AReaderMayAskButChangeNothing) {
 
 TEST_F(ServerTest, AReadersLinesAreShort) {
   options.access = {.owner = 990, .othersRead = true};
-  options.identify = [](int) { return Agent::Control::Peer{1000, 1000, 4711}; };
+  options.identify = [](int) { return Control::Peer{1000, 1000, 4711}; };
   serve();
   const auto client = connect();
   EXPECT_EQ(askText(*client, std::string(200'000, 'x')),
@@ -148,7 +148,7 @@ TEST_F(ServerTest, AReadersLinesAreShort) {
 
 TEST_F(ServerTest, AStrangerIsToldAndDropped) {
   options.access = {.owner = 990};
-  options.identify = [](int) { return Agent::Control::Peer{1000, 1000, 4711}; };
+  options.identify = [](int) { return Control::Peer{1000, 1000, 4711}; };
   serve();
   const auto client = connect();
   client->take();

@@ -1,4 +1,4 @@
-#include "agent/control/Subscriptions.h"
+#include "service/control/Subscriptions.h"
 
 #include "Rig.h"
 

@@ -15,8 +15,8 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::EventLoop;
 using Agent::Log;
+using Service::EventLoop;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::SizeIs;

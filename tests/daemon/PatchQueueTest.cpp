@@ -10,10 +10,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::EventLoop;
 using Agent::PatchQueue;
 using Agent::Refused;
 using nlohmann::json;
+using Service::EventLoop;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;

@@ -12,10 +12,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::EventLoop;
 using Agent::RefusedWrites;
 using Bridging::MacVlanPair;
 using Bridging::VlanId;
+using Service::EventLoop;
 using testing::HasSubstr;
 
 MacVlanPair key(unsigned number) {

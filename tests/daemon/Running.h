@@ -68,7 +68,7 @@ class Running {
   void tickPerReadIs(double seconds) { time_.time.tickPerReadIs(seconds); }
 
   json input(const std::string& pointer = "") const {
-    return Agent::jsonOf(Agent::inputPart(world)).at(json::json_pointer(pointer));
+    return Service::jsonOf(Agent::inputPart(world)).at(json::json_pointer(pointer));
   }
   json output(const std::string& pointer = "") { return document_.at(pointer); }
 
@@ -80,7 +80,7 @@ class Running {
     Kel::SimulatedTime time;
   };
   // The client's activity loop as a guest.
-  struct Client final : Agent::EventLoop::Embedded {
+  struct Client final : Service::EventLoop::Embedded {
     explicit Client(Running& owner) : running(owner) {}
     bool turn() override {
       running.guarded([] { Kel::ActivityLoop::instance().turn(); });
@@ -103,11 +103,11 @@ class Running {
   }
 
   Time time_;
-  Agent::EventLoop::Clock::time_point at_;
+  Service::EventLoop::Clock::time_point at_;
 
  public:
   // Its budgets pass as it is asked for the time, so that slices are the same on every machine.
-  Agent::EventLoop loop{[this] { return at_ += std::chrono::milliseconds(1); }};
+  Service::EventLoop loop{[this] { return at_ += std::chrono::milliseconds(1); }};
   Agent::World world;
   Agent::PatchQueue queue;
   std::vector<json> recorded;

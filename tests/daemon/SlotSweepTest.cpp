@@ -5,10 +5,10 @@
 namespace {
 
 using namespace std::chrono_literals;
-using Agent::EventLoop;
 using Agent::SlotSweep;
 using Bridging::MacVlanPair;
 using Bridging::VlanId;
+using Service::EventLoop;
 
 constexpr unsigned many = 3000;
 

@@ -38,12 +38,13 @@ class Rules(unittest.TestCase):
         rule = tidy.rule_include_direction
         self.write("platform/Kel/Ptr.cpp", '#include "RingLog/RingLog.h"\n#include "Kel/Ptr.h"\n#include <vector>\n')
         self.write("Vxlan/Sm.cpp", '#include "Vxlan/types/VniExt.h"\n#include "Vxlan/framework/Trace.h"\n')
-        self.write("tools/vxlanctl/main.cpp", '#include "agent/control/Client.h"\n')
+        self.write("tools/vxlanctl/main.cpp", '#include "service/control/Client.h"\n')
         self.write("tests/Kel/PtrTest.cpp", '#include "agent/Agent.h"\n')
         self.green(rule)
         for name, include in [("platform/Kel/A.h", "Entdb/Entdb.h"), ("platform/Entdb/A.h", "Vxlan/types/VniExt.h"),
                               ("Vxlan/types/A.h", "Vxlan/framework/Trace.h"), ("Vxlan/framework/A.h", "Vxlan/Sm.h"),
                               ("Vxlan/A.h", "agent/Agent.h"), ("agent/A.h", "tools/x/X.h"),
+                              ("service/A.h", "Vxlan/types/Qnet.h"), ("service/A.h", "agent/Agent.h"), ("tools/x/A.h", "agent/Agent.h"),
                               ("platform/Memtab/A.h", "RingLog/RingLog.h"), ("platform/RingLog/A.h", "Memtab/Writer.h")]:
             with self.subTest(name):
                 self.write(name, f'#include "{include}"\n')
@@ -73,7 +74,7 @@ class Rules(unittest.TestCase):
         self.red(tidy.rule_no_foreign_library, 2)
 
     def test_json_from_outside_is_read_in_one_place(self):
-        self.write("agent/json/Text.cpp", "auto a = nlohmann::json::parse(text);\n")
+        self.write("service/json/Text.cpp", "auto a = nlohmann::json::parse(text);\n")
         self.write("tests/A.cpp", "auto a = json::parse(text);\n")
         self.write("agent/B.cpp", "auto a = Request::parse(text);\nauto b = parseJson(text);\n")
         self.green(tidy.rule_json_from_outside)
@@ -110,11 +111,11 @@ class Rules(unittest.TestCase):
                 os.remove(os.path.join(self.root, f"agent/X{number}.h"))
 
     def test_headers_stand_in_their_target(self):
-        self.write("agent/loop/CMakeLists.txt", "vcc_room(AgentLoop agent/loop HEADERS EventLoop.h inner/Timer.h)\n")
-        self.write("agent/loop/EventLoop.h", "")
-        self.write("agent/loop/inner/Timer.h", "")
+        self.write("service/loop/CMakeLists.txt", "vcc_room(ServiceLoop service/loop HEADERS EventLoop.h inner/Timer.h)\n")
+        self.write("service/loop/EventLoop.h", "")
+        self.write("service/loop/inner/Timer.h", "")
         self.green(tidy.rule_header_listed)
-        self.write("agent/loop/Loop.h", "")
+        self.write("service/loop/Loop.h", "")
         self.write("tools/Lone.h", "")
         self.red(tidy.rule_header_listed, 2)
 
@@ -193,10 +194,10 @@ class Rules(unittest.TestCase):
     def test_documents_name_paths_that_are_there(self):
         rule = tidy.rules_text.rule_documented_paths
         self.write("docs/kel.md", "")
-        self.write("agent/loop/EventLoop.h", "")
-        self.write("README.md", "`docs/kel.md`, `agent/loop/`, `agent/*/EventLoop.h`, `/etc/x`, [kel](docs/kel.md#a), [x](https://x)\n")
+        self.write("service/loop/EventLoop.h", "")
+        self.write("README.md", "`docs/kel.md`, `service/loop/`, `service/*/EventLoop.h`, `/etc/x`, [kel](docs/kel.md#a), [x](https://x)\n")
         self.green(rule)
-        self.write("docs/a.md", "`docs/kel2.md`\n[kel](kel2.md)\n`agent/*/Loop.h`\n")
+        self.write("docs/a.md", "`docs/kel2.md`\n[kel](kel2.md)\n`service/*/Loop.h`\n")
         self.red(rule, 3)
 
     def test_documents_name_targets_that_are_there(self):
@@ -218,11 +219,52 @@ class Rules(unittest.TestCase):
 
     def test_the_tour_names_every_room_and_machine(self):
         rule = tidy.rules_text.rule_tour
-        self.write("agent/loop/CMakeLists.txt", "vcc_room(AgentLoop agent/loop)\n")
+        self.write("service/loop/CMakeLists.txt", "vcc_room(ServiceLoop service/loop)\n")
         self.write("Vxlan/VxlanControllerSm.h", "class KEL_API RmxStateSm final : public Kel::StateMachine {\nclass Later;\n")
-        self.write("docs/architecture.md", "`agent/loop`, `RmxStateSm`\n")
+        self.write("docs/architecture.md", "`service/loop`, `RmxStateSm`\n")
         self.green(rule)
-        self.write("docs/architecture.md", "`agent/loops`, `RmxStateSmBase`\n")
+        self.write("docs/architecture.md", "`service/loops`, `RmxStateSmBase`\n")
+        self.red(rule, 2)
+
+    def test_words_are_plain(self):
+        rule = tidy.rules_text.rule_plain_words
+        self.write("docs/a.md", "It is read anew by whoever comes.\n")
+        self.green(rule)
+        self.write("tests/house/words.txt", "# why\nanew -> again\nbears? -> carry\n")
+        self.write("CHANGELOG.md", "It was made anew.\n")
+        self.write("agent/A.cpp", 'const char* text = "anew";  // renewed, bearing\n')
+        self.red(rule, 1)
+        self.write("agent/A.h", "int a;  // A" + "new.\n")
+        self.write("scripts/run", "# It bears\n# a mark.\n")
+        self.write("man/a.1", "anew\n")
+        self.red(rule, 4)
+
+    def test_comments_have_one_style(self):
+        rule = tidy.rules_text.rule_one_comment_style
+        self.write("agent/A.h", "// a\nint a;  // b\n")
+        self.green(rule)
+        self.write("agent/B.h", "/// a\n  /// b\n")
+        self.red(rule, 2)
+
+    def test_constants_are_camel_case(self):
+        rule = tidy.rules_text.rule_constants
+        self.write("agent/A.h", "constexpr int limit = 1;\nconstexpr int keep{2};\n/* constexpr int kOld = 1; */\n")
+        self.green(rule)
+        self.write("agent/B.h", "constexpr int kLimit = 1;\nstatic constexpr std::size_t kMost{2};\n")
+        self.red(rule, 2)
+
+    def test_test_names_are_upper_camel(self):
+        rule = tidy.rules_text.rule_test_names
+        self.write("tests/A.cpp", "TEST(A, ItRuns) {}\nTEST_F(A, ItStops) {}\n")
+        self.green(rule)
+        self.write("tests/B.cpp", "TEST(A, itRuns) {}\nTEST_F(A, itStops) {}\n")
+        self.red(rule, 2)
+
+    def test_target_names_say_what_they_are(self):
+        rule = tidy.rules_text.rule_target_names
+        self.write("tests/Kel/CMakeLists.txt", "vcc_test(kel_test\n  SOURCES A.cpp)\nvcc_bench(kel_bench SOURCES B.cpp)\n")
+        self.green(rule)
+        self.write("tests/B/CMakeLists.txt", "vcc_test(KelTest SOURCES A.cpp)\nvcc_bench(kel_test SOURCES B.cpp)\n")
         self.red(rule, 2)
 
     def test_a_finding_says_where_and_what(self):

@@ -1,20 +1,20 @@
-#include "agent/json/Parts.h"
+#include "service/json/Parts.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using Agent::Part;
-using Agent::Records;
-using Agent::Walked;
 using nlohmann::json;
+using Service::Part;
+using Service::Records;
+using Service::Walked;
 
 const json document = json::parse(
     R"({"a":{"b/c":{"~":1,"list":[1,{"x":2}]},"empty":{}},"n":null,"t":"é\"\\\n","z":{"deep":{"er":true}}})");
 
 std::string textOf(Part part) {
   std::string out;
-  Agent::RecordText text;
+  Service::RecordText text;
   Records records(std::move(part));
   for (Walked walked = records.next(); walked != Walked::end; walked = records.next()) {
     if (walked == Walked::member) {
@@ -26,17 +26,17 @@ std::string textOf(Part part) {
 }
 
 TEST(PartsTest, TheTextOfTheRecordsIsTheDocument) {
-  EXPECT_EQ(textOf(Agent::partOf(document)), document.dump());
-  EXPECT_EQ(Agent::jsonOf(Agent::partOf(document)), document);
+  EXPECT_EQ(textOf(Service::partOf(document)), document.dump());
+  EXPECT_EQ(Service::jsonOf(Service::partOf(document)), document);
   for (const char* whole : {"{}", "[]", "7", R"({"a":{}})", R"({"a":{"b":{}},"c":1})"}) {
-    EXPECT_EQ(textOf(Agent::partOf(json::parse(whole))), whole);
+    EXPECT_EQ(textOf(Service::partOf(json::parse(whole))), whole);
   }
 }
 
 TEST(PartsTest, APointerLeadsWhereItLeadsInTheDocument) {
   for (const char* pointer : {"", "/a", "/a/b~1c", "/a/b~1c/~0", "/a/b~1c/list/1/x", "/a/empty", "/t",
                               "/z/deep/er", "/z/deep", "/a/b~1c/list/0"}) {
-    EXPECT_EQ(Agent::jsonOf(partAt(Agent::partOf(document), pointer)),
+    EXPECT_EQ(Service::jsonOf(partAt(Service::partOf(document), pointer)),
               document.at(json::json_pointer(pointer)))
         << pointer;
   }
@@ -45,19 +45,19 @@ TEST(PartsTest, APointerLeadsWhereItLeadsInTheDocument) {
 TEST(PartsTest, APointerThatLeadsNowhereLeadsToNothing) {
   for (const char* pointer : {"/b", "/a/b", "/a/b~1c/list/2", "/a/b~1c/list/x", "/t/0", "/z/deep/er/more",
                               "/z//", "/a/b~1c/list/99999999999999999999"}) {
-    EXPECT_FALSE(partAt(Agent::partOf(document), pointer).there()) << pointer;
+    EXPECT_FALSE(partAt(Service::partOf(document), pointer).there()) << pointer;
   }
-  EXPECT_THROW(partAt(Agent::partOf(document), "no pointer"), json::parse_error);
+  EXPECT_THROW(partAt(Service::partOf(document), "no pointer"), json::parse_error);
 }
 
 // Says how often it was walked, and may turn out to have nothing.
-class Probe final : public Agent::Branch {
+class Probe final : public Service::Branch {
  public:
   Probe(int& steps, bool shown) : steps_(steps), shown_(shown) {}
   Walked next(std::string& /*name*/, Part& /*part*/) override {
     return ++steps_ < 3 ? Walked::search : Walked::end;
   }
-  Part find(const std::string& name) override { return name == "it" ? Agent::recordOf(1) : Part(); }
+  Part find(const std::string& name) override { return name == "it" ? Service::recordOf(1) : Part(); }
   bool shownEmpty() const override { return shown_; }
 
  private:
@@ -67,19 +67,19 @@ class Probe final : public Agent::Branch {
 
 TEST(PartsTest, AMemberIsLookedUpWithoutAWalk) {
   int steps = 0;
-  EXPECT_EQ(Agent::jsonOf(partAt(Part(std::make_unique<Probe>(steps, true)), "/it")), json(1));
+  EXPECT_EQ(Service::jsonOf(partAt(Part(std::make_unique<Probe>(steps, true)), "/it")), json(1));
   EXPECT_EQ(steps, 0);
 }
 
 TEST(PartsTest, ABranchWithoutRecordsIsShownOrNot) {
   int steps = 0;
-  EXPECT_EQ(Agent::jsonOf(Part(std::make_unique<Probe>(steps, true))), json::object());
+  EXPECT_EQ(Service::jsonOf(Part(std::make_unique<Probe>(steps, true))), json::object());
   steps = 0;
-  EXPECT_EQ(Agent::jsonOf(Part(std::make_unique<Probe>(steps, false))), json());
+  EXPECT_EQ(Service::jsonOf(Part(std::make_unique<Probe>(steps, false))), json());
   steps = 0;
-  auto around = std::make_unique<Agent::Members>();
+  auto around = std::make_unique<Service::Members>();
   around->add("vlan", [&] { return Part(std::make_unique<Probe>(steps, false)); });
-  EXPECT_EQ(Agent::jsonOf(Part(std::move(around))), json::object());
+  EXPECT_EQ(Service::jsonOf(Part(std::move(around))), json::object());
 }
 
 TEST(PartsTest, AStepOfASearchIsAStep) {

@@ -1,15 +1,15 @@
-#include "agent/json/PieceParser.h"
+#include "service/json/PieceParser.h"
 
 #include <gtest/gtest.h>
 
 #include <optional>
 
-#include "agent/json/Text.h"
+#include "service/json/Text.h"
 
 namespace {
 
-using Agent::PieceParser;
 using nlohmann::json;
+using Service::PieceParser;
 
 // What the text is, read in parts of this size; nothing if it is refused.
 std::optional<json> inParts(const std::string& text, std::size_t bytes) {
@@ -21,8 +21,8 @@ std::optional<json> inParts(const std::string& text, std::size_t bytes) {
 
 std::optional<json> atOnce(const std::string& text) {
   try {
-    return Agent::parseJson(text);
-  } catch (const Agent::BadJson&) {
+    return Service::parseJson(text);
+  } catch (const Service::BadJson&) {
     return std::nullopt;
   }
 }
@@ -57,7 +57,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "[1,\x01]"));
 
 TEST(PieceParserDepthTest, RefusesWhatIsNestedTooDeep) {
-  for (const int depth : {Agent::deepestJson, Agent::deepestJson + 1}) {
+  for (const int depth : {Service::deepestJson, Service::deepestJson + 1}) {
     const std::string text =
         std::string(static_cast<std::size_t>(depth), '[') + std::string(static_cast<std::size_t>(depth), ']');
     EXPECT_EQ(inParts(text, 5), atOnce(text)) << depth;

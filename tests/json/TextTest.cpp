@@ -1,14 +1,14 @@
 // JSON from outside: what is taken, and what a refusal says.
-#include "agent/json/Text.h"
+#include "service/json/Text.h"
 
 #include <gmock/gmock.h>
 
 namespace {
 
-using Agent::BadJson;
-using Agent::parseJson;
-using Agent::partAt;
 using nlohmann::json;
+using Service::BadJson;
+using Service::parseJson;
+using Service::partAt;
 using testing::ThrowsMessage;
 
 auto parsing(const std::string& text) {
@@ -49,8 +49,8 @@ TEST(JsonText, ANumberThatNoDoubleHoldsIsRefused) {
 }
 
 TEST(JsonText, IsRefusedBeforeItCanExhaustTheStack) {
-  EXPECT_NO_THROW(parsing(nested(Agent::deepestJson))());
-  EXPECT_THAT(parsing(nested(Agent::deepestJson + 1)), says("nested deeper than 64 levels"));
+  EXPECT_NO_THROW(parsing(nested(Service::deepestJson))());
+  EXPECT_THAT(parsing(nested(Service::deepestJson + 1)), says("nested deeper than 64 levels"));
   EXPECT_THAT(parsing(nested(5'000'000)), says("nested deeper than 64 levels"));
   EXPECT_NO_THROW(parsing("{\"" + std::string(100, '[') + "\\\"" + std::string(100, '{') + "\":1}")())
       << "what stands in a string does not nest";

@@ -407,7 +407,7 @@ TEST_F(Stall, IsTheTimeFromOnePollToTheNext) {
   turn();
   time += 5s;  // between the turns nobody waits for the loop's own doing
   turn();
-  const Agent::LoopStall& stall = loop.stall();
+  const Service::LoopStall& stall = loop.stall();
   EXPECT_EQ(stall.turns, 2U);
   EXPECT_EQ(stall.longest, 30ms);
   EXPECT_EQ(stall.total, 30ms);
@@ -416,7 +416,7 @@ TEST_F(Stall, IsTheTimeFromOnePollToTheNext) {
 }
 
 TEST_F(Stall, BucketsHoldTheirUpperBound) {
-  Agent::LoopStall stall;
+  Service::LoopStall stall;
   stall.add(100us);
   stall.add(100us + 1ns);
   stall.add(2s);

@@ -11,10 +11,10 @@
 #include <system_error>
 #include <vector>
 
-#include "agent/loop/EventLoop.h"
+#include "service/loop/EventLoop.h"
 
 using namespace std::chrono_literals;
-using Agent::EventLoop;
+using Service::EventLoop;
 
 // Two connected descriptors: what is written to `far` makes `near` readable.
 class Pair {

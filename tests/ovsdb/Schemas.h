@@ -3,7 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-namespace Agent::Ovsdb::Testing {
+namespace Ovsdb::Testing {
 
 // A schema with just what is followed.
 inline nlohmann::json goodSchema() {
@@ -34,4 +34,4 @@ inline nlohmann::json goodSchema() {
   return {{"name", "hardware_vtep"}, {"version", "1.7.0"}, {"tables", tables}};
 }
 
-}  // namespace Agent::Ovsdb::Testing
+}  // namespace Ovsdb::Testing

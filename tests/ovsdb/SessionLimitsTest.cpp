@@ -5,7 +5,7 @@
 
 #include "SessionRig.h"
 
-namespace Agent::Ovsdb::Testing {
+namespace Ovsdb::Testing {
 
 namespace {
 
@@ -163,13 +163,13 @@ TEST_F(SessionLimits, NobodyGoesOnBehindAnUpdateThatDidNotEnd) {
   follows();
   comes(R"({"method":"update3","id":null,"params":["rows",")" + std::string{transaction} +
         R"(",{"Physical_Locator":{")" + rowId + R"(":{"insert":{"dst_ip":"10.0.0.2"}},"x":{}}}]})");
-  EXPECT_THAT(taker.told, ElementsAre("part", "row Physical_Locator", "lost"));
+  EXPECT_THAT(sink.told, ElementsAre("part", "row Physical_Locator", "lost"));
   now += 10;
   isAskedForRows();
-  taker.told.clear();
+  sink.told.clear();
   answers("rows", json::array({true, transaction, oneRow()}));
   EXPECT_THAT(session.lastError(), HasSubstr("goes on behind a transaction that was not asked for"));
-  EXPECT_TRUE(taker.told.empty());
+  EXPECT_TRUE(sink.told.empty());
   EXPECT_EQ(session.resumptions(), 0U);
 }
 
@@ -449,7 +449,7 @@ TEST_F(SessionLimits, TimeInWhichTheOwnerDoesNotReadIsNotThePeers) {
 
 TEST_F(SessionLimits, AnExceptionOfWhoTakesTheRowsIsContained) {
   follows();
-  taker.raises = "no such slot";
+  sink.raises = "no such slot";
   comesMessage(update());
   EXPECT_EQ(session.state(), SessionState::backoff);
   EXPECT_TRUE(session.connectionDropped());
@@ -458,7 +458,7 @@ TEST_F(SessionLimits, AnExceptionOfWhoTakesTheRowsIsContained) {
   EXPECT_EQ(session.contained(), 1U);
   EXPECT_EQ(session.faults(), 0U);
   EXPECT_EQ(session.problem(now), session.lastError());
-  taker.raises.clear();
+  sink.raises.clear();
   now += 10;
   connects();
   answers("schema", goodSchema());
@@ -466,10 +466,10 @@ TEST_F(SessionLimits, AnExceptionOfWhoTakesTheRowsIsContained) {
   EXPECT_EQ(goesOut().back()["params"][3], noTransaction) << "all rows are asked for";
 
   stands(SessionState::following);
-  taker.raisesAtTheEnd = true;
+  sink.raisesAtTheEnd = true;
   comesMessage(update());
   EXPECT_EQ(session.contained(), 2U);
-  taker.raisesAtTheEnd = false;
+  sink.raisesAtTheEnd = false;
   now += 10;
   connects();
   answers("schema", goodSchema());
@@ -512,4 +512,4 @@ TEST_F(SessionLimits, AServerThatIsAtFaultAgainAndAgainIsNotAskedAgainAtOnce) {
   EXPECT_EQ(pauseAfter(60), 0.1);
 }
 
-}  // namespace Agent::Ovsdb::Testing
+}  // namespace Ovsdb::Testing

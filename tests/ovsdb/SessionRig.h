@@ -12,23 +12,26 @@
 #include <vector>
 
 #include "Schemas.h"
-#include "agent/ovsdb/Session.h"
+#include "agent/vtep/Schema.h"
+#include "service/ovsdb/Session.h"
 
-namespace Agent::Ovsdb::Testing {
+namespace Ovsdb::Testing {
+
+using Agent::Vtep::hardwareVtep;
 
 inline constexpr const char* rowId = "11111111-1111-4111-8111-111111111111";
 inline constexpr const char* noTransaction = "00000000-0000-0000-0000-000000000000";
 inline constexpr const char* transaction = "99999999-9999-4999-8999-999999999999";
 
 // Writes down what it is told.
-class Taker : public UpdateTaker {
+class Taker : public UpdateSink {
  public:
   void beginUpdate(bool whole, double) override { told.emplace_back(whole ? "whole" : "part"); }
   void row(const RowEvent& event) override {
     if (!raises.empty()) {
       throw std::runtime_error(raises);
     }
-    told.push_back("row " + std::string{nameOf(event.table)});
+    told.push_back("row " + std::string{hardwareVtep().tables()[event.table].name});
   }
   void endUpdate(double) override {
     if (raisesAtTheEnd) {
@@ -54,7 +57,7 @@ class SessionTest : public testing::Test {
 
   // In place of the session, one with other options.
   void behaves(const SessionOptions& options) {
-    slot.emplace(options, taker, [this](const std::string& line) { log.push_back(line); });
+    slot.emplace(hardwareVtep(), options, sink, [this](const std::string& line) { log.push_back(line); });
   }
 
   std::string connects() {
@@ -125,15 +128,15 @@ class SessionTest : public testing::Test {
     isAskedForRows();
     answers("rows", nlohmann::json::array({false, transaction, nlohmann::json::object()}));
     ASSERT_EQ(session.state(), SessionState::following);
-    taker.told.clear();
+    sink.told.clear();
   }
 
   double now = 100;
-  Taker taker;
+  Taker sink;
   std::vector<std::string> log;
-  std::optional<Session> slot{std::in_place, options(), taker,
+  std::optional<Session> slot{std::in_place, hardwareVtep(), options(), sink,
                               [this](const std::string& line) { log.push_back(line); }};
   Session& session = *slot;
 };
 
-}  // namespace Agent::Ovsdb::Testing
+}  // namespace Ovsdb::Testing

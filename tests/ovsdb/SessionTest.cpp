@@ -5,7 +5,7 @@
 
 #include "SessionRig.h"
 
-namespace Agent::Ovsdb::Testing {
+namespace Ovsdb::Testing {
 
 namespace {
 
@@ -32,7 +32,7 @@ TEST_F(SessionTest, SchemaAndServerAreAskedForFirstThenTheRows) {
   EXPECT_EQ(out[0]["params"][2]["Physical_Locator"], json::parse(R"([{"columns":["dst_ip"]}])"));
   EXPECT_EQ(out[0]["params"][3], noTransaction);
   answers("rows", json::array({false, transaction, oneRow()}));
-  EXPECT_THAT(taker.told, ElementsAre("whole", "row Physical_Locator", "end"));
+  EXPECT_THAT(sink.told, ElementsAre("whole", "row Physical_Locator", "end"));
   EXPECT_EQ(session.state(), SessionState::following);
   EXPECT_EQ(session.lastTransaction(), transaction);
 }
@@ -42,7 +42,7 @@ TEST_F(SessionTest, UpdatesAreTakenAsTheyCome) {
   const json update{
       {"id", nullptr}, {"method", "update3"}, {"params", json::array({"rows", transaction, oneRow()})}};
   comes(update.dump() + update.dump());
-  EXPECT_THAT(taker.told,
+  EXPECT_THAT(sink.told,
               ElementsAre("part", "row Physical_Locator", "end", "part", "row Physical_Locator", "end"));
 }
 
@@ -56,7 +56,7 @@ TEST_F(SessionTest, MessagesAreUnderstoodHoweverTheBytesAreCut) {
   for (const char byte : text) {
     comes(std::string_view{&byte, 1});
   }
-  EXPECT_THAT(taker.told, ElementsAre("whole", "row Physical_Locator", "end"));
+  EXPECT_THAT(sink.told, ElementsAre("whole", "row Physical_Locator", "end"));
 }
 
 TEST_F(SessionTest, ThePeerIsHeldBackWhileRowsAreWorkedOn) {
@@ -171,7 +171,7 @@ TEST_F(SessionTest, AMemberThatLosesItsClusterIsLeft) {
             json::array(
                 {"server", transaction, {{"Database", {{rowId, {{"modify", {{"connected", false}}}}}}}}})}});
   EXPECT_EQ(session.lastError(), "unix:/one: this member lost the connection to its cluster");
-  EXPECT_THAT(taker.told, ElementsAre("lost"));
+  EXPECT_THAT(sink.told, ElementsAre("lost"));
 }
 
 TEST_F(SessionTest, ACanceledMonitorBeginsAnew) {
@@ -210,7 +210,7 @@ TEST_F(SessionTest, GarbageIsNamedAndLeavesNothingBehind) {
     comes(bytes);
     EXPECT_TRUE(session.connectionDropped()) << bytes.substr(0, 100);
     EXPECT_THAT(session.lastError(), HasSubstr(text));
-    EXPECT_TRUE(taker.told.empty());
+    EXPECT_TRUE(sink.told.empty());
     EXPECT_TRUE(session.output().empty());
   }
   now += 100;
@@ -227,7 +227,7 @@ TEST_F(SessionTest, AnUpdateThatBreaksOffIsFollowedByEverything) {
                 {"rows", transaction, {{"Physical_Locator", {{rowId, {{"insert", {{"dst_ip", 7}}}}}}}}})}});
   EXPECT_EQ(session.lastError(), "unix:/one: table Physical_Locator, row " + std::string{rowId} +
                                      ", column dst_ip: at byte 80: want '\"', have '7'");
-  EXPECT_THAT(taker.told, ElementsAre("part", "lost"));
+  EXPECT_THAT(sink.told, ElementsAre("part", "lost"));
   now += 10;
   connects();
   answers("schema", goodSchema());
@@ -241,14 +241,14 @@ TEST_F(SessionTest, TheLastTransactionIsAskedForAfterAReconnect) {
   follows();
   now += 60;
   session.failed("the peer closed the connection", now);
-  EXPECT_THAT(taker.told, ElementsAre("lost"));
+  EXPECT_THAT(sink.told, ElementsAre("lost"));
   EXPECT_EQ(connects(), "unix:/two") << "at once, after a session that lasted";
   answers("schema", goodSchema());
   serverSays(true);
   EXPECT_EQ(goesOut().back()["params"][3], transaction);
-  taker.told.clear();
+  sink.told.clear();
   answers("rows", json::array({true, transaction, oneRow()}));
-  EXPECT_THAT(taker.told, ElementsAre("part", "row Physical_Locator", "end"));
+  EXPECT_THAT(sink.told, ElementsAre("part", "row Physical_Locator", "end"));
   EXPECT_EQ(session.reconnects(), 1U);
 }
 
@@ -258,7 +258,7 @@ TEST_F(SessionTest, AHalfClosedPeerIsLeftAfterWhatItHadSaid) {
             .dump() +
         R"({"id":null,"meth)");
   session.failed("the peer closed the connection", now);
-  EXPECT_THAT(taker.told, ElementsAre("part", "row Physical_Locator", "end", "lost"));
+  EXPECT_THAT(sink.told, ElementsAre("part", "row Physical_Locator", "end", "lost"));
   EXPECT_FALSE(session.connectionDropped()) << "the transport knows";
   EXPECT_EQ(session.lastError(), "unix:/one: the peer closed the connection");
 }
@@ -280,7 +280,7 @@ TEST_F(SessionTest, PausesDoubleFromFailureToFailureUpToTheLongest) {
                                     std::pair{"unix:/two", 1.5}, std::pair{"unix:/three", 3.1},
                                     std::pair{"unix:/one", 6.3}, std::pair{"unix:/two", 12.7},
                                     std::pair{"unix:/three", 20.7}, std::pair{"unix:/one", 28.7}));
-  EXPECT_TRUE(taker.told.empty());
+  EXPECT_TRUE(sink.told.empty());
 }
 
 TEST_F(SessionTest, AConnectionThatDoesNotComeUpIsGivenUp) {
@@ -295,7 +295,7 @@ TEST_F(SessionTest, ARemoteThatIsConfiguredNoMoreIsLeftForTheFirstOfTheOthersAtO
   follows();
   session.remotesAre(Remote::parseList("unix:/four,unix:/five"), now);
   EXPECT_TRUE(session.connectionDropped());
-  EXPECT_THAT(taker.told, ElementsAre("lost"));
+  EXPECT_THAT(sink.told, ElementsAre("lost"));
   EXPECT_EQ(session.lastError(), "unix:/one: is configured no more");
   EXPECT_EQ(connects(), "unix:/four");
 }
@@ -323,7 +323,7 @@ TEST_F(SessionTest, TheSameErrorIsLoggedOnce) {
   SessionOptions one = options();
   one.remotes.resize(1);
   std::vector<std::string> lines;
-  Session other(one, taker, [&](const std::string& line) { lines.push_back(line); });
+  Session other(hardwareVtep(), one, sink, [&](const std::string& line) { lines.push_back(line); });
   for (int round = 0; round < 3; ++round) {
     other.connecting(now);
     other.failed("connecting: Connection refused", now);
@@ -336,7 +336,7 @@ TEST(SessionSchema, TheInstalledSchemaServes) {
   if (!file) {
     GTEST_SKIP() << "the package with the hardware_vtep schema is not installed";
   }
-  EXPECT_EQ(schemaObjection(json::parse(file)), "");
+  EXPECT_EQ(hardwareVtep().objection(json::parse(file)), "");
 }
 
-}  // namespace Agent::Ovsdb::Testing
+}  // namespace Ovsdb::Testing

@@ -4,19 +4,22 @@
 #include <functional>
 #include <nlohmann/json.hpp>
 
-#include "agent/ovsdb/Addresses.h"
-#include "agent/ovsdb/Framer.h"
-#include "agent/ovsdb/JsonReader.h"
-#include "agent/ovsdb/ReceiveBuffer.h"
-#include "agent/ovsdb/Remote.h"
-#include "agent/ovsdb/Schema.h"
-#include "agent/ovsdb/UpdateWalk.h"
-#include "agent/ovsdb/Uuid.h"
+#include "agent/vtep/Schema.h"
+#include "service/ovsdb/Framer.h"
+#include "service/ovsdb/JsonReader.h"
+#include "service/ovsdb/ReceiveBuffer.h"
+#include "service/ovsdb/Remote.h"
+#include "service/ovsdb/UpdateWalk.h"
+#include "service/ovsdb/Uuid.h"
 
-namespace Agent::Ovsdb::Testing {
+namespace Ovsdb::Testing {
 
 namespace {
 
+using Agent::Vtep::At;
+using Agent::Vtep::hardwareVtep;
+using Agent::Vtep::Table;
+using Agent::Vtep::tableOf;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -55,7 +58,7 @@ std::vector<std::vector<std::string>> framed(const std::string& stream,
   return messages;
 }
 
-class Rows : public RowTaker {
+class Rows : public RowSink {
  public:
   void row(const RowEvent& event) override { events.push_back(event); }
   std::vector<RowEvent> events;
@@ -63,7 +66,7 @@ class Rows : public RowTaker {
 
 std::vector<RowEvent> rowsOf(const std::string& text) {
   Rows rows;
-  UpdateWalk walk(text);
+  UpdateWalk walk(hardwareVtep(), text);
   while (walk.step(1, rows)) {
   }
   return rows.events;
@@ -374,7 +377,7 @@ TEST(Rows, AWalkTakesAsManyItemsAsItIsTold) {
                            R"(]],"other":[)" + skipped + R"(],"name":"leaf"}},")" + id2 +
                            R"(":{"delete":null}}})";
   Rows rows;
-  UpdateWalk walk(text);
+  UpdateWalk walk(hardwareVtep(), text);
   int steps = 0;
   while (walk.step(10, rows)) {
     ++steps;
@@ -394,7 +397,7 @@ TEST(Rows, AStepEndsWithALargeText) {
             "\"}}";
   }
   Rows rows;
-  UpdateWalk walk(text += "}}");
+  UpdateWalk walk(hardwareVtep(), text += "}}");
   EXPECT_TRUE(walk.step(20, rows));
   EXPECT_LE(rows.events.size(), 3U);
 }
@@ -422,37 +425,19 @@ TEST(Rows, AColumnHoldsABoundedNumberOfElementsOnce) {
 
 TEST(SchemaCheck, TheColumnsThatAreFollowedMustBeThere) {
   nlohmann::json schema{{"name", "hardware_vtep"}, {"tables", nlohmann::json::object()}};
-  EXPECT_THAT(schemaObjection(schema), HasSubstr("the schema does not serve: no table Global, no table "
-                                                 "Physical_Switch"));
+  EXPECT_THAT(hardwareVtep().objection(schema),
+              HasSubstr("the schema does not serve: no table Global, no table "
+                        "Physical_Switch"));
   schema["tables"]["Global"]["columns"]["other_config"]["type"] = "string";
-  EXPECT_THAT(schemaObjection(schema), HasSubstr("column Global.other_config is of another type"));
+  EXPECT_THAT(hardwareVtep().objection(schema), HasSubstr("column Global.other_config is of another type"));
   schema["tables"]["Logical_Switch"]["columns"] = nlohmann::json::object();
-  EXPECT_THAT(schemaObjection(schema), HasSubstr("no column Logical_Switch.tunnel_key"));
-  EXPECT_EQ(schemaObjection(nlohmann::json::array()), "the answer to get_schema is not a schema");
+  EXPECT_THAT(hardwareVtep().objection(schema), HasSubstr("no column Logical_Switch.tunnel_key"));
+  EXPECT_EQ(hardwareVtep().objection(nlohmann::json::array()), "the answer to get_schema is not a schema");
   schema["name"] = "other";
-  EXPECT_EQ(schemaObjection(schema), "the schema is of another database than \"hardware_vtep\"");
+  EXPECT_EQ(hardwareVtep().objection(schema), "the schema is of another database than \"hardware_vtep\"");
 }
 
 // --- small things
-
-TEST(Addresses, MacsAndIpv4AreReadStrictlyAndWrittenCanonically) {
-  EXPECT_EQ(macText(*parseMac("02:AB:cd:EF:00:09")), "02:ab:cd:ef:00:09");
-  for (const char* const bad : {"", "02:ab:cd:ef:00", "02:ab:cd:ef:00:0g", "02-ab-cd-ef-00-09",
-                                "02:ab:cd:ef:00:091", "+2:ab:cd:ef:00:09", "-1:ab:cd:ef:00:09"}) {
-    EXPECT_FALSE(parseMac(bad)) << bad;
-  }
-  EXPECT_EQ(ipv4Text(*parseIpv4("10.0.255.1")), "10.0.255.1");
-  for (const char* const bad : {"", "10.0.0", "10.0.0.256", "10.0.0.1.", "10.0.0.01", "2001:db8::1",
-                                " 10.0.0.1", "10..0.1", "a.b.c.d"}) {
-    EXPECT_FALSE(parseIpv4(bad)) << bad;
-  }
-  EXPECT_TRUE(canEndTunnel(*parseIpv4("10.0.0.1")));
-  for (const char* const bad : {"0.0.0.0", "224.0.0.1", "255.255.255.255"}) {
-    EXPECT_FALSE(canEndTunnel(*parseIpv4(bad))) << bad;
-  }
-  EXPECT_TRUE(isGroup(*parseMac("01:00:5e:00:00:01")));
-  EXPECT_FALSE(isGroup(*parseMac("02:00:5e:00:00:01")));
-}
 
 TEST(Uuids, TheCanonicalFormIsReadAndWritten) {
   const std::string text = "0123abcd-4567-89ef-0123-456789abcdef";
@@ -489,4 +474,4 @@ TEST(Remotes, WhatIsWrongIsNamed) {
             "\"\": want unix:PATH, tcp:HOST:PORT or ssl:HOST:PORT");
 }
 
-}  // namespace Agent::Ovsdb::Testing
+}  // namespace Ovsdb::Testing

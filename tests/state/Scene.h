@@ -34,7 +34,7 @@ class Scene : public ::testing::Test {
   }
   std::string patch(const char* text) { return patch(json::parse(text)); }
   // The input document as the state database has it.
-  json input() { return Agent::jsonOf(Agent::inputPart(world)); }
+  json input() { return Service::jsonOf(Agent::inputPart(world)); }
 
  private:
   struct Time {

@@ -16,7 +16,7 @@
 #include <utility>
 #include <vector>
 
-#include "agent/control/Server.h"
+#include "service/control/Server.h"
 #include "tools/vxlanctl/Run.h"
 
 namespace TestVxlanctl {
@@ -24,21 +24,21 @@ namespace TestVxlanctl {
 using nlohmann::json;
 
 // An agent that knows only what the test has put into its document, and answers methods from a list.
-class FakeAgent : public Agent::Control::Service {
+class FakeAgent : public Control::Backend {
  public:
-  using RequestError = Agent::Control::RequestError;
+  using RequestError = Control::RequestError;
 
   void patch(json&& patch, std::string_view, Answer answer) override {
     if (patch.contains("vlanVniMap") && patch["vlanVniMap"].contains("bad")) {
-      answer(Agent::Control::Refusal{"/vlanVniMap/bad/5000", "VLAN out of range 1 to 4094"});
+      answer(Control::Refusal{"/vlanVniMap/bad/5000", "VLAN out of range 1 to 4094"});
       return;
     }
     document["input"].merge_patch(patch);
     tell();
     answer(std::nullopt);
   }
-  Agent::Part part(const std::string& pointer) override {
-    Agent::Part found = Agent::partAt(Agent::partOf(document), pointer);
+  Service::Part part(const std::string& pointer) override {
+    Service::Part found = Service::partAt(Service::partOf(document), pointer);
     if (!toCome.empty()) {
       document.merge_patch(toCome.front());
       toCome.erase(toCome.begin());
@@ -129,11 +129,11 @@ class OperatorTest : public testing::Test {
   std::string out;
   std::string err;
 
-  Agent::EventLoop loop;
+  Service::EventLoop loop;
 
  private:
-  Agent::Control::ServerOptions serverOptions;
-  std::optional<Agent::Control::Server> server;
+  Control::ServerOptions serverOptions;
+  std::optional<Control::Server> server;
   std::thread thread;
   int order[2] = {-1, -1};
 };

@@ -2,7 +2,7 @@
 
 #include "Vxlan/types/Decimal.h"
 #include "Vxlan/types/Qnet.h"
-#include "agent/control/Defaults.h"
+#include "service/control/Defaults.h"
 
 namespace Vxlanctl {
 

@@ -12,9 +12,9 @@
 #include "Files/Owners.h"
 #include "Memtab/Error.h"
 #include "RingLog/Reader.h"
-#include "agent/control/Client.h"
-#include "agent/control/Defaults.h"
-#include "agent/json/Text.h"
+#include "service/control/Client.h"
+#include "service/control/Defaults.h"
+#include "service/json/Text.h"
 #include "tools/vxlanctl/Completion.h"
 #include "tools/vxlanctl/Explain.h"
 #include "tools/vxlanctl/HostTable.h"
@@ -26,9 +26,9 @@ namespace Vxlanctl {
 
 namespace {
 
-using Agent::Control::Client;
-using Agent::Control::Refused;
-using Agent::Control::Unreachable;
+using Control::Client;
+using Control::Refused;
+using Control::Unreachable;
 using nlohmann::json;
 
 // Where a command reads and writes.
@@ -124,7 +124,7 @@ ExitCode explain(const Request& request, const Streams& streams) {
   return printExplanation(answer, streams.out) ? done : negative;
 }
 
-// When it was too slow, it begins anew with the whole part.
+// When it was too slow, it begins again with the whole part.
 ExitCode watch(const Request& request, const Streams& streams) {
   Client client(request.socket);
   const auto print = [&streams](const json& line) { streams.out << line.dump() << std::endl; };
@@ -166,8 +166,8 @@ ExitCode patch(const Request& request, const Streams& streams) {
   const std::string text = readAll(request.file, streams.in);
   json patch;
   try {
-    patch = Agent::parseJson(text);
-  } catch (const Agent::BadJson& error) {
+    patch = Service::parseJson(text);
+  } catch (const Service::BadJson& error) {
     if (error.byte() == 0) {
       throw std::invalid_argument(fmt::format("{}: {}", request.file, error.what()));
     }

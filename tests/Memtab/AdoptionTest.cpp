@@ -388,14 +388,21 @@ TEST_F(Adoption, LeavesTheWordsOfAFreeSlotThatIsHalfWritten) {
 TEST_F(Adoption, AReaderOfADamagedTableSaysSo) {
   HostReader reader(name_.text(), schema);
   const Bytes bytes(name_);
-  for (std::uint64_t number = 0; number < 5; ++number) {
-    bytes.slot(number)->next = 12345;
+  // The first slot and the first bucket head for which there is no room, and others far away.
+  for (const std::uint32_t to : {200U, 12345U, Format::bucketBit | 200U, Format::bucketBit | 12345U}) {
+    for (std::uint64_t number = 0; number < 5; ++number) {
+      bytes.slot(number)->next = to;
+    }
+    for (std::uint64_t head = 0; head < 10; ++head) {
+      bytes.at<Format::Half>(bytes.description().headsAt)[head] = to;
+    }
+    std::string said;
+    for (Key key = 0; key < 100; ++key) {
+      const std::string error = errorOf([&] { static_cast<void>(reader.find(key)); });
+      said = error == "(no error)" ? said : error;
+    }
+    EXPECT_EQ(said, "memtab " + name_.text() + ": damaged: a link leads outside of it") << to;
   }
-  for (std::uint64_t head = 0; head < 10; ++head) {
-    bytes.at<Format::Half>(bytes.description().headsAt)[head] = 12345;
-  }
-  EXPECT_EQ(errorOf([&] { static_cast<void>(reader.find(1)); }),
-            "memtab " + name_.text() + ": damaged: a link leads outside of it");
 }
 
 TEST_F(Adoption, FinishesATableWhoseMakerDiedBeforeItsFirstRecord) {

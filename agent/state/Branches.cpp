@@ -1,5 +1,7 @@
 #include "agent/state/Branches.h"
 
+#include <nlohmann/json.hpp>
+
 namespace Agent {
 namespace {
 
@@ -76,6 +78,26 @@ class SoughtVlan final : public Service::Branch {
 };
 
 }  // namespace
+
+std::optional<Key> BumVtepLists::next() {
+  if (!begun_) {
+    at_ = status_->bumVtepList().begin();
+    begun_ = true;
+  } else if (at_) {
+    ++at_;
+  }
+  return at_ ? std::optional(Key{at_->key.mac, at_->key.vlan}) : std::nullopt;
+}
+
+std::string BumVtepLists::record(const Key& key) {
+  const Kel::Ptr<Vxlan::BumVtepList> list = status_->bumVtepList({key.mac, key.vlan});
+  if (!list) {
+    return {};
+  }
+  return Service::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
+                            {"remoteVtepAddr", addressesOf_(*list)}})
+      .text;
+}
 
 Service::Walked DirBranch::next(std::string& name, Service::Part& part) {
   if (!begun_) {

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <utility>
@@ -14,6 +15,7 @@
 #include "Kel/Dir.h"
 #include "Kel/Ptr.h"
 #include "Vxlan/types/Bridging.h"
+#include "Vxlan/types/BumStatus.h"
 #include "service/json/Parts.h"
 
 namespace Agent {
@@ -108,6 +110,24 @@ class HostTable {
 };
 
 using MakeHostTable = std::function<std::unique_ptr<HostTable>()>;
+
+// The BUM VTEP lists of a status; `addressesOf` prints the addresses of one.
+class BumVtepLists final : public HostTable {
+ public:
+  using AddressesOf = nlohmann::json (*)(const Vxlan::BumVtepList& list);
+
+  BumVtepLists(Kel::Ptr<Vxlan::BumStatus> status, AddressesOf addressesOf)
+      : status_(std::move(status)), addressesOf_(addressesOf) {}
+
+  std::optional<Key> next() override;
+  std::string record(const Key& key) override;
+
+ private:
+  Kel::Ptr<Vxlan::BumStatus> status_;
+  AddressesOf addressesOf_;
+  Vxlan::BumStatus::Lists::Iterator at_{};
+  bool begun_ = false;
+};
 
 // Such a table as {VLAN: {MAC: record}}. Its keys are collected first, 8 bytes each, since a table is in no
 // order of VLANs.

@@ -48,36 +48,6 @@ json mlagAddresses(const World& world) {
   return addresses;
 }
 
-// The BUM lists of the MLAG peer.
-class PeerLists final : public HostTable {
- public:
-  explicit PeerLists(Kel::Ptr<Vxlan::BumStatus> status) : status_(std::move(status)) {}
-
-  std::optional<Key> next() override {
-    if (!begun_) {
-      at_ = status_->bumVtepList().begin();
-      begun_ = true;
-    } else if (at_) {
-      ++at_;
-    }
-    return at_ ? std::optional(Key{at_->key.mac, at_->key.vlan}) : std::nullopt;
-  }
-  std::string record(const Key& key) override {
-    const Kel::Ptr<Vxlan::BumVtepList> list = status_->bumVtepList({key.mac, key.vlan});
-    if (!list) {
-      return {};
-    }
-    return Service::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
-                              {"remoteVtepAddr", addressSet(list->remoteVtepAddr())}})
-        .text;
-  }
-
- private:
-  Kel::Ptr<Vxlan::BumStatus> status_;
-  Vxlan::BumStatus::Lists::Iterator at_{};
-  bool begun_ = false;
-};
-
 Service::Part peerStatus(const World& world) {
   auto members = std::make_unique<Service::Members>();
   members->add("bumReplicationMode", [&world] {
@@ -85,8 +55,11 @@ Service::Part peerStatus(const World& world) {
         static_cast<std::uint32_t>(world.mlagVxlanStatus->bumStatus()->bumReplicationMode()));
   });
   members->add("bumVtepList", [&world] {
-    return Service::Part(std::make_unique<VlansBranch>(
-        [&world] { return std::make_unique<PeerLists>(world.mlagVxlanStatus->bumStatus()); }));
+    return Service::Part(std::make_unique<VlansBranch>([&world] {
+      return std::make_unique<BumVtepLists>(
+          world.mlagVxlanStatus->bumStatus(),
+          [](const Vxlan::BumVtepList& list) { return addressSet(list.remoteVtepAddr()); });
+    }));
   });
   return Service::Part(std::move(members));
 }

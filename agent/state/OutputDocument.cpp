@@ -169,40 +169,15 @@ Service::Part floodSets(const World& world) {
       collectionBranch(world.floodSets, world.floodSets->vlanFloodSet(), &Bridging::VlanId::parse, ofVlan));
 }
 
-class BumVtepLists final : public HostTable {
- public:
-  explicit BumVtepLists(Kel::Ptr<Vxlan::BumStatus> status) : status_(std::move(status)) {}
-
-  std::optional<Key> next() override {
-    if (!begun_) {
-      at_ = status_->bumVtepList().begin();
-      begun_ = true;
-    } else if (at_) {
-      ++at_;
+json addressList(const Vxlan::BumVtepList& list) {
+  json addresses = json::array();
+  for (auto&& address : list.remoteVtepAddr()) {
+    if (address.value) {
+      addresses.push_back(address.key.text());
     }
-    return at_ ? std::optional(Key{at_->key.mac, at_->key.vlan}) : std::nullopt;
   }
-  std::string record(const Key& key) override {
-    const Kel::Ptr<Vxlan::BumVtepList> list = status_->bumVtepList({key.mac, key.vlan});
-    if (!list) {
-      return {};
-    }
-    json addresses = json::array();
-    for (auto&& address : list->remoteVtepAddr()) {
-      if (address.value) {
-        addresses.push_back(address.key.text());
-      }
-    }
-    return Service::recordOf({{"bumVtepIpListType", static_cast<std::uint32_t>(list->bumVtepIpListType())},
-                              {"remoteVtepAddr", std::move(addresses)}})
-        .text;
-  }
-
- private:
-  Kel::Ptr<Vxlan::BumStatus> status_;
-  Vxlan::BumStatus::Lists::Iterator at_{};
-  bool begun_ = false;
-};
+  return addresses;
+}
 
 Service::Part hardware(const World& world) {
   auto members = std::make_unique<Service::Members>();
@@ -211,7 +186,7 @@ Service::Part hardware(const World& world) {
   });
   members->add("bumVtepList", [&world] {
     return Service::Part(std::make_unique<VlansBranch>(
-        [&world] { return std::make_unique<BumVtepLists>(world.hwStatus->bumStatus()); }));
+        [&world] { return std::make_unique<BumVtepLists>(world.hwStatus->bumStatus(), &addressList); }));
   });
   return Service::Part(std::move(members));
 }

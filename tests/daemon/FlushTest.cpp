@@ -58,7 +58,7 @@ TEST_F(FlushTest, RemovesAllForwardingStateAndCountsIt) {
   }
   EXPECT_EQ(flush.hosts(), 3'000U);
   EXPECT_EQ(flush.floodSets(), 1'200U);
-  EXPECT_EQ(agent.output("/l2Rib/hosts"), json());
+  EXPECT_EQ(agent.output("/l2Rib/hosts"), json::object());
   EXPECT_EQ(agent.output("/l2Rib/floodSets"), json::object());
   EXPECT_EQ(agent.output("/hardware/bumVtepList"), json::object());
   EXPECT_EQ(agent.world.floodSets->vlanFloodSets(), 0U);

@@ -37,8 +37,8 @@ class InputPatch {
   // Checks the patch against the database. Raises Refused; nothing has been changed then.
   InputPatch(World& world, const nlohmann::json& patch);
 
-  // Carries out the next change; false when there is none left. What a handler throws leaves through here,
-  // and the change counts as made.
+  // Carries out the next change; false when there is none left. An exception of a handler leaves through
+  // here, and the change counts as made.
   bool step();
   // Carries out all changes.
   void carryOut() {

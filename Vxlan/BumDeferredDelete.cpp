@@ -9,7 +9,7 @@
 namespace Vxlan {
 namespace {
 
-// What the controller publishes for one flood set, and the texts of the two assertions about it.
+// The published content of one flood set, and the texts of the two assertions about it.
 struct Published {
   std::size_t count;
   std::function<bool(Qnet::IpAddr)> lists;

@@ -10,7 +10,7 @@ namespace {
 
 [[maybe_unused]] const bool registered = Kel::typeNodeIs(ReceivedHostTableToL2RibHostInputSm::type);
 
-// The host that stands for a received entry. What is not set here keeps its default.
+// The host that stands for a received entry. Other members keep their defaults.
 L2Rib::Host hostOf(const ReceivedEntry& entry) {
   L2Rib::CiDest dest(L2Rib::DestType::VxlanVtep);
   dest.intfIs(L2Rib::InlineIntf(entry.intf));

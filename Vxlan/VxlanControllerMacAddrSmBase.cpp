@@ -1,4 +1,4 @@
-// What every controller client has.
+// The common part of every controller client.
 #include <charconv>
 #include <limits>
 

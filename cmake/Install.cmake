@@ -6,10 +6,10 @@ include(CMakePackageConfigHelpers)
 
 set(VCC_INCLUDE_DIR "${CMAKE_INSTALL_INCLUDEDIR}/vxlan-controller-client")
 
-# vcc_shared_library(TARGET ROOMS ... [SOURCES ...])
-# makes the shared library that consists of whole rooms (each a target of vcc_room, static or interface) and of
-# SOURCES. What is marked for export is visible, all else is hidden. Programs of the project that link it include
-# the headers of its rooms, and must not link the rooms themselves: the library would be in them twice.
+# vcc_shared_library(TARGET ROOMS ... [SOURCES ...]) makes the shared library that consists of whole rooms (each a
+# target of vcc_room, static or interface) and of SOURCES. Symbols that are marked for export are visible, all others
+# hidden. Programs of the project that link it include the headers of its rooms, and must not link the rooms themselves:
+# the library would be in them twice.
 function(vcc_shared_library target)
   cmake_parse_arguments(LIB "" "" "ROOMS;SOURCES" ${ARGN})
   add_library(${target} SHARED ${LIB_SOURCES})

@@ -1,5 +1,5 @@
-# What is installed beside the library, and the Debian packages. To be included once, after every target is known.
-# Parts that a build leaves out are left out here too.
+# The files that are installed beside the library, and the Debian packages. To be included once, after every target is
+# known. Parts that a build leaves out are left out here too.
 
 if(TARGET VxlanControllerClient)
   vcc_install_library(VxlanControllerClient)
@@ -11,7 +11,7 @@ endif()
 set(programs vxlan-agent vxlanctl ringlog memtab)
 vcc_install_programs(${programs})
 
-# What is shipped, without tests and benchmarks: as much as an installation needs.
+# The shipped programs and libraries, without tests and benchmarks: as much as an installation needs.
 add_custom_target(vcc_shipped)
 foreach(target VxlanControllerClient vxlan-hosts ${programs})
   if(TARGET ${target})

@@ -33,7 +33,7 @@ set(VCC_STANDARD_HEADERS <algorithm> <array> <chrono> <cstdint> <deque> <functio
     <sstream> <stdexcept> <string> <string_view> <unordered_map> <utility> <variant> <vector>)
 
 # vcc_precompiled(TARGET KIND) gives a target the headers of its KIND: "room" (position-independent, hidden symbols)
-# or "test" (with GoogleTest); where it stands on JSON, that too. What a target stands on is read from the
+# or "test" (with GoogleTest); where it stands on JSON, that too. The needs of a target are read from the
 # property VCC_JSON of the rooms in NEEDS.
 function(vcc_precompiled target kind)
   cmake_parse_arguments(PRE "" "" "NEEDS" ${ARGN})

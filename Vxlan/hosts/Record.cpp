@@ -5,7 +5,7 @@
 
 namespace VxlanHosts {
 
-// What programs were built with: it stays.
+// Programs were built with these: they stay.
 static_assert(sizeof(vxlan_hosts_address) == 20);
 static_assert(sizeof(vxlan_host) == 152 && offsetof(vxlan_host, mac) == 4 &&
               offsetof(vxlan_host, vlan) == 10 && offsetof(vxlan_host, entry_type) == 12 &&

@@ -26,7 +26,7 @@ struct Address {
   std::array<std::uint8_t, 16> bytes;
 };
 
-// What the table keeps of a host beside its key.
+// The part of a host that the table keeps beside its key.
 struct Record {
   double lastUpdateTime;
   std::uint64_t sequence;

@@ -19,7 +19,7 @@ extern "C" {
 
 #define VXLAN_HOSTS_API __attribute__((visibility("default")))
 
-// What a call returns that failed; every one is below 0. vxlan_hosts_error() has the text.
+// The results of a call that failed; every one is below 0. vxlan_hosts_error() has the text.
 enum {
   VXLAN_HOSTS_EINVAL = -1,  // an argument: a null pointer, a size that is too small, a user that there is not
   VXLAN_HOSTS_EREFUSED =
@@ -119,7 +119,7 @@ VXLAN_HOSTS_API int64_t vxlan_hosts_walk(vxlan_hosts* hosts, vxlan_hosts_visit v
 VXLAN_HOSTS_API int64_t vxlan_hosts_changes(vxlan_hosts* hosts, vxlan_hosts_cursor* cursor,
                                             vxlan_hosts_follow follow, void* context);
 
-// What went wrong in the last call of this thread that failed; empty when none did. Valid until the next
+// The text of the last failure of a call in this thread; empty when none failed. Valid until the next
 // failure.
 VXLAN_HOSTS_API const char* vxlan_hosts_error(void);
 

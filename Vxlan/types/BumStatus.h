@@ -8,8 +8,8 @@
 
 namespace Vxlan {
 
-// Who decides where BUM traffic goes. Any other value that the hardware reports is kept and counts as not the
-// controller.
+// The BUM replication mode: who decides where BUM traffic goes. Any other value that the hardware reports is
+// kept and counts as not the controller.
 enum class BumReplicationMode : std::uint32_t { None = 0, Controller = 3 };
 
 // How the addresses of a BUM VTEP list are to be used; carried, not looked at.

@@ -1,4 +1,4 @@
-// What the controller publishes, and the switch's view of it.
+// The published state of the controller, and the switch's view of it.
 #pragma once
 
 #include <cstdint>
@@ -149,7 +149,7 @@ class KEL_API RmxStateV2 final : public Kel::Entity {
   Kel::Attribute<bool, &Reactor::onConvergenceInProgress> convergenceInProgress_{*this, false};
 };
 
-// What the switch has seen of the controller's state, for readers on the switch and for the controller to
+// The switch's view of the controller's state, for readers on the switch and for the controller to
 // read back.
 class KEL_API RmxStateClientViewV2 final : public Kel::Entity {
  public:

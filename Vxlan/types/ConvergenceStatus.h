@@ -1,4 +1,4 @@
-// What the client says of its clean-up after a convergence.
+// The client's report on its clean-up after a convergence.
 #pragma once
 
 #include "Kel/Entity.h"

@@ -13,7 +13,7 @@
 
 namespace L2Rib {
 
-// What a destination is. Any other value is kept.
+// The kind of a destination. Any other value is kept.
 enum class DestType : std::uint32_t { None = 0, VxlanVtep = 1 };
 
 // Which of a destination's VTEP slots.
@@ -66,8 +66,8 @@ class CiDest {
   std::array<Qnet::IpGenAddr, vtepSlots> vtepAddr_{};
 };
 
-// What the table in shared memory keeps of a host beside its key. Plain bytes without padding, at fixed
-// places: other programs read it.
+// The part of a host that the table in shared memory keeps beside its key. Plain bytes without padding, at
+// fixed places: other programs read it.
 struct HostValue {
   double lastUpdateTime = 0;   // seconds of the writer's time, Kel::System::currentTime()
   std::uint64_t sequence = 0;  // not written by the controller client

@@ -1,4 +1,4 @@
-// What the MLAG side of the switch reports.
+// The status of the switch's MLAG side.
 #pragma once
 
 #include "Kel/Entity.h"

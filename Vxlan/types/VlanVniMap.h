@@ -26,7 +26,7 @@ class KEL_API VlanVniMap final : public Kel::Entity {
       Kel::Collection<Kel::OrderedTable, Bridging::VlanId, VniSourcePair, &Reactor::onVlanToVsp>;
   using VniToVlan = Kel::Collection<Kel::Table, VniExt, Bridging::VlanId, &Reactor::onVniToVlan>;
 
-  // What the VLAN is mapped to; the empty pair if it is not mapped.
+  // The VNI of the VLAN and the source of the mapping; the empty pair if it is not mapped.
   VniSourcePair vlanToVsp(Bridging::VlanId vlan) const { return vlanToVsp_.get(vlan); }
   const VlanToVsp& vlanToVsp() const { return vlanToVsp_; }
   // The VLAN that is mapped to the VNI, or none.

@@ -8,7 +8,7 @@
 
 namespace Agent {
 
-// A client that is made anew keeps of the host table only what the inputs publish, and at the start of the
+// A new client keeps of the host table only what the inputs publish, and at the start of the
 // agent they are empty. This makes the first client so that the hosts of an earlier run stay: they forward
 // as before while the inputs come in, what is published in the meantime is written beside them, and when the
 // inputs are in and settled, those that nobody publishes any more are removed, some at a time. No reader of

@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::json;
 
-// What is there of one VNI.
+// The record of one VNI.
 Service::Part vniRecord(const Kel::Ptr<Kel::Entity>& entity) {
   const auto status = Kel::ptrCast<VxlanController::VniFdbStatusV2>(entity);
   return Service::recordOf({{"state", status ? "instantiated" : "announced"},

@@ -1,4 +1,4 @@
-// What the agent offers at its control socket.
+// The agent's side of its control socket.
 #pragma once
 
 #include <functional>

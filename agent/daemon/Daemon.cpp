@@ -22,7 +22,8 @@ namespace {
 
 using nlohmann::json;
 
-// Of the client's paced deletions. What a slice deletes is exported when it ends, which takes as long again.
+// Of the client's paced deletions. The deletions of a slice are exported when it ends, which takes as long
+// again.
 constexpr double clientSlice = 0.004;
 
 // Sends the formatted lines of the trace, which KEL_TRACE asks for, to a log.

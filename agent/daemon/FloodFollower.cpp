@@ -63,7 +63,7 @@ class FloodFollower::DirReactor final : public Kel::Follows<Kel::Dir> {
 class FloodFollower::VniReactor final : public Kel::Follows<VxlanController::VniFdbStatusV2> {
  public:
   VniReactor(FloodFollower& follower, Vxlan::VniExt vni) : follower_(follower), vni_(vni) {}
-  // What goes as a whole is no news for a set that waits.
+  // A set that waits is not affected when a collection goes as a whole.
   void onMacVtepFloodListTable() override {}
   void onMacVtepMultiPathTable() override {}
   void onMacVtepFloodListTable(Qnet::EthAddr mac) override { follower_.published(vni_, mac); }
@@ -217,7 +217,7 @@ void FloodFollower::convergenceChanged() {
 void FloodFollower::decide(Bridging::VlanId vlan, const Qnet::EthAddr& mac, Set& set) {
   const Vxlan::VniExtOrNone now = vniOf(vlan);
   if (now && set.writtenBy != now && publishes(now, mac)) {
-    set.writtenBy = now;  // written anew as it was
+    set.writtenBy = now;  // written again as it was
   }
   if (now && set.writtenBy == now) {
     await(set, {});

@@ -1,4 +1,4 @@
-// What the data plane shall have of the flood sets.
+// The flood sets that the data plane is to have.
 #pragma once
 
 #include <cstdint>
@@ -27,7 +27,7 @@ namespace Agent {
 // publishes. Only the VNIs of sets that wait are followed for that.
 class FloodFollower {
  public:
-  // Who programs what is told.
+  // Programs the flood sets.
   class Sink {
    public:
     virtual ~Sink() = default;

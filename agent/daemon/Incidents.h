@@ -1,4 +1,4 @@
-// What went wrong and is remembered, for whoever asks the agent for its problems.
+// Errors that are remembered for the list of the agent's problems.
 #pragma once
 
 #include <cstddef>

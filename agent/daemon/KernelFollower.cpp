@@ -149,7 +149,7 @@ void KernelFollower::map(const Qnet::IntfId& intf) {
   vti(intf);
 }
 
-// Everything of one VTI anew: its VLANs of before, and those that it maps now.
+// Evaluates one VTI again: its VLANs of before, and those that it maps now.
 void KernelFollower::vti(const Qnet::IntfId& intf) {
   const Kel::Ptr<Vxlan::VtiStatus> status = world_.vtiStatusDir->vtiStatus(intf);
   if (status) {

@@ -61,7 +61,7 @@ class Log {
   double tokens_;
   Service::EventLoop::Clock::time_point filled_;  // when the tokens were counted last
   std::uint64_t leftOut_ = 0;
-  std::uint64_t untold_ = 0;  // of them, those that no line has told of
+  std::uint64_t untold_ = 0;  // of them, those that no line has reported
 };
 
 }  // namespace Agent

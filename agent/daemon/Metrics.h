@@ -14,7 +14,7 @@ struct SessionMetrics {
   std::uint64_t reconnects = 0;  // since the agent began
 };
 
-// What the agent says about itself in numbers, as they were at one moment. Counters only grow.
+// The agent's own figures, as they were at one moment. Counters only grow.
 struct Metrics {
   std::uint64_t hosts = 0;        // received
   std::uint64_t hostsMarked = 0;  // of them, marked for deletion

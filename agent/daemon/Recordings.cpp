@@ -37,7 +37,7 @@ void moveTo(const std::string& from, const std::string& to) {
   }
 }
 
-// What the marks of a recording say.
+// The meaning of the marks of a recording.
 struct Left {
   bool hasInputs = false;
   bool endedAsTold = false;

@@ -7,13 +7,13 @@
 
 namespace Agent {
 
-// What counts of the runs before one.
+// The facts that count of the runs before one.
 struct EarlierRuns {
   std::vector<std::int64_t> unexpectedEnds{};  // of the last ten minutes, seconds since 1970
   bool loop = false;                           // there are enough of them for a crash loop
 };
 
-// What a recording begins with and ends with, as lines that a replay skips.
+// The first and last lines of a recording, which a replay skips.
 struct RecordingMarks {
   // The first lines of a recording that begins at this time, seconds since 1970.
   static std::string head(std::int64_t started, const EarlierRuns& earlier);

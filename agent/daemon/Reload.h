@@ -1,4 +1,4 @@
-// What SIGHUP does.
+// The reload of the configuration on SIGHUP.
 #pragma once
 
 #include <string>

@@ -11,7 +11,7 @@
 
 namespace Agent {
 
-// What `run` was told. Every member is an option of the same name; vxlan-agent.conf(5) explains them.
+// The options of `run`. Every member is an option of the same name; vxlan-agent.conf(5) explains them.
 struct RunOptions {
   std::vector<std::string> ovsdb;  // remotes; none: no controller database
   std::string switchName;

@@ -64,7 +64,7 @@ bool isPublished(const json& here) {
          (!here.at("flood").is_null() && !here.at("flood").at("published").empty());
 }
 
-// What the kernel answered for one row: where it leads to, or why there is none.
+// The kernel's answer for one row: where it leads to, or why there is none.
 std::string readBackTold(const json& row) {
   if (row.at("there") != true) {
     return "no row (" + row.at("answer").get<std::string>() + ")";

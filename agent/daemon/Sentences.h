@@ -1,4 +1,4 @@
-// What an operator reads at the two ends of a MAC's way: the controller database and the kernel.
+// Sentences for an operator on the two ends of a MAC's way: the controller database and the kernel.
 #pragma once
 
 #include <nlohmann/json.hpp>

@@ -1,4 +1,4 @@
-// What the options of `vxlan-agent run` say, as values of those who use them.
+// The options of `vxlan-agent run`, as values for the classes that use them.
 #pragma once
 
 #include <optional>
@@ -18,7 +18,7 @@ namespace Agent {
 L2Rib::HostInput::Options hostTableOf(const RunOptions& options);
 // The ports of the bridges, by VLAN.
 KernelFollower::Ports portsOf(const RunOptions& options);
-// Who may use the control socket.
+// The users that may use the control socket.
 Control::Access accessOf(const RunOptions& options);
 // The servers of the controller database; none where no database is followed.
 std::vector<Ovsdb::Remote> remotesOf(const RunOptions& options);

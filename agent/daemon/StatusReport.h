@@ -1,4 +1,4 @@
-// What the agent says of itself: for the control socket and for Prometheus.
+// The agent's status: for the control socket and for Prometheus.
 #pragma once
 
 #include <memory>

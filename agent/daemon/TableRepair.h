@@ -1,4 +1,4 @@
-// What the agent does about a damaged host table.
+// The repair of a damaged host table.
 #pragma once
 
 #include <functional>
@@ -13,7 +13,7 @@ namespace Agent {
 // client has been writing since, and that gets the name.
 class TableRepair {
  public:
-  // `tell` is told of the damage, and of its end.
+  // `tell` is called with the text of the damage, and of its end.
   TableRepair(World& world, std::function<void(const std::string& text)> tell)
       : world_(world), tell_(std::move(tell)) {}
 

@@ -1,4 +1,4 @@
-// What a running agent asks of the VLAN-VNI maps beyond their form.
+// The rules for the VLAN-VNI maps of a running agent, beyond their form.
 #pragma once
 
 #include <nlohmann/json.hpp>
@@ -26,7 +26,7 @@ struct AgreedPatch {
 // whose section is not of the form of one is returned as it is, to be refused where its form is read.
 AgreedPatch agreedPatch(const World& world, nlohmann::json patch);
 
-// Signals these mappings once more. What a handler throws leaves through here, when all are signalled.
+// Signals these mappings once more. An exception of a handler leaves through here, when all are signalled.
 void renew(World& world, const nlohmann::json& renewed);
 // The two patches that do the same to the client, one after the other.
 std::pair<nlohmann::json, nlohmann::json> asPatches(const nlohmann::json& renewed);

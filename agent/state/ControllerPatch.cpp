@@ -1,4 +1,4 @@
-// What the controller publishes: its state, and its VNIs.
+// The controller's part of a patch: its state, and its VNIs.
 #include "agent/state/PatchSections.h"
 
 namespace Agent {

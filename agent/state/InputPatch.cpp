@@ -8,7 +8,7 @@ namespace {
 
 const nlohmann::json empty = nlohmann::json::object();
 
-// What a section's patch says of one of its members: the member's value, or an empty object if it is not
+// The patch of one member of a section: the member's value, or an empty object if it is not
 // named.
 const nlohmann::json& memberOr(const nlohmann::json& object, const char* name, const nlohmann::json& absent) {
   const auto member = object.find(name);

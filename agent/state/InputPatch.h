@@ -38,8 +38,8 @@ class InputPatch {
   // The most hosts that are made as one handler.
   static constexpr std::size_t hostsInHandler = 128;
 
-  // Carries out the next change; false when there is none left. What a handler throws leaves through here,
-  // and the change counts as made.
+  // Carries out the next change; false when there is none left. An exception of a handler leaves through
+  // here, and the change counts as made.
   bool step() { return step(1); }
   // The same for up to `hosts` consecutive changes of the hosts of one VNI, which are made in one handler:
   // they are delivered in their order when the last is made, and are published together. Every other change

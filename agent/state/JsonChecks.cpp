@@ -40,7 +40,7 @@ namespace {
 // An integer in a range; `what` is what a message calls it, and `wanted` how it asks for one.
 std::uint32_t integerIn(const Place& place, const nlohmann::json& value, std::uint32_t min, std::uint32_t max,
                         const char* what, const char* wanted) {
-  // What 64 bits do not hold, and what is written with an exponent, has been read as a fraction.
+  // A number that 64 bits do not hold, or that is written with an exponent, has been read as a fraction.
   const bool huge = value.is_number_float() && std::abs(value.get<double>()) >= 0x1p63;
   if (!value.is_number_integer() && !huge) {
     place.refuse(std::string(wanted) + " was expected, not " +

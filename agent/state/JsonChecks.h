@@ -1,4 +1,4 @@
-// What the readers of JSON from outside share: a place in the text, and checked access to it.
+// The common ground of the readers of JSON from outside: a place in the text, and checked access to it.
 #pragma once
 
 #include <algorithm>

@@ -34,7 +34,7 @@ json clientSection(const World& world) {
           {"mlagBumStatus", world.client && world.client->rmxMlagBumStatusSm()}};
 }
 
-// What a received host and one of the layer-2 RIB have in common, as the beginning of an object. Written by
+// The common members of a received host and one of the layer-2 RIB, as the beginning of an object. Written by
 // hand, since it is printed for each of a hundred thousand hosts.
 std::string hostRecord(std::string_view intf, unsigned entryType, std::string_view vtepIp,
                        std::uint32_t moveCount, unsigned hostAttr, double lastUpdateTime) {

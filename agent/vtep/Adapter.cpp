@@ -167,7 +167,7 @@ bool Adapter::settle() {
   }
 }
 
-// What the rows mean could not be worked out or published: the session is left, and it is tried again after a
+// The rows could not be evaluated or published: the session is left, and it is tried again after a
 // pause.
 void Adapter::contain(const std::string& why) {
   ++contained_;
@@ -202,7 +202,7 @@ void Adapter::fail(const std::string& why) {
   session_.failed(why, now());
 }
 
-// What follows from whatever happened: connections are opened and closed, bytes go out, the loop is told
+// Acts on the last event: connections are opened and closed, bytes go out, the loop is told
 // what to wait for, and the agent that there are patches.
 void Adapter::turn() {
   if (session_.connectionDropped()) {

@@ -18,7 +18,7 @@
 
 namespace Agent::Vtep {
 
-// What the adapter tells of itself.
+// The status of the adapter.
 struct AdapterStatus {
   Ovsdb::SessionState session = Ovsdb::SessionState::backoff;
   std::string remote;  // in use, or tried last

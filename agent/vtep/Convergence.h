@@ -6,8 +6,8 @@
 
 namespace Agent::Vtep {
 
-// Whether the controller is converging: publishing anew what it knows, so that what is missing may only be
-// missing yet. Time comes in as an argument, in seconds.
+// Whether the controller is converging: it publishes its state again, so that missing entries may still
+// arrive. Time comes in as an argument, in seconds.
 //
 // It begins when one of its conditions does:
 //   session   the database is there again after it was lost (and at the start, until it is there first);
@@ -30,9 +30,9 @@ class Convergence {
 
   // Begins before anything is known; the time that it may last counts from the first begin().
   void await();
-  // Begins, or begins anew.
+  // Begins, or begins again.
   void begin(Cause cause, double now);
-  // Tells whether the condition holds.
+  // Records whether the condition holds.
   void conditionIs(Cause cause, bool holds, double now);
   bool condition(Cause cause) const { return conditions_[static_cast<unsigned>(cause)]; }
   // Rows changed.

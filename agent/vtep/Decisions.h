@@ -9,8 +9,8 @@
 
 namespace Agent::Vtep {
 
-// What the mapper decided on rows, and what of it is published. The row store keeps these beside the rows
-// that they are about, so that they are found at once, and does not look into them.
+// The decisions of the mapper on rows, and which of them are published. The row store keeps these beside the
+// rows that they are about, so that they are found at once, and does not look into them.
 
 // The place of a MAC among those of its logical switch that are to be published.
 struct PendingLink {

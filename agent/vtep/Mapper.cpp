@@ -113,7 +113,7 @@ void Mapper::settlePart(Steps& steps, double now) {
   }
 }
 
-// What the rows say of the controller itself comes first: whether tunnel keys are held depends on it.
+// The rows on the controller itself come first: they decide whether tunnel keys are held.
 void Mapper::settleTopology(double now) {
   if (returned_) {
     convergence_.conditionIs(Convergence::Cause::session, false, now);
@@ -235,7 +235,7 @@ bool Mapper::pending() const {
 
 // --- time
 
-// What was held is let go at the end of convergence, and VNIs without a row are instantiated.
+// Held deletions are published at the end of convergence, and VNIs without a row are instantiated.
 void Mapper::tick(double now) {
   if (!updateOpen_ && !settling() && convergence_.tick(now)) {
     convergenceEnded_ = true;

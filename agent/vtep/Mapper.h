@@ -73,7 +73,7 @@ class Mapper final : public Ovsdb::UpdateSink {
   // Hosts that are published now.
   std::size_t publishedHosts() const { return publisher_.hosts(); }
   ProblemCounts problemCounts() const;
-  // What is left out and why, at most `most` of it.
+  // The rows that are left out and why, at most `most` of them.
   std::vector<Problem> problems(std::size_t most) const;
   // The rows behind a MAC and what was decided, for the logical switches of `vni`, of `vlan`, or for all.
   nlohmann::json explain(Mac mac, std::optional<std::uint32_t> vni, std::optional<std::uint16_t> vlan) const;

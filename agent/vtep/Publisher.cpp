@@ -277,7 +277,7 @@ std::optional<json> Publisher::fdbPatch(Steps& steps) {
   while (steps.left() && !queue_.empty()) {
     publish(queue_.front().slot(), fdb, steps);
   }
-  // What was looked at may have been nothing new; then this patch says nothing, and another one comes.
+  // A patch may turn out empty when nothing changed; then another one follows.
   return fdb.empty() && queue_.empty() ? std::nullopt : std::optional{inController("fdb", std::move(fdb))};
 }
 

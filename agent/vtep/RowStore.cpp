@@ -303,7 +303,7 @@ bool RowStore::applyMac(MacRows& table, Targets& targets, const Ovsdb::RowEvent&
   if (!existed && event.change == Ovsdb::RowChange::modified) {
     unknownRow(event);
   }
-  // What the event does not say stays.
+  // Members that the event does not name stay.
   auto logicalSwitch = says(event, At::macSwitch) ? logicalSwitches_.refer(event.cells[At::macSwitch].uuid)
                                                   : table.row(slot).logicalSwitch.copy();
   auto target = says(event, At::macLocator) ? targets.refer(event.cells[At::macLocator].uuid)

@@ -121,7 +121,7 @@ class RowStore {
   // Keeps a logical switch, or its placeholder, as long as the reference lives.
   SwitchReference hold(Slot logicalSwitch) { return logicalSwitches_.refer(logicalSwitch); }
 
-  // What the mapper decided.
+  // The decisions of the mapper.
   SwitchDecision& decisionOn(Slot logicalSwitch) { return logicalSwitches_.edit(logicalSwitch).decision; }
   HostDecision& decisionOnHost(Slot host) { return hosts_.decision(host); }
   FloodDecision& decisionOnFlood(Slot flood) { return floods_.decision(flood); }
@@ -167,7 +167,7 @@ class RowStore {
   void touchLocator(Slot slot);
   void touchSet(Slot slot);
 
-  // What a walk over the links of something touched has come to; it goes on in a later turn.
+  // The position of a walk over the links of a changed row; it goes on in a later turn.
   struct Cursor {
     bool begun = false;
     Slot at = noSlot;

@@ -13,7 +13,7 @@ namespace Agent::Vtep {
 inline constexpr std::int64_t leastVni = 1, mostVni = 16777215;
 inline constexpr std::int64_t leastVlan = 1, mostVlan = 4094;
 
-// What this switch makes of physical switch, ports and logical switches: which VLAN stands for which VNI, and
+// This switch's view of physical switch, ports and logical switches: which VLAN stands for which VNI, and
 // where its own tunnels end.
 //
 // A VNI belongs to one logical switch: of several with the same tunnel key to one that is bound here before
@@ -33,7 +33,7 @@ class Topology {
     Ovsdb::Uuid logicalSwitch;
     friend bool operator==(const Vlan&, const Vlan&) = default;
   };
-  // What became of a logical switch.
+  // The result for a logical switch.
   struct Decision {
     Slot logicalSwitch = noSlot;
     std::uint32_t vni = 0;     // 0: none

@@ -1,4 +1,4 @@
-// What the framework costs, beside the plainest thing that could be in its place.
+// The cost of the framework, beside the plainest thing that could be in its place.
 #include <benchmark/benchmark.h>
 
 #include <string_view>

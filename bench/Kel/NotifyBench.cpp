@@ -65,7 +65,7 @@ class SinkSm final : public Kel::StateMachine {
   Kel::Input<const Source, KelSource> source_{*this, "source"};
 };
 
-// What a notification replaces: a virtual call of each follower by the writer itself.
+// The code that a notification replaces: a virtual call of each follower by the writer itself.
 struct Called {
   virtual ~Called() = default;
   virtual void onValue(std::uint64_t value) = 0;

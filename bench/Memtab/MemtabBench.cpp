@@ -1,6 +1,6 @@
-// What a record costs in a shared table, beside the same table in private memory and std::unordered_map. Each
-// benchmark goes through all records once an iteration, in an order of its own, so that a record is cold when
-// its turn comes; figures are a record's. The checksum keeps the compiler honest.
+// The cost of a record in a shared table, beside the same table in private memory and std::unordered_map.
+// Each benchmark goes through all records once an iteration, in an order of its own, so that a record is cold
+// when its turn comes; figures are a record's. The checksum keeps the compiler honest.
 
 #include <benchmark/benchmark.h>
 #include <unistd.h>

@@ -1,4 +1,4 @@
-// What a record costs, on and off, beside the bare minimum: a copy of the same bytes into a ring, without a
+// The cost of a record, on and off, beside the bare minimum: a copy of the same bytes into a ring, without a
 // time, a site or a level, and the same with the time-stamp counter read.
 
 #include <benchmark/benchmark.h>
@@ -21,7 +21,7 @@ std::unique_ptr<Log> openLog() {
   return Log::open("Bench.rl");
 }
 
-// What the handlers of a program look like: functions of their own, with the log behind a global.
+// Like the handlers of a program: functions of their own, with the log behind a global.
 std::unique_ptr<Log> handle = openLog();
 
 [[gnu::noinline]] void enter() {

@@ -58,7 +58,7 @@ class KEL_API ActivityLoop {
 
   // One turn: delivers what is pending, then fires each clock that was due and armed when the turn began,
   // once, in the order of due time and then of arming, delivering what each one caused. Returns whether
-  // anything ran. What a handler throws leaves through here; the rest stays queued for later.
+  // anything ran. An exception of a handler leaves through here; the rest stays queued for later.
   bool turn();
 
   // Turns until idle, at most `bound` of them. Returns whether it is idle now.

@@ -127,13 +127,13 @@ struct Callback<callback> {
   }
 };
 
-// What every attribute can do for generic code.
+// The interface of every attribute for generic code.
 class KEL_API AttributeBase {
  public:
   AttributeBase(const AttributeBase&) = delete;
   AttributeBase& operator=(const AttributeBase&) = delete;
 
-  // Lets one reactor hear the whole attribute as changed: queues its callbacks, or calls at once where
+  // Reports the whole attribute to one reactor as changed: queues its callbacks, or calls at once where
   // `calledAtOnce`.
   virtual void countAsChanged(Reactor& reactor) const = 0;
   virtual bool calledAtOnce() const { return false; }

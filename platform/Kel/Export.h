@@ -1,4 +1,4 @@
-// What the shared library shows to the programs that load it.
+// The part of the shared library that the programs that load it can see.
 #pragma once
 
 // Everything is hidden unless it is marked: the library's surface is what a switch agent needs, no more.

@@ -21,8 +21,8 @@ namespace detail {
 extern KEL_API bool threadSafePointersOn;
 }
 
-// What Ptr can hold: an object that carries its own reference count, which begins at zero. The object is
-// destroyed through its own (virtual) destructor when the count comes back to zero.
+// The base of every object that Ptr can hold: it carries its own reference count, which begins at zero. The
+// object is destroyed through its own (virtual) destructor when the count comes back to zero.
 class Referenced {
  public:
   Referenced(const Referenced&) = delete;

@@ -9,14 +9,14 @@ namespace Kel {
 class KEL_API TimeSource {
  public:
   virtual ~TimeSource() = default;
-  // The time now, in seconds; never goes back. What handlers read.
+  // The time now, in seconds; never goes back. For handlers.
   virtual double now() = 0;
-  // The same without any effect of reading. What the loop and the trace read.
+  // The same without any effect of reading. For the loop and the trace.
   virtual double peek() const = 0;
 };
 
-// A clock that moves only when it is told to, and, if asked, by a fixed tick after each read of `now`, which
-// makes the slicing of long work deterministic.
+// A clock that moves only when its time is set, and, if asked, by a fixed tick after each read of `now`,
+// which makes the slicing of long work deterministic.
 class KEL_API SimulatedTime final : public TimeSource {
  public:
   explicit SimulatedTime(double start = 0) : time_(start) {}

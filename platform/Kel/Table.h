@@ -18,8 +18,8 @@ namespace Kel {
 // A hashed table that keeps each pair in a numbered slot of a small chunk. A slot never moves while its key
 // is in the table, so that a walk in slot order is undisturbed by erasing (the current element or any other),
 // by replacing values and by growth, can be resumed from a key, and other structures may refer to a pair by
-// its slot number. What is added during a walk may or may not be met. Chunks that become empty are given
-// back.
+// its slot number. A pair that is added during a walk may or may not be met. Chunks that become empty are
+// given back.
 //
 // Keys and values are copied in; a key needs == and std::hash.
 template <class K, class V>

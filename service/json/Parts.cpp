@@ -193,7 +193,7 @@ Part partAt(Part root, const std::string& pointer) {
   if (at == pointer.size() || !root.there()) {
     return root;
   }
-  // What is below a record; such texts are our own, and small.
+  // A place below a record; such texts are our own, and small.
   const json below = partAt(json::parse(root.text), pointer.substr(at));
   return below.is_null() ? Part() : recordOf(below);
 }

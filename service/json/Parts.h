@@ -15,7 +15,7 @@ namespace Service {
 
 class Branch;
 
-// What stands at a place of a document: a value as JSON text (a record), a branch with members, or nothing.
+// The content of a place of a document: a value as JSON text (a record), a branch with members, or nothing.
 struct Part {
   Part() = default;
   explicit Part(std::string record) : text(std::move(record)) {}

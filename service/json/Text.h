@@ -9,8 +9,8 @@
 
 namespace Service {
 
-// How deep arrays and objects may stand inside one another; more would let a text exhaust the stack of
-// whoever walks it.
+// How deep arrays and objects may stand inside one another; more would let a text exhaust the stack of a
+// recursive walk.
 inline constexpr int deepestJson = 64;
 
 // A text that is not taken as JSON; what() says why.

@@ -54,7 +54,7 @@ struct LoopStall {
 // all.
 //
 // Every callback may watch, change and forget any descriptor, arm and cancel any timer, add and drop any work
-// or hook, including its own, and stop the loop. What has been forgotten, cancelled or dropped is not called
+// or hook, including its own, and stop the loop. A forgotten, cancelled or dropped callback is not called
 // again, not even when it was already due in this turn. A new watch of a descriptor number that was in use
 // before does not see events of the old one.
 //
@@ -136,8 +136,8 @@ class EventLoop {
   // threads. Raises std::system_error.
   void onSignal(int signal, Handler handler);
 
-  // From now on no exception of a callback leaves the loop; `handler` is told of each. What the handler
-  // itself throws is dropped.
+  // From now on no exception of a callback leaves the loop; `handler` is called with each. An exception of
+  // the handler itself is dropped.
   void containErrors(ErrorHandler handler) { onError_ = std::move(handler); }
   // How many exceptions of callbacks were contained.
   std::uint64_t errors() const { return errors_; }

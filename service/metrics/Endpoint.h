@@ -20,10 +20,10 @@ namespace Service {
 // those who only hold a connection keep nobody out.
 class MetricsEndpoint {
  public:
-  // What is shown, by name.
+  // The metrics, by name.
   using Families = std::function<std::vector<prometheus::MetricFamily>()>;
 
-  // What a client may take.
+  // The limits of a client.
   struct Limits {
     std::size_t clients = 16;
     std::size_t request = 8'192;                              // bytes, of a request's head

@@ -8,7 +8,7 @@
 
 namespace Ovsdb {
 
-// What a peer sent is not what the protocol allows. The text says where and what.
+// A peer sent a message that the protocol does not allow. The text says where and what.
 class ProtocolError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
@@ -19,8 +19,8 @@ class ProtocolError : public std::runtime_error {
 std::string printable(std::string_view text, std::size_t most = 100);
 
 // Reads a JSON text (RFC 8259) from front to back without building a document, so that a message of many
-// megabytes can be taken row by row, with pauses. The text must outlive the reader. What is not JSON, or is
-// not of the kind asked for, raises ProtocolError with the offset.
+// megabytes can be taken row by row, with pauses. The text must outlive the reader. Text that is not JSON, or
+// is not of the kind asked for, raises ProtocolError with the offset.
 //
 //   reader.beginObject();
 //   while (reader.nextMember(name)) { ... exactly one value ... }

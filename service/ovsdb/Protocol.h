@@ -36,7 +36,7 @@ Envelope envelopeOf(const std::vector<Framer::Member>& members);
 // Whether a member is missing or null.
 bool isNull(std::string_view value);
 
-// What a message of the server can be.
+// The kinds of messages of the server.
 enum class MessageKind : std::uint8_t {
   echo,          // a request that is answered
   canceled,      // a monitor is over: the session begins again
@@ -50,7 +50,7 @@ enum class MessageKind : std::uint8_t {
 inline constexpr std::size_t messageKinds = 8;
 std::string_view nameOf(MessageKind kind);
 
-// What a message is. Raises ProtocolError for one that is nothing of the above.
+// The kind of a message. Raises ProtocolError for one that is none of the above.
 MessageKind kindOf(const Envelope& message);
 
 // In which states a message may come, checking, requesting and following. All else is a fault of the server,

@@ -39,7 +39,8 @@ void ReceiveBuffer::grow(std::size_t capacity) {
 std::span<char> ReceiveBuffer::room(std::size_t size) {
   if (capacity_ - end_ < size) {
     const std::size_t there = end_ - begin_;
-    // What was taken and is not given back yet is less than a step; moving so much or less costs nothing.
+    // The bytes that were taken and not given back yet are less than a step; moving so many or fewer costs
+    // nothing.
     if (begin_ > 0 && there <= step) {
       std::memmove(data_, data_ + begin_, there);
       begin_ = 0;

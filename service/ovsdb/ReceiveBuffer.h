@@ -8,7 +8,7 @@ namespace Ovsdb {
 
 // The bytes that came and were not taken yet, in one piece. It is a mapping of its own that grows by moving
 // pages instead of copying them, so that neither the growth to hundreds of megabytes nor the release of
-// them is felt as a pause. What was taken is given back as it is taken: the buffer holds a quarter more than
+// them is felt as a pause. Memory is given back as its bytes are taken: the buffer holds a quarter more than
 // the bytes that are there, and about a megabyte besides.
 class ReceiveBuffer {
  public:
@@ -23,7 +23,7 @@ class ReceiveBuffer {
   void filled(std::size_t size);
   void append(std::string_view bytes);
 
-  // What is there; valid until room, append, consume or clear.
+  // The bytes that are there; valid until room, append, consume or clear.
   std::string_view unread() const { return {data_ + begin_, end_ - begin_}; }
   // The first `size` unread bytes have been taken.
   void consume(std::size_t size);

@@ -11,8 +11,8 @@ namespace {
 
 using nlohmann::json;
 
-// What a column's type must say: of the key, of the value (empty: the column is no map), whether more than
-// one element is allowed, and whether none is.
+// The requirements for a column's type: of the key, of the value (empty: the column is no map), whether more
+// than one element is allowed, and whether none is.
 struct Shape {
   std::string_view key;
   std::string_view value;

@@ -15,7 +15,7 @@
 
 namespace Ovsdb {
 
-// What a column holds.
+// The content of a column.
 enum class ColumnType : std::uint8_t {
   string,
   optionalString,
@@ -64,7 +64,7 @@ class Schema {
   std::size_t mostColumns_ = 0;
 };
 
-// What came for one column of a row.
+// The received value of one column of a row.
 struct Cell {
   bool present = false;  // whether the column was in the message; the members are of use only then
   bool empty = true;     // of an optional column: no value
@@ -79,7 +79,7 @@ struct Cell {
   void clear();
 };
 
-// What happened to a row, as "update3" says it.
+// The kind of change of a row, as "update3" says it.
 enum class RowChange : std::uint8_t {
   present,   // the row is there, with all its columns: "initial" or "insert"
   modified,  // columns changed; sets and maps of more than one element hold the difference

@@ -155,7 +155,7 @@ void Session::drop(const std::string& why, End end, double now) {
   dropped_ = true;
   remote_ = (remote_ + 1) % options_.remotes.size();
   if (walk_) {
-    // What came of the update is in: only the whole can tell what is there now.
+    // A part of the update was applied: only a full snapshot can tell the present state.
     walk_.reset();
     lastTransaction_ = noTransaction;
   }
@@ -282,7 +282,7 @@ void Session::dispatch(const Envelope& message, double now) {
   }
 }
 
-// What the peer sent goes back as it is written.
+// The parameters go back as the peer wrote them.
 void Session::echo(const Envelope& message, double now) {
   const std::string_view params = valueOf(message.params, options_.largestOther, "an echo request");
   if (!isNull(message.id)) {

@@ -65,7 +65,7 @@ struct SessionOptions {
 // after a pause, which doubles from failure to failure and is left out after a session that lasted. A fault
 // of the server ends it in the same way: a message that may not come in this state (Protocol.h), one that is
 // too large or not in the form, a peer that neither sends nor takes at least leastProgress bytes or a whole
-// message in a probe time. So does an exception of whoever takes the rows. No call raises for what a server
+// message in a probe time. So does an exception of the receiver of the rows. No call raises for what a server
 // sent.
 //
 // Held for a message: the bytes of it and a quarter more, one row, and the document of what is not rows, of
@@ -119,13 +119,13 @@ class Session {
   SessionState state() const { return state_; }
   // The remote in use, or tried last.
   const Remote& remote() const { return options_.remotes[remote_]; }
-  // Sessions begun anew after one that had delivered updates.
+  // Sessions begun again after one that had delivered updates.
   std::uint64_t reconnects() const { return reconnects_; }
   // Of them, those that went on behind the last transaction seen.
   std::uint64_t resumptions() const { return resumptions_; }
   const std::string& lastError() const { return lastError_; }
-  // What an operator should know now: why there is no session, or that the server was at fault a short while
-  // ago; empty if there is nothing.
+  // The problem that an operator should know now: why there is no session, or that the server was at fault a
+  // short while ago; empty if there is nothing.
   std::string problem(double now) const;
   // Sessions that ended by a fault of the server, and by an exception that was contained.
   std::uint64_t faults() const { return faults_; }

@@ -21,11 +21,12 @@ class RowSink {
 
 // Walks the rows of a <table-updates2> object, so many items at a time: the contents of an "update3" and of
 // the answer to "monitor_cond_since". The text must outlive the walk. Tables and columns that are not
-// followed are stepped over. What is not in the form raises ProtocolError that names table, row and column.
+// followed are stepped over. A row that is not in the form raises a ProtocolError that names table, row and
+// column.
 //
 // An item is a row, an element of a set or map, or sixty-four values that are stepped over; bytesPerItem
-// bytes of text count as one more. So neither a row of many elements nor a table of no use holds up whoever
-// walks, and a column of more than mostElements elements is refused.
+// bytes of text count as one more. So neither a row of many elements nor a table of no use holds up the
+// caller, and a column of more than mostElements elements is refused.
 class UpdateWalk {
  public:
   // `schema` says what is followed and outlives the walk.

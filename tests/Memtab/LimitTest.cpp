@@ -76,7 +76,7 @@ TEST(Limit, OneTurnMayReplaceAllRecordsOfAFullTableByOthers) {
 }
 
 TEST(Limit, SlotsAreFoundAmongThoseThatMustWait) {
-  // All slots in use, the one that waited longest deleted anew in this turn, another free to be swept.
+  // All slots in use, the one that waited longest deleted again in this turn, another free to be swept.
   const Name name;
   HostWriter writer(optionsFor(name, 4));
   HostReader reader(name.text(), schema);

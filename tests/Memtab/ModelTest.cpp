@@ -1,5 +1,5 @@
 // Random sequences against plain maps: the writer's content, what readers see, what followers know, through
-// walks with erasure, adoptions and segments made anew.
+// walks with erasure, adoptions and segments made again.
 
 #include <gtest/gtest.h>
 

@@ -411,7 +411,7 @@ TEST_F(RingReadThreeTimes, ShowsNothingBehindRecordsThatItMissed) {
   EXPECT_EQ(read(withBlock(late, 0, early), late, late), numbersFrom(0, 10));
 }
 
-// The first reading came to the second block before it was begun anew, and to the third one after that was.
+// The first reading came to the second block before it was begun again, and to the third one after that was.
 TEST_F(RingReadThreeTimes, ShowsNothingBehindABlockThatItMissed) {
   recordNumbers(5 * numbersPerBlock);
   const Image early = image();

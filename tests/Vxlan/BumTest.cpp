@@ -173,6 +173,32 @@ TEST_F(BumJobTest, ARunWithoutADeletionReadsTheClockOnce) {
   EXPECT_FALSE(inProgress());
 }
 
+// A VLAN that goes as a whole may be the one that the walk began with: the walk ends all the same, within its
+// budget.
+TEST_F(BumJobTest, AWalkWhoseFirstVlanGoesEndsInOneRun) {
+  mapVlan("Vxlan1", 20, 10020);
+  publishFloodList(10020, 1, {"10.0.0.9"});
+  handles.rmxSde->vlanFloodSetIs(vlan(5))->floodSetIs(mac(1))->destSetIs(dest("10.0.0.9"), true);
+  handles.rmxConvergenceStatus->bumDeferredDeletionInProgressIs(true);
+  client->maxProcessTimeIs(1);
+  time.tickPerReadIs(0.01);
+  client->processBumDeferredDeletes();
+  EXPECT_FALSE(client->bumDeferredDeleteBookmarkValid());
+  EXPECT_FALSE(inProgress());
+  EXPECT_EQ(floods(), "20 02:00:00:00:00:01 all 10.0.0.9\n");
+}
+
+// An address that is listed with the value false is not published: a full evaluation writes it, the job
+// removes it.
+TEST_F(BumJobTest, AnAddressOfTheValueFalseIsSwept) {
+  publishFloodList(10010, 1, {"10.0.0.8", "10.0.0.9"});
+  vniStatus(10010)->macVtepFloodListTable(mac(1))->vtepIpFloodListIs(ip("10.0.0.8"), false);
+  client->handleBumReplicationMode();
+  EXPECT_EQ(floods(), "10 02:00:00:00:00:01 all 10.0.0.8 10.0.0.9\n");
+  client->processBumDeferredDeletes();
+  EXPECT_EQ(floods(), "10 02:00:00:00:00:01 all 10.0.0.9\n");
+}
+
 // Binding another clock counts as its time, once; binding the same one is nothing.
 TEST_F(BumJobTest, BindingAnotherClockRunsTheJobOnce) {
   traceFromNow();

@@ -163,8 +163,8 @@ TEST_F(FloodFollowerTest, ARenumberedVlanKeepsItsSetWhereTheNewVniHasIt) {
   EXPECT_EQ(sink.text(), set10);
 }
 
-// While the controller converges, what is programmed stays, whatever becomes of the mapping; what has not
-// been written anew by then goes when it has converged.
+// While the controller converges, programmed sets stay, no matter how the mapping changes; those that have
+// not been written again by then go when it has converged.
 TEST_F(FloodFollowerTest, WhatIsProgrammedStaysDuringAConvergence) {
   state->convergenceInProgressIs(true);
   unmapped(10);

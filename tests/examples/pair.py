@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 """The two journals of an MLAG pair belong together: what the hardware of the one reports, change by change, is what
-the other is told of its peer.
+the other receives the status of its peer.
 
 pair.py AGENT LEFT RIGHT
 """

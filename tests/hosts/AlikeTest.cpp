@@ -1,4 +1,4 @@
-// What a controller client writes is what a reader in C sees, field by field.
+// A reader in C sees each field as a controller client wrote it.
 
 #include <gtest/gtest.h>
 

@@ -23,7 +23,8 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 using ::testing::UnorderedElementsAre;
 
-// What was told, as "begin", "is NUMBER", "gone NUMBER"; the number is the last byte of the MAC address.
+// The events that were reported, as "begin", "is NUMBER", "gone NUMBER"; the number is the last byte of the
+// MAC address.
 struct Told {
   std::vector<std::string> events;
   std::size_t most = 1000;  // asks for an end at this one

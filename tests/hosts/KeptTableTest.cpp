@@ -1,5 +1,5 @@
-// A table that version 0.2 wrote, kept as text: every later version reads it. What breaks this test breaks
-// programs that are in use.
+// A table that version 0.2 wrote, kept as text: every later version reads it. A change that breaks this test
+// breaks programs that are in use.
 
 #include <gtest/gtest.h>
 #include <unistd.h>

@@ -37,7 +37,7 @@ constexpr std::uint32_t keys = 512;
   }
 }
 
-// What was read, and what of it was torn.
+// The number of reads, and of torn ones.
 struct Seen {
   std::uint64_t reads = 0;
   std::uint64_t torn = 0;

@@ -11,7 +11,7 @@ namespace {
 using nlohmann::json;
 using Service::PieceParser;
 
-// What the text is, read in parts of this size; nothing if it is refused.
+// The value of a text, read in parts of this size; nothing if it is refused.
 std::optional<json> inParts(const std::string& text, std::size_t bytes) {
   PieceParser parser(text);
   while (parser.step(bytes)) {

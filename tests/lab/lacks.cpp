@@ -1,6 +1,6 @@
 // Loaded before the agent (LD_PRELOAD), it makes the kernel look as if it lacked what LAB_LACKS names:
-// "nexthops", "nexthops for rows", "vxlan" or "bridge". What the agent asks of that is changed on its way
-// into what no kernel knows; the answer is the kernel's own.
+// "nexthops", "nexthops for rows", "vxlan" or "bridge". The requests of the agent for it are changed on their
+// way into what no kernel knows; the answer is the kernel's own.
 #include <dlfcn.h>
 #include <linux/netlink.h>
 #include <linux/nexthop.h>

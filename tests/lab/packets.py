@@ -64,7 +64,7 @@ def scenario_a_flood_reaches_each_vtep_exactly_once(rig):
     wanted = [f"shout {number}" for number in range(100)]
     same(boxes["h2a"].until("the end"), wanted, "what h2a heard")
     same(boxes["h3a"].until("the end"), wanted, "what h3a heard")
-    # Its own stack tells h1a what it shouts. What came back over the wire would have come before the answer.
+    # Its own stack tells h1a what it shouts. A copy from the wire would have come before the answer.
     boxes["h2a"].shout("an answer")
     same(boxes["h1a"].until("an answer"), [*wanted, "the end"], "what h1a heard of itself")
     ways = until("all are on the wire", lambda: len(found := wire.carried("> 192.168.10.255.")) >= 202 and found)

@@ -87,7 +87,7 @@ def scenario_the_leader_of_a_cluster_is_killed(rig):
 
 
 def scenario_a_controller_is_stopped_and_started_again(rig):
-    """It takes back everything before it ends, and publishes it anew."""
+    """It takes back everything before it ends, and publishes it again."""
     chain = Chain(rig)
     macs = [mac(number) for number in range(0x1001, 0x1004)]
     for number, address in enumerate(macs):

@@ -201,7 +201,7 @@ def scenario_a_second_agent_by_mistake(rig):
 
 
 def scenario_memory_that_is_full_for_a_moment(rig):
-    """The hosts that the table refused are in it as soon as there is memory again, and are told of until then."""
+    """The hosts that the table refused are in it as soon as there is memory again, and are reported until then."""
     disk = rig.disk("memory", "6m")
     database = Server(rig).start()
     controller = Published(database.session())

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Makes anew the recording that is kept among the tests, and what its replay prints.
+"""Makes the recording again that is kept among the tests, and what its replay prints.
 
     recorded.py --agent FILE --vxlanctl FILE --memtab FILE
 

@@ -202,7 +202,7 @@ class Agent:
         return answer.get("value", absent)
 
     def database(self):
-        """What the agent tells of its session with the database."""
+        """The agent's report on its session with the database."""
         return self.get("/agent/ovsdb", {})
 
     def following(self):

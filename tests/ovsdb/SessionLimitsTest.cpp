@@ -1,4 +1,4 @@
-// What a session bears from a server, and what it does not: states, sizes, times, exceptions.
+// What a session tolerates from a server, and what it does not: states, sizes, times, exceptions.
 #include <gmock/gmock.h>
 
 #include <nlohmann/json.hpp>

@@ -11,7 +11,7 @@ import sys
 import unittest
 
 AGENT = sys.argv.pop(1)
-# What the trace says of a change, and what it is called here; what the parentheses hold is put behind the name.
+# The text of the trace for a change, and its name here; the content of the parentheses is put behind the name.
 MARKS = {
     "vti": r"::handleControllerClientMode\(\)()",
     "map": r"VtiVlanVniMapSm::handleVlanVniMapUpdate\(.* vlanId (\d+)$",

@@ -80,7 +80,7 @@ TEST_F(InputPatchTest, RemovesBeforeItSets) {
   EXPECT_EQ(input("vlanVniMap"), json::parse(R"({"Vxlan0": {"10": 1}, "Vxlan1": {"11": 1}})"));
 }
 
-// What a journal may have and a running agent refuses: see the tests of the agreed maps.
+// For patches that a journal may have and a running agent refuses, see the tests of the agreed maps.
 TEST_F(InputPatchTest, TakesVtisThatMapDifferentVnis) {
   EXPECT_EQ(patch(R"({"vlanVniMap": {"Vxlan1": {"10": 1}, "Vxlan2": {"20": 2}, "Vxlan3": {}}})"), "");
   EXPECT_EQ(input("vlanVniMap"), json::parse(R"({"Vxlan1": {"10": 1}, "Vxlan2": {"20": 2}, "Vxlan3": {}})"));

@@ -155,6 +155,38 @@ TEST_F(HostInputTest, AReaderSeesHostsOnlyWhenTheTurnIsOver) {
   EXPECT_EQ(reads.find(key(3)), host(3));
 }
 
+// A refused host goes to the one who looks after refusals, not to followers; every write and removal that
+// succeeds is reported to both.
+TEST_F(HostInputTest, ARefusedHostIsNoChange) {
+  open(2);
+  input->hostIs(host(1));
+  input->hostIs(host(2));
+  struct Follower final : Kel::Follows<HostInput> {
+    void onHost(Bridging::MacVlanPair which) override { changed.push_back(which); }
+    std::vector<Bridging::MacVlanPair> changed;
+  };
+  const auto follower = Kel::make<Follower>();
+  follower->notifierIs(input);
+  follower->changed.clear();
+  std::vector<Bridging::MacVlanPair> refused;
+  std::vector<std::pair<Bridging::MacVlanPair, bool>> done;
+  input->refusalsAre(
+      {.refused = [&](const Host& which, const Memtab::Error&) { refused.push_back(which.key); },
+       .done = [&](const Bridging::MacVlanPair& which, bool removed) { done.emplace_back(which, removed); }});
+  input->hostIs(host(3));
+  EXPECT_THAT(refused, testing::ElementsAre(key(3)));
+  EXPECT_THAT(done, testing::IsEmpty());
+  EXPECT_THAT(follower->changed, testing::IsEmpty());
+  Host other = host(4);
+  other.key = key(1);
+  input->hostIs(other);
+  input->hostDel(key(2));
+  EXPECT_THAT(refused, testing::SizeIs(1));
+  EXPECT_THAT(done, testing::ElementsAre(std::pair(key(1), false), std::pair(key(2), true)));
+  EXPECT_THAT(follower->changed, testing::ElementsAre(key(1), key(2)));
+  follower->notifierIs(nullptr);
+}
+
 // A turn in which everything is deleted and written again makes nothing flicker for a reader.
 TEST_F(HostInputTest, DeletedAndWrittenAgainInOneTurnNothingFlickers) {
   open();

@@ -46,7 +46,7 @@ class FakeDatabase {
   Id insert(const std::string& table, nlohmann::json columns);
   Id find(const std::string& table, const std::string& name) const;
   const std::map<Id, nlohmann::json>& rows(const std::string& table) const;
-  // When the row, as it is, was told of: a number that grows.
+  // When the present row was reported: a number that grows.
   std::uint64_t arrival(const Id& id) const { return arrivals_.at(id); }
 
   // What changed since the last changes() or everything().

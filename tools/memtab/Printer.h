@@ -15,5 +15,5 @@ std::string toText(const Source& source, bool keyOnly);
 // As one line, whatever bytes its strings have.
 std::string line(const nlohmann::ordered_json& json);
 
-// What there is to know of the table besides its records.
+// The properties of the table besides its records.
 nlohmann::ordered_json infoOf(Source& source);

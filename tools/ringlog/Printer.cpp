@@ -14,7 +14,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-// What a handler recorded need not be UTF-8; what is not is replaced, so that the document can be read.
+// Recorded text need not be UTF-8; other bytes are replaced, so that the document can be read.
 std::string dumped(const Json& json) {
   return json.dump(-1, ' ', false, Json::error_handler_t::replace);
 }

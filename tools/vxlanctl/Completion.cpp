@@ -8,7 +8,7 @@ namespace Vxlanctl {
 
 namespace {
 
-// What may follow a command: its subcommands and options.
+// The words that may follow a command: its subcommands and options.
 std::string wordsOf(const CLI::App& command) {
   std::string words;
   const auto add = [&words](const std::string& word) { words += (words.empty() ? "" : " ") + word; };

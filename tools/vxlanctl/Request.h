@@ -8,7 +8,7 @@
 
 namespace Vxlanctl {
 
-// What the command line asks for.
+// The request of a command line.
 struct Request {
   std::string socket;
   std::string table;

@@ -6,7 +6,7 @@
 
 namespace Vxlanctl {
 
-// What scripts go by.
+// The exit codes that scripts rely on.
 enum ExitCode : int {
   done = 0,
   negative = 1,     // nothing matches, the host is not published, nothing is at that pointer

@@ -408,7 +408,7 @@ void Daemon::settleStart() {
                        !world_.convergenceStatus->bumDeferredDeletionInProgress();
   if (cleaned) {
     kernelSettled_ = true;
-    kernel_->settled();
+    kernel_->initialSyncComplete();
     runKernel();
   }
 }

@@ -11,6 +11,8 @@ namespace {
 
 using nlohmann::json;
 
+constexpr std::size_t mostKernelProblems = 100;
+
 }  // namespace
 
 json Daemon::agentSection() const {
@@ -57,9 +59,14 @@ json Daemon::problems() const {
     }
   }
   if (kernel_ != nullptr) {
-    for (const json& problem : kernel_->problems()) {
-      all.push_back(
-          {{"kind", "kernel"}, {"where", problem.value("what", "")}, {"text", problem.value("why", "")}});
+    const auto [listed, count] = kernel_->problems(mostKernelProblems);
+    for (const Kernel::Problem& problem : listed) {
+      all.push_back({{"kind", "kernel"}, {"where", problem.what}, {"text", problem.why}});
+    }
+    if (count > listed.size()) {
+      all.push_back({{"kind", "kernel"},
+                     {"where", std::to_string(count - listed.size()) + " more"},
+                     {"text", "not listed"}});
     }
   }
   if (refused_.waiting() != 0) {

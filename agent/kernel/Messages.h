@@ -40,7 +40,7 @@ enum class Table : std::uint8_t { device, bridge };
 
 // A forwarding row. In the device's table it leads to a VTEP or to a nexthop group, in the bridge's to a
 // port.
-struct Row {
+struct FdbEntry {
   Table table = Table::device;
   IfIndex device = 0;  // The VXLAN device, or the bridge's port.
   IfIndex bridge = 0;  // In the bridge's table: the bridge.
@@ -56,8 +56,8 @@ struct Nexthop {
   NexthopId id = 0;
   std::uint8_t protocol = 0;
   bool fdb = false;
-  Ip4 gateway;
-  std::vector<NexthopId> members;
+  Ip4 gateway{};
+  std::vector<NexthopId> members{};
 };
 
 // Makes a device. A bridge is made up; a VXLAN device is made down, to be set up when it is complete.
@@ -83,14 +83,14 @@ struct BridgePort {
 struct LinkSet {
   IfIndex index = 0;
   LinkKind kind = LinkKind::other;
-  std::optional<std::string> alias;
-  std::optional<IfIndex> master;
-  std::optional<bool> up;
-  std::optional<Ip4> local;
-  std::optional<bool> learning;
-  std::optional<bool> portLearning;
-  std::optional<bool> portIsolated;
-  std::optional<std::uint32_t> group;
+  std::optional<std::string> alias{};
+  std::optional<IfIndex> master{};
+  std::optional<bool> up{};
+  std::optional<Ip4> local{};
+  std::optional<bool> learning{};
+  std::optional<bool> portLearning{};
+  std::optional<bool> portIsolated{};
+  std::optional<std::uint32_t> group{};
 };
 
 // Deletes a device, with the rows in it.
@@ -109,33 +109,33 @@ struct NexthopDel {
 };
 
 // Adds a row.
-struct RowAdd {
+struct FdbAdd {
   enum class How : std::uint8_t {
     create,   // Refused when there is one.
     replace,  // In place of the one there, without a moment without.
     append    // One more destination for a group address.
   };
   How how = How::create;
-  Row row;
+  FdbEntry entry;
 };
 
 // Deletes a row; of a group address in the device's table, only the destination given.
-struct RowDel {
-  Row row;
+struct FdbDel {
+  FdbEntry entry;
 };
 
 // Asks for a row; it is reported before the answer.
-struct RowGet {
-  Row row;
+struct FdbGet {
+  FdbEntry entry;
 };
 
 // Asks for all devices, nexthops or rows; they are reported until the end of the dump.
 struct Dump {
-  enum class What : std::uint8_t { links, nexthops, rows };
+  enum class What : std::uint8_t { links, nexthops, entries };
   What what = What::links;
 };
 
-using Request = std::variant<RowAdd, RowDel, RowGet, NexthopSet, NexthopDel, LinkAdd, LinkSet, LinkDel, Dump>;
+using Request = std::variant<FdbAdd, FdbDel, FdbGet, NexthopSet, NexthopDel, LinkAdd, LinkSet, LinkDel, Dump>;
 
 // An object whose state in the kernel is kept, as the name of its work, failures and answers.
 struct Key {

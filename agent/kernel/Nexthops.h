@@ -30,22 +30,22 @@ namespace Agent::Kernel {
 class Nexthops {
  public:
   struct Group {
-    std::vector<Ip4> members;  // Wanted, sorted.
-    std::vector<Ip4> there;    // Acknowledged or reported.
+    std::vector<Ip4> members;  // Desired, sorted.
+    std::vector<Ip4> actual;   // Acknowledged or reported.
     std::vector<Ip4> held;     // VTEPs kept for either.
     NexthopId id = 0;
     bool shared = true;
     bool exists = false;
-    bool adopted = false;  // From before this run, and not wanted since.
+    bool adopted = false;  // From a previous run; not yet confirmed by the controller.
     bool queued = false;
-    unsigned wanted = 0;  // Hosts and flood sets that want it.
-    unsigned used = 0;    // Rows in the kernel that name it.
+    unsigned users = 0;    // Hosts and flood lists that want it.
+    unsigned entries = 0;  // FDB entries in the kernel that name it.
     std::uint32_t seen = 0;
     Strife strife;
   };
   struct Counts {
-    std::size_t wanted = 0;
-    std::size_t there = 0;
+    std::size_t desired = 0;
+    std::size_t actual = 0;
     std::size_t differing = 0;
   };
 
@@ -68,11 +68,10 @@ class Nexthops {
   void used(NexthopId id, bool used);
 
   // Where a row has to lead for the group: an address if groups are not supported.
-  void target(const Group& group, Row& row) const;
+  void target(const Group& group, FdbEntry& entry) const;
   // Whether rows can name the group: it is there, or was asked for earlier in this batch.
   bool ready(const Group& group) const { return !supported_ || group.exists; }
   bool ours(NexthopId id) const;
-  bool ownRange(NexthopId id) const { return id >= base(2) && id < base(3); }
   // Whether there is or was an object of ours for this VTEP.
   bool knows(Ip4 vtep) const;
 
@@ -82,8 +81,8 @@ class Nexthops {
   void is(const Nexthop& nexthop);
   // The kernel reports that it is gone; returns whether rows may have gone with it.
   bool del(NexthopId id);
-  // The dump is complete: what it did not report is gone; returns whether rows may have gone with it.
-  bool dumped();
+  // The dump is complete: what it did not report is gone, and FDB entries may have gone with it.
+  void dumped();
 
   // Adds what has to be asked of the kernel to `out`; `sweep`: also removes what was adopted and is not
   // wanted.
@@ -98,7 +97,7 @@ class Nexthops {
  private:
   struct Vtep {
     NexthopId id = 0;
-    unsigned wanted = 0;
+    unsigned users = 0;
     bool exists = false;
     bool adopted = false;
     std::uint32_t seen = 0;

@@ -29,8 +29,6 @@ struct Ip4 {
   explicit operator bool() const { return bits != 0; }
   // Dotted decimal, such as "10.0.0.2".
   std::string text() const;
-  // Reads dotted decimal; nothing when it is not an address.
-  static std::optional<Ip4> parse(std::string_view text);
 };
 
 // An Ethernet address: the six octets in the low 48 bits, first octet highest.
@@ -44,8 +42,6 @@ struct Mac {
   bool group() const { return zero() || ((bits >> 40U) & 1U) != 0; }
   // Lower case with colons, such as "02:00:00:00:10:04".
   std::string text() const;
-  // Reads six colon-separated octets; nothing when it is not an address.
-  static std::optional<Mac> parse(std::string_view text);
 };
 
 // Ends the process with a message when what only this code itself can cause has come about. Works alike in

@@ -45,7 +45,7 @@ std::optional<Link> readLink(const nlmsghdr& message);
 // Reads RTM_NEWLINK of the family AF_BRIDGE, a bridge's report on its port; nothing for any other.
 std::optional<BridgePort> readBridgePort(const nlmsghdr& message);
 // Reads RTM_NEWNEIGH or RTM_DELNEIGH; nothing for a row of another family or of a VLAN within a bridge.
-std::optional<Row> readRow(const nlmsghdr& message);
+std::optional<FdbEntry> readEntry(const nlmsghdr& message);
 // Reads RTM_NEWNEXTHOP or RTM_DELNEXTHOP.
 std::optional<Nexthop> readNexthop(const nlmsghdr& message);
 

@@ -122,8 +122,8 @@ void VxlanControllerClientSm::processBumDeferredDeletes() {
     }
     deleted += pruneVlanFloodSet(vlan, __PRETTY_FUNCTION__);
     if (startKey.value() == vlan.value() && !rmxSde_->vlanFloodSet(vlan)) {
-      startKey =
-          Bridging::VlanIdOrNone();  // the walk would never come round to it: the next one takes its place
+      // The start key was erased: restart the loop detection at the next one.
+      startKey = Bridging::VlanIdOrNone();
     }
     ++at;
     if (!at) {

@@ -13,7 +13,7 @@ namespace {
     Kel::typeNodeIs(MacVtepFloodListTableSmBase::type) && Kel::typeNodeIs(VccMacVtepFloodListTableSm::type);
 }  // namespace
 
-// What each input runs when it changes.
+// The reactors: which handler each change of an input runs.
 
 struct MacVtepFloodListTableSmBase::KelMacVtepFloodListTable final
     : Kel::Reacts<VxlanController::MacVtepFloodListV2, MacVtepFloodListTableSmBase> {
@@ -107,7 +107,7 @@ VccMacVtepFloodListTableSm::~VccMacVtepFloodListTableSm() {
   kelDoZombieReactors(true);
 }
 
-// The flood set of the MAC in this VLAN, made if need be, sending to all of its destinations.
+// The flood set of the MAC in this VLAN, made if needed, sending to all of its destinations.
 Kel::Ptr<L2Rib::FloodSet> VccMacVtepFloodListTableSm::floodSetOfAll(Bridging::VlanId vlan) {
   Kel::Ptr<L2Rib::FloodSet> set = rmxSde_->vlanFloodSetIs(vlan)->floodSetIs(macAddr());
   set->floodSetTypeIs(L2Rib::FloodSetType::SendToAll);
@@ -141,7 +141,8 @@ void VccMacVtepFloodListTableSm::writeList(Bridging::VlanId vlan, const char* op
       }
     }
   }
-  // Whatever its value: an address whose value is false goes above and comes back here, until its own change.
+  // An address is added regardless of its value: one whose value is false is removed above and added back
+  // here, until its own change.
   for (auto&& vtep : list.vtepIpFloodList()) {
     set->destSetIs(L2Rib::Dest::ofVtep(vtep.key), true);
   }

@@ -12,7 +12,7 @@ namespace {
     Kel::typeNodeIs(RmxMlagBumStatusSmBase::type) && Kel::typeNodeIs(RmxMlagBumStatusSm::type);
 }  // namespace
 
-// What each input runs when it changes.
+// The reactors: which handler each change of an input runs.
 
 struct RmxMlagBumStatusSmBase::KelMlagVxlanStatus final
     : Kel::Reacts<Mlag::VxlanStatus, RmxMlagBumStatusSmBase> {

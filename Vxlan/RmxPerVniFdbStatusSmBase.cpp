@@ -18,7 +18,7 @@ bool published(const VxlanController::MacVtepV2& host) {
 
 }  // namespace
 
-// What each input runs when it changes.
+// The reactors: which handler each change of an input runs.
 
 struct RmxPerVniFdbStatusSmBase::KelRmxVniFdbStatusV2 final
     : Kel::Reacts<VxlanController::VniFdbStatusV2, RmxPerVniFdbStatusSmBase> {

@@ -49,7 +49,7 @@ void handleEntries(Owner& owner) {
 
 }  // namespace
 
-// What each input runs when it changes.
+// The reactors: which handler each change of an input runs.
 
 struct RmxStateSmWrapper::KelVtiStatusDir final : Kel::Reacts<VtiStatusDir, RmxStateSmWrapper> {
   using Reacts::Reacts;

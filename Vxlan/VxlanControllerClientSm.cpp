@@ -13,7 +13,7 @@ namespace {
 [[maybe_unused]] const bool registered = Kel::typeNodeIs(VxlanControllerClientSm::type);
 }  // namespace
 
-// What each input runs when it changes.
+// The reactors: which handler each change of an input runs.
 
 struct VxlanControllerClientSm::KelRmxStateBaseDir final : Kel::Reacts<Kel::Dir, VxlanControllerClientSm> {
   using Reacts::Reacts;

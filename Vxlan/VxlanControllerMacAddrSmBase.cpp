@@ -29,7 +29,7 @@ VniExt vniOf(const Kel::Name& name) {
 
 }  // namespace
 
-// What each input runs when it changes.
+// The reactors: which handler each change of an input runs.
 
 struct VxlanControllerMacAddrSmBase::KelVtiStatusDir final
     : Kel::Reacts<VtiStatusDir, VxlanControllerMacAddrSmBase> {

@@ -85,9 +85,9 @@ template <class DirReactor, class Reactor>
 using FollowedVtis = Kel::Followed<Kel::Input<const VtiStatusDir, DirReactor>, VtiStatusDir::VtiStatuses,
                                    &VtiStatusDir::vtiStatus, Reactor>;
 
-// What every controller client has: the inputs, the mode flags, the per-VNI machines, the marking and the
-// paced deletion of received hosts, and the operations that a concrete client overrides. Alone it keeps its
-// attributes and traces.
+// The common part of every controller client: the inputs, the mode flags, the per-VNI machines, the marking
+// and the paced deletion of received hosts, and the operations that a concrete client overrides. Alone it
+// keeps its attributes and traces.
 //
 // The two paced jobs, processUnicastDeferredDeletes for hosts and processBumDeferredDeletes for flood sets:
 //
@@ -346,7 +346,7 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   // The received host table; `hostTableIs` makes it under this name, once.
   const Kel::Ptr<ReceivedHostTable>& hostTable() const { return hostTable_.get(); }
   Kel::Ptr<ReceivedHostTable> hostTableIs(const Kel::Name& name);
-  // What copies that table into l2RibRmxInput.
+  // Copies that table into l2RibRmxInput.
   const Kel::Ptr<ReceivedHostTableToL2RibHostInputSm>& receivedHostTableToL2RibHostInputSm() const {
     return receivedHostTableToL2RibHostInputSm_.get();
   }
@@ -403,7 +403,7 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
                                                         Bridging::VlanId(1U)};
   Kel::Child<RmxMlagBumStatusSm> rmxMlagBumStatusSmShadow_{*this, "rmxMlagBumStatusSmShadow"};
 
-  // The list of getVtiIterator, made anew when the maps have changed.
+  // The list of getVtiIterator, rebuilt when the maps have changed.
   mutable std::vector<Qnet::IntfId> vtis_;
   mutable const VlanVniMaps* vtisOf_ = nullptr;
   mutable std::uint64_t vtisVersion_ = 0;
@@ -424,8 +424,8 @@ class KEL_API VtiVlanVniMapSmBase : public Kel::StateMachine {
   virtual void handleInitialized();
   virtual void kelDoZombieReactors(bool zombie) { StateMachine::kelDoZombieReactors(zombie); }
 
-  // What follows when the update of a VLAN's entry is complete: machines of VNIs that lost their VLAN go, the
-  // machine of the VLAN's VNI is created or refreshed. Nothing unless the switch is a controller client.
+  // Acts on a completed update of a VLAN's entry: deletes the machines of VNIs that lost their VLAN, creates
+  // or refreshes the machine of the VLAN's VNI. Does nothing unless the switch is a controller client.
   void rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vlan, Qnet::IntfId vti);
 
   const Qnet::IntfId& vtiIntfId() const { return vtiIntfId_; }
@@ -510,7 +510,7 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   virtual void vxlanHwStatusDirDel();
   virtual void vxlanHwStatusDirIs(HwStatusDirRef dir);
 
-  // The first full evaluation, or one anew: hosts, then multipath entries, then flood lists.
+  // A full evaluation, the first or a later one: hosts, then multipath entries, then flood lists.
   void handleInitialized();
   // Evaluates one MAC of the controller's host table, or every MAC that is in it; the latter never deletes.
   void handleRmxHostTable(Qnet::EthAddr mac);
@@ -645,7 +645,7 @@ class KEL_API MacVtepFloodListTableSmBase : public Kel::StateMachine {
   virtual void macVtepFloodListTableDel();
   virtual void macVtepFloodListTableIs(FloodListRef list);
 
-  // The list as a whole changed: every address anew.
+  // The list as a whole changed: evaluates every address.
   void handleVtepIpFloodList();
 
   const Qnet::EthAddr& macAddr() const { return macAddr_; }
@@ -746,7 +746,7 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
 };
 
 // Follows the controller's state and echoes its convergence flag into the switch's client view, as it stands.
-// When it goes away it writes false: no reader may be left waiting for a convergence that nobody will end.
+// When it goes away it writes false: no reader waits for a convergence that will not end.
 class KEL_API RmxStateSm final : public Kel::StateMachine {
  public:
   static constexpr Kel::Parameters<2> parameterNames{"_rmxState", "_rmxStateClientView"};
@@ -898,7 +898,7 @@ class KEL_API RmxMlagBumStatusSmBase : public Kel::StateMachine {
 // The MLAG BUM status machine that runs: knows the VLAN-VNI maps of the VTIs and follows them.
 class KEL_API RmxMlagBumStatusSm final : public RmxMlagBumStatusSmBase {
  public:
-  // Whichever parameter differs, the owner's attribute is what cannot be made anew.
+  // The error names the owner's attribute, no matter which parameter differs.
   static constexpr Kel::Parameters<3> parameterNames{"_rmxMlagBumStatusSm", "_rmxMlagBumStatusSm",
                                                      "_rmxMlagBumStatusSm"};
 

@@ -1,5 +1,5 @@
-// The system's trace. An operation that is entered writes one compact record into the ring file; all that it
-// says on its way is formatted lines, where these are enabled.
+// The system's trace. An operation that is entered writes one compact record into the ring file; its further
+// messages are formatted lines, where these are enabled.
 #pragma once
 
 #include <cstdint>
@@ -35,7 +35,7 @@ KEL_API void vccRlDirectoryIs(const std::string& directory);
 extern KEL_API Kel::TraceFacility vccTraceFacility;
 
 // The levels in use.
-inline constexpr unsigned traceRebuilt = 7;   // a machine was built anew in the place of another
+inline constexpr unsigned traceRebuilt = 7;   // a machine was replaced by a new one
 inline constexpr unsigned traceGate = 6;      // the gate of a BUM VTEP list
 inline constexpr unsigned traceOrdinary = 8;  // handler entry, decisions, state
 
@@ -69,7 +69,7 @@ void traceInto(Kel::TraceHelper& line, const Piece& piece) {
       RINGLOG(*::Vxlan::vccRlHandle, level __VA_OPT__(, ) __VA_ARGS__); \
     }                                                                   \
   } while (false)
-// The line alone: what an operation says behind its first words.
+// The line alone, for the further messages of an operation.
 #define VCC_LINE(level, ...) VCC_LINE_OF(__PRETTY_FUNCTION__, level __VA_OPT__(, ) __VA_ARGS__)
 // The same in a step of an operation: the line begins with the signature of the operation that the step works
 // for, which hands its own down as __PRETTY_FUNCTION__.

@@ -9,8 +9,8 @@
 
 namespace VxlanHosts {
 
-// The records that this room reads, by name. Their layout is written down here for itself: it stays as it is,
-// whatever becomes of the types that a controller client writes with.
+// The records that this room reads, by name. Their layout is written down here for itself: it stays as it is
+// when the types of the controller client change.
 inline constexpr const char* schema = "L2Rib::Host/1";
 
 // Which host.

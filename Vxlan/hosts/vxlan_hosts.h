@@ -6,8 +6,8 @@
 // to one thread at a time; several handles are independent of each other.
 //
 // The interface is kept for years. Structures grow at their ends alone, out of their reserved room, and say
-// their size; enumerators and functions are added, never changed. What a caller does not know yet, it passes
-// over: events, error codes and values of fields that this header does not name.
+// their size; enumerators and functions are added, never changed. A caller ignores what it does not know:
+// events, error codes and values of fields that this header does not name.
 #pragma once
 
 #include <stddef.h>
@@ -76,7 +76,7 @@ typedef struct vxlan_hosts_cursor {
   uint64_t reserved[2];
 } vxlan_hosts_cursor;
 
-// What is told of a host that changed.
+// The events of a changed host.
 enum {
   VXLAN_HOSTS_BEGIN = 1,  // begin again: forget every host; all that there are follow. The host is null
   VXLAN_HOSTS_IS = 2,     // added or replaced: the host as it is at present
@@ -112,10 +112,10 @@ VXLAN_HOSTS_API int vxlan_hosts_lookup(vxlan_hosts* hosts, const uint8_t mac[6],
 // an error.
 VXLAN_HOSTS_API int64_t vxlan_hosts_walk(vxlan_hosts* hosts, vxlan_hosts_visit visit, void* context);
 
-// Tells what has changed since `cursor`, and moves it. A host that changed several times is told with its
-// last state. Everything is told, after VXLAN_HOSTS_BEGIN, at the first time, when another table took the
-// name, and when more has changed than the table remembers. Returns the number of hosts told, or an error:
-// the cursor stays, and the next call tells them again.
+// Reports the changes since `cursor`, and moves it. A host that changed several times is reported with its
+// last state. All hosts are reported, after VXLAN_HOSTS_BEGIN, at the first call, when another table took the
+// name, and when more has changed than the table remembers. Returns the number of hosts reported, or an
+// error: then the cursor stays, and the next call reports them again.
 VXLAN_HOSTS_API int64_t vxlan_hosts_changes(vxlan_hosts* hosts, vxlan_hosts_cursor* cursor,
                                             vxlan_hosts_follow follow, void* context);
 

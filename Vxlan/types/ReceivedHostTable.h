@@ -32,10 +32,10 @@ struct ReceivedEntry {
 };
 
 // The table of received hosts. An entry whose host the controller has withdrawn while it converges stays,
-// marked for deletion, and keeps forwarding. `markedForDelCount` is the number of marked entries as those who
-// mark and unmark keep it: the table does not count for itself. Who writes an entry that becomes marked calls
-// markedForDelCountInc behind the write; who deletes a marked one, or writes it unmarked, calls
-// markedForDelCountDec. The paced deletion relies on the count to know when it is done.
+// marked for deletion, and keeps forwarding. `markedForDelCount` is the number of marked entries, kept by the
+// callers: the table does not count for itself. A caller that marks an entry calls markedForDelCountInc after
+// the write; one that deletes a marked entry, or writes it unmarked, calls markedForDelCountDec. The paced
+// deletion relies on the count to know when it is done.
 class KEL_API ReceivedHostTable final : public Kel::Entity {
  public:
   struct Reactor : Kel::Reactor {

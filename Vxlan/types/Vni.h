@@ -55,10 +55,10 @@ class VniExt {
   std::uint32_t value_ = 0;
 };
 
-// Who entered a mapping of a VLAN to a VNI.
+// The source of a mapping of a VLAN to a VNI.
 enum class VniSource : std::uint8_t { None = 0, Configuration = 1 };
 
-// What a VLAN is mapped to, and by whom. The default is the empty pair: no VNI.
+// The VNI that a VLAN is mapped to, and the source of the mapping. The default is the empty pair: no VNI.
 struct VniSourcePair {
   VniExtOrNone vni;
   VniSource source = VniSource::None;

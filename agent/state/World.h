@@ -18,7 +18,7 @@ class World {
   World(const World&) = delete;
   World& operator=(const World&) = delete;
 
-  // Makes the client, or drops it and makes it anew over the same entities, as after a restart of the agent.
+  // Makes the client, or drops it and makes another over the same entities, as after a restart of the agent.
   void clientIs();
   // Drops the client; the entities stay.
   void clientDel() { client = nullptr; }

@@ -12,9 +12,9 @@
 namespace Entdb {
 
 // A tree of named entities, embedded and in process. Folders are Kel::Dir entities; what is mounted in them
-// is found by its path, "/vxlan/status/vtiStatusDir", and every entity below that, in whatever attribute it
-// hangs, has a printable path as well. A program keeps one database and hands its entities to the machines
-// that follow them.
+// is found by its path, "/vxlan/status/vtiStatusDir", and every entity below that, in any attribute, has a
+// printable path as well. A program keeps one database and hands its entities to the machines that follow
+// them.
 class KEL_API Database {
  public:
   Database();

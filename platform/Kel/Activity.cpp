@@ -138,7 +138,7 @@ bool ActivityLoop::turn() {
   }
   bool fired = false;
   for (const auto& [clock, arming] : due) {
-    // A clock that was parked or armed anew since the turn began waits for its own turn.
+    // A clock that was parked or rearmed since the turn began waits for its own turn.
     if (clock->arming_ == arming && clock->timeMin_ <= now) {
       fired = true;
       ++clocksFired_;

@@ -45,8 +45,8 @@ using Deliver = void (*)(Reactor&, QueuedKey);
 
 // One thread, one queue. A change made outside any handler is delivered before its mutator returns; one made
 // inside a handler is queued, first in first out, and delivered when the outermost handler ends. Clocks fire
-// on turns, only while the queue is empty. The loop owns no thread: whoever embeds it runs turns and asks
-// when to come back.
+// on turns, only while the queue is empty. The loop owns no thread: the program that embeds it runs turns and
+// asks when to come back.
 class KEL_API ActivityLoop {
  public:
   static ActivityLoop& instance() noexcept {
@@ -74,7 +74,7 @@ class KEL_API ActivityLoop {
   // Whether a handler is running now.
   bool inHandler() const noexcept { return depth_ != 0; }
 
-  // Queues one notification, held with a reference to the reactor. Whoever has queued all of one change calls
+  // Queues one notification, held with a reference to the reactor. When all of one change is queued, call
   // `settle`.
   void enqueue(Ptr<Reactor> reactor, std::uint32_t binding, Deliver deliver, QueuedKey key) {
     if (tailAt_ == Block::records) [[unlikely]] {

@@ -154,7 +154,7 @@ class KEL_API AttributeBase {
   const Entity& owner_;
 };
 
-// The list that an entity makes of its attributes; what is done with each is the caller's.
+// The list that an entity makes of its attributes; the caller decides what to do with each.
 class Attributes {
  public:
   explicit Attributes(std::function<void(const char*, const AttributeBase&)> each) : each_(std::move(each)) {}
@@ -193,8 +193,8 @@ const Entity* entityOf(const T& value) {
   }
 }
 
-// Tells an entity that is entered into an attribute of `parent` who holds it, and one that is taken out that
-// nobody does, unless another entity took it meanwhile.
+// Records in an entity that is entered into an attribute of `parent` who holds it, and clears that in one
+// that is taken out, unless another entity took it meanwhile.
 template <class T>
 void held(const T& value, const Entity& parent) {
   if (const Entity* entity = entityOf(value)) {

@@ -84,11 +84,11 @@ class OrderedTable {
     return {Iterator(this, at), added};
   }
   bool erase(const K& key) {
-    // The node leaves the map before its value is destroyed: whatever that sets off finds the table
+    // The node leaves the map before its value is destroyed, so that the destructor finds the table
     // consistent.
     return !map_.extract(key).empty();
   }
-  // What the destructors of the values set off finds the table empty.
+  // The table is empty before the destructors of the values run.
   void clear() noexcept { const Map dying = std::exchange(map_, {}); }
 
  private:

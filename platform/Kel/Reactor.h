@@ -1,4 +1,4 @@
-// Reactors: who is called back when an attribute of an entity changes.
+// Reactors: objects that are called back when an attribute of an entity changes.
 #pragma once
 
 #include <cstdint>
@@ -89,8 +89,8 @@ class Reacts : public E::Reactor {
 };
 
 // A reactor that stands alone, for programs that are no state machine: override the callbacks, then bind it.
-// It is active from the start, so that binding counts as a change. What is pending keeps it alive and reaches
-// it: whoever drops it while it refers to anything that goes with the dropper binds it to none first.
+// It is active from the start, so that binding counts as a change. A pending notification keeps it alive and
+// reaches it: bind it to none before you destroy anything that it refers to.
 template <class E>
 class Follows : public E::Reactor {
  public:

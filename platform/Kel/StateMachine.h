@@ -15,10 +15,10 @@ namespace Kel {
 
 class Part;
 
-// A machine that follows entities through its reactors, writes others, and owns children. What it consists of
-// are parts (Own, Held, Input, Reactors, Followed, Child, Children), each declared as one member and known to
-// the machine by name, so that switching notification on and off and marking as a zombie reach every reactor
-// and child, and generic tools can print the machine.
+// A machine that follows entities through its reactors, writes others, and owns children. It consists of
+// parts (Own, Held, Input, Reactors, Followed, Child, Children), each declared as one member and known to the
+// machine by name, so that switching notification on and off and marking as a zombie reach every reactor and
+// child, and generic tools can print the machine.
 //
 // A machine is made by `live` (or by the shadow mutator of its owner): constructed inactive, so that nothing
 // is called back while it is being built, then activated. Its constructor does the first evaluation itself.
@@ -77,7 +77,7 @@ class KEL_API Part {
   StateMachine& machine() const noexcept { return machine_; }
   bool machineActive() const noexcept { return machine_.active_; }
 
-  // For parts that hold reactors by their base, so that a machine's reactor classes need be complete only
+  // For parts that hold reactors by their base, so that a machine's reactor classes must be complete only
   // where they are bound.
   static void bind(Reactor& reactor, Ptr<const Entity> notifier) { reactor.bind(std::move(notifier)); }
 
@@ -151,7 +151,7 @@ class Input final : public Part {
   // The reactor, null while there is no entity.
   R* reactor() const noexcept { return static_cast<R*>(reactor_.get()); }
 
-  // Binds the reactor to this entity, making it if need be; null drops it. In a live machine this counts as a
+  // Binds the reactor to this entity, making it if needed; null drops it. In a live machine this counts as a
   // change of all that the reactor follows.
   void is(const Ptr<E>& entity) {
     if (!entity) {
@@ -329,8 +329,8 @@ class Followed final : public Reactors<typename C::Key, R, arrival> {
   In& input_;
 };
 
-// Makes a machine that is live: constructed, then activated, as a handler, so that whatever its construction
-// set off has been delivered when this returns.
+// Makes a machine that is live: constructed, then activated, as a handler, so that everything its
+// construction caused has been delivered when this returns.
 template <class Sm, class... Args>
 Ptr<Sm> live(Args&&... args) {
   return ActivityLoop::instance().asHandler([&] {

@@ -22,7 +22,7 @@ double monotonicClock() {
 
 #if defined(__x86_64__)
 
-// The time-stamp counter, tied to the monotonic clock: once a second the pair (counter, time) is read anew
+// The time-stamp counter, tied to the monotonic clock: once a second the pair (counter, time) is read again
 // and the rate is measured over the time since the last one, so that the error of the first short measurement
 // dies out.
 class Machine {

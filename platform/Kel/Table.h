@@ -103,7 +103,7 @@ class Table {
     if (slot == HashIndex::none) {
       return false;
     }
-    // What the value's destructor sets off finds the table consistent: the value dies last.
+    // The value dies last, so that its destructor finds the table consistent.
     [[maybe_unused]] const V dying = std::move(pair(slot)->value);
     index_.erase(place);
     Chunk* chunk = chunks_[slot / chunkSlots];
@@ -123,7 +123,7 @@ class Table {
   }
 
   void clear() noexcept {
-    // What the destructors of the values set off finds the table empty.
+    // The table is empty before the destructors of the values run.
     const std::vector<Chunk*> dying = std::exchange(chunks_, {});
     std::exchange(spacious_, {});
     index_.clear();

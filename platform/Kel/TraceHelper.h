@@ -30,7 +30,7 @@ class KEL_API TraceFacility {
   std::uint32_t levels_ = 0;
 };
 
-// Sets the levels of every facility anew after a text in the form of KEL_TRACE; "*" stands for all
+// Sets the levels of every facility from a text in the form of KEL_TRACE; "*" stands for all
 // facilities, or all levels. A text that is not of this form is refused with std::invalid_argument, which
 // says where.
 KEL_API void traceLevelsIs(std::string_view setting);

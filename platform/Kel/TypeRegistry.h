@@ -11,7 +11,7 @@ namespace Kel {
 
 class StateMachine;
 
-// What a state machine type says of itself: its full name, and the type it derives from or null.
+// Describes a state machine type: its full name, and the type it derives from or null.
 struct TypeNode {
   const char* name;
   const TypeNode* base = nullptr;

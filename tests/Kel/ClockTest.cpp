@@ -108,7 +108,7 @@ TEST_F(ClockTest, DueClocksRingInTheOrderOfTheirTimesThenOfArming) {
   c->timeMinIs(101);
   a->timeMinIs(102);
   b->timeMinIs(102);
-  d->timeMinIs(102);  // armed anew: now the last of the three
+  d->timeMinIs(102);  // rearmed: now the last of the three
   EXPECT_THAT(turnAt(110), ElementsAre("c", "a", "b", "d"));
 }
 

@@ -203,7 +203,7 @@ TEST_F(BumJobTest, TheFirstVtiThatMapsTheVlanDecides) {
   EXPECT_FALSE(handles.rmxSde->vlanFloodSet(vlan(20))) << "Vxlan1 maps it to a VNI without a machine";
 }
 
-// In the controller's mode the tables of every VNI are read anew: what is missing comes back, and nothing
+// In the controller's mode the tables of every VNI are read again: what is missing comes back, and nothing
 // goes.
 TEST_F(BumJobTest, TheControllersModeReadsTheTablesAnewAndDeletesNothing) {
   mapVlan("Vxlan1", 20, 10020);

@@ -148,7 +148,7 @@ TEST_F(ConvergenceTest, BuiltWhileNobodyConvergesBothJobsRunOnce) {
   EXPECT_TRUE(Kel::ActivityLoop::instance().idle());
 }
 
-// Initialized anew, the client parks both clocks: nothing is scheduled until a convergence ends.
+// Initialized again, the client parks both clocks: nothing is scheduled until a convergence ends.
 TEST_F(ConvergenceTest, InitializedAnewItParksBothClocks) {
   start();
   EXPECT_EQ(clocks(), "now, now");
@@ -263,7 +263,7 @@ TEST_F(ConvergenceTest, AnyEntryThatGoesDropsTheMachine) {
   EXPECT_FALSE(viewConverges());
 }
 
-// Evaluating again keeps the machine and echoes nothing anew.
+// Evaluating again keeps the machine and echoes nothing.
 TEST_F(ConvergenceTest, RepeatedEvaluationKeepsTheMachine) {
   givenVti("Vxlan1");
   controllerConverges(true);

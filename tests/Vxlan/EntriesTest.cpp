@@ -189,7 +189,7 @@ TEST_F(EntriesTest, AMarkedEntryOfAnOwnHostGoesAndIsNotCountedAnyMore) {
   EXPECT_EQ(marked(), 0U);
 }
 
-// A virtual gateway address that changes is looked at anew for every host, both ways.
+// A change of the virtual gateway address evaluates every host again, both ways.
 TEST_F(EntriesTest, AChangedGatewayAddressReEvaluatesEveryHostBothWays) {
   publish(10010, 1, {.vtep = "10.0.1.1"});
   publish(10010, 2, {.vtep = "10.0.1.2"});

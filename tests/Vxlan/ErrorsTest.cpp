@@ -43,7 +43,7 @@ TEST_F(ErrorsTest, NullIsRefusedByTheMutatorsOfTheMachines) {
             nullText(perVni, "macVtepFloodListTableSm"));
 }
 
-// A tracker cannot be made anew with another owner or another map.
+// A tracker cannot be made again with another owner or another map.
 TEST_F(ErrorsTest, ATrackerIsNotMadeAnewWithOtherParameters) {
   const Ptr<const Vxlan::VlanVniMap> present = map("Vxlan1");
   const Ptr<const Vxlan::VlanVniMap> other = Kel::make<Vxlan::VlanVniMap>();
@@ -58,7 +58,7 @@ TEST_F(ErrorsTest, ATrackerIsNotMadeAnewWithOtherParameters) {
   EXPECT_EQ(client->vlanVniMapSm(vti("Vxlan1")), tracker) << "what is there is kept";
 }
 
-// A per-VNI machine cannot be made anew with any other parameter.
+// A per-VNI machine cannot be made again with any other parameter.
 TEST_F(ErrorsTest, APerVniMachineIsNotMadeAnewWithOtherParameters) {
   struct Parameters {
     Ptr<const VxlanController::VniFdbStatusV2> status;
@@ -96,7 +96,7 @@ TEST_F(ErrorsTest, APerVniMachineIsNotMadeAnewWithOtherParameters) {
   EXPECT_EQ(machines(), "10010 ") << "what is there is kept";
 }
 
-// The MLAG machine cannot be made anew; whichever parameter differs, the attribute is named.
+// The MLAG machine cannot be made again; the attribute is named, no matter which parameter differs.
 TEST_F(ErrorsTest, TheMlagMachineIsNotMadeAnewWithOtherParameters) {
   mlagIs(Mlag::MlagState::Active);
   const Ptr<const Mlag::VxlanStatus> status = handles.mlagVxlanStatus;

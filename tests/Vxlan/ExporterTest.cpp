@@ -252,7 +252,7 @@ TEST_F(SharedExporterTest, AReaderSeesWholeHostsWhenTheTurnIsOver) {
   EXPECT_FALSE(reader->find(key(1, 10)));
 }
 
-// A client that is built anew over the same table begins with nothing and writes every host again; to a
+// Another client over the same table begins with nothing and writes every host again; to a
 // reader no host that is there before and after is missing at any moment, and what is gone meanwhile goes.
 TEST_F(SharedExporterTest, NoHostFlickersWhileTheClientIsBuiltAnew) {
   constexpr std::uint64_t all = 300;

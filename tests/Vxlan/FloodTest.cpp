@@ -134,7 +134,7 @@ TEST_F(FloodTest, BothCollectionsHoldTheSameMachines) {
   EXPECT_FALSE(machine()->macVtepFloodListTableSm(mac(1)));
 }
 
-// Asked for again with the same list, the machine is the same; the list is evaluated anew.
+// Asked for again with the same list, the machine is the same; the list is evaluated again.
 TEST_F(FloodTest, AListThatIsEvaluatedAnewKeepsItsMachine) {
   publishFloodList(10010, 1, {"10.0.0.2"});
   const auto before = listMachine(1);

@@ -175,7 +175,7 @@ TEST_F(MlagTest, ThePairIsInControllerModeWhenBothAre) {
   EXPECT_THAT(mirrored(), ElementsAre("10.0.0.2")) << "nothing is removed";
 }
 
-// Each evaluation of the MLAG state initializes the same machine anew: what has come between is swept, VLAN
+// Each evaluation of the MLAG state initializes the same machine again: what has come between is swept, VLAN
 // by VLAN of each VTI, after the lists and the mode.
 TEST_F(MlagTest, EachEvaluationInitializesTheMachineAnew) {
   givenVti("Vxlan2", {.learning = true});

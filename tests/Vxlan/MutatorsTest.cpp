@@ -36,7 +36,7 @@ TEST_F(MutatorsTest, AnotherDirectoryOfVtisDecidesTheModes) {
   EXPECT_EQ(received(), host);
 }
 
-// Without a directory of VTIs nothing is heard until the modes are evaluated anew.
+// Without a directory of VTIs nothing is heard until the modes are evaluated again.
 TEST_F(MutatorsTest, WithoutADirectoryOfVtisTheModesStayUntilEvaluated) {
   client->vtiStatusDirDel();
   vtiStatus("Vxlan1")->controllerClientModeIs(false);

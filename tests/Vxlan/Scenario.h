@@ -174,7 +174,7 @@ class Scenario : public testing::Test {
   //     bum 02:00:00:00:00:01:10 10.0.0.9
   std::string state() const;
 
-  // Begins to collect trace lines, anew each time; and how many since then hold a text.
+  // Begins to collect trace lines, from none each time; and how many since then hold a text.
   void traceFromNow();
   std::size_t tracedLines(std::string_view text) const;
 

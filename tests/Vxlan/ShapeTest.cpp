@@ -45,8 +45,8 @@ std::vector<std::size_t> consecutive(std::size_t first, std::size_t count) {
   return slots;
 }
 
-// The operations of the top machine stand in their agreed order behind the framework's: whoever derives from
-// it, or was built against it, finds them there.
+// The operations of the top machine stand in their agreed order behind the framework's: a program that
+// derives from it, or was built against it, finds them there.
 TEST(ShapeTest, TheOperationsOfTheTopMachineStandInTheirOrder) {
   using Sm = VxlanControllerMacAddrSmBase;
   const std::size_t fwkType = slotOf(&Sm::fwkType);

@@ -40,8 +40,8 @@ class TraceOperationsTest : public Scenario {
     turnsUntilIdle();
     traceFromNow();
   }
-  // What the operation has said since the trace began, without its signature and the blank; then it begins
-  // anew.
+  // What the operation has said since the trace began, without its signature and the blank; then the trace
+  // begins again.
   std::vector<std::string> said(const std::string& operation) {
     std::vector<std::string> texts;
     for (const std::string& line : lines) {

@@ -17,7 +17,7 @@ class TraceTest : public Scenario {
     turnsUntilIdle();
     traceFromNow();
   }
-  // Each of these is in some line of the trace; then it begins anew.
+  // Each of these is in some line of the trace; then the trace begins again.
   void expectTraced(const std::vector<const char*>& texts) {
     for (const char* text : texts) {
       EXPECT_GE(tracedLines(text), 1U) << '"' << text << "\" is not in\n" << joined();

@@ -242,7 +242,7 @@ TEST_F(TrackersTest, TheVtisAreListedInTheOrderOfTheirNames) {
   EXPECT_EQ(client->getVtiIterator(), (std::vector{vti("Vxlan0"), vti("Vxlan1")}));
 }
 
-// A map that takes the place of another under the same VTI is refused: the tracker cannot be made anew.
+// A map that takes the place of another under the same VTI is refused: the tracker cannot be made again.
 TEST_F(TrackersTest, AMapReplacedInPlaceIsRefused) {
   mapVlan("Vxlan1", 10, 10010);
   start();

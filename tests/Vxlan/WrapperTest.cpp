@@ -198,7 +198,7 @@ TEST_F(WrapperTest, ASecondStateEntityIsRefused) {
   EXPECT_TRUE(viewConverges());
 }
 
-// With equal arguments the machine that exists is kept, and echoes nothing anew.
+// With equal arguments the machine that exists is kept, and echoes nothing.
 TEST_F(WrapperTest, EqualArgumentsKeepTheMachine) {
   givenVti("Vxlan1");
   controllerConverges(true);

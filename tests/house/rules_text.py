@@ -1,4 +1,4 @@
-"""The house rules for documents: what they name is there.
+"""The house rules for documents, and for the one dialect of C++ that all rooms share.
 
 Each rule takes the tree of tidy.py and yields findings; tidy_test.py shows each of them going red."""
 
@@ -9,6 +9,7 @@ import re
 # Folders of the tree that documents name.
 TOP = ("scripts/", "docs/", "platform/", "Vxlan/", "service/", "agent/", "controller/", "tools/", "tests/", "bench/", "cmake/",
        "packaging/", "examples/", "man/", "fuzz/", "sim/", ".ci/")
+WORDS = "tests/house/words.txt"
 DECLARATION = re.compile(r"\b(?:vcc_room|vcc_program|vcc_test|vcc_bench|vcc_shared_library|add_custom_target|add_library|add_executable)"
                          r"\(\s*([\w.-]+)")
 MACHINE = re.compile(r"^class\s+(?:KEL_API\s+)?(\w+(?:Sm|SmBase|SmWrapper))\b[^;{]*\{", re.MULTILINE)
@@ -85,3 +86,73 @@ def rule_tour(tree):
         for machine in MACHINE.findall(tree.text(header)):
             if not re.search(rf"`{machine}`", text):
                 yield tour, 1, f"does not name the machine `{machine}`"
+
+
+def comments(text):
+    """Each comment of a C++, Python or shell source as (line, text)."""
+    for number, line in enumerate(text.splitlines(), 1):
+        found = re.search(r"(?:^|[^:\"'])//(.*)$|^\s*#(?!\s*include|\s*pragma|\s*define|!)(.*)$|^\s*\*(.*)$", line)
+        if found:
+            yield number, next(group for group in found.groups() if group is not None)
+
+
+def rule_plain_words(tree):
+    """Comments and documents use the field's terms and plain words: those of words.txt have a plainer one."""
+    listed = [line.split("->") for line in tree.listed(WORDS)]
+    plain = [(re.compile(rf"\b{word.strip()}\b", re.IGNORECASE), better.strip()) for word, better in listed]
+    for name in tree.files:
+        if name == "CHANGELOG.md":
+            continue  # it says what was said at the time
+        if name.endswith(".md") or name.startswith("man/"):
+            lines = tree.lines(name)
+        elif name in tree.sources() or name.endswith((".py", ".sh")) or name.startswith(("scripts/", ".ci/")):
+            lines = comments(tree.text(name))
+        else:
+            continue
+        for number, line in lines:
+            for pattern, better in plain:
+                found = pattern.search(line)
+                if found:
+                    yield name, number, f'"{found.group()}": write {better}'
+
+
+def code_of(tree, name):
+    text = re.sub(r"/\*.*?\*/", lambda found: re.sub(r"[^\n]", " ", found.group()), tree.text(name), flags=re.DOTALL)
+    return enumerate(text.splitlines(), 1)
+
+
+def rule_one_comment_style(tree):
+    """Comments begin with two slashes."""
+    for name in tree.sources():
+        for number, line in tree.lines(name):
+            if re.match(r"\s*///", line):
+                yield name, number, "a comment begins with two slashes"
+
+
+def rule_constants(tree):
+    """Constants are camelCase, like every other value."""
+    for name in tree.sources():
+        for number, line in code_of(tree, name):
+            found = re.search(r"\bconstexpr\b[^=({]*\b(k[A-Z]\w*)\s*[={]", line.split("//")[0])
+            if found:
+                yield name, number, f"{found.group(1)}: constants are camelCase, without a k"
+
+
+def rule_test_names(tree):
+    """Cases of a test are UpperCamel."""
+    for name in tree.sources(".cpp"):
+        if name.startswith("tests/"):
+            for number, line in tree.lines(name):
+                found = re.match(r"\s*TEST(?:_F|_P)?\(\w+,\s*([a-z]\w*)", line)
+                if found:
+                    yield name, number, f"{found.group(1)}: names of tests are UpperCamel"
+
+
+def rule_target_names(tree):
+    """Programs that test end in _test, benchmarks in _bench; both are snake_case."""
+    for name in tree.files:
+        if name.endswith("CMakeLists.txt"):
+            for number, line in tree.lines(name):
+                found = re.match(r"\s*vcc_(test|bench)\(\s*(\w+)", line)
+                if found and not re.fullmatch(rf"[a-z0-9_]+_{found.group(1)}", found.group(2)):
+                    yield name, number, f"{found.group(2)}: name it as something_{found.group(1)}"

@@ -226,6 +226,47 @@ class Rules(unittest.TestCase):
         self.write("docs/architecture.md", "`service/loops`, `RmxStateSmBase`\n")
         self.red(rule, 2)
 
+    def test_words_are_plain(self):
+        rule = tidy.rules_text.rule_plain_words
+        self.write("docs/a.md", "It is read anew by whoever comes.\n")
+        self.green(rule)
+        self.write("tests/house/words.txt", "# why\nanew -> again\nbears? -> carry\n")
+        self.write("CHANGELOG.md", "It was made anew.\n")
+        self.write("agent/A.cpp", 'const char* text = "anew";  // renewed, bearing\n')
+        self.red(rule, 1)
+        self.write("agent/A.h", "int a;  // A" + "new.\n")
+        self.write("scripts/run", "# It bears\n# a mark.\n")
+        self.write("man/a.1", "anew\n")
+        self.red(rule, 4)
+
+    def test_comments_have_one_style(self):
+        rule = tidy.rules_text.rule_one_comment_style
+        self.write("agent/A.h", "// a\nint a;  // b\n")
+        self.green(rule)
+        self.write("agent/B.h", "/// a\n  /// b\n")
+        self.red(rule, 2)
+
+    def test_constants_are_camel_case(self):
+        rule = tidy.rules_text.rule_constants
+        self.write("agent/A.h", "constexpr int limit = 1;\nconstexpr int keep{2};\n/* constexpr int kOld = 1; */\n")
+        self.green(rule)
+        self.write("agent/B.h", "constexpr int kLimit = 1;\nstatic constexpr std::size_t kMost{2};\n")
+        self.red(rule, 2)
+
+    def test_test_names_are_upper_camel(self):
+        rule = tidy.rules_text.rule_test_names
+        self.write("tests/A.cpp", "TEST(A, ItRuns) {}\nTEST_F(A, ItStops) {}\n")
+        self.green(rule)
+        self.write("tests/B.cpp", "TEST(A, itRuns) {}\nTEST_F(A, itStops) {}\n")
+        self.red(rule, 2)
+
+    def test_target_names_say_what_they_are(self):
+        rule = tidy.rules_text.rule_target_names
+        self.write("tests/Kel/CMakeLists.txt", "vcc_test(kel_test\n  SOURCES A.cpp)\nvcc_bench(kel_bench SOURCES B.cpp)\n")
+        self.green(rule)
+        self.write("tests/B/CMakeLists.txt", "vcc_test(KelTest SOURCES A.cpp)\nvcc_bench(kel_test SOURCES B.cpp)\n")
+        self.red(rule, 2)
+
     def test_a_finding_says_where_and_what(self):
         self.write("tests/A.h", "#pragma once\n")
         self.assertEqual([], list(tidy.findings(tidy.Tree(self.root))))

@@ -210,7 +210,7 @@ void Story::othersStep() {
       break;
     default:
       if (const Link* link = kernel_.link("vx50" + std::to_string(vlan())); link != nullptr) {
-        Mac mac{0x06000000aa00ULL + pick(20)};  // Never one that the controller speaks of.
+        Mac mac{0x06000000aa00ULL + pick(20)};  // Never one that the controller names.
         (void)kernel_.apply(FdbAdd{FdbAdd::How::replace,
                                    {Table::device, link->index, 0, mac, {0x0a0000ffU}, 0, false, false}});
       }

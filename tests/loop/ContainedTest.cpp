@@ -11,7 +11,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A loop that contains what its callbacks throw, and what it told of them.
+// A loop that contains what its callbacks throw, and what it reported about them.
 class Contained : public EventLoopTest {
  protected:
   Contained() {

@@ -6,6 +6,7 @@ Python, beside a writer process.
 """
 
 import os
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -121,6 +122,28 @@ class Readers(unittest.TestCase):
         follow = os.path.join(self.folder.name, "follow-hosts-by-pkg-config")
         self.assertEqual(run(follow, self.table, "2", env=dict(os.environ, LD_LIBRARY_PATH=self.libraries)),
                          "= all hosts:\n+ 02:00:00:00:00:01:10 behind 10.0.0.1\n")
+
+    def test_the_lines_of_the_readme_build_a_program(self):
+        with open(os.path.join(os.path.dirname(EXAMPLES), "README.md"), encoding="utf-8") as file:
+            shown = [line[4:] for line in file.read().splitlines() if line.startswith("    ")]
+        cmake = [line for line in shown if line.startswith(("find_package(", "target_link_libraries("))]
+        command = [line for line in shown if line.startswith("c++ ")]
+        self.assertEqual((len(cmake), len(command)), (2, 1), "README.md shows two lines of CMake and one command")
+        mine = os.path.join(self.folder.name, "my-agent")
+        os.mkdir(mine)
+        shutil.copy(os.path.join(EXAMPLES, "echo", "main.cpp"), os.path.join(mine, "my-agent.cpp"))
+        with open(os.path.join(mine, "CMakeLists.txt"), "w", encoding="utf-8") as file:
+            file.write("cmake_minimum_required(VERSION 3.25)\nproject(MyAgent LANGUAGES CXX)\n"
+                       "add_executable(my-agent my-agent.cpp)\n" + "\n".join(cmake) + "\n")
+        environment = dict(os.environ, PKG_CONFIG_PATH=os.path.join(self.libraries, "pkgconfig"), LD_LIBRARY_PATH=self.libraries)
+        environment.pop("CMAKE_CXX_COMPILER_LAUNCHER", None)
+        run(CMAKE, "-S", mine, "-B", os.path.join(mine, "build"), f"-DCMAKE_PREFIX_PATH={self.prefix}",
+            f"-DCMAKE_CXX_COMPILER={COMPILER}", env=environment)
+        run(CMAKE, "--build", os.path.join(mine, "build"), env=environment)
+        run("sh", "-c", command[0], cwd=mine, env=environment)
+        said = run(os.path.join(mine, "build", "my-agent"), env=environment)
+        self.assertIn("the switch's view: converging", said)
+        self.assertEqual(run(os.path.join(mine, "a.out"), env=environment), said)
 
     def test_a_program_dumps_its_own_trace(self):
         self.assertEqual(run(self.program("dump-trace")), "3 half of 12\n3 half of 6\n3 half of 3\n0 odd: 3\n")

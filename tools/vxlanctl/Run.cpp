@@ -124,7 +124,7 @@ ExitCode explain(const Request& request, const Streams& streams) {
   return printExplanation(answer, streams.out) ? done : negative;
 }
 
-// When it was too slow, it begins anew with the whole part.
+// When it was too slow, it begins again with the whole part.
 ExitCode watch(const Request& request, const Streams& streams) {
   Client client(request.socket);
   const auto print = [&streams](const json& line) { streams.out << line.dump() << std::endl; };

@@ -29,8 +29,7 @@ Adapter::Adapter(const Options& options)
   if (!reports_.join(RTNLGRP_LINK) || !reports_.join(RTNLGRP_NEIGH)) {
     throw SocketError("rtnetlink socket: the kernel does not report changes of devices and rows");
   }
-  (void)reports_.join(
-      RTNLGRP_NEXTHOP);  // Without it there are no nexthops either, and the first request tells.
+  (void)reports_.join(RTNLGRP_NEXTHOP);  // Without it there are no nexthops either; the first request shows.
 }
 
 Time Adapter::now() {

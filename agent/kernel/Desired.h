@@ -1,4 +1,4 @@
-// What the controller wants of the data plane.
+// The desired state: mappings, hosts and flood lists.
 #pragma once
 
 #include <algorithm>
@@ -21,7 +21,7 @@ struct FloodSet {
   bool operator==(const FloodSet&) const = default;
 };
 
-// What is wanted of one VLAN.
+// The desired state of one VLAN.
 struct DesiredVlan {
   std::optional<Mapping> mapping;
   std::map<Mac, Ip4> hosts;
@@ -41,17 +41,17 @@ struct DesiredVlan {
   }
 };
 
-// The desired state: mappings, hosts and flood lists, as the agent says them. The Engine alone changes it;
-// all others of this room read it.
+// What the controller wants of the data plane, as the agent passes it on. Only the Engine changes it; the
+// other classes of this room read it.
 class Desired {
  public:
-  // What is wanted of the VLAN. The record stays where it is, also while nothing is wanted.
+  // The desired state of the VLAN. The record stays where it is, also while it is empty.
   DesiredVlan& vlan(Vlan vlan) { return vlans_[vlan]; }
   const DesiredVlan& vlan(Vlan vlan) const { return vlans_[vlan]; }
   const std::map<Vlan, DesiredVlan>& vlans() const { return vlans_; }
 
   Mappings mappings;  // DesiredVlan::mapping follows it.
-  // All that is wanted has been said since the start: what an earlier run left beyond it is stale.
+  // Everything desired has arrived since the start: leftovers of an earlier run beyond it are stale.
   bool initialSyncComplete = false;
 
  private:

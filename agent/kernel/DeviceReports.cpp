@@ -4,7 +4,7 @@
 
 namespace Agent::Kernel {
 
-// At the start: what the alias says belongs to a VLAN is its until a mapping says otherwise.
+// At the start a device belongs to the VLAN in its alias, until a mapping says otherwise.
 void DeviceReports::adopt(const Link& link) {
   const std::optional<Vlan> vlan = observed_.links.vlan(link);
   if (!vlan) {
@@ -115,7 +115,7 @@ void DeviceReports::linkDel(IfIndex index) {
   requeueUsers(link);
 }
 
-// Somebody else has deleted a device of the domain.
+// Another program has deleted a device of the domain.
 void DeviceReports::lost(BridgeDomain& domain) {
   if (!domain.mapped()) {
     return;

@@ -50,7 +50,7 @@ void Devices::mappingChanged(BridgeDomain& domain, const std::optional<Mapping>&
   work_.queueAll(domain.vlan);
 }
 
-// What was known by the previous mapping is void.
+// Drops problems and marks devices that belong to the previous mapping.
 void Devices::unmapped(BridgeDomain& domain, const Mapping& before) {
   for (std::size_t at = 0; at < before.ports.size(); ++at) {
     work_.failures.cleared(portKey(domain, at));
@@ -145,8 +145,8 @@ const Link* Devices::device(const BridgeDomain& domain) const {
   return observed_.links.vxlan(domain.desired.mapping->vni, options_.udpPort);
 }
 
-// Somebody else's device stays in its bridge. Ours stays in the bridge that is in use, or comes into that of
-// ours for the VLAN, whatever its name is by now: a new one of the right name would have none of the rows.
+// A foreign device stays in its bridge. Ours stays in the bridge that is in use, or joins our bridge for the
+// VLAN even if that was renamed: a new bridge of the right name would have none of the entries.
 const Link* Devices::bridge(const BridgeDomain& domain, const Link* device) const {
   const Link* master = device == nullptr ? nullptr : observed_.links.at(device->master);
   if (master != nullptr && master->kind == LinkKind::bridge &&
@@ -209,7 +209,7 @@ void Devices::work(BridgeDomain& domain, Batch& out) {
   }
 }
 
-// Whether somebody else has changed the domain's devices so often that they have to wait.
+// Whether other programs have changed the domain's devices so often that they have to wait.
 bool Devices::heldBack(BridgeDomain& domain) {
   return work_.contention.holdsBack(keyOf(domain), domain.strife, true, work_.now);
 }
@@ -245,8 +245,8 @@ void Devices::askDevice(BridgeDomain& domain, const Link& bridge, Batch& out) {
                                  .group = options_.birthGroup});
 }
 
-// Where the devices were as wanted before, somebody else has changed them; that two devices of ours in a
-// bridge are isolated is our own doing.
+// If the devices were as desired before, another program has changed them; isolation of two devices of ours
+// in a bridge is our own change.
 void Devices::correct(BridgeDomain& domain, const LinkSet& set, Batch& out) {
   const bool byOther =
       set.alias || set.master || set.up || set.local || set.learning || set.portLearning || set.group;

@@ -67,7 +67,7 @@ void Engine::desiredChanged(Vlan vlan, Mac mac) {
 
 void Engine::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
   if (mac.group()) {
-    // What is published for it need not make sense; it stays a problem until it is withdrawn.
+    // The controller may publish nonsense; it stays a problem until it is withdrawn.
     work_.failures.waits({Key::Kind::host, vlan, mac.bits}, Time{}, Time::max(),
                          "a host has a unicast address");
     return;

@@ -1,4 +1,4 @@
-// The data plane's brain: it brings the kernel to what the controller wants.
+// Reconciles the kernel with the controller's desired state.
 #pragma once
 
 #include <cstdint>

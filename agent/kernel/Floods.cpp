@@ -68,15 +68,15 @@ void Floods::nexthopIs(Flood& flood, NexthopId id, Owner owner) {
   }
 }
 
-// Whether there is to be one row, to a group, of a set of type any.
+// Whether one entry to a nexthop group is desired: a list of type any.
 bool Floods::leadsToAny(const BridgeDomain& domain, Mac mac) const {
   const FloodSet* set = domain.mapped() ? domain.desired.flood(mac) : nullptr;
   return set != nullptr && set->type == FloodType::any && nexthops_.supported() &&
          !domain.desired.remote(set->vteps).empty();
 }
 
-// The VTEPs that have a row each: those of a set of type all, or what type any comes down to without nexthop
-// groups.
+// The VTEPs with a desired entry each: those of a list of type all, or the first of a list of type any if the
+// kernel has no nexthop groups.
 std::vector<Ip4> Floods::desiredAddresses(const BridgeDomain& domain, Mac mac) const {
   const FloodSet* set = domain.mapped() ? domain.desired.flood(mac) : nullptr;
   if (set == nullptr || leadsToAny(domain, mac)) {
@@ -390,7 +390,7 @@ void Floods::workAny(BridgeDomain& domain, Mac mac, Flood& flood, Batch& out) {
   if (!nexthops_.ready(*flood.group)) {
     if (flood.group->queued) {
       work_.queue(domain.vlan, mac,
-                  flood.pending);  // The next batch asks for the group, and then for the row.
+                  flood.pending);  // The next batch asks for the group, and then for the entry.
     } else {
       work_.failures.failed(key, work_.now, "waits for the nexthop group of its VTEPs");
     }

@@ -162,7 +162,8 @@ void Hosts::entryIs(BridgeDomain& domain, const FdbEntry& entry, bool dumped) {
   }
 }
 
-// Ours lead to a group of ours or carry the mark; what we had there and somebody changed in place stays ours.
+// Our entries lead to a group of ours or carry the ownership mark. If another program changes an entry of
+// ours in place, it stays ours.
 void Hosts::deviceEntryIs(BridgeDomain& domain, Host& host, const FdbEntry& entry) {
   bool ours = entry.nexthop != 0 ? nexthops_.ours(entry.nexthop) : entry.marked;
   if (host.owner == Owner::ours && host.group != nullptr) {
@@ -269,7 +270,7 @@ bool Hosts::differs(const BridgeDomain& domain, const Host& host) const {
 }
 
 void Hosts::eraseIfIdle(BridgeDomain& domain, Mac mac, Host& host) {
-  // During a dump what is known of a row that went guards against older news of it.
+  // During a dump the record of a deleted entry guards against the dump's older view of it.
   bool needed = observed_.dumping || host.group != nullptr || host.pending.queued ||
                 host.owner != Owner::none ||
                 (host.portOwner != Owner::none && host.portOwner != Owner::learned);

@@ -28,7 +28,7 @@ class Hosts {
         nexthops_(nexthops),
         work_(work) {}
 
-  // What is wanted of the address has changed, or may have.
+  // The desired state of the address has changed, or may have.
   void changed(BridgeDomain& domain, Mac mac);
   // The switch's own address has changed, which is left out of flood lists.
   void localChanged(BridgeDomain& domain);

@@ -10,8 +10,8 @@
 
 #include "agent/kernel/Types.h"
 
-// What is said to the kernel and heard from it, in words of the data plane. Wire.h puts it into netlink
-// messages; the tests' model of the kernel takes it as it is.
+// Requests to the kernel and its reports, in terms of the data plane. Wire.h translates them to and from
+// netlink messages; the tests' model of the kernel takes them as they are.
 namespace Agent::Kernel {
 
 enum class LinkKind : std::uint8_t { other, bridge, vxlan };
@@ -35,11 +35,11 @@ struct Link {
   bool portIsolated = false;  // The bridge does not forward between isolated ports.
 };
 
-// The two tables a remote host is in: the VXLAN device's own, and that of the bridge above it.
+// The two FDB tables that a remote host is in: the VXLAN device's own, and that of the bridge above it.
 enum class Table : std::uint8_t { device, bridge };
 
-// A forwarding row. In the device's table it leads to a VTEP or to a nexthop group, in the bridge's to a
-// port.
+// A forwarding database (FDB) entry. In the device's table it leads to a VTEP or to a nexthop group, in the
+// bridge's to a port.
 struct FdbEntry {
   Table table = Table::device;
   IfIndex device = 0;  // The VXLAN device, or the bridge's port.
@@ -51,7 +51,7 @@ struct FdbEntry {
   bool learned = false;  // Learned from traffic by the kernel itself.
 };
 
-// A nexthop for forwarding rows: one VTEP, or a group of such.
+// A nexthop for FDB entries: one VTEP, or a group of VTEPs.
 struct Nexthop {
   NexthopId id = 0;
   std::uint8_t protocol = 0;
@@ -79,7 +79,7 @@ struct BridgePort {
   bool isolated = false;
 };
 
-// Changes what is given of a device and leaves the rest.
+// Changes the given attributes of a device and leaves the others.
 struct LinkSet {
   IfIndex index = 0;
   LinkKind kind = LinkKind::other;
@@ -93,7 +93,7 @@ struct LinkSet {
   std::optional<std::uint32_t> group{};
 };
 
-// Deletes a device, with the rows in it.
+// Deletes a device, with the FDB entries in it.
 struct LinkDel {
   IfIndex index = 0;
 };
@@ -103,12 +103,13 @@ struct NexthopSet {
   Nexthop nexthop;
 };
 
-// Deletes a nexthop. The kernel deletes the rows that lead to a group with it, and does not report them.
+// Deletes a nexthop. The kernel deletes the FDB entries that lead to a group with it, and does not report
+// them.
 struct NexthopDel {
   NexthopId id = 0;
 };
 
-// Adds a row.
+// Adds an FDB entry.
 struct FdbAdd {
   enum class How : std::uint8_t {
     create,   // Refused when there is one.
@@ -119,17 +120,17 @@ struct FdbAdd {
   FdbEntry entry;
 };
 
-// Deletes a row; of a group address in the device's table, only the destination given.
+// Deletes an FDB entry; of a group address in the device's table, only the destination given.
 struct FdbDel {
   FdbEntry entry;
 };
 
-// Asks for a row; it is reported before the answer.
+// Asks for an FDB entry; it is reported before the answer.
 struct FdbGet {
   FdbEntry entry;
 };
 
-// Asks for all devices, nexthops or rows; they are reported until the end of the dump.
+// Asks for all devices, nexthops or FDB entries; they are reported until the end of the dump.
 struct Dump {
   enum class What : std::uint8_t { links, nexthops, entries };
   What what = What::links;

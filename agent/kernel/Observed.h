@@ -1,4 +1,4 @@
-// What the kernel has, as far as it has acknowledged or reported it.
+// The observed state: what the kernel has acknowledged or reported.
 #pragma once
 
 #include <map>
@@ -147,8 +147,8 @@ class Observed {
   std::uint32_t dump = 0;                      // The number of the dump of entries that began last.
   bool dumping = false;                        // A dump of entries is under way, or being compared.
   bool adopting = true;                        // Until the first dump is complete.
-  // How often reports were lost, or entries went that nobody reports: what is known of the kernel is in doubt
-  // until a comparison that began later is over.
+  // How often reports were lost, or entries went without a report: the observed state is in doubt until a
+  // comparison that began later is over.
   std::uint32_t doubts = 0;
 };
 

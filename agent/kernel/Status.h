@@ -1,4 +1,4 @@
-// What the engine says of itself.
+// Counts, problems and explanations.
 #pragma once
 
 #include <cstddef>
@@ -24,7 +24,7 @@ struct Tally {
   std::size_t unknown = 0;    // Desired, and not compared with the kernel since there was reason to doubt it.
 };
 
-// An object that is not as it should be, and why.
+// An object that is not as desired, and why.
 struct Problem {
   std::string what;
   std::string why;
@@ -32,7 +32,7 @@ struct Problem {
   Time next{};            // When it is tried again.
 };
 
-// What is known of an address: what is desired, and what the kernel has acknowledged or reported.
+// The desired and the observed state of an address.
 struct Explanation {
   enum class Kind : std::uint8_t { none, vtep, any, all };
 

@@ -1,4 +1,4 @@
-// What is to be done, and what has been.
+// The work queues, retries and counters.
 #pragma once
 
 #include <cstdint>
@@ -32,9 +32,9 @@ struct Pending {
   bool queued = false;
 };
 
-// The work to be done: VLANs whose devices and addresses are to be looked at, devices of ours that may be
-// without use, what was refused or has to wait. Whoever looks compares what is desired with what is observed
-// and asks for the difference, so that to queue something twice costs a look and changes nothing.
+// The work to be done: VLANs and addresses to reconcile, devices of ours that may be unused, refused requests
+// and their pauses. To reconcile is to compare desired and observed state and to request the difference, so
+// queueing something twice costs time and changes nothing.
 class Work {
  public:
   explicit Work(const Options& options)
@@ -42,16 +42,16 @@ class Work {
   Work(const Work&) = delete;
   Work& operator=(const Work&) = delete;
 
-  // Queues a look at the VLAN's devices.
+  // Queues the VLAN's devices.
   void queueDevices(Vlan vlan);
-  // Queues a look at all addresses of the VLAN, a few at a time.
+  // Queues all addresses of the VLAN, a few at a time.
   void queueAddresses(Vlan vlan);
-  // Queues a look at everything of the VLAN.
+  // Queues everything of the VLAN.
   void queueAll(Vlan vlan) {
     queueDevices(vlan);
     queueAddresses(vlan);
   }
-  // Queues a look at an address, if it is not queued yet.
+  // Queues an address, if it is not queued yet.
   void queue(Vlan vlan, Mac mac, Pending& pending);
 
   std::size_t devicesQueued() const { return devices_.size(); }
@@ -59,7 +59,7 @@ class Work {
   std::size_t addressesQueued() const { return addresses_.size(); }
   // The key is of the kind host or flood.
   Key takeAddress();
-  // Where the look at all addresses of a VLAN goes on.
+  // How far the queueing of all addresses of a VLAN has come.
   struct Scan {
     Vlan vlan = 0;
     Mac from{};
@@ -68,7 +68,7 @@ class Work {
   Scan scan() const;
   void scanGoesOn(Mac from);
   void scanDone();
-  // Whether no look at an address of the VLAN is outstanding.
+  // Whether no address of the VLAN is queued.
   bool addressesDone(Vlan vlan) const;
 
   Failures failures;

@@ -1,32 +1,32 @@
-// What the daemon tells of itself.
+#include "agent/daemon/StatusReport.h"
+
 #include <unistd.h>
 
 #include "Kel/Activity.h"
-#include "Kel/System.h"
 #include "Vxlan/framework/Trace.h"
-#include "agent/daemon/Daemon.h"
 
 namespace Agent {
-namespace {
 
 using nlohmann::json;
+
+namespace {
 
 constexpr std::size_t mostKernelProblems = 100;
 
 }  // namespace
 
-json Daemon::agentSection() const {
-  const Service::LoopStall& stall = loop_.stall();
+json StatusReport::section() const {
+  const Service::LoopStall& stall = parts_.loop.stall();
   json section = {{"pid", ::getpid()},
                   {"uptime", Kel::System::loopTime() - started_},
                   {"table",
-                   {{"name", options_.table},
-                    {"hosts", world_.hosts->hosts()},
-                    {"limit", world_.hosts->limit()},
-                    {"waiting", refused_.waiting()}}},
+                   {{"name", parts_.table},
+                    {"hosts", parts_.world.hosts->hosts()},
+                    {"limit", parts_.world.hosts->limit()},
+                    {"waiting", parts_.refused.waiting()}}},
                   {"trace", Vxlan::vccRlHandle ? Vxlan::vccRlHandle->path() : ""},
-                  {"waitingForController", adoption_ != nullptr},
-                  {"outOfService", !world_.client},
+                  {"waitingForController", sync_ != nullptr && sync_->adopting()},
+                  {"outOfService", !parts_.world.client},
                   {"loop",
                    {{"turns", stall.turns},
                     {"longestStall", static_cast<double>(stall.longest.count()) * 1e-9},
@@ -38,28 +38,28 @@ json Daemon::agentSection() const {
         {"failed", stats.failed},        {"cut", stats.cut},           {"dropped", stats.dropped},
         {"mostItems", stats.mostItems}};
   }
-  if (database_ != nullptr) {
-    const Vtep::AdapterStatus status = database_->status();
+  if (feed_ != nullptr) {
+    const Vtep::AdapterStatus status = feed_->adapter().status();
     section["convergence"] = {{"reason", status.convergenceCause}, {"seconds", status.convergingFor}};
   }
   return section;
 }
 
-json Daemon::problems() const {
+json StatusReport::problems() const {
   json all = json::array();
-  if (database_ != nullptr) {
-    for (const Vtep::Problem& problem : database_->problems(mostProblems)) {
+  if (feed_ != nullptr) {
+    for (const Vtep::Problem& problem : feed_->adapter().problems(Incidents::mostKept)) {
       all.push_back({{"kind", std::string(Vtep::nameOf(problem.kind))},
                      {"where", problem.row.text()},
                      {"text", problem.text}});
     }
-    const Vtep::AdapterStatus status = database_->status();
+    const Vtep::AdapterStatus status = feed_->adapter().status();
     if (!status.problem.empty()) {
       all.push_back({{"kind", "session"}, {"where", status.remote}, {"text", status.problem}});
     }
   }
   if (kernel_ != nullptr) {
-    const auto [listed, count] = kernel_->problems(mostKernelProblems);
+    const auto [listed, count] = kernel_->adapter().problems(mostKernelProblems);
     for (const Kernel::Problem& problem : listed) {
       all.push_back({{"kind", "kernel"}, {"where", problem.what}, {"text", problem.why}});
     }
@@ -69,43 +69,44 @@ json Daemon::problems() const {
                      {"text", "not listed"}});
     }
   }
-  if (refused_.waiting() != 0) {
-    all.push_back({{"kind", refused_.kind()}, {"where", options_.table}, {"text", refused_.text()}});
+  if (parts_.refused.waiting() != 0) {
+    all.push_back(
+        {{"kind", parts_.refused.kind()}, {"where", parts_.table}, {"text", parts_.refused.text()}});
   }
-  for (const json& problem : problems_) {
+  for (const json& problem : parts_.incidents.kept()) {
     all.push_back(problem);
   }
   return all;
 }
 
-Metrics Daemon::metrics() const {
+Metrics StatusReport::metrics() const {
   Metrics numbers;
-  if (world_.client && world_.client->hostTable()) {
-    numbers.hosts = world_.client->hostTable()->receivedEntrys();
-    numbers.hostsMarked = world_.client->hostTable()->markedForDelCount();
+  if (parts_.world.client && parts_.world.client->hostTable()) {
+    numbers.hosts = parts_.world.client->hostTable()->receivedEntrys();
+    numbers.hostsMarked = parts_.world.client->hostTable()->markedForDelCount();
   }
-  numbers.vnis = world_.fdb->entries();
-  for (auto&& vlan : world_.floodSets->vlanFloodSet()) {
+  numbers.vnis = parts_.world.fdb->entries();
+  for (auto&& vlan : parts_.world.floodSets->vlanFloodSet()) {
     for (auto&& set : vlan.value->floodSet()) {
       ++numbers.floodSets;
       numbers.floodDestinations += set.value->destSets();
     }
   }
-  numbers.converging = world_.clientView->convergenceInProgress();
+  numbers.converging = parts_.world.clientView->convergenceInProgress();
   numbers.slices = Kel::ActivityLoop::instance().clocksFired();
   numbers.notifications = Kel::ActivityLoop::instance().delivered();
-  numbers.loop = loop_.stall();
-  numbers.tableRecords = world_.hosts->hosts();
-  numbers.tableLimit = world_.hosts->limit();
-  numbers.tableWaiting = refused_.waiting();
-  numbers.tableRefused = refused_.refused();
-  numbers.errors = errors_;
-  numbers.logLeftOut = log_.leftOut();
-  if (refused_.waiting() != 0) {
-    numbers.problems[refused_.kind()] = refused_.waiting();
+  numbers.loop = parts_.loop.stall();
+  numbers.tableRecords = parts_.world.hosts->hosts();
+  numbers.tableLimit = parts_.world.hosts->limit();
+  numbers.tableWaiting = parts_.refused.waiting();
+  numbers.tableRefused = parts_.refused.refused();
+  numbers.errors = parts_.incidents.errors();
+  numbers.logLeftOut = parts_.log.leftOut();
+  if (parts_.refused.waiting() != 0) {
+    numbers.problems[parts_.refused.kind()] = parts_.refused.waiting();
   }
-  if (database_ != nullptr) {
-    const Vtep::AdapterStatus status = database_->status();
+  if (feed_ != nullptr) {
+    const Vtep::AdapterStatus status = feed_->adapter().status();
     numbers.sessions["ovsdb"] = {status.session == Ovsdb::SessionState::following, status.reconnects};
     numbers.convergenceSeconds = status.convergingFor;
     numbers.longestSliceSeconds = static_cast<double>(status.longestSlice.count()) * 1e-9;
@@ -113,13 +114,16 @@ Metrics Daemon::metrics() const {
       numbers.problems[kind] = count;
     }
   }
-  for (const json& problem : problems_) {
+  for (const json& problem : parts_.incidents.kept()) {
     ++numbers.problems[problem.at("kind").get<std::string>()];
   }
-  numbers.controlClients = server_->clients();
-  numbers.controlRequests = server_->stats().requests;
-  numbers.controlRefused = server_->stats().refused;
-  numbers.controlCut = server_->stats().cut;
+  if (server_ != nullptr) {
+    const Control::ServerStats stats = server_->stats();
+    numbers.controlClients = server_->clients();
+    numbers.controlRequests = stats.requests;
+    numbers.controlRefused = stats.refused;
+    numbers.controlCut = stats.cut;
+  }
   return numbers;
 }
 

@@ -272,6 +272,44 @@ TEST_F(EngineReportTest, VlansCostLookUpsInProportionToTheirNumber) {
   EXPECT_LT(engine().steps() - many, 16 * few) << "devices that went without a report";
 }
 
+TEST_F(EngineReportTest, ARefusalThatContradictsTheObservedStateBeginsAComparison) {
+  givenHostAt(vtepA);
+  bool atB = false;
+  const std::vector<std::pair<int, bool>> refusals{
+      {EEXIST, true}, {ENOENT, true}, {EOPNOTSUPP, true}, {EBUSY, false}};
+  for (const auto& [error, compares] : refusals) {
+    const std::uint64_t before = engine().counters().audits;
+    kernel_.refusalIs([refusal = error](const Request& request) {
+      return std::holds_alternative<FdbAdd>(request) ? refusal : 0;
+    });
+    atB = !atB;
+    engine().hostIs(10, host, atB ? vtepB : vtepA);
+    run();
+    kernel_.refusalIs({});
+    pass(seconds(1));
+    EXPECT_EQ(engine().counters().audits - before, compares ? 1U : 0U) << error;
+    EXPECT_EQ(problems(), "") << error;
+  }
+}
+
+TEST_F(EngineReportTest, AFloodDestinationThatIsThereAlreadyBeginsAComparison) {
+  givenHostAt(vtepA);
+  const std::vector<std::pair<int, bool>> refusals{{EEXIST, true}, {EBUSY, false}};
+  for (const auto& [error, compares] : refusals) {
+    const std::uint64_t before = engine().counters().audits;
+    kernel_.refusalIs([refusal = error](const Request& request) {
+      return std::holds_alternative<FdbAdd>(request) ? refusal : 0;
+    });
+    engine().floodIs(10, all, FloodType::all, {vtepA});
+    run();
+    kernel_.refusalIs({});
+    pass(seconds(1));
+    EXPECT_EQ(engine().counters().audits - before, compares ? 1U : 0U) << error;
+    engine().floodDel(10, all);
+    run();
+  }
+}
+
 TEST_F(EngineReportTest, StaleDevicesCostNothingUntilTheyMayGo) {
   given(100);
   restart();

@@ -21,8 +21,10 @@ TEST(MappingsTest, TwoInterfacesShareAVniUntilTheLastGivesItUp) {
   Mappings mappings;
   EXPECT_THAT(mappings.is(10, mapping(5010, "Vxlan1")), ElementsAre(10));
   EXPECT_THAT(mappings.is(10, mapping(5010, "Vxlan2")), ElementsAre(10));
+  ASSERT_NE(mappings.find(10), nullptr);
   EXPECT_EQ(mappings.find(10)->vti, "Vxlan2");
   EXPECT_THAT(mappings.del(10, "Vxlan2"), ElementsAre(10));
+  ASSERT_NE(mappings.find(10), nullptr);
   EXPECT_EQ(mappings.find(10)->vti, "Vxlan1");
   EXPECT_EQ(mappings.vlanOf(5010), 10);
   EXPECT_THAT(mappings.del(10, "Vxlan1"), ElementsAre(10));

@@ -17,6 +17,7 @@ Memtab::Options tableOptions(const HostInput::Options& options) {
   table.mode = options.mode;
   table.owner = options.owner;
   table.replaceDamaged = options.replaceDamaged;
+  table.seed = options.seed;
   return table;
 }
 
@@ -97,6 +98,10 @@ bool HostInput::replacing() const {
 
 void HostInput::takePlace() {
   table_.takePlace();
+}
+
+std::size_t HostInput::sweep(std::size_t atMost) {
+  return table_.sweep(atMost);
 }
 
 void HostInput::refusalsAre(Refusals refusals) {

@@ -3,6 +3,8 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -31,6 +33,7 @@ class KEL_API HostInput final : public Kel::Entity {
     unsigned mode = 0644;                      // who may read it
     std::optional<uid_t> owner = {};           // whose table is adopted, beside root's and the own user's
     bool replaceDamaged = false;               // begins an empty one in place of a damaged one
+    std::optional<std::uint64_t> seed = {};    // of the walk order of a new table; nothing: a random one
   };
 
   // Somebody who looks after the writes that the table refuses.
@@ -63,6 +66,11 @@ class KEL_API HostInput final : public Kel::Entity {
   void hostDel(const Bridging::MacVlanPair& key);
   // Removes every host: gives the whole-collection callback, and one callback for each host removed.
   void hostDelAll();
+
+  // Removed hosts leave slots behind, which later writes use again a few at a time. Sweeps at most so many of
+  // them, for the idle time after removals in bulk, and returns how many wait; those of the present turn
+  // wait for its end.
+  std::size_t sweep(std::size_t atMost);
 
   // Who looks after refused writes from now on; both functions empty: nobody.
   void refusalsAre(Refusals refusals);

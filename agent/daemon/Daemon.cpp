@@ -63,6 +63,7 @@ Daemon::Daemon(const RunOptions& options, std::vector<std::string> arguments, Lo
       activity_(std::make_unique<Activity>(incidents_)),
       repair_(world_,
               [this](const std::string& text) { incidents_.note("table-damaged", options_.table, text); }),
+      sweep_(loop_, world_.hosts),
       patches_(loop_, world_,
                {[this] {
                   if (feed_ != nullptr) {
@@ -207,6 +208,7 @@ void Daemon::everySecond() {
   loop_.after(std::chrono::seconds(1), [this] { everySecond(); });  // first, whatever is thrown below
   incidents_.guarded("the damaged host table",
                      [this] { repair_.look(!sync_->adopting() && sync_->controllerSettled()); });
+  sweep_.look();
   ::sd_notify(0, "WATCHDOG=1");
   log_.flush();
   if (!world_.client) {

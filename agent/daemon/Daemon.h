@@ -18,6 +18,7 @@
 #include "agent/daemon/RefusedWrites.h"
 #include "agent/daemon/Reload.h"
 #include "agent/daemon/RunOptions.h"
+#include "agent/daemon/SlotSweep.h"
 #include "agent/daemon/StatusReport.h"
 #include "agent/daemon/TableRepair.h"
 #include "agent/state/World.h"
@@ -69,6 +70,7 @@ class Daemon {
   RefusedWrites refused_;
   std::unique_ptr<Activity> activity_;
   TableRepair repair_;
+  SlotSweep sweep_;
   PatchQueue patches_;  // from the control socket
   Recorder recorder_;
   StatusReport report_;

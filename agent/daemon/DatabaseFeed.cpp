@@ -63,7 +63,7 @@ bool DatabaseFeed::nextPatch() {
 // Carries out the next change of the patch, if there is one.
 void DatabaseFeed::step() {
   incidents_.guarded("a change of the database", [this] {
-    if (patch_ && !patch_->step()) {
+    if (patch_ && !patch_->step(InputPatch::hostsInHandler)) {
       patch_.reset();
     }
   });

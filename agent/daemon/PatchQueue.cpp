@@ -112,7 +112,7 @@ void PatchQueue::carryOut(Patch& patch) {
   }
   bool more = true;
   do {
-    hooks_.guarded([&] { more = patch.current->step(); });
+    hooks_.guarded([&] { more = patch.current->step(InputPatch::hostsInHandler); });
   } while (more && !patch.headIsOut);
   if (!more) {
     patch.headIsOut = true;

@@ -80,6 +80,7 @@ Replay::Replay(std::string name, const Streams& streams, bool keepGoing)
   Kel::System::timeSourceIs(&time_);
   L2Rib::HostInput::Options hosts;
   hosts.name = table_;
+  hosts.seed = 0;  // the same walk order in each run of a journal
   world_ = std::make_unique<World>(hosts);
   output_ = std::make_unique<OutputDocument>(*world_, table_);
   world_->clientIs();

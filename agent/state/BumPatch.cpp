@@ -55,7 +55,7 @@ void planNewList(const Place& place, const nlohmann::json& patch, const MacVlanP
   planList(place, patch, list, filling);
   changes.emplace_back([status, key, list, filling] {
     for (const auto& change : filling) {
-      change();
+      change.make();
     }
     status->bumVtepListIs(key, list);
   });

@@ -87,18 +87,18 @@ void planHosts(const Place& place, const nlohmann::json& patch, const Kel::Ptr<V
                Changes& changes) {
   if (patch.is_null()) {
     for (const Qnet::EthAddr& mac : sortedKeys(status->macVtepTable())) {
-      changes.emplace_back([status, mac] { status->macVtepTableDel(mac); });
+      changes.emplace_back([status, mac] { status->macVtepTableDel(mac); }, status.get());
     }
     return;
   }
   Changes settings;
   for (const auto& [mac, member] : membersByKey(place, objectAt(place, patch), macKey)) {
     if (member.second->is_null()) {
-      changes.emplace_back([status, mac = mac] { status->macVtepTableDel(mac); });
+      changes.emplace_back([status, mac = mac] { status->macVtepTableDel(mac); }, status.get());
     } else {
       const MacVtepV2 host =
           readHost(Place(place, member.first), *member.second, mac, status->macVtepTable().find(mac));
-      settings.emplace_back([status, host] { hostIs(*status, host); });
+      settings.emplace_back([status, host] { hostIs(*status, host); }, status.get());
     }
   }
   std::move(settings.begin(), settings.end(), std::back_inserter(changes));
@@ -160,7 +160,7 @@ void planFloodLists(const Place& place, const nlohmann::json& patch, const Kel::
       planFloodListAddresses(at, objectAt(at, *member.second), list, filling);
       settings.emplace_back([status, mac = mac, list, filling] {
         for (const auto& change : filling) {
-          change();
+          change.make();
         }
         status->macVtepFloodListTableIs(mac, list);
       });
@@ -206,7 +206,7 @@ void planVni(World& world, const Place& place, const nlohmann::json& patch, Vxla
   planTables(place, patch, status, filling);
   changes.emplace_back([dir, name, status, filling] {
     for (const auto& change : filling) {
-      change();
+      change.make();
     }
     dir->entityPtrIs(name, status);
   });

@@ -1,5 +1,6 @@
 #include "agent/state/InputPatch.h"
 
+#include "Kel/Activity.h"
 #include "agent/state/PatchSections.h"
 
 namespace Agent {
@@ -45,13 +46,26 @@ InputPatch::InputPatch(World& world, const nlohmann::json& patch) {
   planController(world, Place(root, "controller"), memberOr(patch, "controller", empty), changes_);
 }
 
-bool InputPatch::step() {
+bool InputPatch::step(std::size_t hosts) {
   if (changes_.empty()) {
     return false;
   }
-  const std::function<void()> change = std::move(changes_.front());
-  changes_.pop_front();
-  change();
+  const auto makeNext = [this] {
+    const std::function<void()> make = std::move(changes_.front().make);
+    changes_.pop_front();
+    make();
+  };
+  const void* const table = changes_.front().hostsOf;
+  if (table == nullptr || hosts == 1) {
+    makeNext();
+    return true;
+  }
+  Kel::ActivityLoop::instance().asHandler([&] {
+    for (std::size_t made = 0; made < hosts && !changes_.empty() && changes_.front().hostsOf == table;
+         ++made) {
+      makeNext();
+    }
+  });
   return true;
 }
 

@@ -25,6 +25,15 @@ class Refused : public std::runtime_error {
   std::string pointer_;
 };
 
+// A change of the state database. Those of the hosts of one VNI name their table.
+struct Change {
+  explicit Change(std::function<void()> change, const void* table = nullptr)
+      : make(std::move(change)), hostsOf(table) {}
+
+  std::function<void()> make;
+  const void* hostsOf;  // only compared
+};
+
 // A JSON Merge Patch (RFC 7396) on the input document, checked whole and taken apart into single changes of
 // the state database, in the order that the document's contract gives: sections, then at every level first
 // what is removed, then what is set, keys ascending. Each change is delivered to the client before the next
@@ -37,18 +46,24 @@ class InputPatch {
   // Checks the patch against the database. Raises Refused; nothing has been changed then.
   InputPatch(World& world, const nlohmann::json& patch);
 
+  // The most hosts that are made as one handler.
+  static constexpr std::size_t hostsInHandler = 128;
+
   // Carries out the next change; false when there is none left. What a handler throws leaves through here,
   // and the change counts as made.
-  bool step();
+  bool step() { return step(1); }
+  // The same for up to `hosts` consecutive changes of the hosts of one VNI, which are made in one handler:
+  // they are delivered in their order when the last is made, and are published together. Every other change
+  // stands alone. If a change throws, those behind it are left for the next step.
+  bool step(std::size_t hosts);
   // Carries out all changes.
   void carryOut() {
     while (step()) {
     }
   }
-  std::size_t remaining() const { return changes_.size(); }
 
  private:
-  std::deque<std::function<void()>> changes_;
+  std::deque<Change> changes_;
 };
 
 }  // namespace Agent

@@ -7,12 +7,13 @@
 #include <string>
 #include <vector>
 
+#include "agent/state/InputPatch.h"
 #include "agent/state/JsonChecks.h"
 #include "agent/state/World.h"
 
 namespace Agent {
 
-using Changes = std::deque<std::function<void()>>;
+using Changes = std::deque<Change>;
 
 void planVtiStatus(World& world, const Place& place, const nlohmann::json& patch, Changes& changes);
 void planVlanVniMap(World& world, const Place& place, const nlohmann::json& patch, Changes& changes);

@@ -8,8 +8,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstdio>
 #include <ctime>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <string_view>
@@ -18,6 +20,8 @@
 
 #include "Memtab/Reader.h"
 #include "Memtab/Writer.h"
+#include "bench/Memtab/Colliding.h"
+#include "bench/Memtab/Ways.h"
 
 namespace {
 
@@ -91,6 +95,8 @@ class Private {
   void del(std::uint64_t key) { writer_.del(key); }
   std::uint64_t find(std::uint64_t key) const { return writer_.find(key)->vtep; }
   void publish() { writer_.publish(); }
+  std::size_t sweep(std::size_t atMost) { return writer_.sweep(atMost); }
+  Memtab::Reader<std::uint64_t, Host> reader() const { return Memtab::Reader<std::uint64_t, Host>(writer_); }
   double bytes() const { return 0; }
 
  private:
@@ -309,13 +315,126 @@ void addAll(const std::string& name, const std::vector<Size>& sizes) {
   enlist("longestDelete/" + name, longestDelete<Map>, {sizes.back()});
 }
 
+// Functions that the compiler neither inlines, copies nor folds, so that an instruction counter sees each.
+#ifdef __clang__
+#define MEMTAB_BENCH_APART [[gnu::noinline]]
+#else
+#define MEMTAB_BENCH_APART [[gnu::noinline, gnu::noclone, gnu::no_icf]]
+#endif
+MEMTAB_BENCH_APART void countedAdd(Private& map, std::uint64_t key, const Host& host) {
+  map.is(key, host);
+}
+MEMTAB_BENCH_APART void countedReplace(Private& map, std::uint64_t key, const Host& host) {
+  map.is(key, host);
+}
+MEMTAB_BENCH_APART void countedReplaceTime(Private& map, std::uint64_t key, const Host& host) {
+  map.is(key, host);
+}
+MEMTAB_BENCH_APART void countedDelete(Private& map, std::uint64_t key) {
+  map.del(key);
+}
+MEMTAB_BENCH_APART void countedAddAgain(Private& map, std::uint64_t key, const Host& host) {
+  map.is(key, host);
+}
+MEMTAB_BENCH_APART std::size_t countedSweep(Private& map) {
+  return map.sweep(1);
+}
+MEMTAB_BENCH_APART std::uint64_t countedFind(const Private& map, std::uint64_t key) {
+  return map.find(key);
+}
+MEMTAB_BENCH_APART std::uint64_t countedFindByReader(Memtab::Reader<std::uint64_t, Host>& reader,
+                                                     std::uint64_t key) {
+  return reader.find(key)->vtep;
+}
+
+// One call for each record, to be run under `valgrind --tool=callgrind`: instructions by function.
+int count(std::size_t records) {
+  const auto all = keys(records, 1);
+  const auto order = keys(records, 2);
+  Private map(records);
+  std::uint64_t sum = 0;
+  for (const std::uint64_t key : all) {
+    countedAdd(map, key, hostOf(key, 0));
+  }
+  map.publish();
+  for (const std::uint64_t key : order) {
+    Host host = hostOf(key, 1);
+    host.vtep += 1;
+    countedReplace(map, key, host);
+  }
+  for (const std::uint64_t key : order) {
+    Host host = hostOf(key, 2);
+    host.vtep += 1;
+    countedReplaceTime(map, key, host);
+  }
+  map.publish();
+  for (const std::uint64_t key : order) {
+    sum += countedFind(map, key);
+  }
+  auto reader = map.reader();
+  for (const std::uint64_t key : order) {
+    sum += countedFindByReader(reader, key);
+  }
+  for (const std::uint64_t key : order) {
+    countedDelete(map, key);
+  }
+  for (const std::uint64_t key : order) {
+    countedAddAgain(map, key, hostOf(key, 3));
+  }
+  for (const std::uint64_t key : order) {
+    countedDelete(map, key);
+  }
+  map.publish();
+  while (countedSweep(map) > 0) {
+  }
+  std::printf("%llu\n", static_cast<unsigned long long>(sum));
+  return 0;
+}
+
+// Prints how far a look-up goes, for keys that collide under the seed 0 and for others, with that seed and
+// with one that nobody knows.
+int printWays(std::size_t records) {
+  const auto print = [&](const char* what, const std::vector<std::uint64_t>& all, bool seeded) {
+    Memtab::Options options = Shared::options(sharedName(), all.size());
+    options.seed = seeded ? std::nullopt : std::optional<std::uint64_t>(0);
+    Memtab::Writer<std::uint64_t, Host> writer(options);
+    for (const std::uint64_t key : all) {
+      writer.is(key, hostOf(key, 0));
+    }
+    writer.publish();
+    const MemtabBench::Ways ways =
+        MemtabBench::waysIn(Memtab::Segment::forReader(sharedName(), options.schema, nullptr));
+    std::printf("%-9s keys, %-11s %7zu records: slots met by a look-up %.2f, at most %zu\n", what,
+                seeded ? "random seed" : "seed 0", ways.records, ways.mean(), ways.longest);
+    Memtab::remove(sharedName());
+  };
+  const std::size_t few = records / 16;  // what they cost grows by their square
+  print("random", keys(few, 1), false);
+  print("colliding", MemtabBench::collidingKeys(few, 20, 0), false);
+  print("random", keys(records, 1), true);
+  print("colliding", MemtabBench::collidingKeys(records, 20, 0), true);
+  return 0;
+}
+
+// Takes FLAG out of the arguments; whether it was there.
+bool take(int& argc, char** argv, std::string_view flag) {
+  char** end = std::remove_if(argv, argv + argc, [&](const char* word) { return word == flag; });
+  const bool found = end != argv + argc;
+  argc = static_cast<int>(end - argv);
+  return found;
+}
+
 }  // namespace
 
+// --tiny: the run as a test. --count: see count(), --ways: see printWays(); both instead of the benchmarks.
 int main(int argc, char** argv) {
-  char** end =
-      std::remove_if(argv, argv + argc, [](const char* word) { return std::string_view(word) == "--tiny"; });
-  const bool tiny = end != argv + argc;
-  argc = static_cast<int>(end - argv);
+  const bool tiny = take(argc, argv, "--tiny");
+  if (take(argc, argv, "--count")) {
+    return count(20'000);
+  }
+  if (take(argc, argv, "--ways")) {
+    return printWays(60'000);
+  }
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
     return 1;

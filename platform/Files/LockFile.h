@@ -24,7 +24,7 @@ class FILES_API LockHeld : public LockRefused {
 // Holds a lock for as long as it lives. The lock is on a file of its own, of mode 0600, so that no other user
 // can open it and thus none can hold it; a file of that name that belongs to a stranger is refused, not used.
 // Nothing here waits: a lock is had at once or not at all. The system lets go of it when its process ends,
-// however it ends. The file has the process's number in it, for the message to those who come second, and
+// however it ends. The file has the process's number in it, for the message to the second one, and
 // goes with the lock.
 class FILES_API LockFile {
  public:

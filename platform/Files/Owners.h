@@ -11,8 +11,8 @@
 
 namespace Files {
 
-// The users whose files a process takes for good: root, its own user, and one more where it was told so.
-// Nobody else may be able to write to such a file, so that what is in it was written by one of them.
+// The users whose files a process trusts: root, its own user, and one more where one is named. No other user
+// may be able to write to such a file, so that its content was written by one of them.
 class FILES_API Owners {
  public:
   Owners() : Owners(std::nullopt) {}

@@ -135,7 +135,7 @@ class Adoption {
   void examineCounts(const std::vector<bool>& met) const {
     const std::uint32_t counted = index_.buckets();
     const bool asCounted = heads_ == counted && !extraHead_;
-    const bool oneMore = heads_ == counted + 1 && extraHead_;
+    const bool oneMore = heads_ == counted + 1;  // each of them once: then the extra one is among them
     const bool oneLess = heads_ + 1 == counted && !lastHead_;
     if (!asCounted && !oneMore && !oneLess) {
       damaged("the list has " + std::to_string(heads_) + " bucket heads, " + std::to_string(counted) +
@@ -210,10 +210,11 @@ class Adoption {
 
   Adopted collect() {
     Adopted adopted;
+    adopted.buckets = heads_;
     adopted.freeSlots = end;
     for (std::uint32_t number = used_; number-- > 0;) {
       Format::Slot* slot = index_.slot(number);
-      if (lifeOf(number).state() == Life::Born && live(lifeOf(number))) {
+      if (live(lifeOf(number))) {
         adopted.records += 1;
       } else {
         slot->life.store(Life(Life::Free, 0, false).raw(), std::memory_order_release);

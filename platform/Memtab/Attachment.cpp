@@ -20,7 +20,7 @@ bool Attachment::renew() {
     return false;  // removed, and nothing new there yet; or only marked so, by damage
   }
   Segment found = Segment::forReader(name_, schema_, shape_ ? &*shape_ : nullptr, owners_);
-  if (!found || (segment_ && found.description().generation == segment_.description().generation)) {
+  if (!found) {
     return false;
   }
   segment_ = std::move(found);

@@ -46,7 +46,7 @@ void say(std::string_view text) {
 void onBusError(int /*signal*/, siginfo_t* info, void* /*context*/) {
   const Mapped* table = tableAt(reinterpret_cast<std::uintptr_t>(info->si_addr));
   if (table == nullptr) {
-    ::sigaction(SIGBUS, &before, nullptr);  // and again, to whom it was for
+    ::sigaction(SIGBUS, &before, nullptr);  // the access is repeated, and ends as it would have
     return;
   }
   say(programName);

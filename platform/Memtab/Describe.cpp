@@ -45,11 +45,16 @@ void checkOptions(const Options& options, Segment::Shape shape) {
   }
 }
 
-std::uint64_t newGeneration() {
+// From the system's source of randomness, so that it cannot be guessed.
+std::uint64_t randomWord() {
   std::random_device random;
+  return std::uint64_t{random()} << 32U ^ random();
+}
+
+std::uint64_t newGeneration() {
   const std::uint64_t now =
       static_cast<std::uint64_t>(std::chrono::system_clock::now().time_since_epoch().count());
-  return Format::mixed(now ^ std::uint64_t{random()} << 32U ^ random()) | 1U;
+  return Format::mixed(now ^ randomWord()) | 1U;
 }
 
 // Where everything lies follows from five figures.
@@ -115,7 +120,7 @@ Format::Description describe(const Options& options, Segment::Shape shape) {
   d.limit = static_cast<std::uint32_t>(options.limit);
   layOut(d);
   d.generation = newGeneration();
-  d.seed = options.seed;
+  d.seed = options.seed ? *options.seed : randomWord();
   d.createdAt =
       std::chrono::duration_cast<std::chrono::seconds>(std::chrono::system_clock::now().time_since_epoch())
           .count();

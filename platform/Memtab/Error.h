@@ -22,8 +22,8 @@ class MEMTAB_API Full : public Error {
   Full(const std::string& table, std::size_t limit);
 };
 
-// The table is not what any writer leaves behind. Whoever reads or writes it stops there; nothing is said of
-// the records that were met before.
+// The table is not what any writer leaves behind. The operation that finds it ends there; it says nothing
+// about the records that it met before.
 class MEMTAB_API Damaged : public Error {
  public:
   Damaged(const std::string& table, const std::string& what);

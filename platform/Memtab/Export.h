@@ -1,5 +1,5 @@
 // What of the table the shared library shows to the programs that load it.
 #pragma once
 
-// Everything else stays hidden: the steps behind reading and writing are nobody's to rely on.
+// Everything else stays hidden: no program may rely on the steps behind reading and writing.
 #define MEMTAB_API __attribute__((visibility("default")))

@@ -25,7 +25,8 @@ inline constexpr std::size_t maxKeyBytes = 256;
 inline constexpr std::size_t maxValueBytes = 4096;
 inline constexpr std::size_t maxLimit = (std::size_t{1} << 28) - 1;
 
-// Two bucket heads a record: half a chain node to pass at a lookup, for 8 bytes a record.
+// There is room for two bucket heads a record of the limit, which is one for each slot. A writer keeps one
+// for each slot in the list (see Index); how many there are is in the state, and no matter to readers.
 inline constexpr std::uint32_t bucketsPerRecord = 2;
 // Buckets share counters of removals; a lookup that finds nothing is repeated when its counter moved
 // meanwhile.
@@ -79,7 +80,7 @@ struct alignas(64) State {
   alignas(64) Word changes;  // length of the change ring, unpublished turn included
 };
 
-// What a segment begins with: who wrote it and how, then what changes.
+// The beginning of a segment: its constants, then what changes.
 struct Header {
   Description description;
   State state;

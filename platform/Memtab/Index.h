@@ -33,6 +33,7 @@ class Index {
   struct Place {
     Format::Half* link;
     std::uint32_t slot;  // end: the key has none
+    std::uint64_t hash;  // of the key
 
     bool found() const { return slot != Format::end; }
   };
@@ -46,19 +47,21 @@ class Index {
         counted_(&segment.state().buckets),
         seed_(segment.description().seed),
         room_(segment.description().buckets) {
+    usedSlots_ =
+        std::min(segment.state().usedSlots.load(std::memory_order_acquire), segment.description().slots);
     bucketsAre(std::min(segment.state().buckets.load(std::memory_order_acquire), room_));
     taken_ = buckets_;
-    usedSlotsAre(segment.state().usedSlots.load(std::memory_order_acquire));
   }
 
   std::uint32_t buckets() const { return buckets_; }
+  std::uint32_t usedSlots() const { return usedSlots_; }
   // Any slot, which the caller knows to be in use.
   Format::Slot* slot(std::uint32_t number) const { return slotAt(shape_, slots_, number); }
   // The slot that a link leads to. Raises Damaged when there is none.
   Format::Slot* linked(std::uint32_t number) const {
     if (number >= usedSlots_) {
       [[unlikely]] {
-        damaged("a link leads to slot " + std::to_string(number) + ", which is not in use");
+        notInUse("slot ", number);
       }
     }
     return slot(number);
@@ -67,47 +70,52 @@ class Index {
   const Format::Half* linkedHead(std::uint32_t bucket) const {
     if (bucket >= buckets_) {
       [[unlikely]] {
-        damaged("a link leads to bucket head " + std::to_string(bucket) + ", which is not in use");
+        notInUse("bucket head ", bucket);
       }
     }
     return &heads_[bucket];
   }
   // How many slots are in use, so that links lead to those alone.
-  void usedSlotsAre(std::uint32_t used) { usedSlots_ = used; }
-  [[noreturn]] void damaged(const std::string& what) const { throw Damaged(segment_->name(), what); }
+  void usedSlotsAre(std::uint32_t used) {
+    usedSlots_ = used;
+    mostSteps_ = std::uint64_t{usedSlots_} + buckets_ + 1;
+  }
+  // Out of line and cold, as the next one: the way that meets no damage stays short.
+  [[noreturn, gnu::cold, gnu::noinline]] void damaged(const std::string& what) const {
+    throw Damaged(segment_->name(), what);
+  }
 
   // Counts the steps of a way along the list: raises Damaged at one more than a list without a circle has.
   class Way {
    public:
-    explicit Way(const Index& index)
-        : index_(index), left_(std::uint64_t{index.usedSlots_} + index.buckets_ + 1) {}
+    explicit Way(const Index& index) : index_(index) {}
     void step() {
-      if (left_-- == 0) {
+      if (++steps_ > index_.mostSteps_) {
         [[unlikely]] {
-          index_.damaged("the links run in a circle");
+          index_.circle();
         }
       }
     }
 
    private:
     const Index& index_;
-    std::uint64_t left_;
+    std::uint64_t steps_ = 0;
   };
   std::uint64_t hash(const std::byte* key) const { return hashOf(shape_, key, seed_); }
   std::uint64_t hash(const Format::Slot* slot) const { return hashIn(shape_, slot, seed_); }
 
-  Place locate(const std::byte* key) const {
+  [[gnu::always_inline]] Place locate(const std::byte* key) const {
     const std::uint64_t wanted = hash(key);
     Format::Half* link = &heads_[bucketOf(wanted)];
     for (Way way(*this);; way.step()) {
       const std::uint32_t to = load(link);
       if ((to & Format::bucketBit) != 0) {
-        return {link, Format::end};
+        return {link, Format::end, wanted};
       }
       Format::Slot* at = linked(to);
       const int relation = compareTo(shape_, at, wanted, key, seed_);
       if (relation >= 0) {
-        return {link, relation == 0 ? to : Format::end};
+        return {link, relation == 0 ? to : Format::end, wanted};
       }
       link = &at->next;
     }
@@ -143,14 +151,16 @@ class Index {
     bump(bucket);
   }
 
-  // Keeps the number of heads right for RECORDS, a few heads at a time: the work of a call does not depend
-  // on the size.
-  void fit(std::size_t records) {
-    const std::uint64_t wanted =
-        std::min<std::uint64_t>(std::uint64_t{records} * Format::bucketsPerRecord, room_);
-    if (buckets_ + headsAtOnce <= wanted || (buckets_ < wanted && buckets_ < headsAtOnce)) {
-      grow(static_cast<std::uint32_t>(std::min<std::uint64_t>(wanted - buckets_, headsAtOnce)));
-    } else if (buckets_ > 2 * wanted + leastBuckets) {
+  // Keep the number of heads right for SLOTS in the list, one head a slot, a few heads at a time: the work
+  // of a call does not depend on the size. The first is called when there is one more, the other when there
+  // is one less.
+  void growFor(std::uint64_t slots) {
+    if (slots >= growAt_) {
+      grow(static_cast<std::uint32_t>(std::min<std::uint64_t>(slots - buckets_, headsAtOnce)));
+    }
+  }
+  void shrinkFor(std::uint64_t slots) {
+    if (slots < shrinkBelow_) {
       shrink(headsAtOnce);
     }
   }
@@ -160,6 +170,10 @@ class Index {
   void bucketsAre(std::uint32_t buckets) {
     buckets_ = buckets;
     mask_ = Format::maskOf(buckets);
+    mostSteps_ = std::uint64_t{usedSlots_} + buckets_ + 1;
+    const std::uint64_t next = std::uint64_t{buckets} + (buckets < headsAtOnce ? 1 : headsAtOnce);
+    growAt_ = next <= room_ ? next : std::uint64_t{Format::end};
+    shrinkBelow_ = buckets > leastBuckets ? (buckets - leastBuckets + 1) / 2 : 0;
   }
 
  private:
@@ -168,6 +182,11 @@ class Index {
   static constexpr std::uint32_t headsTaken = 16384;
 
   static std::uint32_t load(const Format::Half* link) { return link->load(std::memory_order_relaxed); }
+
+  [[noreturn, gnu::cold, gnu::noinline]] void notInUse(const char* what, std::uint32_t number) const {
+    damaged("a link leads to " + std::string(what) + std::to_string(number) + ", which is not in use");
+  }
+  [[noreturn, gnu::cold, gnu::noinline]] void circle() const { damaged("the links run in a circle"); }
 
   std::uint32_t bucketOf(std::uint64_t hash) const { return Format::bucketOf(hash, buckets_, mask_); }
 
@@ -269,6 +288,9 @@ class Index {
   std::uint32_t buckets_ = 1;
   std::uint32_t mask_ = 0;
   std::uint32_t usedSlots_ = 0;
+  std::uint64_t mostSteps_ = 0;    // of a way along the list that is not a circle
+  std::uint64_t growAt_ = 0;       // slots in the list for which there are too few heads
+  std::uint64_t shrinkBelow_ = 0;  // and for fewer than which there are too many
 };
 
 }  // namespace Memtab

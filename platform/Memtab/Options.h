@@ -41,9 +41,10 @@ struct Options {
   // chooses a sixteenth of the limit, between 1,024 and 65,536.
   std::size_t changes = 0;
 
-  // Salt of the key order. The same seed gives the same walk order everywhere; choose a random one where
-  // strangers choose the keys.
-  std::uint64_t seed = 0;
+  // Salt of the hash, and so of the walk order. Nothing: a table that is made draws a random one, so that
+  // strangers who choose the keys cannot make them collide. A number: the same walk order everywhere, for
+  // runs that are to be repeated. An adopted table keeps the seed that it was made with.
+  std::optional<std::uint64_t> seed = {};
 };
 
 }  // namespace Memtab

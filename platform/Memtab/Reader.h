@@ -17,18 +17,17 @@
 
 namespace Memtab {
 
-// A reader of a table that a Writer of another process fills. It takes no lock, writes nothing, and waits
-// for nobody: neither a writer that was stopped in the middle of a record nor its death is in its way.
+// A reader of a table that a Writer of another process fills. It takes no lock, writes nothing, and never
+// waits: neither for a writer that was stopped in the middle of a record nor for one that died there.
 //
 // What it sees is what the writer has published, each record whole. It holds on to a name: before there is a
 // table under it the reader is empty, and when the table is removed and made again it goes over to the new
 // one by itself; at once if it was removed by Memtab::remove(), else within 256 lookups or at the next walk
 // or follow. Growth needs nothing. Each thread uses its own.
 //
-// Names in shared memory are anybody's. A table is read only if it belongs to root, to the own user, or to
-// the one more user that the reader is told of, and nobody else may write to it: what is in it was then
-// written by one of them. The owner could still truncate it, which the system answers with SIGBUS (see
-// BusError.h).
+// Any user can take a name in shared memory. A table is read only if it belongs to root, to the own user, or
+// to the one more user that the reader names, and no other user may write to it: its content was then written
+// by one of them. The owner could still truncate it, which the system answers with SIGBUS (see BusError.h).
 //
 // No damage in a table leads a reader outside of it or keeps it busy for more than moments: the operation
 // that meets it raises Damaged, which names the slot where there is one. The reader remains fit for use,
@@ -101,15 +100,15 @@ class Reader {
 
   // What has changed since POSITION: calls visit(key, value) for each record added or replaced, with its
   // present value, and visit(key, std::nullopt) for each deleted; the value is a std::optional<Value>. A key
-  // that changed several times is told with its last state, perhaps more than once. See Followed for when
-  // everything is told instead.
+  // that changed several times comes with its last state, perhaps more than once. See Followed for when every
+  // record comes instead.
   template <class Visit>
   Followed follow(Position& position, const Visit& visit) {
     return follow(position, visit, [] {});
   }
 
-  // The same, and calls begin() before everything is told: what was known before, also of this call, counts
-  // no longer.
+  // The same, and calls begin() before every record comes: what is known from before, also from this call, is
+  // void then.
   template <class Visit, class Begin>
   Followed follow(Position& position, const Visit& visit, const Begin& begin) {
     Words<Key> key;

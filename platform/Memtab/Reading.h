@@ -47,7 +47,7 @@ class Reading {
   }
 
   // Calls visit(true) for a record in KEY and VALUE, visit(false) for the KEY of a record that is gone;
-  // begin() before everything is told.
+  // begin() before every record comes.
   template <class Visit, class Begin>
   Followed follow(Position& position, std::uint64_t* key, std::uint64_t* value, const Visit& visit,
                   const Begin& begin) {

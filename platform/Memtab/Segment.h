@@ -35,13 +35,13 @@ class MEMTAB_API Segment {
   Segment& operator=(const Segment&) = delete;
   ~Segment();
 
-  // Opens the table of OPTIONS for its writer, who has the lock, or makes it. Raises Error when it belongs
-  // to somebody whose table is not adopted, may be written to by others, or was made for another schema or
+  // Opens the table of OPTIONS for its writer, which has the lock, or makes it. Raises Error when it belongs
+  // to a user whose table is not adopted, may be written to by others, or was made for another schema or
   // shape; Damaged when it is damaged or of another format. It is unchanged then.
   static Segment forWriter(const Options& options, Shape shape);
 
-  // Makes an empty table that takes the place of the one of OPTIONS when it is told to: until then it is
-  // there under another name (see successorOf), and readers do not find it. Raises Error when it cannot be
+  // Makes an empty table that takes the place of the one of OPTIONS by takePlaceOf(): until then it is there
+  // under another name (see successorOf), and readers do not find it. Raises Error when it cannot be
   // made.
   static Segment successor(const Options& options, Shape shape);
   // Gives a successor its name NAME. What was there stays as damagedOf(NAME), and its readers come over.
@@ -59,7 +59,7 @@ class MEMTAB_API Segment {
   // Whether the name leads elsewhere by now, or nowhere.
   bool elsewhere() const;
 
-  // Checked, and a copy: what happens to the segment later leads nobody out of it.
+  // A copy that was checked: a later change of the segment leads no reader or writer outside of it.
   const Format::Description& description() const { return description_; }
   Format::Header& header() const { return *reinterpret_cast<Format::Header*>(base_); }
   Format::State& state() const { return header().state; }

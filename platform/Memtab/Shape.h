@@ -120,8 +120,8 @@ const Format::Slot* slotAt(const Shape& shape, const std::byte* slots, std::uint
 // Less than, equal to or more than 0 as the key in SLOT stands before, at or behind KEY of HASH in the order
 // of the list: by hash, then by words.
 template <class Shape>
-int compareTo(const Shape& shape, const Format::Slot* slot, std::uint64_t hash, const std::byte* key,
-              std::uint64_t seed) {
+[[gnu::always_inline]] inline int compareTo(const Shape& shape, const Format::Slot* slot, std::uint64_t hash,
+                                            const std::byte* key, std::uint64_t seed) {
   const Format::Word* words = Format::wordsOf(slot);
   int tie = 0;
   for (std::size_t i = 0; i < shape.keyWords(); ++i) {

@@ -8,6 +8,7 @@
 
 #include "Memtab/Adoption.h"
 #include "Memtab/Error.h"
+#include "Memtab/Export.h"
 #include "Memtab/Index.h"
 #include "Memtab/Segment.h"
 #include "Memtab/SlotQueue.h"
@@ -46,7 +47,7 @@ class Table {
   const Format::Slot* next(const std::byte* key) const {
     const auto place = index_.locate(key);
     const Format::Slot* next = nextFrom(place.found() ? &index_.slot(place.slot)->next : place.link);
-    if (next != nullptr && compareTo(shape_, next, index_.hash(key), key, segment_.description().seed) <= 0) {
+    if (next != nullptr && compareTo(shape_, next, place.hash, key, segment_.description().seed) <= 0) {
       index_.damaged("the list is out of order");  // a walk from key to key might not end
     }
     return next;
@@ -78,9 +79,13 @@ class Table {
   void fill(Format::Slot* slot, const std::byte* key, const std::byte* value);
   void note(const std::byte* key);
   void checkRoom() const;
+  [[noreturn, gnu::cold, gnu::noinline]] void full() const;
+  [[noreturn, gnu::cold, gnu::noinline]] void notFree(std::uint32_t number) const;
   void countDown(std::size_t& count);
   std::uint32_t freeSlot();
   std::uint32_t freshSlot();
+  [[gnu::cold, gnu::noinline]] void takeSlots();
+  void sweepSome();
   void sweepUntilFree();
   bool sweepOne();
   const Format::Slot* nextFrom(const Format::Half* link) const;
@@ -98,12 +103,11 @@ class Table {
   std::uint64_t changes_ = 0;           // as in State
   std::uint64_t publishedChanges_ = 0;  // as in State
   std::uint32_t freeSlots_ = Format::end;
-  std::uint32_t used_ = 0;   // as in State
   std::uint32_t taken_ = 0;  // slots that have memory
 };
 
-// Number of this process, for those who look at the table.
-std::uint32_t ownPid();
+// Number of this process, for tools that show the table.
+MEMTAB_API std::uint32_t ownPid();
 
 template <class Shape>
 Table<Shape>::Table(Segment segment, Shape shape)
@@ -118,10 +122,9 @@ Table<Shape>::Table(Segment segment, Shape shape)
     const Adopted adopted = adopt(segment_);
     size_ = linked_ = adopted.records;
     freeSlots_ = adopted.freeSlots;
-    index_.bucketsAre(state.buckets.load(std::memory_order_relaxed));
+    index_.bucketsAre(adopted.buckets);
     changes_ = state.changes.load(std::memory_order_relaxed);
-    used_ = taken_ = state.usedSlots.load(std::memory_order_relaxed);
-    index_.usedSlotsAre(used_);
+    taken_ = index_.usedSlots();
     turn_ = state.published.load(std::memory_order_relaxed) + 1;
   }
   state.retired.store(0, std::memory_order_release);
@@ -132,11 +135,8 @@ Table<Shape>::Table(Segment segment, Shape shape)
 
 template <class Shape>
 void Table<Shape>::is(const std::byte* key, const std::byte* value) {
-  sweep(sweptPerChange);
-  if (used_ == segment_.description().slots && freeSlots_ == Format::end) {
-    [[unlikely]] {
-      sweepUntilFree();
-    }
+  if (!queue_.empty()) {
+    sweepSome();
   }
   const auto place = index_.locate(key);
   if (!place.found()) {
@@ -149,8 +149,8 @@ void Table<Shape>::is(const std::byte* key, const std::byte* value) {
 }
 
 template <class Shape>
-void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::byte* key,
-                          const std::byte* value) {
+[[gnu::always_inline]] inline void Table<Shape>::insert(const typename Index<Shape>::Place& place,
+                                                        const std::byte* key, const std::byte* value) {
   checkRoom();
   const std::uint32_t number = freeSlot();
   note(key);
@@ -159,7 +159,7 @@ void Table<Shape>::insert(const typename Index<Shape>::Place& place, const std::
   index_.link(place, number);
   size_ += 1;
   linked_ += 1;
-  index_.fit(linked_);
+  index_.growFor(linked_);
 }
 
 // A key that left and comes back before its slot was swept. Within one turn it never left for a reader.
@@ -233,7 +233,8 @@ void Table<Shape>::fill(Format::Slot* slot, const std::byte* key, const std::byt
   slot->seq.store(seq + 2, std::memory_order_release);
 }
 
-// Remembers KEY for followers, before it changes: whoever dies in between has told too much, not too little.
+// Remembers KEY for followers, before it changes: a writer that dies in between leaves one change too many in
+// the ring, not one too few.
 template <class Shape>
 void Table<Shape>::note(const std::byte* key) {
   storeWords(ring_ + (changes_ & ringMask_) * shape_.keyWords(), key, shape_.keyWords());
@@ -243,7 +244,9 @@ void Table<Shape>::note(const std::byte* key) {
 
 template <class Shape>
 bool Table<Shape>::del(const std::byte* key) {
-  sweep(sweptPerChange);
+  if (!queue_.empty()) {
+    sweep(sweptPerChange);
+  }
   const auto place = index_.locate(key);
   if (!place.found() || !born(place.slot)) {
     return false;
@@ -290,7 +293,7 @@ bool Table<Shape>::sweepOne() {
   } else if (life.turn() < turn_) {
     index_.unlink(number);
     countDown(linked_);
-    index_.fit(linked_);
+    index_.shrinkFor(linked_);
     lifeIs(number, Life(Life::Free, 0, false));
     index_.slot(number)->next.store(freeSlots_, std::memory_order_release);
     freeSlots_ = number;
@@ -304,12 +307,19 @@ bool Table<Shape>::sweepOne() {
 template <class Shape>
 void Table<Shape>::checkRoom() const {
   if (size_ >= segment_.description().limit) {
-    throw Full(segment_.name(), segment_.description().limit);
+    [[unlikely]] {
+      full();
+    }
   }
 }
 
 template <class Shape>
-std::uint32_t Table<Shape>::freeSlot() {
+void Table<Shape>::full() const {
+  throw Full(segment_.name(), segment_.description().limit);
+}
+
+template <class Shape>
+[[gnu::always_inline]] inline std::uint32_t Table<Shape>::freeSlot() {
   if (freeSlots_ == Format::end) {
     return freshSlot();
   }
@@ -317,11 +327,16 @@ std::uint32_t Table<Shape>::freeSlot() {
   const Format::Slot* slot = index_.linked(number);
   if (lifeOf(number).state() != Life::Free) {
     [[unlikely]] {
-      index_.damaged("slot " + std::to_string(number) + " is among the free ones and is not free");
+      notFree(number);
     }
   }
   freeSlots_ = slot->next.load(std::memory_order_relaxed);
   return number;
+}
+
+template <class Shape>
+void Table<Shape>::notFree(std::uint32_t number) const {
+  index_.damaged("slot " + std::to_string(number) + " is among the free ones and is not free");
 }
 
 // More can only go than are there where a slot has changed behind the writer's back.
@@ -333,6 +348,15 @@ void Table<Shape>::countDown(std::size_t& count) {
     }
   }
   count -= 1;
+}
+
+// What a change owes to those before it; and the slot that it may need.
+template <class Shape>
+void Table<Shape>::sweepSome() {
+  sweep(sweptPerChange);
+  if (index_.usedSlots() == segment_.description().slots && freeSlots_ == Format::end) {
+    sweepUntilFree();
+  }
 }
 
 // All slots are linked. If the table is not full, one of those that wait can be swept: at most the limit
@@ -348,22 +372,29 @@ void Table<Shape>::sweepUntilFree() {
 }
 
 template <class Shape>
-std::uint32_t Table<Shape>::freshSlot() {
-  if (used_ == segment_.description().slots) {
+[[gnu::always_inline]] inline std::uint32_t Table<Shape>::freshSlot() {
+  const std::uint32_t fresh = index_.usedSlots();
+  if (fresh == taken_) {
     [[unlikely]] {
-      index_.damaged("no slot is free and none can be swept");
+      takeSlots();
     }
   }
-  if (used_ == taken_) {
-    const auto more = static_cast<std::uint32_t>(std::min<std::uint64_t>(
-        std::max<std::uint64_t>(bytesAtOnce / shape_.slotBytes(), 1), segment_.description().slots - used_));
-    segment_.take(segment_.description().slotsAt + std::uint64_t{used_} * shape_.slotBytes(),
-                  std::uint64_t{more} * shape_.slotBytes());
-    taken_ = used_ + more;
+  segment_.state().usedSlots.store(fresh + 1, std::memory_order_release);
+  index_.usedSlotsAre(fresh + 1);
+  return fresh;
+}
+
+template <class Shape>
+void Table<Shape>::takeSlots() {
+  const Format::Description& table = segment_.description();
+  if (taken_ == table.slots) {
+    index_.damaged("no slot is free and none can be swept");
   }
-  segment_.state().usedSlots.store(used_ + 1, std::memory_order_release);
-  index_.usedSlotsAre(used_ + 1);
-  return used_++;
+  const auto more = static_cast<std::uint32_t>(std::min<std::uint64_t>(
+      std::max<std::uint64_t>(bytesAtOnce / shape_.slotBytes(), 1), table.slots - taken_));
+  segment_.take(table.slotsAt + std::uint64_t{taken_} * shape_.slotBytes(),
+                std::uint64_t{more} * shape_.slotBytes());
+  taken_ += more;
 }
 
 template <class Shape>

@@ -37,7 +37,7 @@ class Reader;
 //
 // The writer holds a lock for as long as it lives, on a file of mode 0600 beside the table (see lockOf), so
 // that no other user can take it. It adopts only what belongs to root, to the own user, or to
-// `Options::owner`, and what nobody else may write to.
+// `Options::owner`, and what no other user may write to.
 //
 // No damage in the table, found at the start or met later, leads the writer outside of it or keeps it busy
 // for ever: the operation raises Damaged. With `Options::replaceDamaged` it does not, but the writer begins
@@ -153,7 +153,7 @@ class Writer {
     }
   }
 
-  // An empty table in place of a damaged one; one without a name has no readers and nobody to wait for.
+  // An empty table in place of a damaged one; one without a name has no readers, and takes its place at once.
   std::unique_ptr<Content> begun(const Damaged& damaged) const {
     auto table = std::make_unique<Content>(options_.name.empty() ? Segment::forWriter(options_, recordShape)
                                                                  : Segment::successor(options_, recordShape),

@@ -127,15 +127,15 @@ bool isWhole(const BlockImage& block, std::size_t index, std::size_t blocks) {
          (header.monotonic == Format::noTime || (header.monotonic >= 0 && header.monotonic < maxNanoseconds));
 }
 
-// The blocks of a ring that can be read, oldest first, as one run: where a block began anew while the ring
-// was read, what is newer than that block was not there yet at the first reading, or was seen by chance.
+// The blocks of a ring that can be read, oldest first, as one run: where a block was begun again while the
+// ring was read, what is newer than that block was not there yet at the first reading, or was seen by chance.
 std::vector<BlockImage> blocksOf(const RingImage& ring, TraceInfo& info) {
   std::vector<BlockImage> result;
-  const std::size_t blocks = ring.first.size() / Format::blockBytes;
+  const std::size_t blocks = ring.first.size() / ring.blockBytes;
   std::vector<bool> isMoving(blocks, false);
   for (std::size_t i = 0; i < blocks; ++i) {
     const auto part = [&](const std::vector<std::byte>& image) {
-      return std::span(image).subspan(i * Format::blockBytes, Format::blockBytes);
+      return std::span(image).subspan(i * ring.blockBytes, ring.blockBytes);
     };
     BlockImage block{part(ring.first), part(ring.second), part(ring.third), {}};
     block.header = valueAt<Format::BlockHeader>(block.second, 0);
@@ -143,7 +143,7 @@ std::vector<BlockImage> blocksOf(const RingImage& ring, TraceInfo& info) {
     isMoving[i] = valueAt<std::uint64_t>(block.first, 0) != sequence ||
                   valueAt<std::uint64_t>(block.third, 0) != sequence;
     if (sequence == 0 || isMoving[i]) {
-      continue;  // not begun, or begun anew just now
+      continue;  // not begun, or begun again just now
     }
     if (isWhole(block, i, blocks)) {
       result.push_back(block);
@@ -180,7 +180,7 @@ bool decodeRecord(const BlockImage& block, std::size_t offset, std::uint64_t wor
     }
   }
   next = offset + recordBytes(cursor.offset());
-  return !cursor.failed() && next <= Format::blockBytes;
+  return !cursor.failed() && next <= block.second.size();
 }
 
 // What is behind the last record of a block: nothing, records that came while it was read, a record that was
@@ -191,7 +191,7 @@ enum class End { Clean, Growing, Torn, Damaged };
 End decodeBlock(const BlockImage& block, unsigned level, const std::vector<Place>& places,
                 std::vector<Record>& records) {
   std::size_t offset = sizeof(Format::BlockHeader);
-  while (offset < Format::blockBytes) {
+  while (offset < block.first.size()) {
     const auto word = valueAt<std::uint64_t>(block.first, offset);
     if (word == 0) {
       break;
@@ -213,6 +213,13 @@ End decodeBlock(const BlockImage& block, unsigned level, const std::vector<Place
              : End::Torn;
 }
 
+bool blocksAreSound(const Format::Header& header) {
+  const bool small = header.blockBytes == Format::smallBlockBytes;
+  return small ||
+         (header.version != Format::smallBlocksVersion && header.blockBytes % Format::smallBlockBytes == 0 &&
+          header.blockBytes > Format::smallBlockBytes && header.blockBytes <= Format::mostBlockBytes);
+}
+
 }  // namespace
 
 Format::Header readHeader(const Source& source) {
@@ -229,15 +236,17 @@ Format::Header readHeader(const Source& source) {
   if (header.byteOrder == __builtin_bswap32(Format::byteOrder)) {
     throw TraceError("written on a machine of the other byte order");
   }
-  if (header.version != Format::version && header.byteOrder == Format::byteOrder) {
-    throw TraceError("of format version " + std::to_string(header.version) + "; this program reads version " +
+  const bool known = header.version == Format::version || header.version == Format::smallBlocksVersion;
+  if (!known && header.byteOrder == Format::byteOrder) {
+    throw TraceError("of format version " + std::to_string(header.version) +
+                     "; this program reads versions " + std::to_string(Format::smallBlocksVersion) + " and " +
                      std::to_string(Format::version));
   }
-  const std::uint64_t ringBytes = std::uint64_t{header.blocksPerRing} * Format::blockBytes;
+  const std::uint64_t ringBytes = std::uint64_t{header.blocksPerRing} * header.blockBytes;
   const bool sound =
       header.checksum == Format::checksum(&header, offsetof(Format::Header, checksum)) &&
       header.byteOrder == Format::byteOrder && header.headerBytes == Format::headerBytes &&
-      header.blockBytes == Format::blockBytes && header.levels >= 1 && header.levels <= Format::maxLevels &&
+      blocksAreSound(header) && header.levels >= 1 && header.levels <= Format::maxLevels &&
       header.blocksPerRing >= 2 && ringBytes <= Format::maxRingKiB * 1024 &&
       header.sitesBytes <= Format::maxSiteKiB * 1024 && header.sitesUsed <= header.sitesBytes &&
       header.fileBytes == Format::headerBytes + header.sitesBytes + header.levels * ringBytes &&
@@ -277,9 +286,9 @@ std::vector<Place> readPlaces(const Source& source, const Format::Header& header
 }
 
 RingImage readRing(const Source& source, const Format::Header& header, unsigned level) {
-  const std::size_t size = std::size_t{header.blocksPerRing} * Format::blockBytes;
+  const std::size_t size = std::size_t{header.blocksPerRing} * header.blockBytes;
   const std::uint64_t offset = Format::headerBytes + header.sitesBytes + level * std::uint64_t{size};
-  RingImage ring;
+  RingImage ring{header.blockBytes, {}, {}, {}};
   for (std::vector<std::byte>* image : {&ring.first, &ring.second, &ring.third}) {
     image->resize(size);
     source.read(offset, *image);

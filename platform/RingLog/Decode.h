@@ -24,6 +24,7 @@ std::vector<Place> readPlaces(const Source& source, const Format::Header& header
 // stands for a whole record, as that word is stored last; so the second has all its bytes, and the third
 // shows whether the block was overwritten meanwhile.
 struct RingImage {
+  std::size_t blockBytes;
   std::vector<std::byte> first;
   std::vector<std::byte> second;
   std::vector<std::byte> third;

@@ -21,7 +21,7 @@ namespace RingLog::detail {
 namespace {
 
 constexpr std::size_t mostFiles = 64;   // that are looked for
-constexpr std::time_t surelyMade = 60;  // seconds that nobody takes to make a file
+constexpr std::time_t surelyMade = 60;  // seconds; no process takes that long to make a file
 
 std::string numbered(const std::string& path, std::size_t number) {
   return number == 0 ? path : path + "." + std::to_string(number);
@@ -30,7 +30,7 @@ std::string numbered(const std::string& path, std::size_t number) {
 // A file as it is found beside the new one.
 struct Found {
   bool isFile = false;
-  bool living = false;  // a process writes to it, or nobody can tell
+  bool living = false;  // a process writes to it, or that is not known
   bool closed = false;  // in good order
   std::time_t changed = 0;
 };

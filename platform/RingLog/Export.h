@@ -1,5 +1,5 @@
 // What of the trace the shared library shows to the programs that load it.
 #pragma once
 
-// Everything else stays hidden: the steps in which a trace is made and read are nobody's to rely on.
+// Everything else stays hidden: no program may rely on the steps in which a trace is made and read.
 #define RINGLOG_API __attribute__((visibility("default")))

@@ -8,18 +8,32 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 
 namespace RingLog::Format {
 
 inline constexpr std::array<char, 8> magic{'R', 'I', 'N', 'G', 'L', 'O', 'G', '\n'};
-inline constexpr std::uint32_t version = 1;
+// Version 1 has small blocks only; from version 2 on the header says how large they are. A trace of small
+// blocks is written as version 1, which every reader knows.
+inline constexpr std::uint32_t version = 2;
+inline constexpr std::uint32_t smallBlocksVersion = 1;
 inline constexpr std::uint32_t byteOrder = 0x01020304;
 
 // A ring is a circle of blocks, and a record never crosses the end of its block. The price is what lies
 // unused behind the last record of a block, and that the oldest block is given up as a whole; what is bought
 // is that a reader finds its way after any wrap, that damage stays within its block, and that the writer
-// tests for "no room" once.
-inline constexpr std::size_t blockBytes = 1024;
+// tests for "no room" once. The turn of a large block costs little more than that of a small one, so a ring
+// has blocks of up to four KiB, as long as they fill it exactly and the oldest is at most an eighth of it.
+inline constexpr std::size_t smallBlockBytes = 1024;
+inline constexpr std::size_t mostBlockBytes = 65536;  // that a reader takes
+constexpr std::size_t blockBytesFor(std::size_t ringKiB) {
+  for (const std::size_t blockKiB : {std::size_t{4}, std::size_t{3}, std::size_t{2}}) {
+    if (ringKiB % blockKiB == 0 && ringKiB / blockKiB >= 8) {
+      return blockKiB * 1024;
+    }
+  }
+  return smallBlockBytes;
+}
 
 // What a record begins with: the number of its site in the upper 16 bits, and below them the ticks since the
 // base of its block. Zero is no record: a site's number is never 0.
@@ -84,7 +98,7 @@ struct BlockHeader {
 };
 static_assert(sizeof(BlockHeader) == 32);
 inline constexpr std::int64_t noTime = -1;  // the ring has another block that is hardly older and has it
-inline constexpr std::size_t maxRecordBytes = blockBytes - sizeof(BlockHeader);
+inline constexpr std::size_t maxRecordBytes = smallBlockBytes - sizeof(BlockHeader);
 
 // FNV-1a over eight bytes at a time. It finds damage, it does not resist malice.
 // bytes: any length; a rest of less than eight bytes counts as padded with zeros.

@@ -40,7 +40,7 @@ std::byte* map(int fd, int flags, std::size_t size, const std::string& what) {
   return static_cast<std::byte*>(data);
 }
 
-// Makes the file anew; a leftover of the same name, from a process with this number that died here, goes.
+// Makes the file; removes a leftover of the same name, from a process with this number that died here.
 int create(const std::string& path) {
   constexpr int flags = O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
   int fd = ::open(path.c_str(), flags, 0640);

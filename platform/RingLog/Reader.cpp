@@ -47,7 +47,7 @@ class TraceReader {
     info.opened = header.openedRealtime;
     info.closed = header.closed == 1;
     info.levels = header.levels;
-    info.ringBytes = std::size_t{header.blocksPerRing} * Format::blockBytes;
+    info.ringBytes = std::size_t{header.blocksPerRing} * header.blockBytes;
     info.droppedRecords = header.droppedRecords;
     info.droppedSites = header.droppedSites;
     return info;

@@ -36,8 +36,8 @@ struct Options {
 
 namespace detail {
 
-// Where a level's next record goes: the private side of the ring, so that nobody who writes to the file can
-// lead the writer astray. What is in the file itself is set up by turn().
+// Where a level's next record goes: the private side of the ring, so that no other process that writes to the
+// file can mislead the writer. What is in the file itself is set up by turn().
 struct Ring {
   std::byte* cursor = nullptr;  // the next record
   std::byte* limit = nullptr;   // the end of the block
@@ -184,14 +184,16 @@ class RINGLOG_API Log {
   // value and nothing comes back, so that the fast path keeps its values in registers without saving any.
   template <class... Pieces>
   [[gnu::noinline, gnu::cold]] void recordSlowly(Site& site, detail::Passed<Pieces>... pieces) noexcept {
+    bool fits = false;
     if (site.log_ != id_) {
       const Kind kinds[] = {detail::kindOfPiece<Pieces>..., Kind{}};
       const char* const literals[] = {detail::literal(pieces)..., nullptr};
       if (!adopt(site, {sizeof...(Pieces), kinds, literals})) {
         return;
       }
+      fits = put(site, detail::storedOf(pieces)...);
     }
-    if (!put(site, detail::storedOf(pieces)...)) {
+    if (!fits) {
       site.ring_->turn();
       if (!put(site, detail::storedOf(pieces)...)) {
         drop();  // the tick counter jumped back between the two

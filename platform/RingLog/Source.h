@@ -29,7 +29,7 @@ class ImageSource final : public Source {
   std::span<const std::byte> image_;
 };
 
-// A file, read and not mapped: whoever truncates it meanwhile causes an error here and no fault.
+// A file, read and not mapped: if it is truncated meanwhile, that is an error here and no fault.
 class FileSource final : public Source {
  public:
   // Raises std::system_error.

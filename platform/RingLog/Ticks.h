@@ -22,7 +22,7 @@ inline std::int64_t nanoseconds(clockid_t clock) {
 
 [[gnu::always_inline]] inline Ticks ticks() {
 #if defined(__x86_64__) && !defined(RINGLOG_PORTABLE_TICKS)
-  Ticks now;  // the two halves apart, as the instruction gives them: joining them is left to who needs it
+  Ticks now;  // the two halves apart, as the instruction gives them: the caller joins them where it needs to
   asm volatile("rdtsc" : "=a"(now.low), "=d"(now.high));
   return now;
 #else

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <functional>
 #include <memory>
+#include <vector>
 
 #include "Hosts.h"
 #include "Memtab/Describe.h"
@@ -154,6 +155,15 @@ TEST_F(Adoption, RefusesAnotherRecordSize) {
   EXPECT_EQ(errorOf([&] { Reader<Key, std::uint32_t> reader(name_.text(), schema); }), what);
 }
 
+// Its layout is not known, so nothing is written to it.
+TEST_F(Adoption, ATableOfAnotherFormatIsRemovedWithoutAMarkForItsReaders) {
+  const Bytes bytes(name_);
+  bytes.description().version = 2;
+  const std::string before = bytes.all();
+  EXPECT_TRUE(Memtab::remove(name_.text()));
+  EXPECT_EQ(bytes.all(), before);
+}
+
 TEST_F(Adoption, RefusesADamagedHeader) {
   expectRefusal([](Bytes& bytes) { bytes.description().slotsAt += 64; },
                 "damaged: the checksum of its header is wrong");
@@ -202,11 +212,82 @@ TEST_F(Adoption, RefusesCountsThatCannotBe) {
         bytes.header().state.buckets = 0;
       },
       "damaged: 0 bucket heads are said to be in use, there is room for 200", false);
+  expectRefusal([](Bytes& bytes) { bytes.header().state.buckets = 201; },
+                "damaged: 201 bucket heads are said to be in use, there is room for 200", false);
+}
+
+TEST_F(Adoption, RefusesChangesThatCannotBe) {
+  expectRefusal([](Bytes& bytes) { bytes.header().state.publishedChanges = 6; },
+                "damaged: turn 2 with 6 of 5 changes cannot be", false);
+  const std::uint64_t most = std::uint64_t{1} << 56U;
+  expectRefusal(
+      [&](Bytes& bytes) {
+        bytes.header().state.publishedChanges = 5;
+        bytes.header().state.changes = most + 1;
+      },
+      "damaged: turn 2 with 5 of " + std::to_string(most + 1) + " changes cannot be", false);
 }
 
 TEST_F(Adoption, RefusesALostRecord) {
   expectRefusal([](Bytes& bytes) { *bytes.at<Format::Half>(bytes.description().headsAt) = Format::end; },
-                "damaged: the list has 1 bucket heads, 8 are in use", false);
+                "damaged: the list has 1 bucket heads, 5 are in use", false);
+}
+
+// The link that leads to TO, of a bucket head or of a slot.
+Format::Half& linkTo(const Bytes& bytes, std::uint32_t to) {
+  auto* heads = bytes.at<Format::Half>(bytes.description().headsAt);
+  for (std::uint32_t head = 0; head < 5; ++head) {
+    if (heads[head] == to) {
+      return heads[head];
+    }
+  }
+  std::uint64_t number = 0;
+  while (bytes.slot(number)->next != to) {
+    ++number;
+  }
+  return bytes.slot(number)->next;
+}
+
+// Takes a bucket head out of the list.
+void skipHead(const Bytes& bytes, std::uint32_t head) {
+  linkTo(bytes, Format::bucketBit | head) = bytes.at<Format::Half>(bytes.description().headsAt)[head].load();
+}
+
+TEST_F(Adoption, RefusesARecordThatTheListPassesBy) {
+  expectRefusal([](Bytes& bytes) { linkTo(bytes, 3) = bytes.slot(3)->next.load(); },
+                "damaged: the record in slot 3 is not in the list", false);
+}
+
+TEST_F(Adoption, RefusesALinkToAHeadOrASlotThatIsNotInUse) {
+  expectRefusal(
+      [](Bytes& bytes) { *bytes.at<Format::Half>(bytes.description().headsAt) = Format::bucketBit | 50U; },
+      "damaged: the list leads to bucket head 50, which is not in use", false);
+  expectRefusal([](Bytes& bytes) { *bytes.at<Format::Half>(bytes.description().headsAt) = 5; },
+                "damaged: the list leads to slot 5, which is not in use", false);
+}
+
+// The last head alone may be missing, as a writer leaves it that died while it added or removed one.
+TEST_F(Adoption, RefusesAListWithoutOneOfItsHeadsButTheLast) {
+  expectRefusal([](Bytes& bytes) { skipHead(bytes, 2); },
+                "damaged: the list has 4 bucket heads, 5 are in use", false);
+  expectRefusal([](Bytes& bytes) { bytes.header().state.buckets = 4; },
+                "damaged: the list has 4 bucket heads, 4 are in use", false);
+}
+
+TEST_F(Adoption, TakesAListWithoutItsLastHead) {
+  const Bytes bytes(name_);
+  skipHead(bytes, 4);
+  const HostWriter writer(optionsFor(name_));
+  EXPECT_EQ(bytes.header().state.buckets, 4u);
+  EXPECT_EQ(contentOf(writer).size(), 5u);
+}
+
+TEST_F(Adoption, TakesAListWithAHeadThatIsNotCounted) {
+  const Bytes bytes(name_);
+  bytes.header().state.buckets = 4;
+  const HostWriter writer(optionsFor(name_));
+  EXPECT_EQ(bytes.header().state.buckets, 5u);
+  EXPECT_EQ(contentOf(writer).size(), 5u);
 }
 
 TEST_F(Adoption, RefusesAListThatRunsInACircle) {
@@ -233,17 +314,95 @@ TEST_F(Adoption, RefusesARecordHalfWrittenThatNoWriterLeaves) {
       "damaged: slot 2 is in no known state", false);
 }
 
+// A table as a writer leaves it that died while it replaced the value in slot 3; then CHANGE to its journal.
+void tear(Bytes& bytes, const std::function<void(Format::Journal&)>& change) {
+  Format::Journal& journal = *bytes.at<Format::Journal>(bytes.description().journalAt);
+  journal.seq = 4;
+  journal.slot = 3;
+  journal.slotSeq = 77;
+  journal.range = 1U << 16U | 1U;
+  Format::wordsOf(&journal)[0] = 3;  // the stamp of the record
+  bytes.slot(3)->seq = 77;
+  Format::wordsOf(bytes.slot(3))[2] = 333;
+  change(journal);
+}
+
+// Changes after which the journal is about another write, or about none.
+std::vector<std::function<void(Format::Journal&)>> otherJournals() {
+  return {
+      [](Format::Journal& journal) { journal.seq = 5; },
+      [](Format::Journal& journal) { journal.slot = 2; },
+      [](Format::Journal& journal) { journal.slotSeq = 75; },
+      [](Format::Journal& journal) { journal.range = 12U << 16U | 2U; },
+      [](Format::Journal& journal) { journal.range = 13U << 16U | 1U; },
+  };
+}
+
+TEST_F(Adoption, UndoesATornWriteByAJournalThatIsAboutItAndByNoOther) {
+  for (const auto& other : otherJournals()) {
+    expectRefusal([&](Bytes& bytes) { tear(bytes, other); },
+                  "damaged: slot 3 is half written and the journal knows nothing of it", false);
+  }
+  Bytes bytes(name_);
+  tear(bytes, [](Format::Journal&) {});
+  const HostWriter writer(optionsFor(name_));
+  EXPECT_EQ(writer.find(3), hostOf(3, 3));
+  EXPECT_EQ(bytes.slot(3)->seq % 2, 0u);
+}
+
+TEST_F(Adoption, AReaderTakesOldWordsFromAJournalThatIsAboutTheRecordAndFromNoOther) {
+  HostReader reader(name_.text(), schema);
+  Bytes bytes(name_);
+  for (const auto& other : otherJournals()) {
+    tear(bytes, other);
+    EXPECT_EQ(errorOf([&] { static_cast<void>(reader.find(3)); }),
+              "memtab " + name_.text() + ": damaged: the record in slot 3 is never whole");
+  }
+  tear(bytes, [](Format::Journal&) {});
+  EXPECT_EQ(reader.find(3), hostOf(3, 3));
+}
+
+// Nothing is known of a slot that was being given to another key: the journal has no part in it.
+TEST_F(Adoption, LeavesTheWordsOfAFreeSlotThatIsHalfWritten) {
+  {
+    HostWriter writer(optionsFor(name_));
+    writer.del(2);
+    writer.publish();
+    EXPECT_EQ(writer.sweep(10), 0u);
+  }
+  Bytes bytes(name_);
+  std::uint64_t freed = 0;
+  while (Format::Life(bytes.slot(freed)->life).state() != Format::Life::Free) {
+    ++freed;
+  }
+  bytes.slot(freed)->seq = 77;
+  Format::Journal& journal = *bytes.at<Format::Journal>(bytes.description().journalAt);
+  journal.seq = 5;
+  journal.range = 40;  // more words than a record has
+  const HostWriter writer(optionsFor(name_));
+  EXPECT_THAT(contentOf(writer), ElementsAre(Pair(0, 0), Pair(1, 1), Pair(3, 3), Pair(4, 4)));
+  EXPECT_EQ(bytes.slot(freed)->seq, 78u);
+  EXPECT_EQ(journal.seq, 4u) << "the journal is whole for the next write";
+}
+
 TEST_F(Adoption, AReaderOfADamagedTableSaysSo) {
   HostReader reader(name_.text(), schema);
   const Bytes bytes(name_);
-  for (std::uint64_t number = 0; number < 5; ++number) {
-    bytes.slot(number)->next = 12345;
+  // The first slot and the first bucket head for which there is no room, and others far away.
+  for (const std::uint32_t to : {200U, 12345U, Format::bucketBit | 200U, Format::bucketBit | 12345U}) {
+    for (std::uint64_t number = 0; number < 5; ++number) {
+      bytes.slot(number)->next = to;
+    }
+    for (std::uint64_t head = 0; head < 10; ++head) {
+      bytes.at<Format::Half>(bytes.description().headsAt)[head] = to;
+    }
+    std::string said;
+    for (Key key = 0; key < 100; ++key) {
+      const std::string error = errorOf([&] { static_cast<void>(reader.find(key)); });
+      said = error == "(no error)" ? said : error;
+    }
+    EXPECT_EQ(said, "memtab " + name_.text() + ": damaged: a link leads outside of it") << to;
   }
-  for (std::uint64_t head = 0; head < 10; ++head) {
-    bytes.at<Format::Half>(bytes.description().headsAt)[head] = 12345;
-  }
-  EXPECT_EQ(errorOf([&] { static_cast<void>(reader.find(1)); }),
-            "memtab " + name_.text() + ": damaged: a link leads outside of it");
 }
 
 TEST_F(Adoption, FinishesATableWhoseMakerDiedBeforeItsFirstRecord) {

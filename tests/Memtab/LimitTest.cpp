@@ -257,8 +257,10 @@ TEST(Walk, OrderDependsOnKeysAndSeedAlone) {
   EXPECT_NE(orderOf(0, false), orderOf(9, false));
 }
 
-TEST(Walk, TheZeroKeyIsTheFirstOfAll) {
-  HostWriter writer(optionsFor(""));
+TEST(Walk, TheKeyWhoseHashIsZeroIsTheFirstOfAll) {
+  Options options = optionsFor("");
+  options.seed = 0;
+  HostWriter writer(options);
   for (Key key = 0; key < 1000; ++key) {
     writer.is(key, hostOf(key, 1));
   }
@@ -302,15 +304,47 @@ TEST(Growth, BucketHeadsComeAndGoWithTheSlotsInTheList) {
     writer.is(key, hostOf(key, 1));
   }
   writer.publish();
-  EXPECT_EQ(heads(), 20'000u);
+  EXPECT_EQ(heads(), 10'000u);
   for (Key key = 0; key < 10'000; ++key) {
     writer.del(key);
   }
-  EXPECT_EQ(heads(), 20'000u) << "deleted records are in the list until they are swept";
+  EXPECT_EQ(heads(), 10'000u) << "deleted records are in the list until they are swept";
   writer.publish();
   EXPECT_EQ(writer.sweep(10'000), 0u);
   EXPECT_LE(heads(), 64u);
   EXPECT_EQ(contentOf(writer), Stamps());
+}
+
+TEST(Growth, OneHeadForEachSlotComesEightAtATimeAndTheFirstOnesAtOnce) {
+  const Name name;
+  HostWriter writer(optionsFor(name, 1000));
+  const Segment segment = Segment::forReader(name.text(), schema, nullptr);
+  for (Key key = 0; key < 1000; ++key) {
+    writer.is(key, hostOf(key, 1));
+    const auto records = static_cast<std::uint32_t>(key + 1);
+    ASSERT_EQ(segment.state().buckets.load(), records < 8 ? records : records / 8 * 8);
+  }
+}
+
+// As an older writer leaves it, which kept two heads for each record.
+TEST(Growth, ATableWithMoreHeadsThanItNeedsKeepsThemUntilThereAreMoreThanTwice) {
+  const Name name;
+  HostWriter writer(optionsFor(name, 1000));
+  const Segment segment = Segment::forReader(name.text(), schema, nullptr);
+  const auto heads = [&] { return segment.state().buckets.load(); };
+  for (Key key = 0; key < 1000; ++key) {
+    writer.is(key, hostOf(key, 1));
+  }
+  writer.publish();
+  std::size_t left = 1000;
+  while (heads() == 1000) {
+    writer.del(left - 1);
+    writer.publish();
+    writer.sweep(1);
+    left -= 1;
+  }
+  EXPECT_EQ(left, 467u) << "the first number of which twice as many and 64 are less than 1,000";
+  EXPECT_EQ(heads(), 992u);
 }
 
 TEST(Growth, IsSeenByAReaderThatWasThereBefore) {

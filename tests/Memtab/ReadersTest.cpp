@@ -18,12 +18,12 @@ namespace {
 
 // The writer's programme, and what readers may rely on while it goes on:
 // - keys below constant are there after each turn, whether replaced, or deleted and added again, within it;
-// - keys from pairs on come and go in pairs (2n, 2n + 1), both in one turn;
+// - keys from firstPaired on come and go in pairs (2n, 2n + 1), both in one turn;
 // - end is added in the last turn.
 class Programme {
  public:
   static constexpr Key constant = 4096;
-  static constexpr Key pairs = 1'000'000;
+  static constexpr Key firstPaired = 1'000'000;
   static constexpr Key end = 999'999;
   static constexpr std::size_t limit = 200'000;
 
@@ -58,7 +58,7 @@ class Programme {
     // Two steps up and one down, then the other way round: the table grows and shrinks.
     const Key range = 1 + pairs * ((changes_ >> 16U) % 8) / 8;
     for (int i = 0; i < 20; ++i) {
-      const Key first = pairs + 2 * (random_() % range);
+      const Key first = firstPaired + 2 * (random_() % range);
       const bool add = random_() % 3 != 0;
       for (const Key key : {first, first + 1}) {
         if (add) {
@@ -113,7 +113,7 @@ class Watcher {
       require(host.has_value(),
               "a key that was there before and after a turn is missing: " + std::to_string(key));
       require(!host || whole(key, *host), "a host that was never written whole");
-      const Key first = Programme::pairs + 2 * (random_() % 1000);
+      const Key first = Programme::firstPaired + 2 * (random_() % 1000);
       const std::uint64_t before = reader_.turn();
       const bool even = reader_.find(first).has_value();
       const bool odd = reader_.find(first + 1).has_value();

@@ -62,7 +62,7 @@ std::string refusalOf(const Image& image) {
 
 std::byte* wordOf(Image& image, const RingLog::Record& record) {
   const std::size_t block = (record.block - 1) % ringKiB;
-  return image.data() + ringsBegin + (record.place->level * ringKiB + block) * Format::blockBytes +
+  return image.data() + ringsBegin + (record.place->level * ringKiB + block) * Format::smallBlockBytes +
          record.offset;
 }
 
@@ -112,8 +112,8 @@ TEST(Damage, OfAnyBitOfTheSitesIsFoundAndLocated) {
 TEST(ForeignFile, IsCalledByWhatItIs) {
   const Image zeros(4096);
   EXPECT_EQ(refusalOf(zeros), "not a trace: it does not begin as one");
-  EXPECT_EQ(refusalAfter([](auto& header) { header.version = 2; }),
-            "of format version 2; this program reads version 1");
+  EXPECT_EQ(refusalAfter([](auto& header) { header.version = 3; }),
+            "of format version 3; this program reads versions 1 and 2");
   EXPECT_EQ(refusalAfter([](auto& header) { header.byteOrder = __builtin_bswap32(header.byteOrder); }),
             "written on a machine of the other byte order");
 }
@@ -129,6 +129,21 @@ TEST(ForeignFile, WithAWellMadeHeaderOfImpossibleFiguresIsRefused) {
   EXPECT_EQ(refusalAfter([](auto& header) { header.sitesUsed = header.sitesBytes + 1; }), refused);
   EXPECT_EQ(refusalAfter([](auto& header) { header.fileBytes += 1; }), refused);
   EXPECT_EQ(refusalAfter([](auto& header) { header.blockBytes = 512; }), refused);
+  const auto blocks = [](std::uint32_t version, std::uint32_t bytes) {
+    return refusalAfter([&](auto& header) {
+      header.version = version;
+      header.blockBytes = bytes;
+      header.blocksPerRing = 2;
+      header.fileBytes = Format::headerBytes + header.sitesBytes + header.levels * std::uint64_t{2} * bytes;
+    });
+  };
+  EXPECT_THAT(blocks(2, 4096), StartsWith("truncated: ")) << "a size that can be";
+  EXPECT_EQ(blocks(1, 4096), refused) << "not of that version";
+  EXPECT_THAT(blocks(2, 3072), StartsWith("truncated: "));
+  EXPECT_EQ(blocks(2, 3080), refused);
+  EXPECT_EQ(blocks(2, 512), refused);
+  EXPECT_EQ(blocks(2, 0), refused);
+  EXPECT_EQ(blocks(2, 131072), refused);
   EXPECT_EQ(refusalAfter([](auto& header) { header.headerBytes = 1024; }), refused);
   EXPECT_EQ(refusalAfter([](auto& header) { header.openedRealtime = -1; }), refused);
   EXPECT_EQ(refusalAfter([](auto& header) { header.openedMonotonic = -1; }), refused);
@@ -216,7 +231,7 @@ TEST(Block, IsReadUpToATextThatRunsBeyondItsEnd) {
 TEST(Block, InThePlaceOfAnotherIsLeftOutAndCounted) {
   Image image = sample();
   const auto first = image.begin() + static_cast<std::ptrdiff_t>(ringsBegin);
-  std::copy_n(first, Format::blockBytes, first + Format::blockBytes);
+  std::copy_n(first, Format::smallBlockBytes, first + Format::smallBlockBytes);
   EXPECT_EQ(RingLog::Trace::parse(image).info().damagedBlocks, 1U);
 }
 
@@ -249,7 +264,7 @@ TEST(Damage, OfAnySortNeverGetsThroughTheReader) {
     if (random() % 2 == 0) {
       setHeader(image, headerOf(image));
     }
-    for (std::size_t at = ringsBegin; random() % 2 == 0 && at < image.size(); at += Format::blockBytes) {
+    for (std::size_t at = ringsBegin; random() % 2 == 0 && at < image.size(); at += Format::smallBlockBytes) {
       Format::BlockHeader block{};
       std::memcpy(&block, image.data() + at, sizeof block);
       block.check = Format::check(block.sequence, block.ticks, block.monotonic);
@@ -357,8 +372,8 @@ class RingReadThreeTimes : public testing::Test {
 
   // An image of which the block at `index` is that of another.
   static Image withBlock(Image image, std::size_t index, const Image& other) {
-    const auto begin = static_cast<std::ptrdiff_t>(ringsBegin + index * Format::blockBytes);
-    std::copy_n(other.begin() + begin, Format::blockBytes, image.begin() + begin);
+    const auto begin = static_cast<std::ptrdiff_t>(ringsBegin + index * Format::smallBlockBytes);
+    std::copy_n(other.begin() + begin, Format::smallBlockBytes, image.begin() + begin);
     return image;
   }
 

@@ -1,6 +1,7 @@
 // The newest records overwrite the oldest of their level.
 
 #include <algorithm>
+#include <cstring>
 #include <deque>
 #include <numeric>
 #include <random>
@@ -21,6 +22,8 @@ class LogProbe {
 }  // namespace RingLog
 
 namespace {
+
+namespace Format = RingLog::Format;
 
 constexpr std::size_t blockRoom = RingLog::Format::maxRecordBytes;
 constexpr std::size_t numberBytes = 16;  // a record of one number
@@ -64,10 +67,39 @@ TEST(Ring, GivesUpItsOldestBlockForTheNextRecord) {
 }
 
 TEST(Ring, HoldsTheNewestAfterManyTurns) {
-  const auto log = openInMemory();
+  const auto log = openInMemory({.ringKiB = 31});
   const std::uint64_t block = blockRoom / numberBytes;
   recordNumbers(*log, 0, 1000 * block);
-  EXPECT_EQ(numbers(readBack(*log)), countUpTo(1000 * block, 33 * block));
+  EXPECT_EQ(numbers(readBack(*log)), countUpTo(1000 * block, 31 * block));
+}
+
+// 33 KiB are eleven blocks of three.
+TEST(Ring, OfTheUsualSizeHasLargeBlocks) {
+  const auto log = openInMemory();
+  const std::uint64_t block = (3072 - sizeof(Format::BlockHeader)) / numberBytes;
+  recordNumbers(*log, 0, 1000 * block);
+  const RingLog::Trace full = readBack(*log);
+  EXPECT_EQ(numbers(full), countUpTo(1000 * block, 11 * block));
+  EXPECT_EQ(full.info().ringBytes, 33U * 1024);
+  recordNumbers(*log, 1000 * block, 1000 * block + 1);
+  EXPECT_EQ(numbers(readBack(*log)), countUpTo(1000 * block + 1, 10 * block + 1));
+}
+
+// A reader of version 1 knows small blocks only.
+TEST(Ring, SaysVersionTwoWhereItsBlocksAreLarge) {
+  const auto versionOf = [](std::size_t ringKiB) {
+    const auto log = openInMemory({.ringKiB = ringKiB});
+    Format::Header header{};
+    std::memcpy(&header, log->image().data(), sizeof header);
+    EXPECT_EQ(header.blockBytes * header.blocksPerRing, ringKiB * 1024);
+    return std::pair(header.version, header.blockBytes);
+  };
+  EXPECT_EQ(versionOf(31), std::pair(1U, 1024U));
+  EXPECT_EQ(versionOf(14), std::pair(1U, 1024U)) << "seven blocks of 2 KiB would be too few";
+  EXPECT_EQ(versionOf(16), std::pair(2U, 2048U));
+  EXPECT_EQ(versionOf(33), std::pair(2U, 3072U));
+  EXPECT_EQ(versionOf(32), std::pair(2U, 4096U));
+  EXPECT_EQ(versionOf(60), std::pair(2U, 4096U)) << "the largest of those that fit";
 }
 
 // In a burst most blocks do not ask the clock: their records get their time from the others.

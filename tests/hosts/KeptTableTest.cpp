@@ -33,10 +33,15 @@ void unpack(const std::string& text, const std::string& path) {
   std::ofstream(path, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
-TEST(KeptTable, ATableOfTheFirstReleaseIsRead) {
+std::string keptTable() {
   const std::string path =
       (std::filesystem::temp_directory_path() / ("vxlan-hosts-kept-" + std::to_string(::getpid()))).string();
   unpack(KEPT_TABLE, path);
+  return path;
+}
+
+TEST(KeptTable, ATableOfTheFirstReleaseIsRead) {
+  const std::string path = keptTable();
   vxlan_hosts* hosts = nullptr;
   ASSERT_EQ(vxlan_hosts_open(path.c_str(), nullptr, &hosts), 0) << vxlan_hosts_error();
   vxlan_host host{};
@@ -52,6 +57,31 @@ TEST(KeptTable, ATableOfTheFirstReleaseIsRead) {
   vxlan_hosts_cursor cursor{};
   const auto count = [](void*, int, const vxlan_host*) { return 0; };
   EXPECT_EQ(vxlan_hosts_changes(hosts, &cursor, count, nullptr), 3);
+  vxlan_hosts_close(hosts);
+  std::filesystem::remove(path);
+}
+
+// An upgrade: the table keeps its seed, which is 0, and its readers find what is added.
+TEST(KeptTable, ATableOfTheFirstReleaseIsAdopted) {
+  const std::string path = keptTable();
+  vxlan_hosts* hosts = nullptr;
+  ASSERT_EQ(vxlan_hosts_open(path.c_str(), nullptr, &hosts), 0) << vxlan_hosts_error();
+  {
+    Writer writer(optionsOf(path));
+    EXPECT_TRUE(writer.adopted());
+    EXPECT_EQ(writer.size(), 3U);
+    for (std::uint32_t number = 100; number < 110; ++number) {
+      writer.is(keyOf(number), recordOf(keyOf(number), number));
+    }
+    writer.publish();
+  }
+  EXPECT_EQ(Memtab::Segment::forReader(path, VxlanHosts::schema, nullptr).description().seed, 0U);
+  vxlan_host host{};
+  for (const std::uint32_t number : {1U, 2U, 3U, 100U, 105U, 109U}) {
+    host.size = sizeof host;
+    ASSERT_EQ(vxlan_hosts_lookup(hosts, keyOf(number).mac.data(), 10, &host), 1) << number;
+    EXPECT_EQ(host.sequence, recordOf(keyOf(number), number).sequence);
+  }
   vxlan_hosts_close(hosts);
   std::filesystem::remove(path);
 }

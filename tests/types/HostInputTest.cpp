@@ -243,6 +243,41 @@ TEST_F(HostInputTest, WhenThereIsNoRoomWhatIsThereStays) {
   EXPECT_TRUE(input->hasHost(key(5)));
 }
 
+// The slots of removed hosts are swept when their turn is over, so many as are asked for.
+TEST_F(HostInputTest, SlotsOfRemovedHostsAreSwept) {
+  open();
+  inHandler([&] {
+    for (std::uint64_t number = 1; number <= 10; ++number) {
+      input->hostIs(host(number));
+    }
+  });
+  inHandler([&] {
+    for (std::uint64_t number = 1; number <= 10; ++number) {
+      input->hostDel(key(number));
+    }
+    EXPECT_EQ(input->sweep(100), 10U) << "readers still see them";
+  });
+  EXPECT_EQ(input->sweep(4), 6U);
+  EXPECT_EQ(input->sweep(0), 6U);
+  EXPECT_EQ(input->sweep(100), 0U);
+}
+
+// A table of an explicit seed has the same walk order in each run; without one the order is its own.
+TEST_F(HostInputTest, TheWalkOrderIsTheSeeds) {
+  const auto orderWith = [&](std::optional<std::uint64_t> seed) {
+    input = nullptr;
+    Memtab::remove(name);
+    input = Kel::make<HostInput>(HostInput::Options{.name = name, .limit = 1024, .seed = seed});
+    for (std::uint64_t number = 1; number <= 100; ++number) {
+      input->hostIs(host(number));
+    }
+    return walked();
+  };
+  EXPECT_EQ(orderWith(7), orderWith(7));
+  EXPECT_NE(orderWith(7), orderWith(8));
+  EXPECT_NE(orderWith({}), orderWith({}));
+}
+
 // Each change of a host is signalled with its key; deleting an absent one is none.
 TEST_F(HostInputTest, EachChangeIsSignalled) {
   struct Changes final : Kel::Follows<HostInput> {

@@ -1,6 +1,7 @@
 #include "agent/daemon/AgentService.h"
 
 #include "agent/daemon/Flush.h"
+#include "agent/daemon/KernelDocuments.h"
 #include "agent/state/Branches.h"
 #include "agent/state/InputDocument.h"
 #include "agent/state/JsonChecks.h"
@@ -95,7 +96,7 @@ void AgentService::call(const std::string& method, const json& params, CallAnswe
   throw Refused("", "unknown method \"" + method + "\"");
 }
 
-// Each member is made when it is asked for: counting what the kernel has takes long.
+// Each member is made when it is asked for.
 Service::Part AgentService::agentPart() {
   auto members = std::make_unique<Service::Members>();
   members->add("vnis", [this] { return vnis(); });
@@ -103,9 +104,8 @@ Service::Part AgentService::agentPart() {
     members->add("ovsdb", [this] { return Service::partOf(database_->status().json()); });
   }
   if (kernel_ != nullptr) {
-    members->add("kernel",
-                 [this] { return Service::partOf(kernel_->status().value("kinds", json::object())); });
-    members->add("kernelStatus", [this] { return Service::partOf(kernel_->status()); });
+    members->add("kernel", [this] { return Service::partOf(kernelDocument(kernel_->status()).at("kinds")); });
+    members->add("kernelStatus", [this] { return Service::partOf(kernelDocument(kernel_->status())); });
   }
   return Service::Part(std::make_unique<MembersAndMore>(std::move(members), hooks_.agentSection));
 }

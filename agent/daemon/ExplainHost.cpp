@@ -3,6 +3,7 @@
 #include <set>
 
 #include "agent/daemon/AgentService.h"
+#include "agent/daemon/KernelDocuments.h"
 #include "agent/daemon/Sentences.h"
 
 namespace Agent {
@@ -162,8 +163,8 @@ json explainHost(const World& world, const Qnet::EthAddr& mac, Bridging::VlanId 
   const bool received = tellReceived(story, world, key);
   const bool exported = tellL2Rib(story, world, key, refused);
   if (kernel != nullptr) {
-    const json account = kernel->explain(vlan.value(), {mac.value()});
-    story.step("kernel", kernelTold(account), account);
+    const Kernel::FullExplanation explanation = kernel->explain(vlan.value(), {mac.value()});
+    story.step("kernel", kernelTold(explanation), kernelAccount(explanation));
   }
   std::string verdict = story.verdict();
   if (verdict.empty()) {

@@ -45,7 +45,7 @@ void KernelDriver::run() {
 }
 
 void KernelDriver::settled() {
-  adapter_.settled();
+  adapter_.initialSyncComplete();
   run();
 }
 

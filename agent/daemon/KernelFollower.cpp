@@ -164,10 +164,9 @@ void KernelFollower::vti(const Qnet::IntfId& intf) {
     dropIf(statuses_, [&](const Qnet::IntfId& gone) { return gone == intf; });
   }
   std::set<Bridging::VlanId> vlans;
-  for (const auto& [vlan, told] : vnis_) {
-    if (told.first == intf) {
-      vlans.insert(vlan);
-    }
+  for (auto at = mapped_.lower_bound({intf, Bridging::VlanId()}); at != mapped_.end() && at->first == intf;
+       ++at) {
+    vlans.insert(at->second);
   }
   if (const Kel::Ptr<Vxlan::VlanVniMap> map = world_.vlanVniMaps->vlanVniMap(intf)) {
     for (auto&& mapping : map->vlanToVsp()) {
@@ -182,18 +181,15 @@ void KernelFollower::vti(const Qnet::IntfId& intf) {
 void KernelFollower::vni(const Qnet::IntfId& intf, Bridging::VlanId vlan) {
   const Kel::Ptr<Vxlan::VlanVniMap> map = world_.vlanVniMaps->vlanVniMap(intf);
   const Vxlan::VniExtOrNone vni = map ? map->vlanToVsp(vlan).vni : Vxlan::VniExtOrNone();
-  const auto told = vnis_.find(vlan);
-  if (told != vnis_.end() && told->second.first == intf && (!vni || told->second.second != vni.value())) {
-    kernel_.vniDel(told->second.second);
-    vnis_.erase(told);
-  }
   if (vni) {
     const Kel::Ptr<Vxlan::VtiStatus> status = world_.vtiStatusDir->vtiStatus(intf);
     const auto ports = ports_.find(vlan.value());
     kernel_.vniIs(vni.value(), vlan.value(), intf.text(),
                   kernelIp(status ? status->localVtepAddr() : Qnet::IpAddr()),
                   ports == ports_.end() ? std::vector<std::string>() : ports->second);
-    vnis_.insert_or_assign(vlan, std::pair(intf, vni.value()));
+    mapped_.emplace(intf, vlan);
+  } else if (mapped_.erase({intf, vlan}) != 0) {
+    kernel_.vniDel(vlan.value(), intf.text());
   }
   if (floods_) {
     floods_->mappingChanged(vlan);

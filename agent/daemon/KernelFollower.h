@@ -5,6 +5,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/daemon/FloodFollower.h"
@@ -44,7 +45,7 @@ class KernelFollower final : private FloodFollower::Sink {
   const World& world_;
   Kernel::Adapter& kernel_;
   Ports ports_;
-  std::map<Bridging::VlanId, std::pair<Qnet::IntfId, std::uint32_t>> vnis_;  // what was told, by VLAN
+  std::set<std::pair<Qnet::IntfId, Bridging::VlanId>> mapped_;  // Each VTI's VLANs that the adapter knows of.
   Kel::Ptr<HostReactor> hosts_;
   std::unique_ptr<FloodFollower> floods_;
   Kel::Ptr<MapsReactor> maps_;

@@ -64,28 +64,58 @@ bool isPublished(const json& here) {
          (!here.at("flood").is_null() && !here.at("flood").at("published").empty());
 }
 
-// The kernel's answer for one row: where it leads to, or why there is none.
-std::string readBackTold(const json& row) {
-  if (row.at("there") != true) {
-    return "no row (" + row.at("answer").get<std::string>() + ")";
+std::string listed(const std::vector<Kernel::Ip4>& addresses) {
+  std::string out;
+  for (const Kernel::Ip4 address : addresses) {
+    out += (out.empty() ? "" : ", ") + address.text();
   }
-  std::string out = "a row";
-  if (row.contains("dst")) {
-    out += " to " + row.at("dst").get<std::string>();
-  }
-  if (row.contains("nexthop")) {
-    out += " by nexthop group " + row.at("nexthop").dump();
-  }
-  if (row.contains("port")) {
-    out += " on port " + row.at("port").get<std::string>();
-  }
-  return out + (row.at("marked") == true ? "" : ", not ours");
+  return out;
 }
 
-std::string wantedTold(const json& wanted) {
-  const std::string vteps = listed(wanted.at("vteps"));
-  const std::string kind = wanted.at("kind");
-  return kind == "any" ? "any one of " + vteps : kind == "all" ? "each of " + vteps : "VTEP " + vteps;
+// What the kernel answered for one FDB entry: where it leads to, or why there is none.
+std::string readBackTold(const Kernel::ReadBack& found) {
+  if (!found.there) {
+    return "no row (" + found.answer + ")";
+  }
+  std::string out = "a row";
+  if (found.dst) {
+    out += " to " + found.dst.text();
+  }
+  if (found.nexthop != 0) {
+    out += " by nexthop group " + std::to_string(found.nexthop);
+  }
+  if (!found.port.empty()) {
+    out += " on port " + found.port;
+  }
+  return out + (found.marked ? "" : ", not ours");
+}
+
+std::string desiredTold(const Kernel::Explanation& known) {
+  using Kind = Kernel::Explanation::Kind;
+  const std::string vteps = listed(known.desiredVteps);
+  return known.desired == Kind::any   ? "any one of " + vteps
+         : known.desired == Kind::all ? "each of " + vteps
+                                      : "VTEP " + vteps;
+}
+
+std::string ownerTold(Kernel::Owner owner) {
+  switch (owner) {
+    case Kernel::Owner::none:
+      break;
+    case Kernel::Owner::ours:
+      return "ours acknowledged";
+    case Kernel::Owner::foreign:
+      return "foreign acknowledged";
+    case Kernel::Owner::learned:
+      return "learned acknowledged";
+  }
+  return "nothing acknowledged";
+}
+
+std::string sideTold(const char* table, const std::string& name, Kernel::Owner owner,
+                     const std::optional<Kernel::ReadBack>& found) {
+  return "; " + (name.empty() ? std::string(table) + " not there" : name) + ": " + ownerTold(owner) +
+         (found ? ", read back " + readBackTold(*found) : "");
 }
 
 }  // namespace
@@ -105,28 +135,20 @@ Told databaseTold(const json& account) {
   return told;
 }
 
-Told kernelTold(const json& account) {
-  if (account.at("mapped") != true) {
+Told kernelTold(const Kernel::FullExplanation& explanation) {
+  const Kernel::Explanation& known = explanation.known;
+  if (!known.mapped) {
     return {false, "the VLAN has no bridge and no VXLAN device"};
   }
-  const json& device = account.at("acknowledged").at("device");
-  const json& bridge = account.at("acknowledged").at("bridge");
-  const bool wanted = !account.at("wanted").empty();
-  Told told{account.at("differs") != true && wanted,
-            wanted ? "wanted: " + wantedTold(account.at("wanted")) : std::string("nothing wanted")};
-  const auto side = [&](const char* table, const std::string& name, const std::string& mark) {
-    told.detail += "; " + (name.empty() ? std::string(table) + " not there" : name) + ": " +
-                   (mark == "none" || mark.empty() ? "nothing acknowledged" : mark + " acknowledged");
-    if (const json& kernel = account.at("kernel"); kernel.contains(table)) {
-      told.detail += ", read back " + readBackTold(kernel.at(table));
-    }
-  };
-  side("device", device.at("device"), device.at("row"));
-  side("bridge", bridge.at("bridge"), bridge.at("row"));
-  if (account.contains("problem")) {
-    told.detail += "; " + account.at("problem").get<std::string>();
+  const bool desired = known.desired != Kernel::Explanation::Kind::none;
+  Told told{!known.differs && desired,
+            desired ? "wanted: " + desiredTold(known) : std::string("nothing wanted")};
+  told.detail += sideTold("device", known.device, known.deviceOwner, explanation.device) +
+                 sideTold("bridge", known.bridge, known.portOwner, explanation.bridge);
+  if (!known.problem.empty()) {
+    told.detail += "; " + known.problem;
   }
-  if (!wanted && account.at("differs") != true) {
+  if (!desired && !known.differs) {
     told.ok = nullptr;
   }
   return told;

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "agent/kernel/Adapter.h"
+
 namespace Agent {
 
 // One step as `explain` tells it: whether it went well (true, false, or null where neither can be said), and
@@ -19,6 +21,6 @@ Told databaseTold(const nlohmann::json& account);
 
 // Puts Kernel::Adapter::explain() into words: what is wanted, what the kernel acknowledged, and what it
 // answered when it was asked again.
-Told kernelTold(const nlohmann::json& account);
+Told kernelTold(const Kernel::FullExplanation& explanation);
 
 }  // namespace Agent

@@ -9,6 +9,12 @@ namespace Agent {
 
 using nlohmann::json;
 
+namespace {
+
+constexpr std::size_t mostKernelProblems = 100;
+
+}  // namespace
+
 json StatusReport::section() const {
   const Service::LoopStall& stall = parts_.loop.stall();
   json section = {{"pid", ::getpid()},
@@ -53,9 +59,14 @@ json StatusReport::problems() const {
     }
   }
   if (kernel_ != nullptr) {
-    for (const json& problem : kernel_->adapter().problems()) {
-      all.push_back(
-          {{"kind", "kernel"}, {"where", problem.value("what", "")}, {"text", problem.value("why", "")}});
+    const auto [listed, count] = kernel_->adapter().problems(mostKernelProblems);
+    for (const Kernel::Problem& problem : listed) {
+      all.push_back({{"kind", "kernel"}, {"where", problem.what}, {"text", problem.why}});
+    }
+    if (count > listed.size()) {
+      all.push_back({{"kind", "kernel"},
+                     {"where", std::to_string(count - listed.size()) + " more"},
+                     {"text", "not listed"}});
     }
   }
   if (parts_.refused.waiting() != 0) {

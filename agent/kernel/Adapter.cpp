@@ -3,9 +3,7 @@
 #include <linux/rtnetlink.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
-#include <ctime>
 #include <utility>
 
 namespace Agent::Kernel {
@@ -20,15 +18,6 @@ constexpr std::size_t answersAtOnce = 32;
 constexpr std::size_t reportsAtOnce = 64;
 constexpr int readsAtOnce = 16;
 
-// Such as "2026-01-31T23:59:59Z".
-std::string utcText(std::chrono::system_clock::time_point at) {
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(at);
-  std::tm parts{};
-  (void)::gmtime_r(&seconds, &parts);
-  std::array<char, 32> text{};
-  return {text.data(), std::strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
-}
-
 }  // namespace
 
 Adapter::Adapter(const Options& options)
@@ -40,8 +29,7 @@ Adapter::Adapter(const Options& options)
   if (!reports_.join(RTNLGRP_LINK) || !reports_.join(RTNLGRP_NEIGH)) {
     throw SocketError("rtnetlink socket: the kernel does not report changes of devices and rows");
   }
-  (void)reports_.join(
-      RTNLGRP_NEXTHOP);  // Without it there are no nexthops either, and the first request tells.
+  (void)reports_.join(RTNLGRP_NEXTHOP);  // Without it there are no nexthops either; the first request shows.
 }
 
 Time Adapter::now() {
@@ -51,8 +39,8 @@ Time Adapter::now() {
 void Adapter::vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<std::string> ports) {
   engine_.vniIs(vni, vlan, std::move(vti), local, std::move(ports));
 }
-void Adapter::vniDel(Vni vni) {
-  engine_.vniDel(vni);
+void Adapter::vniDel(Vlan vlan, const std::string& vti) {
+  engine_.vniDel(vlan, vti);
 }
 void Adapter::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
   engine_.hostIs(vlan, mac, vtep);
@@ -66,8 +54,11 @@ void Adapter::floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps
 void Adapter::floodDel(Vlan vlan, Mac mac) {
   engine_.floodDel(vlan, mac);
 }
-void Adapter::settled() {
-  engine_.settled();
+bool Adapter::withdrawSome(std::size_t most) {
+  return engine_.withdrawSome(most);
+}
+void Adapter::initialSyncComplete() {
+  engine_.initialSyncComplete();
 }
 
 bool Adapter::run(Time budget) {
@@ -182,8 +173,8 @@ void Adapter::heard(const nlmsghdr& message) {
     if (message.nlmsg_type == NLMSG_ERROR) {
       askError_ = readAnswer(message).text;
       askSequence_ = 0;
-    } else if (auto row = readRow(message)) {
-      asked_.push_back(*row);
+    } else if (auto entry = readEntry(message)) {
+      asked_.push_back(*entry);
     }
     return;
   }
@@ -221,13 +212,13 @@ void Adapter::answered(const nlmsghdr& message) {
 void Adapter::report(const nlmsghdr& message, bool dumped) {
   switch (message.nlmsg_type) {
     case RTM_NEWNEIGH:
-      if (auto row = readRow(message)) {
-        engine_.rowIs(*row, dumped);
+      if (auto entry = readEntry(message)) {
+        engine_.entryIs(*entry, dumped);
       }
       break;
     case RTM_DELNEIGH:
-      if (auto row = readRow(message)) {
-        engine_.rowDel(*row);
+      if (auto entry = readEntry(message)) {
+        engine_.entryDel(*entry);
       }
       break;
     case RTM_NEWNEXTHOP:
@@ -258,110 +249,47 @@ void Adapter::report(const nlmsghdr& message, bool dumped) {
   }
 }
 
-nlohmann::json Adapter::readBack(const Row& row) {
+ReadBack Adapter::readBack(const FdbEntry& entry) {
   asked_.clear();
   askError_.clear();
   askSequence_ = sequence_++;
   messages_.clear();
-  messages_.add(RowGet{row}, askSequence_);
-  int error = requests_.send(messages_.data(), messages_.size());
+  messages_.add(FdbGet{entry}, askSequence_);
+  const int error = requests_.send(messages_.data(), messages_.size());
   messages_.clear();
   while (error == 0 && askSequence_ != 0 && readAnswers()) {
   }
   askSequence_ = 0;
   if (asked_.empty()) {
-    return {{"there", false}, {"answer", askError_}};
+    return {.answer = askError_};
   }
-  const Row& found = asked_.front();
-  nlohmann::json out{{"there", true}, {"marked", found.marked}};
-  if (found.dst) {
-    out["dst"] = found.dst.text();
-  }
-  if (found.nexthop != 0) {
-    out["nexthop"] = found.nexthop;
-  }
+  const FdbEntry& found = asked_.front();
+  ReadBack out{.there = true, .marked = found.marked, .dst = found.dst, .nexthop = found.nexthop};
   if (found.table == Table::bridge) {
-    const Link* port = engine_.link(found.device);
-    out["port"] = port != nullptr ? port->name : std::to_string(found.device);
+    const Link* port = engine_.observed().links.at(found.device);
+    out.port = port != nullptr ? port->name : std::to_string(found.device);
   }
   return out;
 }
 
-nlohmann::json Adapter::explain(Vlan vlan, Mac mac) {
-  Explanation known = engine_.explain(vlan, mac);
-  auto texts = [](const std::vector<Ip4>& addresses) {
-    nlohmann::json out = nlohmann::json::array();
-    for (Ip4 address : addresses) {
-      out.push_back(address.text());
-    }
-    return out;
-  };
-  nlohmann::json out{
-      {"vlan", vlan}, {"mac", mac.text()}, {"mapped", known.mapped}, {"differs", known.differs}};
-  if (known.mapped) {
-    out["vni"] = known.vni;
+FullExplanation Adapter::explain(Vlan vlan, Mac mac) {
+  FullExplanation out{.vlan = vlan, .mac = mac, .known = engine_.status().explain(vlan, mac)};
+  if (out.known.deviceIndex != 0) {
+    out.device = readBack({.table = Table::device, .device = out.known.deviceIndex, .mac = mac});
   }
-  out["wanted"] = nlohmann::json::object();
-  if (known.wanted) {
-    out["wanted"] = {{"kind", known.wantedKind}, {"vteps", texts(known.wantedVteps)}};
-  }
-  nlohmann::json device{
-      {"device", known.device}, {"row", known.deviceMark}, {"vteps", texts(known.deviceVteps)}};
-  if (known.deviceNexthop != 0) {
-    device["nexthop"] = known.deviceNexthop;
-  }
-  out["acknowledged"]["device"] = device;
-  out["acknowledged"]["bridge"] = {{"bridge", known.bridge}, {"row", known.portMark}, {"port", known.port}};
-  out["kernel"] = nlohmann::json::object();
-  if (known.deviceIndex != 0) {
-    out["kernel"]["device"] = readBack({Table::device, known.deviceIndex, 0, mac, {}, 0, false, false});
-  }
-  if (known.bridgeIndex != 0 && !mac.group()) {
-    out["kernel"]["bridge"] = readBack({Table::bridge, 0, known.bridgeIndex, mac, {}, 0, false, false});
-  }
-  if (!known.problem.empty()) {
-    out["problem"] = known.problem;
+  if (out.known.bridgeIndex != 0 && !mac.group()) {
+    out.bridge = readBack({.table = Table::bridge, .bridge = out.known.bridgeIndex, .mac = mac});
   }
   return out;
 }
 
-nlohmann::json Adapter::status() const {
-  using nlohmann::json;
-  json out;
-  for (const Tally& tally : engine_.tallies()) {
-    json& kind = out["kinds"][tally.kind];
-    kind = {
-        {"wanted", tally.wanted}, {"there", tally.there}, {"differing", nullptr}, {"unknown", tally.unknown}};
-    if (tally.unknown == 0) {
-      kind["differing"] = tally.differing;
-    }
-    kind["compared"] = compared_ ? json(utcText(*compared_)) : json();
-  }
-  const Counters& counters = engine_.counters();
-  out["counters"] = {{"requests", counters.requests}, {"acknowledged", counters.acknowledged},
-                     {"refused", counters.refused},   {"reports", counters.notifications},
-                     {"overruns", counters.overruns}, {"audits", counters.audits},
-                     {"repairs", counters.repairs}};
-  out["adopted"] = engine_.adopted();
-  out["longestSliceNs"] = longestSlice_.count();
-  out["problems"] = engine_.problems(0).second;
-  return out;
+AdapterStatus Adapter::status() const {
+  return {engine_.status().tallies(), engine_.counters(), compared_,
+          engine_.adopted(),          longestSlice_,      engine_.status().problems(0).second};
 }
 
-nlohmann::json Adapter::problems(std::size_t most) const {
-  auto [found, count] = engine_.problems(most);
-  nlohmann::json out = nlohmann::json::array();
-  for (const Problem& problem : found) {
-    double pause = std::chrono::duration<double>(problem.next - now()).count();
-    out.push_back({{"what", problem.what},
-                   {"why", problem.why},
-                   {"attempts", problem.attempts},
-                   {"retryInSeconds", std::max(pause, 0.0)}});
-  }
-  if (count > found.size()) {
-    out.push_back({{"what", std::to_string(count - found.size()) + " more"}, {"why", "not listed"}});
-  }
-  return out;
+std::pair<std::vector<Problem>, std::size_t> Adapter::problems(std::size_t most) const {
+  return engine_.status().problems(most);
 }
 
 }  // namespace Agent::Kernel

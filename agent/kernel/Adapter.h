@@ -1,7 +1,10 @@
 #pragma once
 
-#include <nlohmann/json.hpp>
+#include <chrono>
+#include <cstdint>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "agent/kernel/Engine.h"
@@ -10,6 +13,36 @@
 #include "agent/kernel/Wire.h"
 
 namespace Agent::Kernel {
+
+// An FDB entry as the kernel shows it when it is asked.
+struct ReadBack {
+  bool there = false;
+  std::string answer{};  // Without an entry: what the kernel says to that.
+  bool marked = false;
+  Ip4 dst{};
+  NexthopId nexthop = 0;
+  std::string port{};  // In the bridge's table: the name of the port.
+};
+
+// All that can be said of an address: what is desired, what the kernel has acknowledged or reported, and what
+// it answers when it is asked again. Without a device, or a bridge, it is not asked.
+struct FullExplanation {
+  Vlan vlan = 0;
+  Mac mac{};
+  Explanation known{};
+  std::optional<ReadBack> device{};
+  std::optional<ReadBack> bridge{};
+};
+
+// How the data plane does.
+struct AdapterStatus {
+  std::vector<Tally> tallies;
+  Counters counters;
+  std::optional<std::chrono::system_clock::time_point> compared;  // When the last whole comparison ended.
+  bool adopted = false;
+  Time longestSlice{};
+  std::size_t problems = 0;
+};
 
 // The Linux kernel as data plane: an Engine with two rtnetlink sockets, one for requests and their answers,
 // one for the kernel's reports. It owns no thread and never blocks; the caller polls `fds` for reading, and
@@ -21,14 +54,15 @@ class Adapter {
   // what the kernel refuses later is a problem, not an error.
   explicit Adapter(const Options& options);
 
-  // What is wanted, as for Engine.
+  // What is desired, as for Engine.
   void vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<std::string> ports);
-  void vniDel(Vni vni);
+  void vniDel(Vlan vlan, const std::string& vti);
   void hostIs(Vlan vlan, Mac mac, Ip4 vtep);
   void hostDel(Vlan vlan, Mac mac);
   void floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps);
   void floodDel(Vlan vlan, Mac mac);
-  void settled();
+  bool withdrawSome(std::size_t most);
+  void initialSyncComplete();
 
   // The file descriptors to poll for reading. They stay the same.
   std::vector<int> fds() const { return {requests_.fd(), reports_.fd()}; }
@@ -41,14 +75,11 @@ class Adapter {
   // The time on the clock that nextWakeup is on.
   static Time now();
 
-  // {"kinds": {"hosts": {"wanted", "there", "differing", "unknown", "compared"}, ...}, "counters": {...},
-  // "longestSliceNs", ...}
-  nlohmann::json status() const;
-  // [{"what", "why", "attempts", "retryInSeconds"}, ...], and {"what", "why"} for those beyond `most`.
-  nlohmann::json problems(std::size_t most = 100) const;
-  // What is wanted for the address, what the kernel has acknowledged or reported, and what it answers when
-  // asked.
-  nlohmann::json explain(Vlan vlan, Mac mac);
+  AdapterStatus status() const;
+  // At most `most` of them, and their number altogether. Problem::next is on the clock of `now`.
+  std::pair<std::vector<Problem>, std::size_t> problems(std::size_t most) const;
+  // Asks the kernel for the address's entries, and waits for the answers.
+  FullExplanation explain(Vlan vlan, Mac mac);
   const Engine& engine() const { return engine_; }
   Time longestSlice() const { return longestSlice_; }
 
@@ -60,7 +91,7 @@ class Adapter {
   void heard(const nlmsghdr& message);
   void answered(const nlmsghdr& message);
   void report(const nlmsghdr& message, bool dumped);
-  nlohmann::json readBack(const Row& row);
+  ReadBack readBack(const FdbEntry& entry);
 
   NamespaceLock lock_;
   Engine engine_;
@@ -73,8 +104,8 @@ class Adapter {
   std::size_t outstanding_ = 0;
   std::uint32_t dumpSequence_ = 0;  // Of the dump that is under way; 0 for none.
   bool dumpWhole_ = true;
-  std::uint32_t askSequence_ = 0;  // Of the row that is read back.
-  std::vector<Row> asked_;
+  std::uint32_t askSequence_ = 0;  // Of the entry that is read back.
+  std::vector<FdbEntry> asked_;
   std::string askError_;
   Time longestSlice_{};
   std::uint64_t audits_ = 0;  // As the engine counted them last; when there was a new one.

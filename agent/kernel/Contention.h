@@ -1,4 +1,4 @@
-// Somebody else who changes what we keep, again and again.
+// Other programs that change our objects again and again.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace Agent::Kernel {
 
-// How often somebody else has changed an object of ours lately.
+// How often another program has changed an object of ours lately.
 struct Strife {
   std::uint16_t minute = 0;
   std::uint8_t changes = 0;
@@ -17,8 +17,8 @@ struct Strife {
   bool waits = false;  // It is put back when its pause in Failures is over.
 };
 
-// What somebody else changes is put back at once: a deleted row, a flushed table. When the same object is
-// changed again within a minute, another program wants it otherwise, and to put it back at once each time
+// Changes by other programs are repaired at once: a deleted FDB entry, a flushed table. When the same object
+// is changed again within a minute, another program wants it otherwise, and to put it back at once each time
 // would be a race that costs both all their time. So the second and later repairs of an object share an
 // allowance (a burst, then so many a second), and from the fourth one on the object waits 1 s, 2 s, ... up to
 // Options::retryMost as well.

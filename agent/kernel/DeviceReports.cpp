@@ -1,93 +1,77 @@
-#include <charconv>
-#include <utility>
+#include "agent/kernel/DeviceReports.h"
 
-#include "agent/kernel/Devices.h"
+#include "agent/kernel/Names.h"
 
-// What the kernel reports of devices, and which domains look again at theirs because of it.
 namespace Agent::Kernel {
 
-// At the start: what the alias says belongs to a VLAN is its until a mapping says otherwise.
-void Devices::adopt(const Link& link) {
-  std::optional<Vlan> vlan = state_.links.vlan(link);
+// At the start a device belongs to the VLAN in its alias, until a mapping says otherwise.
+void DeviceReports::adopt(const Link& link) {
+  const std::optional<Vlan> vlan = observed_.links.vlan(link);
   if (!vlan) {
     return;
   }
-  Domain& domain = state_.domain(*vlan);
+  BridgeDomain& domain = observed_.domain(*vlan, desired_.vlan(*vlan));
   if (link.kind == LinkKind::bridge && domain.bridge == 0) {
-    bridgeIs(domain, link.index);
+    devices_.bridgeIs(domain, link.index);
   }
   if (link.kind == LinkKind::vxlan && domain.device == 0 &&
-      (!domain.mapping || domain.mapping->vni == link.vni)) {
-    deviceIs(domain, link.index, false);
+      (!domain.mapped() || domain.desired.mapping->vni == link.vni)) {
+    devices_.deviceIs(domain, link.index, false);
   }
 }
 
-// The VLAN that a bridge of ours of this name is made for; none if it is no such name.
-std::optional<Vlan> Devices::vlanOfName(const std::string& name) const {
-  const std::string& prefix = state_.options.bridgePrefix;
-  if (!name.starts_with(prefix)) {
-    return std::nullopt;
-  }
-  Vlan vlan = 0;
-  const char* const end = name.data() + name.size();
-  const auto [stop, error] = std::from_chars(name.data() + prefix.size(), end, vlan);
-  return error == std::errc{} && stop == end ? std::optional(vlan) : std::nullopt;
-}
-
-void Devices::requeue(Vlan vlan) {
-  ++state_.steps;
-  Domain* domain = state_.find(vlan);
-  if (domain != nullptr) {
-    state_.queue(*domain);
+void DeviceReports::requeue(Vlan vlan) {
+  ++work_.counters.steps;
+  if (observed_.find(vlan) != nullptr) {
+    work_.queueDevices(vlan);
   }
 }
 
-void Devices::requeueVni(const Link& device) {
-  const auto at = state_.vlanOf.find(device.vni);
-  if (device.kind == LinkKind::vxlan && at != state_.vlanOf.end()) {
-    requeue(at->second);
+void DeviceReports::requeueVni(const Link& device) {
+  if (device.kind != LinkKind::vxlan) {
+    return;
+  }
+  if (const std::optional<Vlan> vlan = desired_.mappings.vlanOf(device.vni)) {
+    requeue(*vlan);
   }
 }
 
-// Looks again at the domains that use the device, or that have waited for one such.
-void Devices::requeueUsers(const Link& link) {
+void DeviceReports::requeueUsers(const Link& link) {
   const auto requeueUser = [this](const std::map<IfIndex, Vlan>& users, IfIndex index) {
     const auto at = users.find(index);
     if (at != users.end()) {
       requeue(at->second);
     }
   };
-  requeueUser(state_.deviceOf, link.index);
-  requeueUser(state_.bridgeOf, link.index);
-  requeueUser(state_.bridgeOf, link.master);
+  requeueUser(observed_.deviceOf, link.index);
+  requeueUser(observed_.bridgeOf, link.index);
+  requeueUser(observed_.bridgeOf, link.master);
   requeueVni(link);
-  for (const IfIndex member : state_.links.members(link.index)) {
-    requeueVni(*state_.links.at(member));
+  for (const IfIndex member : observed_.links.members(link.index)) {
+    requeueVni(*observed_.links.at(member));
   }
-  for (const std::optional<Vlan>& vlan : {vlanOfName(link.name), state_.links.vlan(link)}) {
+  for (const std::optional<Vlan>& vlan :
+       {vlanOfBridgeName(options_, link.name), observed_.links.vlan(link)}) {
     if (vlan) {
       requeue(*vlan);
     }
   }
-  const auto users = state_.portUsers.find(link.name);
-  if (users != state_.portUsers.end()) {
-    for (const Vlan vlan : users->second) {
-      requeue(vlan);
-    }
+  for (const Vlan vlan : desired_.mappings.usersOf(link.name)) {
+    requeue(vlan);
   }
 }
 
-void Devices::linkIs(const Link& link) {
-  const Link* there = state_.links.at(link.index);
-  const std::optional<Link> before = there == nullptr ? std::nullopt : std::optional(*there);
-  if (!state_.links.is(link, state_.dump)) {
+void DeviceReports::linkIs(const Link& link) {
+  const Link* known = observed_.links.at(link.index);
+  const std::optional<Link> before = known == nullptr ? std::nullopt : std::optional(*known);
+  if (!observed_.links.is(link, observed_.dump)) {
     return;
   }
-  if (state_.adopting) {
+  if (observed_.adopting) {
     adopt(link);
   }
-  if (state_.links.ours(link)) {
-    state_.suspects.insert(link.index);
+  if (observed_.links.ours(link)) {
+    work_.suspects.insert(link.index);
   }
   if (before) {
     requeueUsers(*before);
@@ -95,70 +79,66 @@ void Devices::linkIs(const Link& link) {
   requeueUsers(link);
 }
 
-void Devices::portIs(const BridgePort& port) {
-  if (state_.links.portIs(port)) {
-    requeueUsers(*state_.links.at(port.index));
+void DeviceReports::portIs(const BridgePort& port) {
+  if (observed_.links.portIs(port)) {
+    requeueUsers(*observed_.links.at(port.index));
   }
 }
 
-void Devices::linkDel(IfIndex index) {
-  const Link* there = state_.links.at(index);
-  if (there == nullptr) {
+void DeviceReports::linkDel(IfIndex index) {
+  const Link* known = observed_.links.at(index);
+  if (known == nullptr) {
     return;
   }
-  const Link link = *there;
-  state_.links.del(index);
-  state_.released.erase(index);
-  state_.suspects.erase(index);
-  const auto device = state_.deviceOf.find(index);
-  if (device != state_.deviceOf.end()) {
-    Domain& domain = *state_.find(device->second);
+  const Link link = *known;
+  observed_.links.del(index);
+  work_.released.erase(index);
+  work_.suspects.erase(index);
+  const auto device = observed_.deviceOf.find(index);
+  if (device != observed_.deviceOf.end()) {
+    BridgeDomain& domain = *observed_.find(device->second);
     lost(domain);
-    deviceIs(domain, 0, false);
-    state_.queue(domain);
+    devices_.deviceIs(domain, 0, false);
+    work_.queueDevices(domain.vlan);
   }
-  const auto bridge = state_.bridgeOf.find(index);
-  if (bridge != state_.bridgeOf.end()) {
-    Domain& domain = *state_.find(bridge->second);
+  const auto bridge = observed_.bridgeOf.find(index);
+  if (bridge != observed_.bridgeOf.end()) {
+    BridgeDomain& domain = *observed_.find(bridge->second);
     lost(domain);
     domain.enslaved.clear();
-    bridgeIs(domain, 0);
-    state_.queue(domain);
+    devices_.bridgeIs(domain, 0);
+    work_.queueDevices(domain.vlan);
   }
   forget(index);
   // A bridge goes when its devices have gone.
-  state_.suspects.insert(link.master);
+  work_.suspects.insert(link.master);
   requeueUsers(link);
 }
 
-// Somebody else has deleted a device of the domain.
-void Devices::lost(Domain& domain) {
-  if (!domain.mapping) {
+// Another program has deleted a device of the domain.
+void DeviceReports::lost(BridgeDomain& domain) {
+  if (!domain.mapped()) {
     return;
   }
-  ++state_.counters.repairs;
+  ++work_.counters.repairs;
   domain.strife.lost = true;
   domain.complete = false;
 }
 
 // The device has gone: no domain names it any more.
-void Devices::forget(IfIndex index) {
-  const auto mentions = state_.mentions.find(index);
-  if (mentions == state_.mentions.end()) {
+void DeviceReports::forget(IfIndex index) {
+  const auto mentions = observed_.mentions.find(index);
+  if (mentions == observed_.mentions.end()) {
     return;
   }
   for (const Vlan vlan : mentions->second) {
-    ++state_.steps;
-    Domain& domain = *state_.find(vlan);
+    ++work_.counters.steps;
+    BridgeDomain& domain = *observed_.find(vlan);
     domain.enslaved.erase(index);
-    domain.left.erase(index);
-    if (domain.turn && domain.turn->previous == index) {
-      domain.turn.reset();
-      state_.turns.erase(vlan);
-      state_.walk(domain);
-    }
+    domain.leftBehind.erase(index);
+    renumbering_.deviceGone(vlan, index);
   }
-  state_.mentions.erase(mentions);
+  observed_.mentions.erase(mentions);
 }
 
 }  // namespace Agent::Kernel

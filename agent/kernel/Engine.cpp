@@ -9,16 +9,26 @@ namespace Agent::Kernel {
 namespace {
 
 const Key denied{Key::Kind::permission, 0, 0};
-const Key dump{Key::Kind::dump, 0, 0};
-constexpr std::size_t walkedAtOnce = 1024;
-constexpr std::size_t lookedAtInOneTurn = 2048;
+constexpr std::size_t scannedAtOnce = 1024;
+constexpr std::size_t addressesAtOnce = 2048;
 
 }  // namespace
 
 Engine::Engine(Options options)
-    : state_(std::move(options)), hosts_(state_), floods_(state_), devices_(state_) {
-  if (!state_.options.nexthops) {
-    state_.nexthops.unsupported(
+    : options_(std::move(options)),
+      observed_(options_),
+      work_(options_),
+      nexthops_(options_, work_.failures, work_.contention),
+      renumbering_(options_, observed_, work_),
+      sweep_(options_, desired_, observed_, renumbering_, work_),
+      devices_(options_, observed_, renumbering_, work_),
+      reports_(options_, desired_, observed_, renumbering_, devices_, work_),
+      hosts_(options_, desired_, renumbering_, observed_, nexthops_, work_),
+      floods_(options_, desired_, renumbering_, observed_, nexthops_, work_),
+      audit_(options_, observed_, nexthops_, reports_, hosts_, floods_, work_),
+      status_(observed_, nexthops_, devices_, sweep_, hosts_, floods_, audit_, work_) {
+  if (!options_.nexthops) {
+    nexthops_.unsupported(
         "nexthop groups are switched off: rows lead to addresses, and of a set of type any only its first "
         "VTEP is "
         "used");
@@ -26,46 +36,53 @@ Engine::Engine(Options options)
 }
 
 void Engine::vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<std::string> ports) {
-  auto before = vnis_.find(vni);
-  if (before != vnis_.end() && before->second != vlan) {
-    vniDel(vni);
-  }
-  vnis_[vni] = vlan;
-  devices_.is(vlan, {vni, std::move(vti), local, std::move(ports)});
-  hosts_.localIs(state_.domain(vlan));
+  mappingsChanged(desired_.mappings.is(vlan, {vni, std::move(vti), local, std::move(ports)}));
 }
 
-void Engine::vniDel(Vni vni) {
-  auto at = vnis_.find(vni);
-  if (at == vnis_.end()) {
-    return;
+void Engine::vniDel(Vlan vlan, const std::string& vti) {
+  mappingsChanged(desired_.mappings.del(vlan, vti));
+}
+
+void Engine::mappingsChanged(const std::vector<Vlan>& vlans) {
+  for (const Vlan vlan : vlans) {
+    const Mapping* mapping = desired_.mappings.find(vlan);
+    const std::optional<Mapping> before = std::exchange(
+        desired_.vlan(vlan).mapping, mapping == nullptr ? std::nullopt : std::optional(*mapping));
+    BridgeDomain& domain = this->domain(vlan);
+    devices_.mappingChanged(domain, before);
+    if (mapping != nullptr) {
+      hosts_.localChanged(domain);
+    }
+    floods_.mappingChanged(domain);
   }
-  Vlan vlan = at->second;
-  vnis_.erase(at);
-  Domain* domain = state_.find(vlan);
-  if (domain != nullptr && domain->mapping && domain->mapping->vni == vni) {
-    devices_.del(vlan);
+}
+
+void Engine::desiredChanged(Vlan vlan, Mac mac) {
+  if (mac.group()) {
+    floods_.changed(domain(vlan), mac);
+  } else {
+    hosts_.changed(domain(vlan), mac);
   }
 }
 
 void Engine::hostIs(Vlan vlan, Mac mac, Ip4 vtep) {
   if (mac.group()) {
-    // What is published for it need not make sense; it stays a problem until it is withdrawn.
-    state_.failures.waits({Key::Kind::host, vlan, mac.bits}, Time{}, Time::max(),
-                          "a host has a unicast address");
+    // The controller may publish nonsense; it stays a problem until it is withdrawn.
+    work_.failures.waits({Key::Kind::host, vlan, mac.bits}, Time{}, Time::max(),
+                         "a host has a unicast address");
     return;
   }
-  hosts_.is(state_.domain(vlan), mac, vtep);
+  desired_.vlan(vlan).hosts[mac] = vtep;
+  desiredChanged(vlan, mac);
 }
 
 void Engine::hostDel(Vlan vlan, Mac mac) {
   if (mac.group()) {
-    state_.failures.cleared({Key::Kind::host, vlan, mac.bits});
+    work_.failures.cleared({Key::Kind::host, vlan, mac.bits});
     return;
   }
-  Domain* domain = state_.find(vlan);
-  if (domain != nullptr) {
-    hosts_.del(*domain, mac);
+  if (desired_.vlan(vlan).hosts.erase(mac) != 0) {
+    desiredChanged(vlan, mac);
   }
 }
 
@@ -79,212 +96,211 @@ void Engine::floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps)
   }
   if (vteps.empty()) {
     floodDel(vlan, mac);
-  } else if (mac.group()) {
-    floods_.is(state_.domain(vlan), mac, {type, std::move(vteps)});
-  } else {
-    hosts_.setIs(state_.domain(vlan), mac, {FloodType::any, std::move(vteps)});
+    return;
+  }
+  // The kernel does not copy unicast.
+  FloodSet set{mac.group() ? type : FloodType::any, std::move(vteps)};
+  const auto [at, added] = desired_.vlan(vlan).floods.try_emplace(mac, set);
+  if (added || at->second != set) {
+    at->second = std::move(set);
+    desiredChanged(vlan, mac);
   }
 }
 
 void Engine::floodDel(Vlan vlan, Mac mac) {
-  Domain* domain = state_.find(vlan);
-  if (domain == nullptr) {
-    return;
-  }
-  if (mac.group()) {
-    floods_.del(*domain, mac);
-  } else {
-    hosts_.setDel(*domain, mac);
+  if (desired_.vlan(vlan).floods.erase(mac) != 0) {
+    desiredChanged(vlan, mac);
   }
 }
 
-void Engine::settled() {
-  if (std::exchange(state_.settled, true)) {
-    return;
+bool Engine::withdrawSome(std::size_t most) {
+  for (const auto& [vlan, desired] : desired_.vlans()) {
+    for (; most > 0 && !desired.hosts.empty(); --most) {
+      hostDel(vlan, desired.hosts.begin()->first);
+    }
+    for (; most > 0 && !desired.floods.empty(); --most) {
+      floodDel(vlan, desired.floods.begin()->first);
+    }
+    if (!desired.hosts.empty() || !desired.floods.empty()) {
+      return true;
+    }
   }
-  for (auto& [vlan, domain] : state_.domains) {
-    domainChanged(domain);
-  }
-  state_.nexthops.requeue();
-  devices_.suspectAll();
+  return false;
 }
 
-void Engine::domainChanged(Domain& domain) {
-  state_.queue(domain);
-  state_.walk(domain);
+void Engine::initialSyncComplete() {
+  if (std::exchange(desired_.initialSyncComplete, true)) {
+    return;
+  }
+  for (const auto& [vlan, domain] : observed_.domains) {
+    work_.queueAll(vlan);
+  }
+  nexthops_.requeue();
+  sweep_.suspectAll();
 }
 
 void Engine::linkIs(const Link& link) {
-  ++state_.counters.notifications;
-  devices_.linkIs(link);
+  ++work_.counters.notifications;
+  reports_.linkIs(link);
 }
 
 void Engine::linkDel(IfIndex index) {
-  ++state_.counters.notifications;
-  devices_.linkDel(index);
+  ++work_.counters.notifications;
+  reports_.linkDel(index);
 }
 
 void Engine::portIs(const BridgePort& port) {
-  ++state_.counters.notifications;
-  devices_.portIs(port);
+  ++work_.counters.notifications;
+  reports_.portIs(port);
 }
 
 void Engine::nexthopIs(const Nexthop& nexthop) {
-  ++state_.counters.notifications;
-  state_.nexthops.is(nexthop);
+  ++work_.counters.notifications;
+  nexthops_.is(nexthop);
 }
 
 void Engine::nexthopDel(NexthopId id) {
-  ++state_.counters.notifications;
-  if (!state_.nexthops.del(id)) {
+  ++work_.counters.notifications;
+  if (!nexthops_.del(id)) {
     return;
   }
-  // The kernel removes rows with the group that they lead to, and does not report it.
-  ++state_.counters.repairs;
-  ++state_.doubts;
-  state_.auditWanted = true;
+  // The kernel removes entries with the group that they lead to, and does not report it.
+  ++work_.counters.repairs;
+  ++observed_.doubts;
+  work_.auditWanted = true;
 }
 
-void Engine::rowIs(const Row& row, bool dumped) {
-  ++state_.counters.notifications;
-  const auto& owners = row.table == Table::device ? state_.deviceOf : state_.bridgeOf;
-  auto at = owners.find(row.table == Table::device ? row.device : row.bridge);
-  if (at == owners.end()) {
+void Engine::entryIs(const FdbEntry& entry, bool dumped) {
+  ++work_.counters.notifications;
+  BridgeDomain* domain = observed_.domainOf(entry);
+  if (domain == nullptr) {
     return;
   }
-  Domain& domain = *state_.find(at->second);
-  if (!row.mac.group()) {
-    hosts_.rowIs(domain, row, dumped);
-  } else if (row.table == Table::device) {
-    floods_.rowIs(domain, row, dumped);
+  if (!entry.mac.group()) {
+    hosts_.entryIs(*domain, entry, dumped);
+  } else if (entry.table == Table::device) {
+    floods_.entryIs(*domain, entry, dumped);
   }
 }
 
-void Engine::rowDel(const Row& row) {
-  ++state_.counters.notifications;
-  const auto& owners = row.table == Table::device ? state_.deviceOf : state_.bridgeOf;
-  auto at = owners.find(row.table == Table::device ? row.device : row.bridge);
-  if (at == owners.end()) {
+void Engine::entryDel(const FdbEntry& entry) {
+  ++work_.counters.notifications;
+  BridgeDomain* domain = observed_.domainOf(entry);
+  if (domain == nullptr) {
     return;
   }
-  Domain& domain = *state_.find(at->second);
-  if (!row.mac.group()) {
-    hosts_.rowDel(domain, row);
-  } else if (row.table == Table::device) {
-    floods_.rowDel(domain, row);
+  if (!entry.mac.group()) {
+    hosts_.entryDel(*domain, entry);
+  } else if (entry.table == Table::device) {
+    floods_.entryDel(*domain, entry);
   }
 }
 
 void Engine::overrun() {
-  ++state_.counters.overruns;
-  ++state_.doubts;
-  state_.auditWanted = true;
+  ++work_.counters.overruns;
+  ++observed_.doubts;
+  work_.auditWanted = true;
 }
 
 void Engine::requeueDue() {
-  for (const Key& key : state_.failures.due(state_.now, state_.options.batchRequests)) {
-    Domain* domain = state_.find(key.vlan);
-    switch (key.kind) {
-      case Key::Kind::permission:
-      case Key::Kind::dump:
-      case Key::Kind::link:
-        break;
-      case Key::Kind::contention:
-        state_.contention.quiet();
-        break;
-      case Key::Kind::vtep:
-      case Key::Kind::group:
-        state_.nexthops.requeue(key);
-        break;
-      case Key::Kind::domain:
-      case Key::Kind::port:
-        if (domain != nullptr) {
-          state_.queue(*domain);
-        }
-        break;
-      case Key::Kind::host: {
-        if (domain == nullptr) {
-          break;
-        }
-        auto at = domain->hosts.find(Mac{key.id});
-        if (at != domain->hosts.end()) {
-          state_.queue(*domain, at->first, at->second.queued);
-        }
-        break;
-      }
-      case Key::Kind::flood: {
-        if (domain == nullptr) {
-          break;
-        }
-        auto at = domain->floods.find(Mac{key.id});
-        if (at != domain->floods.end()) {
-          state_.queue(*domain, at->first, at->second.queued);
-        }
-        break;
-      }
+  for (const Key& key : work_.failures.due(work_.now, options_.batchRequests)) {
+    requeue(key);
+  }
+}
+
+void Engine::requeue(const Key& key) {
+  BridgeDomain* domain = observed_.find(key.vlan);
+  const auto requeueIn = [&](auto& addresses) {
+    const auto at = addresses.find(Mac{key.id});
+    if (at != addresses.end()) {
+      work_.queue(key.vlan, at->first, at->second.pending);
     }
+  };
+  switch (key.kind) {
+    case Key::Kind::permission:
+    case Key::Kind::dump:
+    case Key::Kind::link:
+      break;
+    case Key::Kind::contention:
+      work_.contention.quiet();
+      break;
+    case Key::Kind::vtep:
+    case Key::Kind::group:
+      nexthops_.requeue(key);
+      break;
+    case Key::Kind::domain:
+    case Key::Kind::port:
+      if (domain != nullptr) {
+        work_.queueDevices(key.vlan);
+      }
+      break;
+    case Key::Kind::host:
+      if (domain != nullptr) {
+        requeueIn(domain->hosts);
+      }
+      break;
+    case Key::Kind::flood:
+      if (domain != nullptr) {
+        requeueIn(domain->floods);
+      }
+      break;
   }
 }
 
 const Batch& Engine::batch() {
   require(outstanding_ == 0, "a batch is taken when the last one is answered");
   batch_.clear();
-  batch_.limitIs(denied_ ? 1 : state_.options.batchRequests);
-  if (denied_ && state_.failures.pausing(denied, state_.now)) {
+  batch_.limitIs(denied_ ? 1 : options_.batchRequests);
+  if (denied_ && work_.failures.pausing(denied, work_.now)) {
     return batch_;
   }
   requeueDue();
-  audit();
-  std::size_t dumps = batch_.size();
-  if (state_.adopting) {
+  audit_.advance(batch_);
+  const std::size_t dumps = batch_.size();
+  if (observed_.adopting) {
     return batch_;
   }
-  devices_.turn(batch_);
-  devices_.sweep(batch_);
-  for (std::size_t n = state_.domainQueue.size(); n > 0 && !batch_.full(); --n) {
-    Domain& domain = *state_.find(state_.domainQueue.front());
-    state_.domainQueue.pop_front();
-    devices_.work(domain, batch_);
+  renumbering_.advance(batch_);
+  sweep_.sweep(batch_);
+  for (std::size_t n = work_.devicesQueued(); n > 0 && !batch_.full(); --n) {
+    devices_.work(*observed_.find(work_.takeDevices()), batch_);
   }
-  state_.nexthops.work(batch_, state_.now, state_.settled);
-  walkDomains();
-  if (!state_.nexthops.pending()) {
-    workRows();
+  nexthops_.work(batch_, work_.now, desired_.initialSyncComplete);
+  scanDomains();
+  if (!nexthops_.pending()) {
+    workAddresses();
   }
   outstanding_ = batch_.size() - dumps;
-  state_.counters.requests += batch_.size();
+  work_.counters.requests += batch_.size();
   return batch_;
 }
 
-void Engine::walkDomains() {
-  std::size_t left = walkedAtOnce;
-  while (!state_.walks.empty() && left > 0 && state_.rowQueue.size() < walkedAtOnce) {
-    Domain& domain = *state_.find(state_.walks.front());
-    if (domain.walk == Mac{}) {
+void Engine::scanDomains() {
+  std::size_t left = scannedAtOnce;
+  while (work_.scanning() && left > 0 && work_.addressesQueued() < scannedAtOnce) {
+    const Work::Scan scan = work_.scan();
+    BridgeDomain& domain = *observed_.find(scan.vlan);
+    if (scan.from.zero()) {
       for (auto& [mac, flood] : domain.floods) {
-        state_.queue(domain, mac, flood.queued);
+        work_.queue(scan.vlan, mac, flood.pending);
       }
     }
-    auto at = domain.hosts.lower_bound(domain.walk.value_or(Mac{}));
+    auto at = domain.hosts.lower_bound(scan.from);
     for (; at != domain.hosts.end() && left > 0; ++at, --left) {
-      state_.queue(domain, at->first, at->second.queued);
+      work_.queue(scan.vlan, at->first, at->second.pending);
     }
     if (at != domain.hosts.end()) {
-      domain.walk = at->first;
+      work_.scanGoesOn(at->first);
       return;
     }
-    domain.walk.reset();
-    domain.walking = false;
-    state_.walks.pop_front();
+    work_.scanDone();
   }
 }
 
-void Engine::workRows() {
-  std::size_t n = std::min(state_.rowQueue.size(), lookedAtInOneTurn);
-  for (; n > 0 && !batch_.full(); --n) {
-    Key key = state_.rowQueue.front();
-    state_.rowQueue.pop_front();
-    Domain& domain = *state_.find(key.vlan);
+void Engine::workAddresses() {
+  for (std::size_t n = std::min(work_.addressesQueued(), addressesAtOnce); n > 0 && !batch_.full(); --n) {
+    const Key key = work_.takeAddress();
+    BridgeDomain& domain = *observed_.find(key.vlan);
     if (key.kind == Key::Kind::flood) {
       floods_.work(domain, Mac{key.id}, batch_);
     } else {
@@ -297,32 +313,40 @@ void Engine::answered(std::size_t at, int error, std::string_view text) {
   require(at < batch_.size() && outstanding_ > 0, "an answer is to a request of the batch");
   --outstanding_;
   const Request& request = batch_.requests()[at];
-  const Key key = batch_.key(at);
   require(!std::holds_alternative<Dump>(request), "a dump is answered by its end");
   if (error == EPERM || error == EACCES) {
-    if (!denied_ || !state_.failures.pausing(denied, state_.now)) {
-      state_.failures.failed(denied, state_.now,
-                             "the kernel does not let this process change it (" + std::string(text) +
-                                 "): the capability CAP_NET_ADMIN in this network namespace is needed");
+    if (!denied_ || !work_.failures.pausing(denied, work_.now)) {
+      work_.failures.failed(denied, work_.now,
+                            "the kernel does not let this process change it (" + std::string(text) +
+                                "): the capability CAP_NET_ADMIN in this network namespace is needed");
     }
     denied_ = true;
   } else if (error == 0 && denied_) {
     denied_ = false;
-    state_.failures.cleared(denied);
+    work_.failures.cleared(denied);
   }
-  ++(error == 0 ? state_.counters.acknowledged : state_.counters.refused);
-  answeredRow(request, key, error, text);
+  ++(error == 0 ? work_.counters.acknowledged : work_.counters.refused);
+  route(request, batch_.key(at), error, text);
 }
 
-void Engine::answeredRow(const Request& request, const Key& key, int error, std::string_view text) {
+// Gives the answer to the part that asked.
+void Engine::route(const Request& request, const Key& key, int error, std::string_view text) {
+  const auto* linkDel = std::get_if<LinkDel>(&request);
+  if (linkDel != nullptr && (error == 0 || error == ENODEV)) {
+    work_.failures.cleared(key);
+    reports_.linkDel(linkDel->index);
+    return;
+  }
   switch (key.kind) {
     case Key::Kind::vtep:
     case Key::Kind::group: {
-      bool before = state_.nexthops.supported();
-      state_.nexthops.answered(request, key, error, text, state_.now);
-      if (before != state_.nexthops.supported()) {
-        for (auto& [vlan, domain] : state_.domains) {
-          domainChanged(domain);
+      const bool before = nexthops_.supported();
+      nexthops_.answered(request, key, error, text, work_.now);
+      if (before != nexthops_.supported()) {
+        hosts_.nexthopsLost();
+        floods_.nexthopsLost();
+        for (const auto& [vlan, domain] : observed_.domains) {
+          work_.queueAll(vlan);
         }
       }
       break;
@@ -341,12 +365,12 @@ void Engine::answeredRow(const Request& request, const Key& key, int error, std:
 
 void Engine::answersLost() {
   outstanding_ = 0;
-  ++state_.counters.overruns;
-  ++state_.doubts;
-  state_.auditWanted = true;
-  state_.nexthops.requeue();
-  for (auto& [vlan, domain] : state_.domains) {
-    domainChanged(domain);
+  ++work_.counters.overruns;
+  ++observed_.doubts;
+  work_.auditWanted = true;
+  nexthops_.requeue();
+  for (const auto& [vlan, domain] : observed_.domains) {
+    work_.queueAll(vlan);
   }
 }
 
@@ -354,24 +378,18 @@ bool Engine::moreWork() const {
   if (denied_) {
     return false;
   }
-  bool dumpToAsk = phase_ == Phase::comparing ||
-                   (phase_ != Phase::idle && !asked_ && state_.failures.find(dump) == nullptr);
-  if (state_.adopting) {
-    return dumpToAsk;
+  if (observed_.adopting) {
+    return audit_.moreWork();
   }
-  return dumpToAsk || !state_.rowQueue.empty() || !state_.domainQueue.empty() || !state_.walks.empty() ||
-         state_.nexthops.pending();
+  return audit_.moreWork() || work_.addressesQueued() > 0 || work_.devicesQueued() > 0 || work_.scanning() ||
+         nexthops_.pending();
 }
 
 Time Engine::nextWakeup() const {
   if (denied_) {
-    return state_.failures.find(denied)->next;
+    return work_.failures.find(denied)->next;
   }
-  Time next = Time::max();
-  if (phase_ == Phase::idle) {
-    next = state_.auditWanted ? auditNotBefore_ : std::max(auditNext_, auditNotBefore_);
-  }
-  return std::min({next, devices_.nextTurn(), state_.failures.next().value_or(Time::max())});
+  return std::min({audit_.next(), renumbering_.next(), work_.failures.next().value_or(Time::max())});
 }
 
 }  // namespace Agent::Kernel

@@ -39,13 +39,6 @@ void Failures::cleared(const Key& key) {
   failures_.erase(at);
 }
 
-void Failures::hurry(const Key& key, Time now) {
-  auto at = failures_.find(key);
-  if (at != failures_.end()) {
-    schedule(key, at->second, now);
-  }
-}
-
 const Failures::Failure* Failures::find(const Key& key) const {
   auto at = failures_.find(key);
   return at == failures_.end() ? nullptr : &at->second;

@@ -29,8 +29,6 @@ class Failures {
   void waits(const Key& key, Time now, Time pause, std::string why);
   // Forgets the failure: it went well, or there is nothing left to do.
   void cleared(const Key& key);
-  // Makes what failed due at once, because the reason may be gone.
-  void hurry(const Key& key, Time now);
   const Failure* find(const Key& key) const;
   // Whether `key` failed and its pause is not over.
   bool pausing(const Key& key, Time now) const;

@@ -8,311 +8,332 @@ namespace Agent::Kernel {
 
 namespace {
 
-Key keyOf(const Domain& domain, Mac mac) {
+Key keyOf(const BridgeDomain& domain, Mac mac) {
   return {Key::Kind::flood, domain.vlan, mac.bits};
 }
 
-Row rowOf(const Domain& domain, Mac mac, Ip4 dst, NexthopId nexthop) {
-  return {Table::device, domain.device, 0, mac, dst, nexthop, false, false};
+FdbEntry entryOf(const BridgeDomain& domain, Mac mac, Ip4 dst, NexthopId nexthop) {
+  return {.table = Table::device, .device = domain.device, .mac = mac, .dst = dst, .nexthop = nexthop};
 }
 
 }  // namespace
 
-Flood& Floods::flood(Domain& domain, Mac mac) {
-  require(mac.group(), "a flood set has a group address");
+Flood& Floods::flood(BridgeDomain& domain, Mac mac) {
+  require(mac.group(), "a flood list has a group address");
   auto [at, added] = domain.floods.try_emplace(mac);
   if (added) {
     at->second.deviceLife = domain.deviceLife;
+    domain.floodCounts.enter(at->second.counted);
   }
-  freshen(domain, at->second);
+  dropStale(domain, mac, at->second);
   return at->second;
 }
 
-void Floods::freshen(const Domain& domain, Flood& flood) {
+// Forgets what was known of entries in an earlier device. They are not counted any more.
+void Floods::dropStale(BridgeDomain& domain, Mac mac, Flood& flood) {
   if (flood.deviceLife == domain.deviceLife) {
     return;
   }
   flood.deviceLife = domain.deviceLife;
-  flood.there.clear();
-  nexthopIs(flood, 0, Mark::none);
-  syncHeld(domain, flood);
+  flood.counted = FloodCounts::withoutDevice(flood.counted);
+  flood.actual.clear();
+  nexthopIs(flood, 0, Owner::none);
+  syncHeld(domain, mac, flood);
 }
 
-void Floods::nexthopIs(Flood& flood, NexthopId id, Mark mark) {
-  flood.nexthopMark = mark;
+void Floods::recount(BridgeDomain& domain, Mac mac, Flood& flood) {
+  const auto flag = [](bool holds, FloodCounts::State state) { return holds ? state : FloodCounts::State{}; };
+  const FloodSet* set = domain.desired.flood(mac);
+  const bool ours = flood.nexthopOwner == Owner::ours ||
+                    std::any_of(flood.actual.begin(), flood.actual.end(),
+                                [](const auto& each) { return each.second.owner == Owner::ours; });
+  domain.floodCounts.leave(flood.counted);
+  flood.counted = flag(set != nullptr, FloodCounts::listed) |
+                  flag(set != nullptr && !domain.desired.remote(set->vteps).empty(), FloodCounts::desired) |
+                  flag(ours, FloodCounts::actual) | flag(differs(domain, mac, flood), FloodCounts::differs);
+  domain.floodCounts.enter(flood.counted);
+}
+
+void Floods::nexthopIs(Flood& flood, NexthopId id, Owner owner) {
+  flood.nexthopOwner = owner;
   NexthopId before = std::exchange(flood.nexthop, id);
   if (before == id) {
     return;
   }
   if (id != 0) {
-    state_.nexthops.used(id, true);
+    nexthops_.used(id, true);
   }
   if (before != 0) {
-    state_.nexthops.used(before, false);
+    nexthops_.used(before, false);
   }
 }
 
-// Whether there is to be one row, to a group, of a set of type any.
-bool Floods::leadsToAny(const Domain& domain, const Flood& flood) const {
-  return domain.mapping && flood.wanted && flood.wanted->type == FloodType::any &&
-         state_.nexthops.supported() && !domain.remote(flood.wanted->vteps).empty();
+// Whether one entry to a nexthop group is desired: a list of type any.
+bool Floods::leadsToAny(const BridgeDomain& domain, Mac mac) const {
+  const FloodSet* set = domain.mapped() ? domain.desired.flood(mac) : nullptr;
+  return set != nullptr && set->type == FloodType::any && nexthops_.supported() &&
+         !domain.desired.remote(set->vteps).empty();
 }
 
-// The VTEPs that have a row each: those of a set of type all, or what type any comes down to without nexthop
-// groups.
-std::vector<Ip4> Floods::wantedAddresses(const Domain& domain, const Flood& flood) const {
-  if (!domain.mapping || !flood.wanted || leadsToAny(domain, flood)) {
+// The VTEPs with a desired entry each: those of a list of type all, or the first of a list of type any if the
+// kernel has no nexthop groups.
+std::vector<Ip4> Floods::desiredAddresses(const BridgeDomain& domain, Mac mac) const {
+  const FloodSet* set = domain.mapped() ? domain.desired.flood(mac) : nullptr;
+  if (set == nullptr || leadsToAny(domain, mac)) {
     return {};
   }
-  std::vector<Ip4> vteps = domain.remote(flood.wanted->vteps);
-  if (flood.wanted->type == FloodType::any && vteps.size() > 1) {
+  std::vector<Ip4> vteps = domain.desired.remote(set->vteps);
+  if (set->type == FloodType::any && vteps.size() > 1) {
     vteps.resize(1);
   }
   return vteps;
 }
 
-void Floods::syncHeld(const Domain& domain, Flood& flood) {
+void Floods::syncHeld(const BridgeDomain& domain, Mac mac, Flood& flood) {
   std::set<Ip4> hold;
-  if (state_.nexthops.supported()) {
-    for (Ip4 vtep : wantedAddresses(domain, flood)) {
+  if (nexthops_.supported()) {
+    for (Ip4 vtep : desiredAddresses(domain, mac)) {
       hold.insert(vtep);
     }
-    for (const auto& [dst, destination] : flood.there) {
-      if (destination.mark == Mark::ours) {
+    for (const auto& [dst, destination] : flood.actual) {
+      if (destination.owner == Owner::ours) {
         hold.insert(dst);
       }
     }
   }
   for (Ip4 vtep : hold) {
     if (!flood.held.contains(vtep)) {
-      state_.nexthops.holdVtep(vtep);
+      nexthops_.holdVtep(vtep);
     }
   }
   for (Ip4 vtep : flood.held) {
     if (!hold.contains(vtep)) {
-      state_.nexthops.releaseVtep(vtep);
+      nexthops_.releaseVtep(vtep);
     }
   }
   flood.held = std::move(hold);
 }
 
-void Floods::is(Domain& domain, Mac mac, FloodSet set) {
-  Flood& flood = this->flood(domain, mac);
-  flood.adopted = false;
-  if (flood.wanted == set) {
+void Floods::changed(BridgeDomain& domain, Mac mac) {
+  const FloodSet* set = domain.desired.flood(mac);
+  if (set == nullptr && !domain.floods.contains(mac)) {
     return;
   }
-  flood.wanted = std::move(set);
-  for (Ip4 vtep : flood.wanted->vteps) {
-    auto there = flood.there.find(vtep);
-    if (there != flood.there.end()) {
-      there->second.adopted = false;
+  Flood& flood = this->flood(domain, mac);
+  flood.adopted = false;
+  for (auto& [dst, destination] : flood.actual) {
+    if (set == nullptr || std::binary_search(set->vteps.begin(), set->vteps.end(), dst)) {
+      destination.adopted = false;
     }
   }
-  syncHeld(domain, flood);
-  state_.failures.cleared(keyOf(domain, mac));
-  state_.contention.wanted(keyOf(domain, mac), flood.strife);
-  state_.queue(domain, mac, flood.queued);
+  syncHeld(domain, mac, flood);
+  recount(domain, mac, flood);
+  if (set != nullptr) {
+    work_.failures.cleared(keyOf(domain, mac));
+    work_.contention.wanted(keyOf(domain, mac), flood.pending.strife);
+  }
+  work_.queue(domain.vlan, mac, flood.pending);
 }
 
-void Floods::del(Domain& domain, Mac mac) {
+void Floods::mappingChanged(BridgeDomain& domain) {
+  for (auto& [mac, flood] : domain.floods) {
+    dropStale(domain, mac, flood);
+    recount(domain, mac, flood);
+  }
+}
+
+void Floods::nexthopsLost() {
+  for (auto& [vlan, domain] : observed_.domains) {
+    mappingChanged(domain);
+  }
+}
+
+bool Floods::oursFromBefore(const BridgeDomain& domain, Mac mac, Ip4 dst) const {
+  if (!observed_.adopting && !domain.deviceUnread) {
+    return false;
+  }
+  auto left = domain.leftBehind.find(domain.device);
+  if (left != domain.leftBehind.end() && left->second.contains({mac, dst})) {
+    return true;
+  }
+  if (nexthops_.knows(dst)) {
+    return true;
+  }
+  const Link* device = observed_.links.at(domain.device);
+  return !nexthops_.supported() && device != nullptr && observed_.links.ours(*device);
+}
+
+void Floods::entryIs(BridgeDomain& domain, const FdbEntry& entry, bool dumped) {
+  const Mac mac = entry.mac;
+  Flood& flood = this->flood(domain, mac);
+  bool fresh = flood.actual.empty() && flood.nexthop == 0;
+  if (fresh && domain.desired.flood(mac) == nullptr && !desired_.initialSyncComplete) {
+    flood.adopted = true;
+  }
+  if (entry.nexthop != 0) {
+    if (dumped && flood.seen == observed_.dump) {
+      return;
+    }
+    flood.seen = observed_.dump;
+    flood.pending.strife.lost |= flood.nexthopOwner == Owner::ours && flood.nexthop != entry.nexthop;
+    nexthopIs(flood, entry.nexthop, nexthops_.ours(entry.nexthop) ? Owner::ours : Owner::foreign);
+  } else {
+    if (dumped && flood.gone.contains(entry.dst)) {
+      return;
+    }
+    flood.gone.erase(entry.dst);
+    auto [at, added] = flood.actual.try_emplace(entry.dst);
+    if (added) {
+      bool ours = oursFromBefore(domain, mac, entry.dst);
+      const std::vector<Ip4> desired = desiredAddresses(domain, mac);
+      at->second.owner = ours ? Owner::ours : Owner::foreign;
+      at->second.adopted = ours && !std::binary_search(desired.begin(), desired.end(), entry.dst);
+    }
+    at->second.seen = observed_.dump;
+    syncHeld(domain, mac, flood);
+  }
+  reported(domain, mac, flood, false);
+}
+
+void Floods::entryDel(BridgeDomain& domain, const FdbEntry& entry) {
+  const Mac mac = entry.mac;
   auto at = domain.floods.find(mac);
   if (at == domain.floods.end()) {
     return;
   }
-  at->second.wanted.reset();
-  at->second.adopted = false;
-  for (auto& [dst, destination] : at->second.there) {
-    destination.adopted = false;
-  }
-  syncHeld(domain, at->second);
-  state_.queue(domain, mac, at->second.queued);
-}
-
-bool Floods::oursFromBefore(const Domain& domain, Mac mac, Ip4 dst) const {
-  if (!state_.adopting && !domain.blind) {
-    return false;
-  }
-  auto left = domain.left.find(domain.device);
-  if (left != domain.left.end() && left->second.contains({mac, dst})) {
-    return true;
-  }
-  if (state_.nexthops.knows(dst)) {
-    return true;
-  }
-  const Link* device = state_.links.at(domain.device);
-  return !state_.nexthops.supported() && device != nullptr && state_.links.ours(*device);
-}
-
-void Floods::rowIs(Domain& domain, const Row& row, bool dumped) {
-  Flood& flood = this->flood(domain, row.mac);
-  bool fresh = flood.there.empty() && flood.nexthop == 0;
-  if (fresh && !flood.wanted && !state_.settled) {
-    flood.adopted = true;
-  }
-  if (row.nexthop != 0) {
-    if (dumped && flood.seen == state_.dump) {
-      return;
-    }
-    flood.seen = state_.dump;
-    flood.strife.lost |= flood.nexthopMark == Mark::ours && flood.nexthop != row.nexthop;
-    nexthopIs(flood, row.nexthop, state_.nexthops.ours(row.nexthop) ? Mark::ours : Mark::foreign);
-  } else {
-    if (dumped && flood.gone.contains(row.dst)) {
-      return;
-    }
-    flood.gone.erase(row.dst);
-    auto [at, added] = flood.there.try_emplace(row.dst);
-    if (added) {
-      bool ours = oursFromBefore(domain, row.mac, row.dst);
-      std::vector<Ip4> wanted = wantedAddresses(domain, flood);
-      at->second.mark = ours ? Mark::ours : Mark::foreign;
-      at->second.adopted = ours && !std::binary_search(wanted.begin(), wanted.end(), row.dst);
-    }
-    at->second.seen = state_.dump;
-    syncHeld(domain, flood);
-  }
-  changed(domain, row.mac, flood, false);
-}
-
-void Floods::rowDel(Domain& domain, const Row& row) {
-  auto at = domain.floods.find(row.mac);
-  if (at == domain.floods.end()) {
-    return;
-  }
   Flood& flood = at->second;
-  freshen(domain, flood);
-  flood.seen = state_.dump;
-  if (row.nexthop != 0) {
-    if (flood.nexthop == row.nexthop) {
-      flood.strife.lost |= flood.nexthopMark == Mark::ours;
-      nexthopIs(flood, 0, Mark::none);
+  dropStale(domain, mac, flood);
+  flood.seen = observed_.dump;
+  if (entry.nexthop != 0) {
+    if (flood.nexthop == entry.nexthop) {
+      flood.pending.strife.lost |= flood.nexthopOwner == Owner::ours;
+      nexthopIs(flood, 0, Owner::none);
     }
   } else {
-    const auto there = flood.there.find(row.dst);
-    flood.strife.lost |= there != flood.there.end() && there->second.mark == Mark::ours;
-    forget(flood, row.dst);
-    syncHeld(domain, flood);
+    const auto known = flood.actual.find(entry.dst);
+    flood.pending.strife.lost |= known != flood.actual.end() && known->second.owner == Owner::ours;
+    forget(flood, entry.dst);
+    syncHeld(domain, mac, flood);
   }
-  state_.contention.cleared(keyOf(domain, row.mac), flood.strife, state_.now);
-  changed(domain, row.mac, flood, true);
+  work_.contention.cleared(keyOf(domain, mac), flood.pending.strife, work_.now);
+  reported(domain, mac, flood, true);
 }
 
-void Floods::dumped(Domain& domain, Mac mac) {
+void Floods::dumped(BridgeDomain& domain, Mac mac) {
   Flood& flood = domain.floods.at(mac);
-  freshen(domain, flood);
-  if (flood.nexthop != 0 && flood.seen != state_.dump) {
-    flood.strife.lost |= flood.nexthopMark == Mark::ours;
-    nexthopIs(flood, 0, Mark::none);
+  dropStale(domain, mac, flood);
+  if (flood.nexthop != 0 && flood.seen != observed_.dump) {
+    flood.pending.strife.lost |= flood.nexthopOwner == Owner::ours;
+    nexthopIs(flood, 0, Owner::none);
   }
-  std::erase_if(flood.there, [&](const auto& entry) {
-    const bool gone = entry.second.seen != state_.dump;
-    flood.strife.lost |= gone && entry.second.mark == Mark::ours;
+  std::erase_if(flood.actual, [&](const auto& entry) {
+    const bool gone = entry.second.seen != observed_.dump;
+    flood.pending.strife.lost |= gone && entry.second.owner == Owner::ours;
     return gone;
   });
-  flood.seen = state_.dump;
+  flood.seen = observed_.dump;
   flood.gone.clear();
-  syncHeld(domain, flood);
-  if (differs(domain, flood)) {
-    if (flood.wanted && !state_.adopting && !flood.queued) {
-      ++state_.counters.repairs;
+  syncHeld(domain, mac, flood);
+  if (differs(domain, mac, flood)) {
+    if (domain.desired.flood(mac) != nullptr && !observed_.adopting && !flood.pending.queued) {
+      ++work_.counters.repairs;
     }
-    state_.queue(domain, mac, flood.queued);
-  } else {
-    eraseIfIdle(domain, mac, flood);
+    work_.queue(domain.vlan, mac, flood.pending);
   }
+  done(domain, mac, flood);
 }
 
-void Floods::changed(Domain& domain, Mac mac, Flood& flood, bool byOthers) {
-  if (differs(domain, flood)) {
-    if (byOthers && flood.wanted && !flood.queued) {
-      ++state_.counters.repairs;
+void Floods::reported(BridgeDomain& domain, Mac mac, Flood& flood, bool byOthers) {
+  if (differs(domain, mac, flood)) {
+    if (byOthers && domain.desired.flood(mac) != nullptr && !flood.pending.queued) {
+      ++work_.counters.repairs;
     }
-    state_.queue(domain, mac, flood.queued);
-  } else {
-    eraseIfIdle(domain, mac, flood);
+    work_.queue(domain.vlan, mac, flood.pending);
   }
+  done(domain, mac, flood);
 }
 
-bool Floods::differs(const Domain& domain, const Flood& flood) const {
+bool Floods::differs(const BridgeDomain& domain, Mac mac, const Flood& flood) const {
   if (flood.deviceLife != domain.deviceLife) {
-    return domain.mapping && flood.wanted;
+    return domain.mapped() && domain.desired.flood(mac) != nullptr;
   }
-  std::vector<Ip4> wanted = wantedAddresses(domain, flood);
-  for (Ip4 vtep : wanted) {
-    if (!flood.there.contains(vtep)) {
+  const std::vector<Ip4> desired = desiredAddresses(domain, mac);
+  for (const Ip4 vtep : desired) {
+    if (!flood.actual.contains(vtep)) {
       return true;
     }
   }
-  for (const auto& [dst, destination] : flood.there) {
-    if (destination.mark == Mark::ours && !std::binary_search(wanted.begin(), wanted.end(), dst)) {
+  for (const auto& [dst, destination] : flood.actual) {
+    if (destination.owner == Owner::ours && !std::binary_search(desired.begin(), desired.end(), dst)) {
       return true;
     }
   }
-  if (!leadsToAny(domain, flood)) {
-    return flood.nexthopMark == Mark::ours;
+  if (!leadsToAny(domain, mac)) {
+    return flood.nexthopOwner == Owner::ours;
   }
   if (flood.group == nullptr || flood.nexthop == 0 || flood.nexthop != flood.group->id) {
     return true;
   }
-  return flood.group->members != domain.remote(flood.wanted->vteps);
+  return flood.group->members != domain.desired.remote(domain.desired.flood(mac)->vteps);
 }
 
-void Floods::eraseIfIdle(Domain& domain, Mac mac, Flood& flood) {
-  if (state_.dumping || flood.wanted || flood.queued || flood.group != nullptr || !flood.there.empty() ||
-      flood.nexthop != 0) {
+void Floods::done(BridgeDomain& domain, Mac mac, Flood& flood) {
+  recount(domain, mac, flood);
+  const bool needed = observed_.dumping || domain.desired.flood(mac) != nullptr || flood.pending.queued ||
+                      flood.group != nullptr || !flood.actual.empty() || flood.nexthop != 0;
+  if (needed) {
     return;
   }
-  require(flood.held.empty(), "a flood set that is nowhere keeps no VTEP");
+  require(flood.held.empty(), "a flood list that is nowhere keeps no VTEP");
+  domain.floodCounts.leave(flood.counted);
   domain.floods.erase(mac);
 }
 
 void Floods::forget(Flood& flood, Ip4 dst) {
-  flood.there.erase(dst);
-  if (state_.dumping) {
+  flood.actual.erase(dst);
+  if (observed_.dumping) {
     flood.gone.insert(dst);
   }
 }
 
-void Floods::removeDestinations(Domain& domain, Mac mac, const Flood& flood, Batch& out) {
-  std::vector<Ip4> wanted = wantedAddresses(domain, flood);
-  for (const auto& [dst, destination] : flood.there) {
-    bool stays = destination.mark != Mark::ours || (destination.adopted && !state_.settled);
-    if (stays || std::binary_search(wanted.begin(), wanted.end(), dst)) {
+void Floods::removeDestinations(BridgeDomain& domain, Mac mac, const Flood& flood, Batch& out) {
+  const std::vector<Ip4> desired = desiredAddresses(domain, mac);
+  for (const auto& [dst, destination] : flood.actual) {
+    bool stays = destination.owner != Owner::ours || (destination.adopted && !desired_.initialSyncComplete);
+    if (stays || std::binary_search(desired.begin(), desired.end(), dst)) {
       continue;
     }
-    out.add(keyOf(domain, mac), RowDel{rowOf(domain, mac, dst, 0)});
+    out.add(keyOf(domain, mac), FdbDel{entryOf(domain, mac, dst, 0)});
   }
 }
 
-void Floods::work(Domain& domain, Mac mac, Batch& out) {
+void Floods::work(BridgeDomain& domain, Mac mac, Batch& out) {
   auto at = domain.floods.find(mac);
   if (at == domain.floods.end()) {
     return;
   }
   Flood& flood = at->second;
-  if (std::exchange(flood.queued, false)) {
-    --domain.queuedRows;
-  }
-  freshen(domain, flood);
-  syncHeld(domain, flood);  // The switch's own address may have changed.
+  flood.pending.queued = false;
+  dropStale(domain, mac, flood);
+  syncHeld(domain, mac, flood);  // The switch's own address may have changed.
   Key key = keyOf(domain, mac);
-  const bool any = leadsToAny(domain, flood);
+  const bool any = leadsToAny(domain, mac);
   if (!any && flood.group != nullptr) {
-    state_.nexthops.release(std::exchange(flood.group, nullptr));
+    nexthops_.release(std::exchange(flood.group, nullptr));
   }
-  if (!domain.mapping) {
-    const Link* device = state_.links.at(domain.device);
-    if (device == nullptr || state_.links.ours(*device)) {
-      state_.failures.cleared(key);
-      eraseIfIdle(domain, mac, flood);
+  recount(domain, mac, flood);
+  if (!domain.mapped()) {
+    const Link* device = observed_.links.at(domain.device);
+    if (device == nullptr || observed_.links.ours(*device)) {
+      work_.failures.cleared(key);
+      done(domain, mac, flood);
       return;
     }
-  } else if (!domain.ready() || domain.turning()) {
+  } else if (!domain.ready() || renumbering_.beforeCutOver(domain.vlan)) {
     return;
   }
-  if (state_.contention.holdsBack(key, flood.strife, differs(domain, flood), state_.now) ||
-      state_.failures.pausing(key, state_.now)) {
+  if (work_.contention.holdsBack(key, flood.pending.strife, differs(domain, mac, flood), work_.now) ||
+      work_.failures.pausing(key, work_.now)) {
     return;
   }
   if (any) {
@@ -320,79 +341,81 @@ void Floods::work(Domain& domain, Mac mac, Batch& out) {
   } else {
     workAll(domain, mac, flood, out);
   }
-  if (!differs(domain, flood)) {
-    state_.failures.cleared(key);
+  if (!differs(domain, mac, flood)) {
+    work_.failures.cleared(key);
   }
-  eraseIfIdle(domain, mac, flood);
+  done(domain, mac, flood);
 }
 
-void Floods::workAll(Domain& domain, Mac mac, Flood& flood, Batch& out) {
+void Floods::workAll(BridgeDomain& domain, Mac mac, Flood& flood, Batch& out) {
   Key key = keyOf(domain, mac);
-  std::vector<Ip4> wanted = wantedAddresses(domain, flood);
+  const std::vector<Ip4> desired = desiredAddresses(domain, mac);
   if (flood.nexthop != 0) {
-    if (flood.nexthopMark == Mark::foreign) {
-      if (!wanted.empty()) {
-        state_.failures.waits(key, state_.now, state_.options.retryMost,
-                              "the VXLAN device has a row of somebody else for it");
+    if (flood.nexthopOwner == Owner::foreign) {
+      if (!desired.empty()) {
+        work_.failures.waits(key, work_.now, options_.retryMost,
+                             "the VXLAN device has a row of somebody else for it");
       }
       return;
     }
-    if (flood.adopted && !state_.settled) {
+    if (flood.adopted && !desired_.initialSyncComplete) {
       return;
     }
-    out.add(key, RowDel{rowOf(domain, mac, {}, flood.nexthop)});
+    out.add(key, FdbDel{entryOf(domain, mac, {}, flood.nexthop)});
   }
-  for (Ip4 vtep : wanted) {
-    if (!flood.there.contains(vtep)) {
-      out.add(key, RowAdd{RowAdd::How::append, rowOf(domain, mac, vtep, 0)});
+  for (Ip4 vtep : desired) {
+    if (!flood.actual.contains(vtep)) {
+      out.add(key, FdbAdd{FdbAdd::How::append, entryOf(domain, mac, vtep, 0)});
     }
   }
   removeDestinations(domain, mac, flood, out);
 }
 
-void Floods::workAny(Domain& domain, Mac mac, Flood& flood, Batch& out) {
+void Floods::workAny(BridgeDomain& domain, Mac mac, Flood& flood, Batch& out) {
   Key key = keyOf(domain, mac);
-  if (flood.nexthop != 0 && flood.nexthopMark == Mark::foreign) {
-    state_.failures.waits(key, state_.now, state_.options.retryMost,
-                          "the VXLAN device has a row of somebody else for it");
+  if (flood.nexthop != 0 && flood.nexthopOwner == Owner::foreign) {
+    work_.failures.waits(key, work_.now, options_.retryMost,
+                         "the VXLAN device has a row of somebody else for it");
     return;
   }
+  std::vector<Ip4> members = domain.desired.remote(domain.desired.flood(mac)->vteps);
   if (flood.group == nullptr) {
-    flood.group = state_.nexthops.holdOwn(domain.remote(flood.wanted->vteps), flood.nexthop);
+    flood.group = nexthops_.holdOwn(std::move(members), flood.nexthop);
   } else {
-    state_.nexthops.membersAre(*flood.group, domain.remote(flood.wanted->vteps));
+    nexthops_.membersAre(*flood.group, std::move(members));
   }
   if (flood.nexthop != 0 && flood.nexthop == flood.group->id) {
     return;
   }
-  if (!state_.nexthops.ready(*flood.group)) {
+  if (!nexthops_.ready(*flood.group)) {
     if (flood.group->queued) {
-      state_.queue(domain, mac, flood.queued);  // The next batch asks for the group, and then for the row.
+      work_.queue(domain.vlan, mac,
+                  flood.pending);  // The next batch asks for the group, and then for the entry.
     } else {
-      state_.failures.failed(key, state_.now, "waits for the nexthop group of its VTEPs");
+      work_.failures.failed(key, work_.now, "waits for the nexthop group of its VTEPs");
     }
     return;
   }
-  for (const auto& [dst, destination] : flood.there) {
-    if (destination.mark != Mark::foreign) {
+  for (const auto& [dst, destination] : flood.actual) {
+    if (destination.owner != Owner::foreign) {
       continue;
     }
-    state_.failures.waits(key, state_.now, state_.options.retryMost,
-                          "a row to a nexthop group is not possible beside the destination " + dst.text() +
-                              " of somebody else");
+    work_.failures.waits(key, work_.now, options_.retryMost,
+                         "a row to a nexthop group is not possible beside the destination " + dst.text() +
+                             " of somebody else");
     return;
   }
   if (flood.nexthop != 0) {
-    out.add(key, RowDel{rowOf(domain, mac, {}, flood.nexthop)});
+    out.add(key, FdbDel{entryOf(domain, mac, {}, flood.nexthop)});
   }
-  for (const auto& [dst, destination] : flood.there) {
-    out.add(key, RowDel{rowOf(domain, mac, dst, 0)});
+  for (const auto& [dst, destination] : flood.actual) {
+    out.add(key, FdbDel{entryOf(domain, mac, dst, 0)});
   }
-  out.add(key, RowAdd{RowAdd::How::create, rowOf(domain, mac, {}, flood.group->id)});
+  out.add(key, FdbAdd{FdbAdd::How::create, entryOf(domain, mac, {}, flood.group->id)});
 }
 
 void Floods::answered(const Request& request, const Key& key, int error, std::string_view text) {
-  Domain* domain = state_.find(key.vlan);
+  BridgeDomain* domain = observed_.find(key.vlan);
   if (domain == nullptr) {
     return;
   }
@@ -402,38 +425,38 @@ void Floods::answered(const Request& request, const Key& key, int error, std::st
     return;
   }
   Flood& flood = at->second;
-  freshen(*domain, flood);
-  const auto* del = std::get_if<RowDel>(&request);
-  const Row& row = del != nullptr ? del->row : std::get<RowAdd>(request).row;
-  if (row.device != domain->device) {
+  dropStale(*domain, mac, flood);
+  const auto* del = std::get_if<FdbDel>(&request);
+  const FdbEntry& entry = del != nullptr ? del->entry : std::get<FdbAdd>(request).entry;
+  if (entry.device != domain->device) {
     return;
   }
   if (del != nullptr && (error == ENOENT || error == ENODEV)) {
     error = 0;
   }
   if (error != 0) {
-    state_.failures.failed(key, state_.now, std::string(text));
+    work_.failures.failed(key, work_.now, std::string(text));
     if (error == EEXIST) {
-      state_.auditWanted = true;
+      work_.auditWanted = true;
     }
     return;
   }
-  if (row.nexthop != 0) {
-    flood.seen = state_.dump;
-    nexthopIs(flood, del != nullptr ? 0 : row.nexthop, del != nullptr ? Mark::none : Mark::ours);
+  if (entry.nexthop != 0) {
+    flood.seen = observed_.dump;
+    nexthopIs(flood, del != nullptr ? 0 : entry.nexthop, del != nullptr ? Owner::none : Owner::ours);
   } else if (del != nullptr) {
-    forget(flood, row.dst);
+    forget(flood, entry.dst);
   } else {
-    flood.gone.erase(row.dst);
-    flood.there[row.dst] = {Mark::ours, state_.dump, false};
+    flood.gone.erase(entry.dst);
+    flood.actual[entry.dst] = {Owner::ours, observed_.dump, false};
   }
-  syncHeld(*domain, flood);
-  if (!differs(*domain, flood)) {
-    state_.failures.cleared(key);
-    eraseIfIdle(*domain, mac, flood);
-  } else if (!state_.failures.pausing(key, state_.now)) {
-    state_.queue(*domain, mac, flood.queued);
+  syncHeld(*domain, mac, flood);
+  if (!differs(*domain, mac, flood)) {
+    work_.failures.cleared(key);
+  } else if (!work_.failures.pausing(key, work_.now)) {
+    work_.queue(domain->vlan, mac, flood.pending);
   }
+  done(*domain, mac, flood);
 }
 
 }  // namespace Agent::Kernel

@@ -7,377 +7,396 @@ namespace Agent::Kernel {
 
 namespace {
 
-Key keyOf(const Domain& domain, Mac mac) {
+Key keyOf(const BridgeDomain& domain, Mac mac) {
   return {Key::Kind::host, domain.vlan, mac.bits};
 }
 
 }  // namespace
 
-Host& Hosts::host(Domain& domain, Mac mac) {
+Host& Hosts::host(BridgeDomain& domain, Mac mac) {
   require(!mac.group(), "a host has a unicast address");
   auto [at, added] = domain.hosts.try_emplace(mac);
   if (added) {
     at->second.deviceLife = domain.deviceLife;
     at->second.bridgeLife = domain.bridgeLife;
+    domain.hostCounts.enter(at->second.counted);
   }
-  freshen(domain, at->second);
+  dropStale(domain, at->second);
   return at->second;
 }
 
-void Hosts::freshen(const Domain& domain, Host& host) {
+// Forgets what was known of entries in an earlier device or bridge. They are not counted any more.
+void Hosts::dropStale(BridgeDomain& domain, Host& host) {
   if (host.bridgeLife != domain.bridgeLife) {
     host.bridgeLife = domain.bridgeLife;
+    host.counted = HostCounts::withoutBridge(host.counted);
     host.port = 0;
-    host.portMark = Mark::none;
+    host.portOwner = Owner::none;
   }
   if (host.deviceLife == domain.deviceLife) {
     return;
   }
   host.deviceLife = domain.deviceLife;
+  host.counted = HostCounts::withoutDevice(host.counted);
   host.moved = false;
-  there(host, {}, Mark::none);
-  if (host.port != 0 && state_.links.at(host.port) == nullptr) {
-    host.port = 0;
-    host.portMark = Mark::none;
+  actualIs(domain, host, {}, Owner::none);
+  if (host.port != 0 && observed_.links.at(host.port) == nullptr) {
+    portIs(domain, host, 0, Owner::none);
   }
 }
 
-void Hosts::there(Host& host, Target target, Mark mark) {
-  if (host.there.nexthop != target.nexthop) {
+void Hosts::actualIs(BridgeDomain& domain, Host& host, Target target, Owner owner) {
+  if (host.actual.nexthop != target.nexthop) {
     if (target.nexthop != 0) {
-      state_.nexthops.used(target.nexthop, true);
+      nexthops_.used(target.nexthop, true);
     }
-    if (host.there.nexthop != 0) {
-      state_.nexthops.used(host.there.nexthop, false);
+    if (host.actual.nexthop != 0) {
+      nexthops_.used(host.actual.nexthop, false);
     }
   }
-  host.there = target;
-  host.mark = mark;
+  host.actual = target;
+  host.owner = owner;
+  recount(domain, host);
 }
 
-// Where the row is to lead: the flood set's VTEPs if there is one, else the host's. A set of type all cannot
-// be had for one address; with a host entry the host's VTEP stands, else any of the set.
-void Hosts::wish(Domain& domain, Mac mac, Host& host) {
-  auto set = domain.sets.find(mac);
-  bool useSet = set != domain.sets.end() && (set->second.type == FloodType::any || !host.vtep);
-  std::vector<Ip4> members = useSet ? domain.remote(set->second.vteps) : std::vector<Ip4>{};
+void Hosts::portIs(BridgeDomain& domain, Host& host, IfIndex port, Owner owner) {
+  host.port = port;
+  host.portOwner = owner;
+  recount(domain, host);
+}
+
+void Hosts::recount(BridgeDomain& domain, Host& host) {
+  const auto flag = [](bool holds, HostCounts::State state) { return holds ? state : HostCounts::State{}; };
+  domain.hostCounts.leave(host.counted);
+  host.counted = flag(host.group != nullptr, HostCounts::desired) |
+                 flag(host.owner == Owner::ours, HostCounts::inDevice) |
+                 flag(host.portOwner == Owner::ours, HostCounts::inBridge) |
+                 flag(matches(domain, host), HostCounts::matching);
+  domain.hostCounts.enter(host.counted);
+}
+
+// Where the entry is to lead: to the VTEPs of the flood list if there are any, else to the host's.
+void Hosts::resolve(BridgeDomain& domain, Mac mac, Host& host) {
+  const FloodSet* set = domain.desired.flood(mac);
+  const auto vtep = domain.desired.hosts.find(mac);
+  const std::vector<Ip4> members = set != nullptr ? domain.desired.remote(set->vteps) : std::vector<Ip4>{};
   Nexthops::Group* group = nullptr;
   if (!members.empty()) {
-    group = state_.nexthops.hold(members);
-  } else if (host.vtep) {
-    group = state_.nexthops.hold({host.vtep});
+    group = nexthops_.hold(members);
+  } else if (vtep != domain.desired.hosts.end()) {
+    group = nexthops_.hold({vtep->second});
   }
   Nexthops::Group* before = std::exchange(host.group, group);
   if (before != nullptr) {
-    state_.nexthops.release(before);
+    nexthops_.release(before);
   }
   host.adopted = false;
   if (before == group) {
     return;
   }
+  recount(domain, host);
   host.moved = before != nullptr;
-  if (std::exchange(host.yields, false)) {
-    state_.failures.cleared(keyOf(domain, mac));
+  if (std::exchange(host.seenLocally, false)) {
+    work_.failures.cleared(keyOf(domain, mac));
   }
-  state_.contention.wanted(keyOf(domain, mac), host.strife);
-  state_.queue(domain, mac, host.queued);
+  work_.contention.wanted(keyOf(domain, mac), host.pending.strife);
+  work_.queue(domain.vlan, mac, host.pending);
 }
 
-void Hosts::is(Domain& domain, Mac mac, Ip4 vtep) {
-  Host& host = this->host(domain, mac);
-  host.vtep = vtep;
-  wish(domain, mac, host);
+void Hosts::changed(BridgeDomain& domain, Mac mac) {
+  const bool wanted = domain.desired.hosts.contains(mac) || domain.desired.flood(mac) != nullptr;
+  if (wanted || domain.hosts.contains(mac)) {
+    resolve(domain, mac, host(domain, mac));
+  }
 }
 
-void Hosts::del(Domain& domain, Mac mac) {
-  auto at = domain.hosts.find(mac);
-  if (at == domain.hosts.end()) {
+void Hosts::localChanged(BridgeDomain& domain) {
+  for (const auto& [mac, set] : domain.desired.floods) {
+    if (!mac.group()) {
+      changed(domain, mac);
+    }
+  }
+}
+
+void Hosts::nexthopsLost() {
+  for (auto& [vlan, domain] : observed_.domains) {
+    for (auto& [mac, host] : domain.hosts) {
+      dropStale(domain, host);
+      recount(domain, host);
+    }
+  }
+}
+
+Target Hosts::desiredTarget(const Host& host) const {
+  FdbEntry entry;
+  nexthops_.target(*host.group, entry);
+  return {entry.dst, entry.nexthop};
+}
+
+void Hosts::entryIs(BridgeDomain& domain, const FdbEntry& entry, bool dumped) {
+  if (entry.table == Table::bridge && entry.learned && !domain.hosts.contains(entry.mac)) {
     return;
   }
-  at->second.vtep = {};
-  wish(domain, mac, at->second);
-}
-
-void Hosts::setIs(Domain& domain, Mac mac, FloodSet set) {
-  domain.sets[mac] = std::move(set);
-  wish(domain, mac, host(domain, mac));
-}
-
-void Hosts::setDel(Domain& domain, Mac mac) {
-  if (domain.sets.erase(mac) != 0) {
-    wish(domain, mac, host(domain, mac));
-  }
-}
-
-void Hosts::localIs(Domain& domain) {
-  for (const auto& [mac, set] : domain.sets) {
-    wish(domain, mac, host(domain, mac));
-  }
-}
-
-Target Hosts::wantedTarget(const Host& host) const {
-  Row row;
-  state_.nexthops.target(*host.group, row);
-  return {row.dst, row.nexthop};
-}
-
-void Hosts::rowIs(Domain& domain, const Row& row, bool dumped) {
-  if (row.table == Table::bridge && row.learned && !domain.hosts.contains(row.mac)) {
-    return;
-  }
-  Host& host = this->host(domain, row.mac);
-  if (host.mark == Mark::none && host.portMark == Mark::none && host.group == nullptr && !state_.settled) {
+  Host& host = this->host(domain, entry.mac);
+  if (host.owner == Owner::none && host.portOwner == Owner::none && host.group == nullptr &&
+      !desired_.initialSyncComplete) {
     host.adopted = true;
   }
-  std::uint32_t& seen = row.table == Table::device ? host.seen : host.portSeen;
-  if (dumped && seen == state_.dump) {
+  std::uint32_t& seen = entry.table == Table::device ? host.seen : host.portSeen;
+  if (dumped && seen == observed_.dump) {
     return;
   }
-  seen = state_.dump;
-  if (row.table == Table::device) {
-    deviceRowIs(domain, host, row);
+  seen = observed_.dump;
+  if (entry.table == Table::device) {
+    deviceEntryIs(domain, host, entry);
   } else {
-    bridgeRowIs(domain, host, row, dumped);
+    bridgeEntryIs(domain, host, entry, dumped);
   }
   if (differs(domain, host)) {
-    if (host.group != nullptr && !state_.adopting) {
-      ++state_.counters.repairs;
+    if (host.group != nullptr && !observed_.adopting) {
+      ++work_.counters.repairs;
     }
-    state_.queue(domain, row.mac, host.queued);
+    work_.queue(domain.vlan, entry.mac, host.pending);
   } else {
-    eraseIfIdle(domain, row.mac, host);
+    eraseIfIdle(domain, entry.mac, host);
   }
 }
 
-// Ours lead to a group of ours or carry the mark; what we had there and somebody changed in place stays ours.
-void Hosts::deviceRowIs(Domain& domain, Host& host, const Row& row) {
-  bool ours = row.nexthop != 0 ? state_.nexthops.ours(row.nexthop) : row.marked;
-  if (host.mark == Mark::ours && host.group != nullptr) {
+// Our entries lead to a group of ours or carry the ownership mark. If another program changes an entry of
+// ours in place, it stays ours.
+void Hosts::deviceEntryIs(BridgeDomain& domain, Host& host, const FdbEntry& entry) {
+  bool ours = entry.nexthop != 0 ? nexthops_.ours(entry.nexthop) : entry.marked;
+  if (host.owner == Owner::ours && host.group != nullptr) {
     ours = true;
   }
-  if (host.mark == Mark::foreign && ours) {
-    state_.contention.cleared(keyOf(domain, row.mac), host.strife, state_.now);
+  if (host.owner == Owner::foreign && ours) {
+    work_.contention.cleared(keyOf(domain, entry.mac), host.pending.strife, work_.now);
   }
-  host.strife.lost |= host.mark == Mark::ours && host.there != Target{row.dst, row.nexthop};
-  there(host, {row.dst, row.nexthop}, ours ? Mark::ours : Mark::foreign);
+  host.pending.strife.lost |= host.owner == Owner::ours && host.actual != Target{entry.dst, entry.nexthop};
+  actualIs(domain, host, {entry.dst, entry.nexthop}, ours ? Owner::ours : Owner::foreign);
 }
 
-void Hosts::bridgeRowIs(Domain& domain, Host& host, const Row& row, bool dumped) {
-  const Link* port = state_.links.at(row.device);
-  bool toDevice = row.device == domain.device || (port != nullptr && state_.links.ours(*port));
-  Mark before = host.portMark;
-  const IfIndex portBefore = std::exchange(host.port, row.device);
-  if (row.learned) {
-    host.portMark = Mark::learned;
-  } else if (row.marked && (toDevice || (before == Mark::ours && host.group != nullptr))) {
-    host.portMark = Mark::ours;
-  } else {
-    host.portMark = Mark::foreign;
+void Hosts::bridgeEntryIs(BridgeDomain& domain, Host& host, const FdbEntry& entry, bool dumped) {
+  const Link* port = observed_.links.at(entry.device);
+  bool toDevice = entry.device == domain.device || (port != nullptr && observed_.links.ours(*port));
+  Owner before = host.portOwner;
+  const IfIndex portBefore = host.port;
+  const bool ours = entry.marked && (toDevice || (before == Owner::ours && host.group != nullptr));
+  portIs(domain, host, entry.device, entry.learned ? Owner::learned : ours ? Owner::ours : Owner::foreign);
+  const bool moved = before == Owner::ours && host.portOwner != Owner::learned && host.port != portBefore;
+  host.pending.strife.lost |= moved || (before == Owner::ours && host.portOwner == Owner::foreign);
+  if (host.portOwner == Owner::ours && std::exchange(host.seenLocally, false)) {
+    work_.failures.cleared(keyOf(domain, entry.mac));
   }
-  const bool moved = before == Mark::ours && host.portMark != Mark::learned && host.port != portBefore;
-  host.strife.lost |= moved || (before == Mark::ours && host.portMark == Mark::foreign);
-  if (host.portMark == Mark::ours && std::exchange(host.yields, false)) {
-    state_.failures.cleared(keyOf(domain, row.mac));
-  }
-  if (dumped || host.portMark != Mark::learned || before != Mark::ours || toDevice) {
+  if (dumped || host.portOwner != Owner::learned || before != Owner::ours || toDevice) {
     return;
   }
   if (host.group == nullptr) {
     return;
   }
-  host.yields = true;
-  state_.failures.waits(keyOf(domain, row.mac), state_.now, state_.options.yieldFor,
-                        "seen at local port " + (port != nullptr ? port->name : std::to_string(row.device)) +
-                            " although the controller says VTEP " + host.group->members.front().text());
+  host.seenLocally = true;
+  work_.failures.waits(keyOf(domain, entry.mac), work_.now, options_.yieldFor,
+                       "seen at local port " + (port != nullptr ? port->name : std::to_string(entry.device)) +
+                           " although the controller says VTEP " + host.group->members.front().text());
 }
 
-void Hosts::rowDel(Domain& domain, const Row& row) {
-  auto at = domain.hosts.find(row.mac);
+void Hosts::entryDel(BridgeDomain& domain, const FdbEntry& entry) {
+  auto at = domain.hosts.find(entry.mac);
   if (at == domain.hosts.end()) {
     return;
   }
   Host& host = at->second;
-  freshen(domain, host);
-  if (row.table == Table::device) {
-    host.seen = state_.dump;
-    host.strife.lost |= host.mark == Mark::ours;
-    there(host, {}, Mark::none);
+  dropStale(domain, host);
+  if (entry.table == Table::device) {
+    host.seen = observed_.dump;
+    host.pending.strife.lost |= host.owner == Owner::ours;
+    actualIs(domain, host, {}, Owner::none);
   } else {
-    if (host.port != row.device) {
+    if (host.port != entry.device) {
       return;
     }
-    host.strife.lost |= host.portMark == Mark::ours;
-    host.portSeen = state_.dump;
-    host.port = 0;
-    host.portMark = Mark::none;
-    host.yields = false;
+    host.pending.strife.lost |= host.portOwner == Owner::ours;
+    host.portSeen = observed_.dump;
+    portIs(domain, host, 0, Owner::none);
+    host.seenLocally = false;
   }
   if (!differs(domain, host)) {
-    eraseIfIdle(domain, row.mac, host);
+    eraseIfIdle(domain, entry.mac, host);
     return;
   }
   if (host.group != nullptr) {
-    ++state_.counters.repairs;
+    ++work_.counters.repairs;
   }
-  state_.contention.cleared(keyOf(domain, row.mac), host.strife, state_.now);
-  state_.queue(domain, row.mac, host.queued);
+  work_.contention.cleared(keyOf(domain, entry.mac), host.pending.strife, work_.now);
+  work_.queue(domain.vlan, entry.mac, host.pending);
 }
 
-void Hosts::dumped(Domain& domain, Mac mac) {
+void Hosts::dumped(BridgeDomain& domain, Mac mac) {
   Host& host = domain.hosts.at(mac);
-  freshen(domain, host);
-  if (host.mark != Mark::none && host.seen != state_.dump) {
-    host.strife.lost |= host.mark == Mark::ours;
-    there(host, {}, Mark::none);
+  dropStale(domain, host);
+  if (host.owner != Owner::none && host.seen != observed_.dump) {
+    host.pending.strife.lost |= host.owner == Owner::ours;
+    actualIs(domain, host, {}, Owner::none);
   }
-  if (host.portMark != Mark::none && host.portSeen != state_.dump) {
-    host.strife.lost |= host.portMark == Mark::ours;
-    host.portMark = Mark::none;
-    host.port = 0;
-    host.yields = false;
+  if (host.portOwner != Owner::none && host.portSeen != observed_.dump) {
+    host.pending.strife.lost |= host.portOwner == Owner::ours;
+    portIs(domain, host, 0, Owner::none);
+    host.seenLocally = false;
   }
-  host.seen = host.portSeen = state_.dump;
+  host.seen = host.portSeen = observed_.dump;
   if (!differs(domain, host)) {
     eraseIfIdle(domain, mac, host);
     return;
   }
-  if (host.group != nullptr && !state_.adopting && !host.queued &&
-      !state_.failures.pausing(keyOf(domain, mac), state_.now)) {
-    ++state_.counters.repairs;
+  if (host.group != nullptr && !observed_.adopting && !host.pending.queued &&
+      !work_.failures.pausing(keyOf(domain, mac), work_.now)) {
+    ++work_.counters.repairs;
   }
-  state_.queue(domain, mac, host.queued);
+  work_.queue(domain.vlan, mac, host.pending);
 }
 
-bool Hosts::differs(const Domain& domain, const Host& host) const {
-  const Mark mark = host.deviceLife == domain.deviceLife ? host.mark : Mark::none;
-  const Mark portMark = host.bridgeLife == domain.bridgeLife ? host.portMark : Mark::none;
-  if (host.group == nullptr || !domain.mapping) {
-    return mark == Mark::ours || portMark == Mark::ours;
-  }
-  if (mark != Mark::ours || host.there != wantedTarget(host)) {
-    return true;
-  }
-  return portMark != Mark::ours || host.port != domain.device;
+bool Hosts::matches(const BridgeDomain& domain, const Host& host) const {
+  return host.group != nullptr && host.owner == Owner::ours && host.actual == desiredTarget(host) &&
+         host.portOwner == Owner::ours && host.port == domain.device;
 }
 
-void Hosts::eraseIfIdle(Domain& domain, Mac mac, Host& host) {
-  // During a dump what is known of a row that went guards against older news of it.
-  bool needed = state_.dumping || host.vtep || host.group != nullptr || host.queued ||
-                host.mark != Mark::none || (host.portMark != Mark::none && host.portMark != Mark::learned);
+bool Hosts::differs(const BridgeDomain& domain, const Host& host) const {
+  const bool deviceKnown = host.deviceLife == domain.deviceLife;
+  const bool bridgeKnown = host.bridgeLife == domain.bridgeLife;
+  if (host.group == nullptr || !domain.mapped()) {
+    return (deviceKnown && host.owner == Owner::ours) || (bridgeKnown && host.portOwner == Owner::ours);
+  }
+  return !deviceKnown || !bridgeKnown || !matches(domain, host);
+}
+
+void Hosts::eraseIfIdle(BridgeDomain& domain, Mac mac, Host& host) {
+  // During a dump the record of a deleted entry guards against the dump's older view of it.
+  bool needed = observed_.dumping || host.group != nullptr || host.pending.queued ||
+                host.owner != Owner::none ||
+                (host.portOwner != Owner::none && host.portOwner != Owner::learned);
   if (!needed) {
+    domain.hostCounts.leave(host.counted);
     domain.hosts.erase(mac);
   }
 }
 
-void Hosts::work(Domain& domain, Mac mac, Batch& out) {
+void Hosts::work(BridgeDomain& domain, Mac mac, Batch& out) {
   auto at = domain.hosts.find(mac);
   if (at == domain.hosts.end()) {
     return;
   }
   Host& host = at->second;
-  if (std::exchange(host.queued, false)) {
-    --domain.queuedRows;
-  }
-  freshen(domain, host);
+  host.pending.queued = false;
+  dropStale(domain, host);
+  recount(domain, host);  // Its group may have got its number.
   Key key = keyOf(domain, mac);
-  if (host.group == nullptr || !domain.mapping) {
+  if (host.group == nullptr || !domain.mapped()) {
     workUnwanted(domain, mac, host, out);
     return;
   }
-  if (!domain.ready() || state_.contention.holdsBack(key, host.strife, differs(domain, host), state_.now) ||
-      state_.failures.pausing(key, state_.now)) {
+  if (!domain.ready() ||
+      work_.contention.holdsBack(key, host.pending.strife, differs(domain, host), work_.now) ||
+      work_.failures.pausing(key, work_.now)) {
     return;
   }
-  if (!state_.nexthops.ready(*host.group)) {
-    state_.failures.failed(key, state_.now, "waits for the nexthop group of its VTEP");
+  if (!nexthops_.ready(*host.group)) {
+    work_.failures.failed(key, work_.now, "waits for the nexthop group of its VTEP");
     return;
   }
-  bool asked = workDeviceRow(domain, mac, host, out);
-  asked = workBridgeRow(domain, mac, host, out) || asked;
+  bool asked = workDeviceEntry(domain, mac, host, out);
+  asked = workBridgeEntry(domain, mac, host, out) || asked;
   if (!asked && !differs(domain, host)) {
-    state_.failures.cleared(key);
+    work_.failures.cleared(key);
   }
 }
 
-bool Hosts::workDeviceRow(Domain& domain, Mac mac, Host& host, Batch& out) {
-  Target wanted = wantedTarget(host);
-  if (host.mark == Mark::ours && host.there == wanted) {
+bool Hosts::workDeviceEntry(BridgeDomain& domain, Mac mac, Host& host, Batch& out) {
+  const Target desired = desiredTarget(host);
+  if (host.owner == Owner::ours && host.actual == desired) {
     return false;
   }
   Key key = keyOf(domain, mac);
-  if (host.mark == Mark::foreign) {
-    state_.failures.waits(key, state_.now, state_.options.retryMost,
-                          "the VXLAN device has a row of somebody else for it");
+  if (host.owner == Owner::foreign) {
+    work_.failures.waits(key, work_.now, options_.retryMost,
+                         "the VXLAN device has a row of somebody else for it");
     return false;
   }
-  Row row{Table::device, domain.device, 0, mac, wanted.dst, wanted.nexthop, true, false};
-  auto how = RowAdd::How::create;
-  if (host.mark == Mark::ours) {
-    if ((host.there.nexthop != 0) == (wanted.nexthop != 0)) {
-      how = RowAdd::How::replace;
+  const FdbEntry entry{.table = Table::device,
+                       .device = domain.device,
+                       .mac = mac,
+                       .dst = desired.dst,
+                       .nexthop = desired.nexthop,
+                       .marked = true};
+  auto how = FdbAdd::How::create;
+  if (host.owner == Owner::ours) {
+    if ((host.actual.nexthop != 0) == (desired.nexthop != 0)) {
+      how = FdbAdd::How::replace;
     } else {
-      out.add(key, RowDel{{Table::device, domain.device, 0, mac, {}, 0, false, false}});
+      out.add(key, FdbDel{{.table = Table::device, .device = domain.device, .mac = mac}});
     }
   }
-  out.add(key, RowAdd{how, row});
+  out.add(key, FdbAdd{how, entry});
   return true;
 }
 
-bool Hosts::workBridgeRow(Domain& domain, Mac mac, Host& host, Batch& out) {
-  if (host.portMark == Mark::ours && host.port == domain.device) {
+bool Hosts::workBridgeEntry(BridgeDomain& domain, Mac mac, Host& host, Batch& out) {
+  if (host.portOwner == Owner::ours && host.port == domain.device) {
     return false;
   }
-  if (domain.turning() && host.portMark == Mark::ours && host.port == domain.turn->previous && !host.moved) {
+  if (renumbering_.beforeCutOver(domain.vlan) && host.portOwner == Owner::ours &&
+      host.port == renumbering_.oldDevice(domain.vlan) && !host.moved) {
     return false;
   }
-  if (host.portMark == Mark::learned && std::exchange(host.yields, false)) {
-    state_.failures.cleared(keyOf(domain, mac));
+  if (host.portOwner == Owner::learned && std::exchange(host.seenLocally, false)) {
+    work_.failures.cleared(keyOf(domain, mac));
   }
   Key key = keyOf(domain, mac);
-  if (host.portMark == Mark::foreign) {
-    state_.failures.waits(key, state_.now, state_.options.retryMost,
-                          "the bridge has a row of somebody else for it");
+  if (host.portOwner == Owner::foreign) {
+    work_.failures.waits(key, work_.now, options_.retryMost, "the bridge has a row of somebody else for it");
     return false;
   }
-  out.add(key, RowAdd{RowAdd::How::replace,
-                      {Table::bridge, domain.device, domain.bridge, mac, {}, 0, true, false}});
+  out.add(key, FdbAdd{FdbAdd::How::replace,
+                      {.table = Table::bridge,
+                       .device = domain.device,
+                       .bridge = domain.bridge,
+                       .mac = mac,
+                       .marked = true}});
   return true;
 }
 
-void Hosts::workUnwanted(Domain& domain, Mac mac, Host& host, Batch& out) {
+void Hosts::workUnwanted(BridgeDomain& domain, Mac mac, Host& host, Batch& out) {
   Key key = keyOf(domain, mac);
-  state_.failures.cleared(key);
-  if (host.adopted && !state_.settled) {
+  work_.failures.cleared(key);
+  if (host.adopted && !desired_.initialSyncComplete) {
     return;
   }
-  const Link* device = state_.links.at(domain.device);
+  const Link* device = observed_.links.at(domain.device);
   // Without a mapping a device of ours goes as a whole.
-  if (!domain.mapping && (device == nullptr || state_.links.ours(*device))) {
+  if (!domain.mapped() && (device == nullptr || observed_.links.ours(*device))) {
     eraseIfIdle(domain, mac, host);
     return;
   }
-  if (host.portMark == Mark::ours && host.port != 0) {
-    out.add(key, RowDel{{Table::bridge, host.port, domain.bridge, mac, {}, 0, false, false}});
+  if (host.portOwner == Owner::ours && host.port != 0) {
+    out.add(key, FdbDel{{.table = Table::bridge, .device = host.port, .bridge = domain.bridge, .mac = mac}});
   }
-  if (host.mark == Mark::ours && domain.device != 0) {
-    out.add(key, RowDel{{Table::device, domain.device, 0, mac, {}, 0, false, false}});
+  if (host.owner == Owner::ours && domain.device != 0) {
+    out.add(key, FdbDel{{.table = Table::device, .device = domain.device, .mac = mac}});
   }
   eraseIfIdle(domain, mac, host);
 }
 
-void Hosts::answeredAdd(Domain& domain, Host& host, const Row& row) {
-  if (row.table == Table::bridge) {
-    host.portMark = Mark::ours;
-    host.port = row.device;
-    host.portSeen = state_.dump;
-  } else if (row.device == domain.device) {
-    there(host, {row.dst, row.nexthop}, Mark::ours);
-    host.seen = state_.dump;
+void Hosts::answeredAdd(BridgeDomain& domain, Host& host, const FdbEntry& entry) {
+  if (entry.table == Table::bridge) {
+    portIs(domain, host, entry.device, Owner::ours);
+    host.portSeen = observed_.dump;
+  } else if (entry.device == domain.device) {
+    actualIs(domain, host, {entry.dst, entry.nexthop}, Owner::ours);
+    host.seen = observed_.dump;
   }
 }
 
 void Hosts::answered(const Request& request, const Key& key, int error, std::string_view text) {
-  Domain* domain = state_.find(key.vlan);
+  BridgeDomain* domain = observed_.find(key.vlan);
   if (domain == nullptr) {
     return;
   }
@@ -387,31 +406,30 @@ void Hosts::answered(const Request& request, const Key& key, int error, std::str
     return;
   }
   Host& host = at->second;
-  freshen(*domain, host);
-  if (const auto* del = std::get_if<RowDel>(&request)) {
+  dropStale(*domain, host);
+  if (const auto* del = std::get_if<FdbDel>(&request)) {
     if (error == 0 || error == ENOENT || error == ENODEV) {
-      if (del->row.table == Table::device) {
-        there(host, {}, Mark::none);
-        host.seen = state_.dump;
-      } else if (host.port == del->row.device) {
-        host.portMark = Mark::none;
-        host.port = 0;
-        host.portSeen = state_.dump;
+      if (del->entry.table == Table::device) {
+        actualIs(*domain, host, {}, Owner::none);
+        host.seen = observed_.dump;
+      } else if (host.port == del->entry.device) {
+        portIs(*domain, host, 0, Owner::none);
+        host.portSeen = observed_.dump;
       }
     } else {
-      state_.failures.failed(key, state_.now, std::string(text));
+      work_.failures.failed(key, work_.now, std::string(text));
     }
   } else if (error == 0) {
-    answeredAdd(*domain, host, std::get<RowAdd>(request).row);
+    answeredAdd(*domain, host, std::get<FdbAdd>(request).entry);
   } else {
-    state_.failures.failed(key, state_.now, std::string(text));
+    work_.failures.failed(key, work_.now, std::string(text));
     if (error == EEXIST || error == ENOENT || error == EOPNOTSUPP) {
-      state_.auditWanted = true;
+      work_.auditWanted = true;
     }
     return;
   }
   if (host.group != nullptr && !differs(*domain, host)) {
-    state_.failures.cleared(key);
+    work_.failures.cleared(key);
   }
   eraseIfIdle(*domain, mac, host);
 }

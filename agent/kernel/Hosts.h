@@ -1,58 +1,77 @@
+// The FDB entries of unicast addresses.
 #pragma once
 
 #include <string_view>
 
-#include "agent/kernel/State.h"
+#include "agent/kernel/Observed.h"
+#include "agent/kernel/Options.h"
+#include "agent/kernel/VniRenumbering.h"
+#include "agent/kernel/Work.h"
 
 namespace Agent::Kernel {
 
-// Keeps the rows of unicast addresses: in the VXLAN device's table the way to the VTEP, in the bridge's
-// table the way to the VXLAN device. A row is replaced in place; only one that leads to an address (from a
-// run without nexthop groups) and is to lead to a group, or the other way round, is deleted and added, both
-// in one batch.
+// Keeps the FDB entries of unicast addresses: in the VXLAN device's table the way to the VTEP, in the
+// bridge's table the way to the VXLAN device. An entry is replaced in place; only one that leads to an
+// address (from a run without nexthop groups) and is to lead to a group, or the other way round, is deleted
+// and added, both in one batch.
 //
-// A host that the bridge learned at a local port after our row was there has moved here: it is left there
+// A host that the bridge learned at a local port after our entry was there has moved here: it is left there
 // until the controller says something new of it, at most for Options::yieldFor.
 class Hosts {
  public:
-  explicit Hosts(State& state) : state_(state) {}
+  Hosts(const Options& options, const Desired& desired, const VniRenumbering& renumbering, Observed& observed,
+        Nexthops& nexthops, Work& work)
+      : options_(options),
+        desired_(desired),
+        renumbering_(renumbering),
+        observed_(observed),
+        nexthops_(nexthops),
+        work_(work) {}
 
-  void is(Domain& domain, Mac mac, Ip4 vtep);
-  void del(Domain& domain, Mac mac);
-  void setIs(Domain& domain, Mac mac, FloodSet set);
-  void setDel(Domain& domain, Mac mac);
-  // The switch's own address has changed, which is left out of sets.
-  void localIs(Domain& domain);
+  // The desired state of the address has changed, or may have.
+  void changed(BridgeDomain& domain, Mac mac);
+  // The switch's own address has changed, which is left out of flood lists.
+  void localChanged(BridgeDomain& domain);
+  // The kernel turned out to have no nexthop groups: entries lead elsewhere than thought.
+  void nexthopsLost();
 
-  // The kernel reports a row; `dumped`: as part of a dump, thus maybe older than what is known.
-  void rowIs(Domain& domain, const Row& row, bool dumped);
-  void rowDel(Domain& domain, const Row& row);
-  // A dump is complete: rows that it did not show and that nothing changed meanwhile are gone.
-  void dumped(Domain& domain, Mac mac);
+  // The kernel reports an entry; `dumped`: as part of a dump, thus maybe older than what is known.
+  void entryIs(BridgeDomain& domain, const FdbEntry& entry, bool dumped);
+  void entryDel(BridgeDomain& domain, const FdbEntry& entry);
+  // A dump is complete: entries that it did not show and that nothing changed meanwhile are gone.
+  void dumped(BridgeDomain& domain, Mac mac);
 
   // Asks for what is missing at this address.
-  void work(Domain& domain, Mac mac, Batch& out);
+  void work(BridgeDomain& domain, Mac mac, Batch& out);
   void answered(const Request& request, const Key& key, int error, std::string_view text);
 
-  // Whether what is wanted is there, for a host that is wanted; or nothing of ours, for one that is not.
-  bool differs(const Domain& domain, const Host& host) const;
-  // Forgets what was known of an earlier device.
-  void freshen(const Domain& domain, Host& host);
+  // For a host that is wanted: whether an entry is missing or different. For one that is not: whether there
+  // is an entry of ours.
+  bool differs(const BridgeDomain& domain, const Host& host) const;
 
  private:
-  Host& host(Domain& domain, Mac mac);
-  void wish(Domain& domain, Mac mac, Host& host);
-  void there(Host& host, Target target, Mark mark);
-  void deviceRowIs(Domain& domain, Host& host, const Row& row);
-  void bridgeRowIs(Domain& domain, Host& host, const Row& row, bool dumped);
-  bool workDeviceRow(Domain& domain, Mac mac, Host& host, Batch& out);
-  bool workBridgeRow(Domain& domain, Mac mac, Host& host, Batch& out);
-  void workUnwanted(Domain& domain, Mac mac, Host& host, Batch& out);
-  void answeredAdd(Domain& domain, Host& host, const Row& row);
-  void eraseIfIdle(Domain& domain, Mac mac, Host& host);
-  Target wantedTarget(const Host& host) const;
+  Host& host(BridgeDomain& domain, Mac mac);
+  void dropStale(BridgeDomain& domain, Host& host);
+  void resolve(BridgeDomain& domain, Mac mac, Host& host);
+  void actualIs(BridgeDomain& domain, Host& host, Target target, Owner owner);
+  void portIs(BridgeDomain& domain, Host& host, IfIndex port, Owner owner);
+  bool matches(const BridgeDomain& domain, const Host& host) const;
+  void recount(BridgeDomain& domain, Host& host);
+  void deviceEntryIs(BridgeDomain& domain, Host& host, const FdbEntry& entry);
+  void bridgeEntryIs(BridgeDomain& domain, Host& host, const FdbEntry& entry, bool dumped);
+  bool workDeviceEntry(BridgeDomain& domain, Mac mac, Host& host, Batch& out);
+  bool workBridgeEntry(BridgeDomain& domain, Mac mac, Host& host, Batch& out);
+  void workUnwanted(BridgeDomain& domain, Mac mac, Host& host, Batch& out);
+  void answeredAdd(BridgeDomain& domain, Host& host, const FdbEntry& entry);
+  void eraseIfIdle(BridgeDomain& domain, Mac mac, Host& host);
+  Target desiredTarget(const Host& host) const;
 
-  State& state_;
+  const Options& options_;
+  const Desired& desired_;
+  const VniRenumbering& renumbering_;
+  Observed& observed_;
+  Nexthops& nexthops_;
+  Work& work_;
 };
 
 }  // namespace Agent::Kernel

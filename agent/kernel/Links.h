@@ -10,8 +10,8 @@
 
 namespace Agent::Kernel {
 
-// The network devices there are, as the kernel last described them. Ours carry an alias that begins with the
-// owner's name and tells the VLAN, so that they are known again after a restart: "vxlan-agent: vlan 10";
+// The network devices, as the kernel last described them. Ours carry an alias that begins with the
+// owner's name and contains the VLAN, so that they are recognised after a restart: "vxlan-agent: vlan 10";
 // until they have it they are in the birth group.
 class Links {
  public:
@@ -26,9 +26,9 @@ class Links {
   void made(const std::string& name);
   // Whether a device of this name was made and has not been described yet.
   bool expected(const std::string& name) const { return expected_.contains(name); }
-  // Whether we have made it in this run and not used it yet, so that nobody's rows are in it.
+  // Whether we made it in this run and have not used it yet: it has no FDB entries.
   bool fresh(IfIndex index) const { return fresh_.contains(index); }
-  // It is used from now on: rows are in it that whoever uses it next does not know of.
+  // It is in use from now on: it may contain entries unknown to its next user.
   void used(IfIndex index) { fresh_.erase(index); }
   // What was expected at `dumpBegins` and not described by `dumpEnds` has gone again.
   void dumpBegins() { overdue_ = expected_; }

@@ -10,8 +10,8 @@
 
 #include "agent/kernel/Types.h"
 
-// What is said to the kernel and heard from it, in words of the data plane. Wire.h puts it into netlink
-// messages; the tests' model of the kernel takes it as it is.
+// Requests to the kernel and its reports, in terms of the data plane. Wire.h translates them to and from
+// netlink messages; the tests' model of the kernel takes them as they are.
 namespace Agent::Kernel {
 
 enum class LinkKind : std::uint8_t { other, bridge, vxlan };
@@ -35,12 +35,12 @@ struct Link {
   bool portIsolated = false;  // The bridge does not forward between isolated ports.
 };
 
-// The two tables a remote host is in: the VXLAN device's own, and that of the bridge above it.
+// The two FDB tables that a remote host is in: the VXLAN device's own, and that of the bridge above it.
 enum class Table : std::uint8_t { device, bridge };
 
-// A forwarding row. In the device's table it leads to a VTEP or to a nexthop group, in the bridge's to a
-// port.
-struct Row {
+// A forwarding database (FDB) entry. In the device's table it leads to a VTEP or to a nexthop group, in the
+// bridge's to a port.
+struct FdbEntry {
   Table table = Table::device;
   IfIndex device = 0;  // The VXLAN device, or the bridge's port.
   IfIndex bridge = 0;  // In the bridge's table: the bridge.
@@ -51,13 +51,13 @@ struct Row {
   bool learned = false;  // Learned from traffic by the kernel itself.
 };
 
-// A nexthop for forwarding rows: one VTEP, or a group of such.
+// A nexthop for FDB entries: one VTEP, or a group of VTEPs.
 struct Nexthop {
   NexthopId id = 0;
   std::uint8_t protocol = 0;
   bool fdb = false;
-  Ip4 gateway;
-  std::vector<NexthopId> members;
+  Ip4 gateway{};
+  std::vector<NexthopId> members{};
 };
 
 // Makes a device. A bridge is made up; a VXLAN device is made down, to be set up when it is complete.
@@ -79,21 +79,21 @@ struct BridgePort {
   bool isolated = false;
 };
 
-// Changes what is given of a device and leaves the rest.
+// Changes the given attributes of a device and leaves the others.
 struct LinkSet {
   IfIndex index = 0;
   LinkKind kind = LinkKind::other;
-  std::optional<std::string> alias;
-  std::optional<IfIndex> master;
-  std::optional<bool> up;
-  std::optional<Ip4> local;
-  std::optional<bool> learning;
-  std::optional<bool> portLearning;
-  std::optional<bool> portIsolated;
-  std::optional<std::uint32_t> group;
+  std::optional<std::string> alias{};
+  std::optional<IfIndex> master{};
+  std::optional<bool> up{};
+  std::optional<Ip4> local{};
+  std::optional<bool> learning{};
+  std::optional<bool> portLearning{};
+  std::optional<bool> portIsolated{};
+  std::optional<std::uint32_t> group{};
 };
 
-// Deletes a device, with the rows in it.
+// Deletes a device, with the FDB entries in it.
 struct LinkDel {
   IfIndex index = 0;
 };
@@ -103,39 +103,40 @@ struct NexthopSet {
   Nexthop nexthop;
 };
 
-// Deletes a nexthop. The kernel deletes the rows that lead to a group with it, and does not report them.
+// Deletes a nexthop. The kernel deletes the FDB entries that lead to a group with it, and does not report
+// them.
 struct NexthopDel {
   NexthopId id = 0;
 };
 
-// Adds a row.
-struct RowAdd {
+// Adds an FDB entry.
+struct FdbAdd {
   enum class How : std::uint8_t {
     create,   // Refused when there is one.
     replace,  // In place of the one there, without a moment without.
     append    // One more destination for a group address.
   };
   How how = How::create;
-  Row row;
+  FdbEntry entry;
 };
 
-// Deletes a row; of a group address in the device's table, only the destination given.
-struct RowDel {
-  Row row;
+// Deletes an FDB entry; of a group address in the device's table, only the destination given.
+struct FdbDel {
+  FdbEntry entry;
 };
 
-// Asks for a row; it is reported before the answer.
-struct RowGet {
-  Row row;
+// Asks for an FDB entry; it is reported before the answer.
+struct FdbGet {
+  FdbEntry entry;
 };
 
-// Asks for all devices, nexthops or rows; they are reported until the end of the dump.
+// Asks for all devices, nexthops or FDB entries; they are reported until the end of the dump.
 struct Dump {
-  enum class What : std::uint8_t { links, nexthops, rows };
+  enum class What : std::uint8_t { links, nexthops, entries };
   What what = What::links;
 };
 
-using Request = std::variant<RowAdd, RowDel, RowGet, NexthopSet, NexthopDel, LinkAdd, LinkSet, LinkDel, Dump>;
+using Request = std::variant<FdbAdd, FdbDel, FdbGet, NexthopSet, NexthopDel, LinkAdd, LinkSet, LinkDel, Dump>;
 
 // An object whose state in the kernel is kept, as the name of its work, failures and answers.
 struct Key {

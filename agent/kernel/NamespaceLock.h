@@ -14,7 +14,7 @@ class LockError : public std::runtime_error {
 
 // Holds a network namespace as long as it lives, so that two agents do not program the same kernel tables. It
 // is an flock on a file of mode 0600 that is named by the namespace's inode and holds our process number. The
-// kernel gives it back when the process ends, however it ends; a file that is left behind is in nobody's way.
+// kernel gives it back when the process ends, however it ends; a file that is left behind blocks nothing.
 //
 // The lock is worth what its folder is worth: the folder and the file belong to root, to our user or to the
 // user "vxlan-agent", and nobody else may write to them.

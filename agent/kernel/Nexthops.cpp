@@ -47,15 +47,15 @@ void Nexthops::unsupported(std::string why) {
 void Nexthops::holdVtep(Ip4 vtep) {
   Vtep& state = vteps_[vtep];
   state.adopted = false;
-  if (state.wanted++ == 0) {
+  if (state.users++ == 0) {
     vtepQueue_.insert(vtep);
   }
 }
 
 void Nexthops::releaseVtep(Ip4 vtep) {
   auto at = vteps_.find(vtep);
-  require(at != vteps_.end() && at->second.wanted > 0, "a VTEP is released as often as it was held");
-  if (--at->second.wanted == 0) {
+  require(at != vteps_.end() && at->second.users > 0, "a VTEP is released as often as it was held");
+  if (--at->second.users == 0) {
     vtepQueue_.insert(vtep);
   }
 }
@@ -70,7 +70,7 @@ void Nexthops::queue(Group& group) {
 void Nexthops::syncHeld(Group& group) {
   std::vector<Ip4> hold = group.members;
   if (group.exists) {
-    hold.insert(hold.end(), group.there.begin(), group.there.end());
+    hold.insert(hold.end(), group.actual.begin(), group.actual.end());
   }
   std::erase(hold, Ip4{});
   std::sort(hold.begin(), hold.end());
@@ -93,7 +93,7 @@ Nexthops::Group* Nexthops::hold(const std::vector<Ip4>& members) {
     groups_.emplace(group, std::move(made));
   }
   group->adopted = false;
-  if (group->wanted++ == 0) {
+  if (group->users++ == 0) {
     syncHeld(*group);
     queue(*group);
   }
@@ -102,7 +102,7 @@ Nexthops::Group* Nexthops::hold(const std::vector<Ip4>& members) {
 
 Nexthops::Group* Nexthops::holdOwn(std::vector<Ip4> members, NexthopId id) {
   auto at = groupIds_.find(id);
-  Group* group = at == groupIds_.end() || at->second->shared || at->second->wanted > 0 ? nullptr : at->second;
+  Group* group = at == groupIds_.end() || at->second->shared || at->second->users > 0 ? nullptr : at->second;
   if (group == nullptr) {
     auto made = std::make_unique<Group>();
     group = made.get();
@@ -110,7 +110,7 @@ Nexthops::Group* Nexthops::holdOwn(std::vector<Ip4> members, NexthopId id) {
     groups_.emplace(group, std::move(made));
   }
   group->adopted = false;
-  ++group->wanted;
+  ++group->users;
   membersAre(*group, std::move(members));
   return group;
 }
@@ -126,8 +126,8 @@ void Nexthops::membersAre(Group& group, std::vector<Ip4> members) {
 }
 
 void Nexthops::release(Group* group) {
-  require(group != nullptr && group->wanted > 0, "a group is released as often as it was held");
-  if (--group->wanted == 0) {
+  require(group != nullptr && group->users > 0, "a group is released as often as it was held");
+  if (--group->users == 0) {
     queue(*group);
   }
 }
@@ -139,17 +139,17 @@ void Nexthops::used(NexthopId id, bool used) {
   }
   Group& group = *at->second;
   if (used) {
-    ++group.used;
-  } else if (group.used > 0 && --group.used == 0) {
+    ++group.entries;
+  } else if (group.entries > 0 && --group.entries == 0) {
     queue(group);
   }
 }
 
-void Nexthops::target(const Group& group, Row& row) const {
+void Nexthops::target(const Group& group, FdbEntry& entry) const {
   if (supported_) {
-    row.nexthop = group.id;
+    entry.nexthop = group.id;
   } else {
-    row.dst = group.members.front();
+    entry.dst = group.members.front();
   }
 }
 
@@ -225,14 +225,14 @@ void Nexthops::isGroup(const Nexthop& nexthop) {
     known = groupIds_.emplace(nexthop.id, group).first;
   }
   Group& group = *known->second;
-  bool same = group.exists && group.there == members;
+  bool same = group.exists && group.actual == members;
   group.exists = true;
   group.seen = dump_;
   if (same) {
     return;
   }
-  group.strife.lost |= group.there == group.members;
-  group.there = std::move(members);
+  group.strife.lost |= group.actual == group.members;
+  group.actual = std::move(members);
   syncHeld(group);
   queue(group);
 }
@@ -269,8 +269,7 @@ bool Nexthops::del(NexthopId id) {
   return std::exchange(group->second->exists, false);
 }
 
-bool Nexthops::dumped() {
-  bool gone = false;
+void Nexthops::dumped() {
   for (auto& [ip, vtep] : vteps_) {
     if (!vtep.exists || vtep.seen == dump_) {
       continue;
@@ -278,7 +277,6 @@ bool Nexthops::dumped() {
     vtep.exists = false;
     vtep.strife.lost = true;
     vtepQueue_.insert(ip);
-    gone = true;
   }
   for (auto& [at, group] : groups_) {
     if (!group->exists || group->seen == dump_) {
@@ -287,9 +285,7 @@ bool Nexthops::dumped() {
     group->exists = false;
     group->strife.lost = true;
     queue(*group);
-    gone = true;
   }
-  return gone;
 }
 
 void Nexthops::work(Batch& out, Time now, bool sweep) {
@@ -317,7 +313,7 @@ void Nexthops::workVtep(Ip4 ip, Batch& out, Time now, bool sweep) {
     return;
   }
   Vtep& vtep = at->second;
-  if (supported_ && vtep.wanted > 0 && !vtep.exists) {
+  if (supported_ && vtep.users > 0 && !vtep.exists) {
     if (contention_.holdsBack(vtepKey(ip), vtep.strife, true, now)) {
       return;
     }
@@ -329,7 +325,7 @@ void Nexthops::workVtep(Ip4 ip, Batch& out, Time now, bool sweep) {
     out.add(vtepKey(ip), NexthopSet{{vtep.id, options_.nexthopProtocol, true, ip, {}}});
     return;
   }
-  if (vtep.wanted > 0) {
+  if (vtep.users > 0) {
     return;
   }
   if (!vtep.exists) {
@@ -342,17 +338,17 @@ void Nexthops::workVtep(Ip4 ip, Batch& out, Time now, bool sweep) {
 }
 
 void Nexthops::workGroup(Group& group, Batch& out, Time now, bool sweep) {
-  if (group.wanted == 0) {
-    if (group.exists && group.used == 0 && (!group.adopted || sweep)) {
+  if (group.users == 0) {
+    if (group.exists && group.entries == 0 && (!group.adopted || sweep)) {
       if (!failures_.pausing(groupKey(group.id), now)) {
         out.add(groupKey(group.id), NexthopDel{group.id});
       }
-    } else if (!group.exists && group.used == 0) {
+    } else if (!group.exists && group.entries == 0) {
       drop(group);
     }
     return;
   }
-  if (!supported_ || (group.exists && group.there == group.members)) {
+  if (!supported_ || (group.exists && group.actual == group.members)) {
     return;
   }
   if (group.id == 0) {
@@ -398,10 +394,10 @@ void Nexthops::answered(const Request& request, const Key& key, int error, std::
     return;
   }
   Group& group = *groupIds_.at(nexthop.id);
-  group.there = addresses(nexthop.members);
+  group.actual = addresses(nexthop.members);
   group.seen = dump_;
   syncHeld(group);
-  if (group.there != group.members || group.wanted == 0) {
+  if (group.actual != group.members || group.users == 0) {
     queue(group);
   }
 }
@@ -465,16 +461,16 @@ Nexthops::Counts Nexthops::counts() const {
   if (!supported_) {
     return counts;
   }
-  auto count = [&counts](bool wanted, bool there, bool same) {
-    counts.wanted += wanted ? 1 : 0;
-    counts.there += there ? 1 : 0;
-    counts.differing += wanted != there || (wanted && !same) ? 1 : 0;
+  const auto count = [&counts](bool desired, bool actual, bool same) {
+    counts.desired += desired ? 1 : 0;
+    counts.actual += actual ? 1 : 0;
+    counts.differing += desired != actual || (desired && !same) ? 1 : 0;
   };
   for (const auto& [ip, vtep] : vteps_) {
-    count(vtep.wanted > 0, vtep.exists, true);
+    count(vtep.users > 0, vtep.exists, true);
   }
   for (const auto& [at, group] : groups_) {
-    count(group->wanted > 0, group->exists, group->there == group->members);
+    count(group->users > 0, group->exists, group->actual == group->members);
   }
   return counts;
 }

@@ -15,82 +15,81 @@
 
 namespace Agent::Kernel {
 
-// Where rows lead: a nexthop object for each VTEP, and groups of them.
+// The nexthop objects that FDB entries lead to: one for each VTEP, and groups of them.
 //
-// Every host's row names a group, be it a group of one, because the kernel replaces a group in a row by
-// another without a moment in between, but refuses to put a group where an address was. Hosts with the same
-// set of VTEPs share a group; the default destination of type "any" has one of its own, since its row cannot
-// be replaced and only its group's members can. The ranges of numbers tell them apart after a restart:
+// Every host's entry names a group, even for a single VTEP, because the kernel replaces a group in an entry
+// by another without a moment in between, but refuses to put a group where an address was. Hosts with the
+// same set of VTEPs share a group; the default destination of type "any" has one of its own, since its entry
+// cannot be replaced and only its group's members can. The ranges of numbers tell them apart after a restart:
 // VTEPs from nexthopBase on, shared groups from there + 2^20, own groups + 2^21.
 //
-// A VTEP's object is kept as long as a group or a flood row leads there. That also tells a flood row of ours
-// from another's after a restart, as the row itself has no place for a mark.
+// A VTEP's object is kept as long as a group or a flood entry leads there. That also distinguishes our flood
+// entries from others' after a restart, as the entry itself has no place for an ownership mark.
 //
 // Without nexthop support in the kernel a group stands for the address of its first VTEP.
 class Nexthops {
  public:
   struct Group {
-    std::vector<Ip4> members;  // Wanted, sorted.
-    std::vector<Ip4> there;    // Acknowledged or reported.
+    std::vector<Ip4> members;  // Desired, sorted.
+    std::vector<Ip4> actual;   // Acknowledged or reported.
     std::vector<Ip4> held;     // VTEPs kept for either.
     NexthopId id = 0;
     bool shared = true;
     bool exists = false;
-    bool adopted = false;  // From before this run, and not wanted since.
+    bool adopted = false;  // From a previous run; not yet confirmed by the controller.
     bool queued = false;
-    unsigned wanted = 0;  // Hosts and flood sets that want it.
-    unsigned used = 0;    // Rows in the kernel that name it.
+    unsigned users = 0;    // Hosts and flood lists that want it.
+    unsigned entries = 0;  // FDB entries in the kernel that name it.
     std::uint32_t seen = 0;
     Strife strife;
   };
   struct Counts {
-    std::size_t wanted = 0;
-    std::size_t there = 0;
+    std::size_t desired = 0;
+    std::size_t actual = 0;
     std::size_t differing = 0;
   };
 
   Nexthops(const Options& options, Failures& failures, Contention& contention)
       : options_(options), failures_(failures), contention_(contention), supported_(options.nexthops) {}
 
-  // Whether the kernel has nexthop groups for forwarding rows.
+  // Whether the kernel has nexthop groups for FDB entries.
   bool supported() const { return supported_; }
   void unsupported(std::string why);
 
   // The shared group of these VTEPs (sorted, not empty), held until released.
   Group* hold(const std::vector<Ip4>& members);
-  // A group of one's own. `id`: that of the group that the row names already, 0 for a new one.
+  // A group that is not shared. `id`: that of the group that the entry names already, 0 for a new one.
   Group* holdOwn(std::vector<Ip4> members, NexthopId id);
   void membersAre(Group& group, std::vector<Ip4> members);
   void release(Group* group);
   void holdVtep(Ip4 vtep);
   void releaseVtep(Ip4 vtep);
-  // A row in the kernel names the group from now on, or no longer.
+  // An entry in the kernel names the group from now on, or no longer.
   void used(NexthopId id, bool used);
 
-  // Where a row has to lead for the group: an address if groups are not supported.
-  void target(const Group& group, Row& row) const;
-  // Whether rows can name the group: it is there, or was asked for earlier in this batch.
+  // Where an entry has to lead for the group: to an address if groups are not supported.
+  void target(const Group& group, FdbEntry& entry) const;
+  // Whether entries can name the group: it is there, or was asked for earlier in this batch.
   bool ready(const Group& group) const { return !supported_ || group.exists; }
   bool ours(NexthopId id) const;
-  bool ownRange(NexthopId id) const { return id >= base(2) && id < base(3); }
   // Whether there is or was an object of ours for this VTEP.
   bool knows(Ip4 vtep) const;
 
-  // The number of the dump that began last; what is heard of from now on counts as seen by it.
+  // The number of the dump that began last; reports from now on count as seen by it.
   void dumpIs(std::uint32_t dump) { dump_ = dump; }
   // The kernel reports a nexthop.
   void is(const Nexthop& nexthop);
-  // The kernel reports that it is gone; returns whether rows may have gone with it.
+  // The kernel reports that it is gone; returns whether FDB entries may have gone with it.
   bool del(NexthopId id);
-  // The dump is complete: what it did not report is gone; returns whether rows may have gone with it.
-  bool dumped();
+  // The dump is complete: objects that it did not report are gone.
+  void dumped();
 
   // Adds what has to be asked of the kernel to `out`; `sweep`: also removes what was adopted and is not
   // wanted.
   void work(Batch& out, Time now, bool sweep);
   bool pending() const { return !vtepQueue_.empty() || !groupQueue_.empty(); }
   void answered(const Request& request, const Key& key, int error, std::string_view text, Time now);
-  // Queues everything, for a new look at what is there and wanted.
+  // Queues everything for reconciliation.
   void requeue();
   void requeue(const Key& key);
   Counts counts() const;
@@ -98,7 +97,7 @@ class Nexthops {
  private:
   struct Vtep {
     NexthopId id = 0;
-    unsigned wanted = 0;
+    unsigned users = 0;
     bool exists = false;
     bool adopted = false;
     std::uint32_t seen = 0;

@@ -33,7 +33,7 @@ class Socket {
   Socket& operator=(const Socket&) = delete;
 
   int fd() const { return fd_; }
-  // Also hears what is reported to the multicast group (RTNLGRP_...); false if the kernel has no such group.
+  // Also receives the reports to the multicast group (RTNLGRP_...); false if the kernel has no such group.
   bool join(unsigned group);
   // Sends messages; the kernel has worked them off when this returns. Returns 0 or an errno.
   int send(const char* data, std::size_t size);

@@ -8,8 +8,8 @@
 #include <string>
 #include <string_view>
 
-// The Linux data plane: keeps bridges, VXLAN devices and forwarding rows of the kernel as the agent
-// wants them. Depends on nothing else of the agent.
+// The Linux data plane: reconciles the kernel's bridges, VXLAN devices and FDB entries with the agent's
+// desired state. Depends on nothing else of the agent.
 namespace Agent::Kernel {
 
 // A moment on the caller's monotonic clock, or a span of it.
@@ -29,8 +29,6 @@ struct Ip4 {
   explicit operator bool() const { return bits != 0; }
   // Dotted decimal, such as "10.0.0.2".
   std::string text() const;
-  // Reads dotted decimal; nothing when it is not an address.
-  static std::optional<Ip4> parse(std::string_view text);
 };
 
 // An Ethernet address: the six octets in the low 48 bits, first octet highest.
@@ -39,17 +37,14 @@ struct Mac {
 
   auto operator<=>(const Mac&) const = default;
   bool zero() const { return bits == 0; }
-  // Whether it is a destination of several by its nature: all-zero (the kernel's default destination),
-  // multicast or broadcast.
+  // Whether it stands for several destinations: all-zero (the kernel's default destination), multicast or
+  // broadcast.
   bool group() const { return zero() || ((bits >> 40U) & 1U) != 0; }
   // Lower case with colons, such as "02:00:00:00:10:04".
   std::string text() const;
-  // Reads six colon-separated octets; nothing when it is not an address.
-  static std::optional<Mac> parse(std::string_view text);
 };
 
-// Ends the process with a message when what only this code itself can cause has come about. Works alike in
-// every build type.
+// Ends the process with a message if `holds` is false: a bug of this code. The same in every build type.
 inline void require(bool holds, const char* what, const char* file = __builtin_FILE(),
                     int line = __builtin_LINE());
 

@@ -91,50 +91,50 @@ void putIp4(nlmsghdr& message, std::uint16_t type, Ip4 ip) {
   mnl_attr_put_u32(&message, type, htonl(ip.bits));
 }
 
-ndmsg& putRow(nlmsghdr& message, std::uint16_t type, std::uint16_t flags, const Row& row) {
+ndmsg& putEntry(nlmsghdr& message, std::uint16_t type, std::uint16_t flags, const FdbEntry& entry) {
   auto& header = begin<ndmsg>(message, type, flags);
   header.ndm_family = AF_BRIDGE;
-  header.ndm_ifindex = row.device;
-  header.ndm_flags = row.table == Table::device ? NTF_SELF : NTF_MASTER;
-  auto address = octets(row.mac);
+  header.ndm_ifindex = entry.device;
+  header.ndm_flags = entry.table == Table::device ? NTF_SELF : NTF_MASTER;
+  auto address = octets(entry.mac);
   mnl_attr_put(&message, NDA_LLADDR, address.size(), address.data());
   return header;
 }
 
-void put(nlmsghdr& message, const RowAdd& add) {
+void put(nlmsghdr& message, const FdbAdd& add) {
   std::uint16_t flags = NLM_F_ACK | NLM_F_CREATE;
-  flags |= add.how == RowAdd::How::create    ? NLM_F_EXCL
-           : add.how == RowAdd::How::replace ? NLM_F_REPLACE
+  flags |= add.how == FdbAdd::How::create    ? NLM_F_EXCL
+           : add.how == FdbAdd::How::replace ? NLM_F_REPLACE
                                              : NLM_F_APPEND;
-  ndmsg& header = putRow(message, RTM_NEWNEIGH, flags, add.row);
-  bool device = add.row.table == Table::device;
+  ndmsg& header = putEntry(message, RTM_NEWNEIGH, flags, add.entry);
+  bool device = add.entry.table == Table::device;
   header.ndm_state = device ? NUD_NOARP | NUD_REACHABLE : NUD_REACHABLE;
-  if (add.row.marked) {
+  if (add.entry.marked) {
     header.ndm_flags |= NTF_EXT_LEARNED;
   }
-  if (add.row.nexthop != 0) {
-    mnl_attr_put_u32(&message, NDA_NH_ID, add.row.nexthop);
+  if (add.entry.nexthop != 0) {
+    mnl_attr_put_u32(&message, NDA_NH_ID, add.entry.nexthop);
   }
-  if (add.row.dst) {
-    putIp4(message, NDA_DST, add.row.dst);
-  }
-}
-
-void put(nlmsghdr& message, const RowDel& del) {
-  putRow(message, RTM_DELNEIGH, NLM_F_ACK, del.row);
-  if (del.row.dst) {
-    putIp4(message, NDA_DST, del.row.dst);
+  if (add.entry.dst) {
+    putIp4(message, NDA_DST, add.entry.dst);
   }
 }
 
-void put(nlmsghdr& message, const RowGet& get) {
-  ndmsg& header = putRow(message, RTM_GETNEIGH, NLM_F_ACK, get.row);
-  if (get.row.table == Table::device) {
+void put(nlmsghdr& message, const FdbDel& del) {
+  putEntry(message, RTM_DELNEIGH, NLM_F_ACK, del.entry);
+  if (del.entry.dst) {
+    putIp4(message, NDA_DST, del.entry.dst);
+  }
+}
+
+void put(nlmsghdr& message, const FdbGet& get) {
+  ndmsg& header = putEntry(message, RTM_GETNEIGH, NLM_F_ACK, get.entry);
+  if (get.entry.table == Table::device) {
     return;
   }
   header.ndm_ifindex = 0;
   header.ndm_flags = 0;
-  mnl_attr_put_u32(&message, NDA_MASTER, static_cast<std::uint32_t>(get.row.bridge));
+  mnl_attr_put_u32(&message, NDA_MASTER, static_cast<std::uint32_t>(get.entry.bridge));
 }
 
 void put(nlmsghdr& message, const NexthopSet& set) {
@@ -249,7 +249,7 @@ void put(nlmsghdr& message, const Dump& dump) {
     case Dump::What::nexthops:
       begin<nhmsg>(message, RTM_GETNEXTHOP, NLM_F_DUMP);
       break;
-    case Dump::What::rows:
+    case Dump::What::entries:
       begin<ndmsg>(message, RTM_GETNEIGH, NLM_F_DUMP).ndm_family = AF_BRIDGE;
       break;
   }
@@ -427,22 +427,22 @@ std::optional<BridgePort> readBridgePort(const nlmsghdr& message) {
   return port;
 }
 
-std::optional<Row> readRow(const nlmsghdr& message) {
-  Row row;
+std::optional<FdbEntry> readEntry(const nlmsghdr& message) {
+  FdbEntry entry;
   std::uint16_t vlan = 0;
   const auto* header = readMessage<ndmsg>(message, [&](std::uint16_t type, const nlattr& attribute) {
     switch (type) {
       case NDA_LLADDR:
-        row.mac = readMac(attribute);
+        entry.mac = readMac(attribute);
         break;
       case NDA_DST:
-        row.dst = readIp4(attribute);
+        entry.dst = readIp4(attribute);
         break;
       case NDA_NH_ID:
-        row.nexthop = read<NexthopId>(attribute);
+        entry.nexthop = read<NexthopId>(attribute);
         break;
       case NDA_MASTER:
-        row.bridge = read<IfIndex>(attribute);
+        entry.bridge = read<IfIndex>(attribute);
         break;
       case NDA_VLAN:
         vlan = read<std::uint16_t>(attribute);
@@ -454,13 +454,13 @@ std::optional<Row> readRow(const nlmsghdr& message) {
   if (header == nullptr || header->ndm_family != AF_BRIDGE || vlan != 0) {
     return std::nullopt;
   }
-  row.device = header->ndm_ifindex;
-  row.table = row.bridge != 0 ? Table::bridge : Table::device;
-  row.marked = (header->ndm_flags & NTF_EXT_LEARNED) != 0;
+  entry.device = header->ndm_ifindex;
+  entry.table = entry.bridge != 0 ? Table::bridge : Table::device;
+  entry.marked = (header->ndm_flags & NTF_EXT_LEARNED) != 0;
   bool lasting =
       (header->ndm_state & (NUD_NOARP | NUD_PERMANENT)) != 0 || (header->ndm_flags & NTF_STICKY) != 0;
-  row.learned = row.table == Table::bridge && !row.marked && !lasting;
-  return row;
+  entry.learned = entry.table == Table::bridge && !entry.marked && !lasting;
+  return entry;
 }
 
 std::optional<Nexthop> readNexthop(const nlmsghdr& message) {

@@ -10,7 +10,7 @@
 #include "agent/kernel/Messages.h"
 #include "agent/kernel/Options.h"
 
-// The data plane's words as rtnetlink messages (linux/rtnetlink.h, linux/neighbour.h, linux/nexthop.h), and
+// Requests and reports as rtnetlink messages (linux/rtnetlink.h, linux/neighbour.h, linux/nexthop.h), and
 // back.
 namespace Agent::Kernel {
 
@@ -44,8 +44,8 @@ int readDone(const nlmsghdr& message);
 std::optional<Link> readLink(const nlmsghdr& message);
 // Reads RTM_NEWLINK of the family AF_BRIDGE, a bridge's report on its port; nothing for any other.
 std::optional<BridgePort> readBridgePort(const nlmsghdr& message);
-// Reads RTM_NEWNEIGH or RTM_DELNEIGH; nothing for a row of another family or of a VLAN within a bridge.
-std::optional<Row> readRow(const nlmsghdr& message);
+// Reads RTM_NEWNEIGH or RTM_DELNEIGH; nothing for an entry of another family or of a VLAN within a bridge.
+std::optional<FdbEntry> readEntry(const nlmsghdr& message);
 // Reads RTM_NEWNEXTHOP or RTM_DELNEXTHOP.
 std::optional<Nexthop> readNexthop(const nlmsghdr& message);
 

@@ -69,8 +69,8 @@ std::size_t work(Adapter& adapter) {
     longestOnProcessor = std::max(longestOnProcessor, processorTime() - before);
   }
   std::size_t there = 0;
-  for (const Tally& tally : adapter.engine().tallies()) {
-    there += tally.kind == "hosts" ? tally.there : 0;
+  for (const Tally& tally : adapter.engine().status().tallies()) {
+    there += tally.kind == "hosts" ? tally.actual : 0;
   }
   return there;
 }
@@ -88,7 +88,7 @@ void report(benchmark::State& state, std::size_t there, Time longest) {
 
 void givenMapping(Adapter& adapter) {
   adapter.vniIs(5010, 10, "Vxlan1", {0x0a000001U}, {});
-  adapter.settled();
+  adapter.initialSyncComplete();
   (void)work(adapter);
 }
 
@@ -159,7 +159,7 @@ void AdapterAdopts(benchmark::State& state) {
     for (unsigned n = 0; n < hostCount; ++n) {
       adapter->hostIs(10, hostMac(n), vtep(n));
     }
-    adapter->settled();
+    adapter->initialSyncComplete();
     there = work(*adapter);
     longest = std::max(longest, adapter->longestSlice());
     if (adapter->engine().counters().acknowledged != 0) {
@@ -172,12 +172,12 @@ void AdapterAdopts(benchmark::State& state) {
 void BridgeBatchAdds(benchmark::State& state) {
   std::string file = "/tmp/kernel-bench-" + std::to_string(::getpid()) + ".batch";
   {
-    std::ofstream rows(file);
+    std::ofstream entries(file);
     for (unsigned n = 0; n < hostCount; ++n) {
       std::string mac = hostMac(n).text();
-      rows << "fdb replace " << mac << " dev vx5010 nhid " << 1001 + n % vteps
-           << " self static extern_learn\n";
-      rows << "fdb replace " << mac << " dev vx5010 master extern_learn\n";
+      entries << "fdb replace " << mac << " dev vx5010 nhid " << 1001 + n % vteps
+              << " self static extern_learn\n";
+      entries << "fdb replace " << mac << " dev vx5010 master extern_learn\n";
     }
   }
   std::string groups;

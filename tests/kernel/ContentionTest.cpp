@@ -12,11 +12,11 @@ class ContentionTest : public EngineTest {
     kernel_.port("t0");
     ports_ = {"t0"};
     mapVlan10();
-    engine().hostIs(10, host, kA);
-    engine().hostIs(10, other, kB);
-    engine().floodIs(10, all, FloodType::all, {kA, kB});
-    engine().floodIs(10, mac("01:00:5e:00:00:05"), FloodType::any, {kA, kB});
-    engine().settled();
+    engine().hostIs(10, host, vtepA);
+    engine().hostIs(10, other, vtepB);
+    engine().floodIs(10, all, FloodType::all, {vtepA, vtepB});
+    engine().floodIs(10, mac("01:00:5e:00:00:05"), FloodType::any, {vtepA, vtepB});
+    engine().initialSyncComplete();
     run();
     ASSERT_EQ(problems(), "");
   }
@@ -28,42 +28,42 @@ struct Deed {
 };
 
 LinkSet link(IfIndex index) {
-  return {index, LinkKind::other, {}, {}, {}, {}, {}, {}, {}, {}};
+  return {.index = index};
 }
 
 const std::vector<Deed>& deeds() {
-  static const std::vector<Deed> all{
+  static const std::vector<Deed> list{
       {"deletes a host's row in the device",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         (void)kernel.apply(RowDel{{Table::device, device, 0, host, {}, 0, false, false}});
+         (void)kernel.apply(FdbDel{{Table::device, device, 0, host, {}, 0, false, false}});
        }},
       {"deletes a host's row in the bridge",
        [](FakeKernel& kernel, IfIndex, IfIndex bridge, IfIndex) { kernel.age(bridge, host); }},
       {"turns a host's row in the bridge to another port",
        [](FakeKernel& kernel, IfIndex, IfIndex bridge, IfIndex port) {
          (void)kernel.apply(
-             RowAdd{RowAdd::How::replace, {Table::bridge, port, bridge, host, {}, 0, true, false}});
+             FdbAdd{FdbAdd::How::replace, {Table::bridge, port, bridge, host, {}, 0, true, false}});
        }},
       {"turns a host's row to another group",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         const auto other = kernel.deviceRows().find({device, other});
-         if (other != kernel.deviceRows().end()) {
-           const NexthopId group = other->second.nexthop;
+         const auto others = kernel.deviceEntries().find({device, other});
+         if (others != kernel.deviceEntries().end()) {
+           const NexthopId nexthop = others->second.nexthop;
            (void)kernel.apply(
-               RowAdd{RowAdd::How::replace, {Table::device, device, 0, host, {}, group, true, false}});
+               FdbAdd{FdbAdd::How::replace, {Table::device, device, 0, host, {}, nexthop, true, false}});
          }
        }},
       {"deletes a flood destination",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         (void)kernel.apply(RowDel{{Table::device, device, 0, all, kB, 0, false, false}});
+         (void)kernel.apply(FdbDel{{Table::device, device, 0, all, vtepB, 0, false, false}});
        }},
       {"deletes a flood row to a group",
        [](FakeKernel& kernel, IfIndex device, IfIndex, IfIndex) {
-         const auto row = kernel.deviceRows().find({device, mac("01:00:5e:00:00:05")});
-         if (row != kernel.deviceRows().end()) {
-           const NexthopId group = row->second.nexthop;
+         const auto entry = kernel.deviceEntries().find({device, mac("01:00:5e:00:00:05")});
+         if (entry != kernel.deviceEntries().end()) {
+           const NexthopId nexthop = entry->second.nexthop;
            (void)kernel.apply(
-               RowDel{{Table::device, device, 0, mac("01:00:5e:00:00:05"), {}, group, false, false}});
+               FdbDel{{Table::device, device, 0, mac("01:00:5e:00:00:05"), {}, nexthop, false, false}});
          }
        }},
       {"deletes all nexthops",
@@ -77,7 +77,7 @@ const std::vector<Deed>& deeds() {
        [](FakeKernel& kernel, IfIndex, IfIndex, IfIndex) {
          if (!kernel.nexthops().empty() && kernel.nexthops().begin()->second.members.empty()) {
            Nexthop nexthop = kernel.nexthops().begin()->second;
-           nexthop.gateway = kC;
+           nexthop.gateway = vtepC;
            (void)kernel.apply(NexthopSet{nexthop});
          }
        }},
@@ -113,7 +113,7 @@ const std::vector<Deed>& deeds() {
       {"deletes the bridge",
        [](FakeKernel& kernel, IfIndex, IfIndex bridge, IfIndex) { kernel.deleteLink(bridge); }},
   };
-  return all;
+  return list;
 }
 
 TEST_F(ContentionTest, WhatAStrangerChangesAgainAndAgainIsPutBackMoreSlowlyAndSaidUntilItEnds) {
@@ -153,13 +153,13 @@ TEST_F(ContentionTest, WhatAStrangerChangesAgainAndAgainIsPutBackMoreSlowlyAndSa
 TEST_F(ContentionTest, WhatIsDeletedOnceIsPutBackAtOnceHoweverMuchItIs) {
   mapVlan10();
   for (unsigned n = 0; n < 2000; ++n) {
-    engine().hostIs(10, Mac{host.bits + n}, kA);
+    engine().hostIs(10, Mac{host.bits + n}, vtepA);
   }
-  engine().settled();
+  engine().initialSyncComplete();
   run();
   const std::string whole = kernel_.text();
   for (unsigned n = 0; n < 2000; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(Mac{host.bits + n}, {})});
+    (void)kernel_.apply(FdbDel{deviceEntry(Mac{host.bits + n}, {})});
   }
   run();
   EXPECT_EQ(kernel_.text(), whole);
@@ -169,14 +169,14 @@ TEST_F(ContentionTest, WhatIsDeletedOnceIsPutBackAtOnceHoweverMuchItIs) {
 TEST_F(ContentionTest, AllThatIsChangedRepeatedlySharesOneAllowance) {
   mapVlan10();
   for (unsigned n = 0; n < 1000; ++n) {
-    engine().hostIs(10, Mac{host.bits + n}, kA);
+    engine().hostIs(10, Mac{host.bits + n}, vtepA);
   }
-  engine().settled();
+  engine().initialSyncComplete();
   run();
   const std::uint64_t before = engine().counters().acknowledged;
   for (int second = 0; second < 30; ++second) {
     for (unsigned n = 0; n < 1000; ++n) {
-      (void)kernel_.apply(RowDel{deviceRow(Mac{host.bits + n}, {})});
+      (void)kernel_.apply(FdbDel{deviceEntry(Mac{host.bits + n}, {})});
     }
     pass(seconds(1));
   }
@@ -191,11 +191,11 @@ TEST_F(ContentionTest, AllThatIsChangedRepeatedlySharesOneAllowance) {
 TEST_F(ContentionTest, WhatTheControllerSaysOfAContendedHostIsDoneAtOnce) {
   given();
   for (int n = 0; n < 300; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(host, {})});
+    (void)kernel_.apply(FdbDel{deviceEntry(host, {})});
     pass(milliseconds(100));
   }
-  ASSERT_EQ(kernel_.deviceRows().count({index("vx5010"), host}), 0U);
-  engine().hostIs(10, host, kC);
+  ASSERT_EQ(kernel_.deviceEntries().count({index("vx5010"), host}), 0U);
+  engine().hostIs(10, host, vtepC);
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 02:00:00:00:00:01 via 10.0.0.4\n"));
 }
@@ -203,10 +203,10 @@ TEST_F(ContentionTest, WhatTheControllerSaysOfAContendedHostIsDoneAtOnce) {
 TEST_F(ContentionTest, WhatTheControllerSaysOfAContendedFloodSetIsDoneAtOnce) {
   given();
   for (int n = 0; n < 300; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(all, kB)});
+    (void)kernel_.apply(FdbDel{deviceEntry(all, vtepB)});
     pass(milliseconds(100));
   }
-  engine().floodIs(10, all, FloodType::all, {kA, kB, kC});
+  engine().floodIs(10, all, FloodType::all, {vtepA, vtepB, vtepC});
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("00:00:00:00:00:00 dst 10.0.0.2 10.0.0.3 10.0.0.4"));
 }
@@ -220,7 +220,7 @@ TEST_F(ContentionTest, ANewMappingOfContendedDevicesIsDoneAtOnce) {
     pass(milliseconds(100));
   }
   ASSERT_FALSE(kernel_.link("vx5010")->up);
-  mapVlan10(5010, kC);
+  mapVlan10(5010, vtepC);
   run();
   EXPECT_TRUE(kernel_.link("vx5010")->up);
 }
@@ -229,7 +229,7 @@ TEST_F(ContentionTest, ChangesThatAreMinutesApartAreNoContention) {
   given();
   const std::string whole = kernel_.text();
   for (int n = 0; n < 20; ++n) {
-    (void)kernel_.apply(RowDel{deviceRow(host, {})});
+    (void)kernel_.apply(FdbDel{deviceEntry(host, {})});
     run();
     ASSERT_EQ(kernel_.text(), whole);
     pass(seconds(150));
@@ -240,9 +240,9 @@ TEST_F(ContentionTest, ChangesThatAreMinutesApartAreNoContention) {
 TEST_F(ContentionTest, TheControllersOwnChangesAreNoContention) {
   given();
   for (int n = 0; n < 200; ++n) {
-    engine().hostIs(10, host, n % 2 == 0 ? kB : kC);
-    engine().floodIs(10, all, n % 2 == 0 ? FloodType::any : FloodType::all, {kA, kB});
-    mapVlan10(5010, n % 2 == 0 ? kC : local);
+    engine().hostIs(10, host, n % 2 == 0 ? vtepB : vtepC);
+    engine().floodIs(10, all, n % 2 == 0 ? FloodType::any : FloodType::all, {vtepA, vtepB});
+    mapVlan10(5010, n % 2 == 0 ? vtepC : local);
     run();
     ASSERT_EQ(problems(), "");
     ASSERT_EQ(tally("hosts").differing + tally("floods").differing + tally("devices").differing, 0U);

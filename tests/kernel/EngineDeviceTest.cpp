@@ -8,12 +8,12 @@ class EngineDeviceTest : public EngineTest {};
 
 TEST_F(EngineDeviceTest, KnowsItsFloodRowsInADeviceThatItComesBackTo) {
   mapVlan10(5010);
-  engine().floodIs(10, all, FloodType::all, {kA, kB});
-  engine().settled();
+  engine().floodIs(10, all, FloodType::all, {vtepA, vtepB});
+  engine().initialSyncComplete();
   run();
   mapVlan10(5020);
   run();
-  engine().floodIs(10, all, FloodType::all, {kA});
+  engine().floodIs(10, all, FloodType::all, {vtepA});
   pass(milliseconds(500));
   mapVlan10(5010);
   for (int n = 0; n < 5; ++n) {
@@ -46,8 +46,8 @@ TEST_F(EngineDeviceTest, SaysWhichKindOfDeviceTheKernelLacks) {
 }
 
 TEST_F(EngineDeviceTest, AdoptsAfterARestartWithoutTouchingWhatIsWantedAgain) {
-  givenHostAt(kA);
-  engine().floodIs(10, all, FloodType::all, {kA, kB});
+  givenHostAt(vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA, vtepB});
   run();
   std::string before = kernel_.text();
   kernel_.forgetGaps();
@@ -55,9 +55,9 @@ TEST_F(EngineDeviceTest, AdoptsAfterARestartWithoutTouchingWhatIsWantedAgain) {
   run();
   std::size_t requests = kernel_.requestCount();
   mapVlan10();
-  engine().hostIs(10, host, kA);
-  engine().floodIs(10, all, FloodType::all, {kA, kB});
-  engine().settled();
+  engine().hostIs(10, host, vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA, vtepB});
+  engine().initialSyncComplete();
   run();
   EXPECT_EQ(kernel_.requestCount(), requests);
   EXPECT_EQ(kernel_.text(), before);
@@ -65,19 +65,19 @@ TEST_F(EngineDeviceTest, AdoptsAfterARestartWithoutTouchingWhatIsWantedAgain) {
 }
 
 TEST_F(EngineDeviceTest, RemovesAfterARestartWhatIsStaleButOnlyOnceSettled) {
-  givenHostAt(kA);
-  engine().hostIs(10, other, kB);
-  engine().floodIs(10, all, FloodType::all, {kA, kB});
+  givenHostAt(vtepA);
+  engine().hostIs(10, other, vtepB);
+  engine().floodIs(10, all, FloodType::all, {vtepA, vtepB});
   engine().vniIs(5020, 20, "Vxlan1", ip("10.0.0.1"), {});
   run();
   std::string before = kernel_.text();
   restart();
   mapVlan10();
-  engine().hostIs(10, host, kA);
-  engine().floodIs(10, all, FloodType::all, {kA});
+  engine().hostIs(10, host, vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA});
   pass(seconds(300));
   EXPECT_EQ(kernel_.text(), before);
-  engine().settled();
+  engine().initialSyncComplete();
   run();
   EXPECT_EQ(kernel_.text(),
             "link vx5010 in vxb10\n"
@@ -89,21 +89,21 @@ TEST_F(EngineDeviceTest, RemovesAfterARestartWhatIsStaleButOnlyOnceSettled) {
 }
 
 TEST_F(EngineDeviceTest, KnowsAfterARestartTheFloodRowOfSomebodyElse) {
-  givenHostAt(kA);
-  engine().floodIs(10, all, FloodType::all, {kA});
+  givenHostAt(vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA});
   run();
-  ASSERT_EQ(kernel_.apply(RowAdd{RowAdd::How::append, deviceRow(all, kC)}), 0);
+  ASSERT_EQ(kernel_.apply(FdbAdd{FdbAdd::How::append, deviceEntry(all, vtepC)}), 0);
   run();
   restart();
   mapVlan10();
-  engine().settled();
+  engine().initialSyncComplete();
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx5010 00:00:00:00:00:00 dst 10.0.0.4\n"));
 }
 
 TEST_F(EngineDeviceTest, RenumbersAVniWithoutAMomentWithoutAWay) {
-  givenHostAt(kA);
-  engine().floodIs(10, all, FloodType::all, {kA});
+  givenHostAt(vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA});
   run();
   kernel_.refusalIs([&](const Request& request) {
     const Link* before = kernel_.link("vx5010");
@@ -116,7 +116,7 @@ TEST_F(EngineDeviceTest, RenumbersAVniWithoutAMomentWithoutAWay) {
     (void)request;
     return 0;
   });
-  engine().vniDel(5010);
+  engine().vniDel(10, "Vxlan1");
   mapVlan10(6010);
   run();
   std::string receives = kernel_.text();
@@ -137,13 +137,13 @@ TEST_F(EngineDeviceTest, RenumbersAVniWithoutAMomentWithoutAWay) {
 }
 
 TEST_F(EngineDeviceTest, AHostThatMovesWhileItsVniIsRenumberedGoesTheNewWayAtOnce) {
-  givenHostAt(kA);
-  engine().hostIs(10, other, kA);
+  givenHostAt(vtepA);
+  engine().hostIs(10, other, vtepA);
   run();
-  engine().vniDel(5010);
+  engine().vniDel(10, "Vxlan1");
   mapVlan10(6010);
   run();
-  engine().hostIs(10, host, kB);
+  engine().hostIs(10, host, vtepB);
   run();
   EXPECT_THAT(kernel_.text(), HasSubstr("row vxb10 02:00:00:00:00:01 port vx6010\n"));
   EXPECT_THAT(kernel_.text(), HasSubstr("row vx6010 02:00:00:00:00:01 via 10.0.0.3\n"));
@@ -153,22 +153,64 @@ TEST_F(EngineDeviceTest, AHostThatMovesWhileItsVniIsRenumberedGoesTheNewWayAtOnc
 TEST_F(EngineDeviceTest, RemovesDevicesWithTheirMapping) {
   kernel_.port("t0");
   ports_ = {"t0"};
-  givenHostAt(kA);
-  engine().vniDel(5010);
+  givenHostAt(vtepA);
+  engine().vniDel(10, "Vxlan1");
   run();
   EXPECT_EQ(kernel_.text(), "link t0\n");
+}
+
+TEST_F(EngineDeviceTest, TwoInterfacesShareADeviceUntilTheLastGivesItUp) {
+  givenHostAt(vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA});
+  run();
+  const std::string before = kernel_.text();
+  const IfIndex device = index("vx5010");
+  kernel_.forgetGaps();
+  engine().vniIs(5010, 10, "Vxlan2", local, {});
+  run();
+  EXPECT_EQ(kernel_.link("vx5010")->alias, "vxlan-agent: vlan 10 vni 5010 Vxlan2");
+  engine().vniDel(10, "Vxlan2");
+  pass(seconds(300));
+  EXPECT_EQ(kernel_.text(), before);
+  EXPECT_EQ(index("vx5010"), device) << "it was kept, not made again";
+  EXPECT_EQ(kernel_.link("vx5010")->alias, "vxlan-agent: vlan 10 vni 5010 Vxlan1");
+  EXPECT_THAT(kernel_.gaps(), IsEmpty());
+  engine().vniDel(10, "Vxlan1");
+  run();
+  EXPECT_EQ(kernel_.text(), "");
+}
+
+TEST_F(EngineDeviceTest, AVniThatTwoVlansWantIsWithTheLatestAndThenGoesBack) {
+  givenHostAt(vtepA);
+  const std::string before = kernel_.text();
+  engine().hostIs(20, other, vtepB);
+  engine().vniIs(5010, 20, "Vxlan2", local, {});
+  for (int n = 0; n < 3; ++n) {
+    pass(seconds(1));
+  }
+  EXPECT_EQ(kernel_.text(),
+            "link vx5010 in vxb20\n"
+            "link vxb20\n"
+            "row vx5010 02:00:00:00:00:02 via 10.0.0.3\n"
+            "row vxb20 02:00:00:00:00:02 port vx5010\n");
+  engine().vniDel(20, "Vxlan2");
+  for (int n = 0; n < 3; ++n) {
+    pass(seconds(1));
+  }
+  EXPECT_EQ(kernel_.text(), before);
+  EXPECT_EQ(problems(), "");
 }
 
 TEST_F(EngineDeviceTest, UsesADeviceOfSomebodyElseAndLeavesItThere) {
   (void)kernel_.apply(LinkAdd{"their-bridge", LinkKind::bridge, 0, 0, {}, 0, 0});
   (void)kernel_.apply(
       LinkAdd{"their-vxlan", LinkKind::vxlan, index("their-bridge"), 5010, ip("10.0.0.1"), 4789, 0});
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   pass(seconds(1));
   EXPECT_THAT(kernel_.text(), HasSubstr("row their-vxlan 02:00:00:00:00:01 via 10.0.0.2\n"));
   EXPECT_THAT(kernel_.text(), HasSubstr("row their-bridge 02:00:00:00:00:01 port their-vxlan\n"));
   EXPECT_THAT(problems(), HasSubstr("was made by somebody else and is used as it is: it is down"));
-  engine().vniDel(5010);
+  engine().vniDel(10, "Vxlan1");
   pass(seconds(1));
   EXPECT_EQ(kernel_.text(), "link their-bridge\nlink their-vxlan in their-bridge\n");
 }
@@ -199,7 +241,7 @@ TEST_F(EngineDeviceTest, MovesAPortFromOneVlanToAnother) {
 TEST_F(EngineDeviceTest, DoesNotTakeAPortOutOfSomebodyElsesBridge) {
   (void)kernel_.apply(LinkAdd{"their-bridge", LinkKind::bridge, 0, 0, {}, 0, 0});
   IfIndex port = kernel_.port("t0");
-  (void)kernel_.apply(LinkSet{port, LinkKind::other, {}, index("their-bridge"), {}, {}, {}, {}, {}, {}});
+  (void)kernel_.apply(LinkSet{.index = port, .master = index("their-bridge")});
   ports_ = {"t0"};
   mapVlan10();
   run();

@@ -10,13 +10,13 @@ class EngineReportTest : public EngineTest {
     for (unsigned n = 0; n < vlans; ++n) {
       engine().vniIs(5000 + n, static_cast<Vlan>(100 + n), "Vxlan1", local, {});
     }
-    engine().settled();
+    engine().initialSyncComplete();
     run();
   }
 };
 
 TEST_F(EngineReportTest, ABridgeThatIsRenamedKeepsItsRows) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   const std::size_t requests = kernel_.requestCount();
   kernel_.rename(index("vxb10"), "somewhere");
   run();
@@ -26,23 +26,23 @@ TEST_F(EngineReportTest, ABridgeThatIsRenamedKeepsItsRows) {
             "row somewhere 02:00:00:00:00:01 port vx5010\n"
             "row vx5010 02:00:00:00:00:01 via 10.0.0.2\n");
   EXPECT_EQ(kernel_.requestCount(), requests);
-  EXPECT_EQ(engine().explain(10, host).bridge, "somewhere");
+  EXPECT_EQ(engine().status().explain(10, host).bridge, "somewhere");
   EXPECT_EQ(problems(), "");
 }
 
 TEST_F(EngineReportTest, ABridgeThatWasRenamedIsKnownAfterARestart) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.rename(index("vxb10"), "somewhere");
   run();
   const std::string before = kernel_.text();
   restart();
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   EXPECT_EQ(kernel_.text(), before);
   EXPECT_EQ(engine().counters().acknowledged, 0U);
 }
 
 TEST_F(EngineReportTest, ABridgeThatWasRenamedGetsTheNewDevice) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.rename(index("vxb10"), "somewhere");
   kernel_.deleteLink(index("vx5010"));
   run();
@@ -54,17 +54,17 @@ TEST_F(EngineReportTest, ABridgeThatWasRenamedGetsTheNewDevice) {
 }
 
 TEST_F(EngineReportTest, ARenamedBridgeGoesWithItsMapping) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.rename(index("vxb10"), "somewhere");
   run();
-  engine().vniDel(5010);
+  engine().vniDel(10, "Vxlan1");
   run();
   EXPECT_EQ(kernel_.text(), "");
 }
 
 TEST_F(EngineReportTest, AnotherBridgeThatIsUsedWithoutBeingOursLosesNothingWhenItIsRenamed) {
   (void)kernel_.apply(LinkAdd{"vxb10", LinkKind::bridge, 0, 0, {}, 0, 0});
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.rename(index("vxb10"), "somewhere");
   run();
   pass(seconds(1));
@@ -73,7 +73,7 @@ TEST_F(EngineReportTest, AnotherBridgeThatIsUsedWithoutBeingOursLosesNothingWhen
 }
 
 TEST_F(EngineReportTest, ADeviceThatIsRenamedKeepsItsRows) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   const std::size_t requests = kernel_.requestCount();
   kernel_.rename(index("vx5010"), "elsewhere");
   run();
@@ -84,7 +84,7 @@ TEST_F(EngineReportTest, ADeviceThatIsRenamedKeepsItsRows) {
 TEST_F(EngineReportTest, APortThatIsRenamedIsMissedAtOnce) {
   kernel_.port("t0");
   ports_ = {"t0"};
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.rename(index("t0"), "t1");
   run();
   EXPECT_THAT(problems(), HasSubstr("the port t0 does not exist"));
@@ -106,7 +106,7 @@ TEST_F(EngineReportTest, WhatIsInTheWayOfABridgeIsMissedAtOnceWhenItGoesOrIsRena
 }
 
 TEST_F(EngineReportTest, LearningThatIsSetAtThePortIsTakenBackAtOnce) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.portLearningIs(index("vx5010"), true);
   run();
   EXPECT_FALSE(kernel_.link("vx5010")->portLearning);
@@ -114,7 +114,7 @@ TEST_F(EngineReportTest, LearningThatIsSetAtThePortIsTakenBackAtOnce) {
 }
 
 TEST_F(EngineReportTest, ADeviceThatIsNotAsWantedDiffers) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   EXPECT_EQ(tally("devices").differing, 0U);
   const IfIndex device = index("vx5010");
   Link link = *kernel_.link("vx5010");
@@ -135,7 +135,7 @@ TEST_F(EngineReportTest, ADeviceThatIsNotAsWantedDiffers) {
   changed.up = false;
   EXPECT_TRUE(differs(changed));
   changed = link;
-  changed.local = kB;
+  changed.local = vtepB;
   EXPECT_TRUE(differs(changed));
   changed = link;
   changed.portIsolated = true;
@@ -155,29 +155,29 @@ TEST_F(EngineReportTest, ADeviceThatIsNotAsWantedDiffers) {
 
 TEST_F(EngineReportTest, NothingIsSaidToDifferBeforeItWasCompared) {
   mapVlan10();
-  engine().hostIs(10, host, kA);
-  engine().floodIs(10, all, FloodType::all, {kA});
+  engine().hostIs(10, host, vtepA);
+  engine().floodIs(10, all, FloodType::all, {vtepA});
   for (const char* kind : {"devices", "hosts", "floods"}) {
-    EXPECT_EQ(tally(kind).unknown, tally(kind).wanted) << kind;
+    EXPECT_EQ(tally(kind).unknown, tally(kind).desired) << kind;
     EXPECT_EQ(tally(kind).differing, 0U) << kind;
-    EXPECT_GT(tally(kind).wanted, 0U) << kind;
+    EXPECT_GT(tally(kind).desired, 0U) << kind;
   }
   EXPECT_FALSE(engine().certain());
   run();
-  for (const Tally& tally : engine().tallies()) {
+  for (const Tally& tally : engine().status().tallies()) {
     EXPECT_EQ(tally.unknown + tally.differing, 0U) << tally.kind;
-    EXPECT_GT(tally.there, 0U) << tally.kind;
+    EXPECT_GT(tally.actual, 0U) << tally.kind;
   }
 }
 
 TEST_F(EngineReportTest, LostReportsPutEverythingInDoubtUntilAComparisonThatBeganLater) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   EXPECT_TRUE(engine().certain());
   engine().overrun();
   EXPECT_EQ(tally("hosts").unknown, 1U);
   pass(seconds(1));
   EXPECT_EQ(tally("hosts").unknown, 0U);
-  goOnIntoADumpOfRows();
+  goOnIntoADumpOfEntries();
   EXPECT_TRUE(engine().certain()) << "a routine comparison has no reason";
   engine().overrun();
   const std::uint64_t audits = engine().counters().audits;
@@ -190,13 +190,13 @@ TEST_F(EngineReportTest, LostReportsPutEverythingInDoubtUntilAComparisonThatBega
 }
 
 TEST_F(EngineReportTest, RowsThatWentWithTheirGroupAreInDoubt) {
-  givenHostAt(kA);
-  engine().nexthopDel(kernel_.deviceRows().at({index("vx5010"), host}).nexthop);
+  givenHostAt(vtepA);
+  engine().nexthopDel(kernel_.deviceEntries().at({index("vx5010"), host}).nexthop);
   EXPECT_FALSE(engine().certain());
 }
 
 TEST_F(EngineReportTest, RowsOfADeviceThatNoDumpHasToldAreUnknown) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   kernel_.deleteLink(index("vx5010"));
   (void)kernel_.apply(LinkAdd{"theirs", LinkKind::vxlan, index("vxb10"), 5010, local, 4789, 0});
   bool unknown = false;
@@ -210,27 +210,27 @@ TEST_F(EngineReportTest, RowsOfADeviceThatNoDumpHasToldAreUnknown) {
 }
 
 TEST_F(EngineReportTest, RowsOfOthersInABridgeThatComesIntoUseAreReadBeforeItIsProgrammed) {
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   (void)kernel_.apply(LinkAdd{"theirs", LinkKind::bridge, 0, 0, {}, 0, 0});
   const IfIndex theirs = index("theirs");
   (void)kernel_.apply(LinkAdd{"device", LinkKind::vxlan, theirs, 6010, local, 4789, 0});
   const IfIndex port = kernel_.port("t9");
-  (void)kernel_.apply(LinkSet{port, LinkKind::other, {}, theirs, {}, {}, {}, {}, {}, {}});
+  (void)kernel_.apply(LinkSet{.index = port, .master = theirs});
   ASSERT_EQ(
-      kernel_.apply(RowAdd{RowAdd::How::replace, {Table::bridge, port, theirs, host, {}, 0, false, false}}),
+      kernel_.apply(FdbAdd{FdbAdd::How::replace, {Table::bridge, port, theirs, host, {}, 0, false, false}}),
       0);
   run();
   mapVlan10(6010);
   run();
   pass(seconds(5));
-  EXPECT_EQ(kernel_.bridgeRows().at({theirs, host}).port, port);
+  EXPECT_EQ(kernel_.bridgeEntries().at({theirs, host}).port, port);
   EXPECT_THAT(problems(), HasSubstr("the bridge has a row of somebody else for it"));
 }
 
 TEST_F(EngineReportTest, AHostThatComesToALocalPortAfterAQuietTimeIsLeftThereAsLong) {
   kernel_.port("t0");
   ports_ = {"t0"};
-  givenHostAt(kA);
+  givenHostAt(vtepA);
   now_ += seconds(50);
   kernel_.learn(index("vxb10"), index("t0"), host);
   run();
@@ -266,10 +266,48 @@ TEST_F(EngineReportTest, VlansCostLookUpsInProportionToTheirNumber) {
   kernel_.reconnect();
   engine().overrun();
   for (unsigned n = 0; n < 400; ++n) {
-    engine().vniDel(5000 + n);
+    engine().vniDel(static_cast<Vlan>(100 + n), "Vxlan1");
   }
   pass(seconds(1));
   EXPECT_LT(engine().steps() - many, 16 * few) << "devices that went without a report";
+}
+
+TEST_F(EngineReportTest, ARefusalThatContradictsTheObservedStateBeginsAComparison) {
+  givenHostAt(vtepA);
+  bool atB = false;
+  const std::vector<std::pair<int, bool>> refusals{
+      {EEXIST, true}, {ENOENT, true}, {EOPNOTSUPP, true}, {EBUSY, false}};
+  for (const auto& [error, compares] : refusals) {
+    const std::uint64_t before = engine().counters().audits;
+    kernel_.refusalIs([refusal = error](const Request& request) {
+      return std::holds_alternative<FdbAdd>(request) ? refusal : 0;
+    });
+    atB = !atB;
+    engine().hostIs(10, host, atB ? vtepB : vtepA);
+    run();
+    kernel_.refusalIs({});
+    pass(seconds(1));
+    EXPECT_EQ(engine().counters().audits - before, compares ? 1U : 0U) << error;
+    EXPECT_EQ(problems(), "") << error;
+  }
+}
+
+TEST_F(EngineReportTest, AFloodDestinationThatIsThereAlreadyBeginsAComparison) {
+  givenHostAt(vtepA);
+  const std::vector<std::pair<int, bool>> refusals{{EEXIST, true}, {EBUSY, false}};
+  for (const auto& [error, compares] : refusals) {
+    const std::uint64_t before = engine().counters().audits;
+    kernel_.refusalIs([refusal = error](const Request& request) {
+      return std::holds_alternative<FdbAdd>(request) ? refusal : 0;
+    });
+    engine().floodIs(10, all, FloodType::all, {vtepA});
+    run();
+    kernel_.refusalIs({});
+    pass(seconds(1));
+    EXPECT_EQ(engine().counters().audits - before, compares ? 1U : 0U) << error;
+    engine().floodDel(10, all);
+    run();
+  }
 }
 
 TEST_F(EngineReportTest, StaleDevicesCostNothingUntilTheyMayGo) {
@@ -279,7 +317,7 @@ TEST_F(EngineReportTest, StaleDevicesCostNothingUntilTheyMayGo) {
   const std::uint64_t before = engine().steps();
   for (unsigned n = 0; n < 100; ++n) {
     mapVlan10();
-    engine().hostIs(10, Mac{host.bits + n}, kA);
+    engine().hostIs(10, Mac{host.bits + n}, vtepA);
     run();
   }
   EXPECT_LT(engine().steps() - before, 4000U);

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "Addresses.h"
 #include "FakeKernel.h"
 #include "agent/kernel/Engine.h"
 
@@ -20,21 +21,14 @@ using ::testing::IsEmpty;
 using ::testing::MatchesRegex;
 using ::testing::Not;
 
-inline Ip4 ip(const char* text) {
-  return Ip4::parse(text).value();
-}
-inline Mac mac(const char* text) {
-  return Mac::parse(text).value();
-}
-
 inline const Mac all{};
 inline const Mac host = mac("02:00:00:00:00:01");
 inline const Mac other = mac("02:00:00:00:00:02");
 inline const Mac group = mac("01:00:5e:00:00:01");
 inline const Ip4 local = ip("10.0.0.1");
-inline const Ip4 kA = ip("10.0.0.2");
-inline const Ip4 kB = ip("10.0.0.3");
-inline const Ip4 kC = ip("10.0.0.4");
+inline const Ip4 vtepA = ip("10.0.0.2");
+inline const Ip4 vtepB = ip("10.0.0.3");
+inline const Ip4 vtepC = ip("10.0.0.4");
 
 class EngineTest : public ::testing::Test {
  protected:
@@ -48,14 +42,14 @@ class EngineTest : public ::testing::Test {
     run();
   }
   Engine& engine() { return *engine_; }
-  void mapVlan10(Vni vni = 5010, Ip4 local = local) { engine().vniIs(vni, 10, "Vxlan1", local, ports_); }
+  void mapVlan10(Vni vni = 5010, Ip4 address = local) { engine().vniIs(vni, 10, "Vxlan1", address, ports_); }
   IfIndex index(const std::string& name) const { return kernel_.link(name)->index; }
-  Row deviceRow(Mac mac, Ip4 dst) const {
+  FdbEntry deviceEntry(Mac mac, Ip4 dst) const {
     return {Table::device, index("vx5010"), 0, mac, dst, 0, false, false};
   }
   std::string problems() const {
     std::string out;
-    for (const Problem& problem : engine_->problems(100).first) {
+    for (const Problem& problem : engine_->status().problems(100).first) {
       out += problem.what + ": " + problem.why + "\n";
     }
     return out;
@@ -63,20 +57,20 @@ class EngineTest : public ::testing::Test {
   void givenHostAt(Ip4 vtep) {
     mapVlan10();
     engine().hostIs(10, host, vtep);
-    engine().settled();
+    engine().initialSyncComplete();
     run();
     kernel_.forgetGaps();
   }
 
   // Goes on until the engine has asked for a dump of the rows and it is not over.
-  void goOnIntoADumpOfRows() {
+  void goOnIntoADumpOfEntries() {
     now_ += seconds(61);
-    while (!kernel_.dumpingRows()) {
+    while (!kernel_.dumpingEntries()) {
       (void)kernel_.turn(engine(), now_);
     }
   }
   Tally tally(const std::string& kind) {
-    for (const Tally& tally : engine().tallies()) {
+    for (const Tally& tally : engine().status().tallies()) {
       if (tally.kind == kind) {
         return tally;
       }
@@ -84,7 +78,7 @@ class EngineTest : public ::testing::Test {
     ADD_FAILURE() << "no tally of " << kind;
     return {};
   }
-  Row bridgeRow(Mac mac, const std::string& port) const {
+  FdbEntry bridgeEntry(Mac mac, const std::string& port) const {
     return {Table::bridge, index(port), index("vxb10"), mac, {}, 0, false, false};
   }
 

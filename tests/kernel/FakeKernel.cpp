@@ -60,31 +60,31 @@ void FakeKernel::reportLink(IfIndex index) {
   report([link = links_.at(index)](Engine& engine) { engine.linkIs(link); });
 }
 
-void FakeKernel::reportRow(const Row& row, bool gone) {
-  report([row, gone](Engine& engine) { gone ? engine.rowDel(row) : engine.rowIs(row, false); });
+void FakeKernel::reportEntry(const FdbEntry& entry, bool gone) {
+  report([entry, gone](Engine& engine) { gone ? engine.entryDel(entry) : engine.entryIs(entry, false); });
 }
 
-Row FakeKernel::rowOf(const std::pair<IfIndex, Mac>& key, const DeviceRow& row, Ip4 dst) const {
-  return {Table::device, key.first, 0, key.second, dst, row.nexthop, row.marked, false};
+FdbEntry FakeKernel::entryOf(const std::pair<IfIndex, Mac>& key, const DeviceEntry& entry, Ip4 dst) const {
+  return {Table::device, key.first, 0, key.second, dst, entry.nexthop, entry.marked, false};
 }
 
 void FakeKernel::learn(IfIndex bridge, IfIndex port, Mac mac) {
-  bridgeRows_[{bridge, mac}] = {port, false, true};
-  reportRow({Table::bridge, port, bridge, mac, {}, 0, false, true}, false);
+  bridgeEntries_[{bridge, mac}] = {port, false, true};
+  reportEntry({Table::bridge, port, bridge, mac, {}, 0, false, true}, false);
 }
 
 void FakeKernel::age(IfIndex bridge, Mac mac) {
-  auto at = bridgeRows_.find({bridge, mac});
-  if (at == bridgeRows_.end()) {
+  auto at = bridgeEntries_.find({bridge, mac});
+  if (at == bridgeEntries_.end()) {
     return;
   }
-  Row row{Table::bridge, at->second.port, bridge, mac, {}, 0, at->second.marked, at->second.learned};
-  bridgeRows_.erase(at);
-  reportRow(row, true);
+  FdbEntry entry{Table::bridge, at->second.port, bridge, mac, {}, 0, at->second.marked, at->second.learned};
+  bridgeEntries_.erase(at);
+  reportEntry(entry, true);
 }
 
-void FakeKernel::dropRows(IfIndex device) {
-  for (auto at = deviceRows_.begin(); at != deviceRows_.end();) {
+void FakeKernel::dropEntries(IfIndex device) {
+  for (auto at = deviceEntries_.begin(); at != deviceEntries_.end();) {
     if (at->first.first != device) {
       ++at;
       continue;
@@ -94,32 +94,32 @@ void FakeKernel::dropRows(IfIndex device) {
       dsts.emplace_back();
     }
     for (Ip4 dst : dsts) {
-      reportRow(rowOf(at->first, at->second, dst), true);
+      reportEntry(entryOf(at->first, at->second, dst), true);
     }
-    at = deviceRows_.erase(at);
+    at = deviceEntries_.erase(at);
   }
 }
 
 void FakeKernel::dropPort(IfIndex port) {
-  for (auto at = bridgeRows_.begin(); at != bridgeRows_.end();) {
+  for (auto at = bridgeEntries_.begin(); at != bridgeEntries_.end();) {
     if (at->second.port != port) {
       ++at;
       continue;
     }
-    reportRow({Table::bridge, port, at->first.first, at->first.second, {}, 0, at->second.marked, false},
-              true);
-    at = bridgeRows_.erase(at);
+    reportEntry({Table::bridge, port, at->first.first, at->first.second, {}, 0, at->second.marked, false},
+                true);
+    at = bridgeEntries_.erase(at);
   }
 }
 
 // Silently: the kernel does not report the rows that go with a group.
 void FakeKernel::dropGroup(NexthopId id) {
-  for (const auto& [key, row] : deviceRows_) {
-    if (row.nexthop == id) {
+  for (const auto& [key, entry] : deviceEntries_) {
+    if (entry.nexthop == id) {
       gaps_.push_back(links_.at(key.first).name + " " + key.second.text());
     }
   }
-  std::erase_if(deviceRows_, [id](const auto& entry) { return entry.second.nexthop == id; });
+  std::erase_if(deviceEntries_, [id](const auto& entry) { return entry.second.nexthop == id; });
   nexthops_.erase(id);
 }
 
@@ -127,7 +127,7 @@ int FakeKernel::apply(const Request& request) {
   return std::visit(
       [this](const auto& what) {
         using What = std::decay_t<decltype(what)>;
-        if constexpr (std::is_same_v<What, RowGet> || std::is_same_v<What, Dump>) {
+        if constexpr (std::is_same_v<What, FdbGet> || std::is_same_v<What, Dump>) {
           return EINVAL;
         } else {
           return work(what);
@@ -213,12 +213,12 @@ int FakeKernel::work(const LinkDel& del) {
     link.master = 0;
     reportLink(index);
   }
-  for (const auto& [key, row] : deviceRows_) {
+  for (const auto& [key, entry] : deviceEntries_) {
     if (key.first == del.index) {
       gaps_.push_back(at->second.name + " " + key.second.text());
     }
   }
-  dropRows(del.index);
+  dropEntries(del.index);
   links_.erase(at);
   report([index = del.index](Engine& engine) { engine.linkDel(index); });
   return 0;
@@ -266,113 +266,115 @@ int FakeKernel::work(const NexthopDel& del) {
   return 0;
 }
 
-int FakeKernel::work(const RowAdd& add) {
-  if (add.row.table == Table::device) {
+int FakeKernel::work(const FdbAdd& add) {
+  if (add.entry.table == Table::device) {
     return addToDevice(add);
   }
-  auto port = links_.find(add.row.device);
+  auto port = links_.find(add.entry.device);
   if (port == links_.end()) {
     return ENODEV;
   }
-  if (port->second.master == 0 || port->second.master != add.row.bridge) {
+  if (port->second.master == 0 || port->second.master != add.entry.bridge) {
     return EINVAL;
   }
-  BridgeRow& row = bridgeRows_[{add.row.bridge, add.row.mac}];
-  row = {add.row.device, add.row.marked, false};
-  reportRow({Table::bridge, row.port, add.row.bridge, add.row.mac, {}, 0, row.marked, false}, false);
+  BridgeEntry& entry = bridgeEntries_[{add.entry.bridge, add.entry.mac}];
+  entry = {add.entry.device, add.entry.marked, false};
+  reportEntry({Table::bridge, entry.port, add.entry.bridge, add.entry.mac, {}, 0, entry.marked, false},
+              false);
   return 0;
 }
 
-int FakeKernel::addToDevice(const RowAdd& add) {
-  auto device = links_.find(add.row.device);
+int FakeKernel::addToDevice(const FdbAdd& add) {
+  auto device = links_.find(add.entry.device);
   if (device == links_.end() || device->second.kind != LinkKind::vxlan) {
     return ENODEV;
   }
-  if (add.row.nexthop != 0) {
-    auto group = nexthops_.find(add.row.nexthop);
+  if (add.entry.nexthop != 0) {
+    auto group = nexthops_.find(add.entry.nexthop);
     if (group == nexthops_.end() || group->second.members.empty()) {
       return EINVAL;
     }
   }
-  std::pair<IfIndex, Mac> key{add.row.device, add.row.mac};
-  auto at = deviceRows_.find(key);
-  bool grouped = add.row.mac.group();
-  if (at != deviceRows_.end()) {
-    DeviceRow& row = at->second;
-    if (add.how == RowAdd::How::create) {
+  std::pair<IfIndex, Mac> key{add.entry.device, add.entry.mac};
+  auto at = deviceEntries_.find(key);
+  bool grouped = add.entry.mac.group();
+  if (at != deviceEntries_.end()) {
+    DeviceEntry& entry = at->second;
+    if (add.how == FdbAdd::How::create) {
       return EEXIST;
     }
-    if (add.how == RowAdd::How::append && !grouped) {
+    if (add.how == FdbAdd::How::append && !grouped) {
       return 0;
     }
-    if ((row.nexthop != 0) != (add.row.nexthop != 0)) {
+    if ((entry.nexthop != 0) != (add.entry.nexthop != 0)) {
       return EOPNOTSUPP;
     }
-    if (add.how == RowAdd::How::append) {
-      if (row.nexthop != 0) {
+    if (add.how == FdbAdd::How::append) {
+      if (entry.nexthop != 0) {
         return EOPNOTSUPP;
       }
-      if (std::find(row.dsts.begin(), row.dsts.end(), add.row.dst) != row.dsts.end()) {
+      if (std::find(entry.dsts.begin(), entry.dsts.end(), add.entry.dst) != entry.dsts.end()) {
         return 0;
       }
-      row.dsts.push_back(add.row.dst);
+      entry.dsts.push_back(add.entry.dst);
     } else {
       if (grouped) {
         return EOPNOTSUPP;
       }
-      row.nexthop = add.row.nexthop;
-      if (add.row.dst) {
-        row.dsts = {add.row.dst};
+      entry.nexthop = add.entry.nexthop;
+      if (add.entry.dst) {
+        entry.dsts = {add.entry.dst};
       }
     }
-    row.marked = add.row.marked;
-    reportRow(rowOf(key, row, add.row.dst), false);
+    entry.marked = add.entry.marked;
+    reportEntry(entryOf(key, entry, add.entry.dst), false);
     return 0;
   }
-  DeviceRow row{{}, add.row.nexthop, add.row.marked};
-  if (add.row.dst) {
-    row.dsts = {add.row.dst};
+  DeviceEntry entry{{}, add.entry.nexthop, add.entry.marked};
+  if (add.entry.dst) {
+    entry.dsts = {add.entry.dst};
   }
-  deviceRows_[key] = row;
-  reportRow(rowOf(key, row, add.row.dst), false);
+  deviceEntries_[key] = entry;
+  reportEntry(entryOf(key, entry, add.entry.dst), false);
   return 0;
 }
 
-int FakeKernel::work(const RowDel& del) {
-  if (del.row.table == Table::device) {
-    return deleteFromDevice(del.row);
+int FakeKernel::work(const FdbDel& del) {
+  if (del.entry.table == Table::device) {
+    return deleteFromDevice(del.entry);
   }
-  for (auto& [key, row] : bridgeRows_) {
-    if (key.second != del.row.mac || row.port != del.row.device) {
+  for (auto& [key, entry] : bridgeEntries_) {
+    if (key.second != del.entry.mac || entry.port != del.entry.device) {
       continue;
     }
     age(key.first, key.second);
     return 0;
   }
-  return links_.contains(del.row.device) ? ENOENT : ENODEV;
+  return links_.contains(del.entry.device) ? ENOENT : ENODEV;
 }
 
-int FakeKernel::deleteFromDevice(const Row& row) {
-  if (!links_.contains(row.device)) {
+int FakeKernel::deleteFromDevice(const FdbEntry& entry) {
+  if (!links_.contains(entry.device)) {
     return ENODEV;
   }
-  auto at = deviceRows_.find({row.device, row.mac});
-  if (at == deviceRows_.end()) {
+  auto at = deviceEntries_.find({entry.device, entry.mac});
+  if (at == deviceEntries_.end()) {
     return ENOENT;
   }
-  if (row.dst) {
-    if (std::erase(at->second.dsts, row.dst) == 0) {
+  if (entry.dst) {
+    if (std::erase(at->second.dsts, entry.dst) == 0) {
       return ENOENT;
     }
-    reportRow(rowOf(at->first, at->second, row.dst), true);
+    reportEntry(entryOf(at->first, at->second, entry.dst), true);
     if (!at->second.dsts.empty()) {
       return 0;
     }
   } else {
-    reportRow(rowOf(at->first, at->second, at->second.dsts.empty() ? Ip4{} : at->second.dsts.front()), true);
+    reportEntry(entryOf(at->first, at->second, at->second.dsts.empty() ? Ip4{} : at->second.dsts.front()),
+                true);
   }
-  gaps_.push_back(links_.at(row.device).name + " " + row.mac.text());
-  deviceRows_.erase(at);
+  gaps_.push_back(links_.at(entry.device).name + " " + entry.mac.text());
+  deviceEntries_.erase(at);
   return 0;
 }
 
@@ -380,7 +382,7 @@ void FakeKernel::beginDump(Dump::What what) {
   dumping_ = true;
   dumped_ = what;
   part_.clear();
-  partIsLast_ = what != Dump::What::rows;
+  partIsLast_ = what != Dump::What::entries;
   deviceCursor_ = bridgeCursor_ = {0, Mac{}};
   if (what == Dump::What::links) {
     for (const auto& [index, link] : links_) {
@@ -402,27 +404,29 @@ void FakeKernel::dumpPart(Engine& engine) {
     engine.dumpEnd(true);
     return;
   }
-  auto device = deviceRows_.lower_bound(deviceCursor_);
-  for (; device != deviceRows_.end() && part_.size() < rowsInPart; ++device) {
+  auto device = deviceEntries_.lower_bound(deviceCursor_);
+  for (; device != deviceEntries_.end() && part_.size() < rowsInPart; ++device) {
     std::vector<Ip4> dsts = device->second.dsts;
     if (dsts.empty()) {
       dsts.emplace_back();
     }
     for (Ip4 dst : dsts) {
-      part_.push_back([row = rowOf(device->first, device->second, dst)](Engine& e) { e.rowIs(row, true); });
+      part_.push_back(
+          [entry = entryOf(device->first, device->second, dst)](Engine& e) { e.entryIs(entry, true); });
     }
   }
-  deviceCursor_ = device == deviceRows_.end() ? std::pair{IfIndex{1} << 30U, Mac{}} : device->first;
+  deviceCursor_ = device == deviceEntries_.end() ? std::pair{IfIndex{1} << 30U, Mac{}} : device->first;
   if (!part_.empty()) {
     return;
   }
-  auto bridge = bridgeRows_.lower_bound(bridgeCursor_);
-  for (; bridge != bridgeRows_.end() && part_.size() < rowsInPart; ++bridge) {
-    Row row{Table::bridge,         bridge->second.port,   bridge->first.first, bridge->first.second, {}, 0,
-            bridge->second.marked, bridge->second.learned};
-    part_.push_back([row](Engine& e) { e.rowIs(row, true); });
+  auto bridge = bridgeEntries_.lower_bound(bridgeCursor_);
+  for (; bridge != bridgeEntries_.end() && part_.size() < rowsInPart; ++bridge) {
+    FdbEntry entry{
+        Table::bridge,         bridge->second.port,   bridge->first.first, bridge->first.second, {}, 0,
+        bridge->second.marked, bridge->second.learned};
+    part_.push_back([entry](Engine& e) { e.entryIs(entry, true); });
   }
-  bridgeCursor_ = bridge == bridgeRows_.end() ? std::pair{IfIndex{1} << 30U, Mac{}} : bridge->first;
+  bridgeCursor_ = bridge == bridgeEntries_.end() ? std::pair{IfIndex{1} << 30U, Mac{}} : bridge->first;
   partIsLast_ = part_.empty();
 }
 
@@ -467,9 +471,9 @@ void FakeKernel::run(Engine& engine, Time now) {
   }
 }
 
-std::string FakeKernel::leadsTo(const DeviceRow& row) const {
-  std::set<Ip4> vteps(row.dsts.begin(), row.dsts.end());
-  auto group = nexthops_.find(row.nexthop);
+std::string FakeKernel::leadsTo(const DeviceEntry& entry) const {
+  std::set<Ip4> vteps(entry.dsts.begin(), entry.dsts.end());
+  auto group = nexthops_.find(entry.nexthop);
   if (group != nexthops_.end()) {
     for (NexthopId member : group->second.members) {
       vteps.insert(nexthops_.at(member).gateway);
@@ -488,13 +492,13 @@ std::string FakeKernel::text() const {
     auto master = links_.find(link.master);
     lines.insert("link " + link.name + (master != links_.end() ? " in " + master->second.name : ""));
   }
-  for (const auto& [key, row] : deviceRows_) {
-    std::string way = row.nexthop != 0 ? (key.second.group() ? " any " : " via ") : " dst ";
-    lines.insert("row " + links_.at(key.first).name + " " + key.second.text() + way + leadsTo(row));
+  for (const auto& [key, entry] : deviceEntries_) {
+    std::string way = entry.nexthop != 0 ? (key.second.group() ? " any " : " via ") : " dst ";
+    lines.insert("row " + links_.at(key.first).name + " " + key.second.text() + way + leadsTo(entry));
   }
-  for (const auto& [key, row] : bridgeRows_) {
+  for (const auto& [key, entry] : bridgeEntries_) {
     lines.insert("row " + links_.at(key.first).name + " " + key.second.text() + " port " +
-                 links_.at(row.port).name);
+                 links_.at(entry.port).name);
   }
   std::string out;
   for (const std::string& line : lines) {

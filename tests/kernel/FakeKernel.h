@@ -18,18 +18,18 @@ namespace Agent::Kernel::Test {
 // lost.
 class FakeKernel {
  public:
-  struct DeviceRow {
+  struct DeviceEntry {
     std::vector<Ip4> dsts;
     NexthopId nexthop = 0;
     bool marked = false;
   };
-  struct BridgeRow {
+  struct BridgeEntry {
     IfIndex port = 0;
     bool marked = false;
     bool learned = false;
   };
-  using DeviceRows = std::map<std::pair<IfIndex, Mac>, DeviceRow>;
-  using BridgeRows = std::map<std::pair<IfIndex, Mac>, BridgeRow>;
+  using DeviceEntries = std::map<std::pair<IfIndex, Mac>, DeviceEntry>;
+  using BridgeEntries = std::map<std::pair<IfIndex, Mac>, BridgeEntry>;
 
   // What the tests do to it, or have others do.
   IfIndex port(const std::string& name);
@@ -56,11 +56,11 @@ class FakeKernel {
 
   const Link* link(const std::string& name) const;
   const std::map<IfIndex, Link>& links() const { return links_; }
-  const DeviceRows& deviceRows() const { return deviceRows_; }
-  const BridgeRows& bridgeRows() const { return bridgeRows_; }
+  const DeviceEntries& deviceEntries() const { return deviceEntries_; }
+  const BridgeEntries& bridgeEntries() const { return bridgeEntries_; }
   const std::map<NexthopId, Nexthop>& nexthops() const { return nexthops_; }
   // The VTEPs that a row leads to, through its group if it has one, such as "10.0.0.2 10.0.0.3".
-  std::string leadsTo(const DeviceRow& row) const;
+  std::string leadsTo(const DeviceEntry& entry) const;
   // All that can be seen of it: devices, rows and the VTEPs that they lead to; one line each, sorted.
   std::string text() const;
   // Addresses whose row disappeared at some moment: "vx5010 02:..".
@@ -68,7 +68,7 @@ class FakeKernel {
   void forgetGaps() { gaps_.clear(); }
   std::size_t requestCount() const { return requests_; }
   // A dump of rows has begun and is not over.
-  bool dumpingRows() const { return dumping_ && dumped_ == Dump::What::rows; }
+  bool dumpingEntries() const { return dumping_ && dumped_ == Dump::What::entries; }
 
  private:
   struct Report {
@@ -77,9 +77,9 @@ class FakeKernel {
 
   void report(std::function<void(Engine&)> tell);
   void reportLink(IfIndex index);
-  void reportRow(const Row& row, bool gone);
-  Row rowOf(const std::pair<IfIndex, Mac>& key, const DeviceRow& row, Ip4 dst) const;
-  void dropRows(IfIndex device);
+  void reportEntry(const FdbEntry& entry, bool gone);
+  FdbEntry entryOf(const std::pair<IfIndex, Mac>& key, const DeviceEntry& entry, Ip4 dst) const;
+  void dropEntries(IfIndex device);
   void dropPort(IfIndex port);
   void dropGroup(NexthopId id);
   int work(const LinkAdd& add);
@@ -87,16 +87,16 @@ class FakeKernel {
   int work(const LinkDel& del);
   int work(const NexthopSet& set);
   int work(const NexthopDel& del);
-  int work(const RowAdd& add);
-  int work(const RowDel& del);
-  int addToDevice(const RowAdd& add);
-  int deleteFromDevice(const Row& row);
+  int work(const FdbAdd& add);
+  int work(const FdbDel& del);
+  int addToDevice(const FdbAdd& add);
+  int deleteFromDevice(const FdbEntry& entry);
   void beginDump(Dump::What what);
   void dumpPart(Engine& engine);
 
   std::map<IfIndex, Link> links_;
-  DeviceRows deviceRows_;
-  BridgeRows bridgeRows_;
+  DeviceEntries deviceEntries_;
+  BridgeEntries bridgeEntries_;
   std::map<NexthopId, Nexthop> nexthops_;
   std::deque<Report> reports_;
   std::size_t reportLimit_ = 100000;

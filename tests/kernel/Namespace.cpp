@@ -103,7 +103,7 @@ void Namespace::connect(const std::string& here, const Namespace& other, const s
   other.run("ip link set " + there + " up");
 }
 
-std::vector<std::string> Namespace::rows(const std::vector<std::string>& words) const {
+std::vector<std::string> Namespace::entries(const std::vector<std::string>& words) const {
   std::istringstream lines(run("bridge fdb show"));
   std::vector<std::string> found;
   for (std::string line; std::getline(lines, line);) {

@@ -30,7 +30,7 @@ class Namespace {
   // Makes a pair of connected devices, `here` in this namespace and `there` in the other, both up.
   void connect(const std::string& here, const Namespace& other, const std::string& there) const;
   // The lines of `bridge fdb show` that contain all the words.
-  std::vector<std::string> rows(const std::vector<std::string>& words) const;
+  std::vector<std::string> entries(const std::vector<std::string>& words) const;
 
  private:
   class Visit {

@@ -10,6 +10,7 @@
 #include <memory>
 #include <thread>
 
+#include "Addresses.h"
 #include "Namespace.h"
 #include "agent/kernel/Adapter.h"
 
@@ -20,16 +21,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::uint16_t port = 7777;
+constexpr std::uint16_t udpPort = 7777;
 constexpr const char* moving = "02:00:00:00:10:02";
 constexpr const char* movingIp = "192.168.10.2";
-
-Ip4 ip(const std::string& text) {
-  return Ip4::parse(text).value();
-}
-Mac mac(const char* text) {
-  return Mac::parse(text).value();
-}
 
 // A UDP socket in a namespace.
 class Endpoint {
@@ -72,7 +66,7 @@ class Endpoint {
   static sockaddr_in to(const char* destination) {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_port = htons(port);
+    address.sin_port = htons(udpPort);
     EXPECT_EQ(::inet_pton(AF_INET, destination, &address.sin_addr), 1);
     return address;
   }
@@ -223,12 +217,12 @@ class Stream {
 
   // Takes what has arrived until at most so many are under way; what takes a second is lost and not waited
   // for again.
-  void take(int underWay) {
+  void take(int most) {
     do {
       atOne_ += one_.received(0);
       atOther_ += other_.received(0);
-    } while (lost() - givenUp_ > underWay && Endpoint::await(one_, other_, milliseconds(1000)));
-    if (lost() - givenUp_ > underWay) {
+    } while (lost() - givenUp_ > most && Endpoint::await(one_, other_, milliseconds(1000)));
+    if (lost() - givenUp_ > most) {
       givenUp_ = lost();
     }
   }
@@ -291,7 +285,7 @@ TEST_F(PacketTest, NoPacketIsLostWhileTheAgentRestarts) {
   Endpoint second(leaf(2).host);
   Endpoint third(leaf(3).host);
   movingIsAt(2);
-  adapter(1).settled();
+  adapter(1).initialSyncComplete();
   run(1);
   Stream stream(from, movingIp, second, third);
   for (int n = 0; n < 5; ++n) {
@@ -300,7 +294,7 @@ TEST_F(PacketTest, NoPacketIsLostWhileTheAgentRestarts) {
     start(1);
     run(1);
     movingIsAt(2);
-    adapter(1).settled();
+    adapter(1).initialSyncComplete();
     run(1);
     stream.await(50);
   }
@@ -316,7 +310,7 @@ TEST_F(PacketTest, NoPacketIsLostWhileTheVniIsRenumberedOnOneLeafAfterTheOther) 
   movingIsAt(2);
   Stream stream(from, movingIp, second, third);
   for (int number = 1; number <= 2; ++number) {
-    adapter(number).vniDel(5010);
+    adapter(number).vniDel(10, "Vxlan1");
     tell(number, 6010);
     run(number);
   }

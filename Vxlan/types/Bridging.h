@@ -1,6 +1,7 @@
 // VLANs, and the key of host tables.
 #pragma once
 
+#include <bit>
 #include <compare>
 #include <cstdint>
 #include <cstring>
@@ -68,7 +69,9 @@ struct MacVlanPair {
   Qnet::EthAddr mac;
   VlanId vlan;
 
-  constexpr bool operator==(const MacVlanPair&) const = default;
+  constexpr bool operator==(const MacVlanPair& other) const noexcept {
+    return std::bit_cast<std::uint64_t>(*this) == std::bit_cast<std::uint64_t>(other);
+  }
   constexpr auto operator<=>(const MacVlanPair&) const = default;
 };
 static_assert(sizeof(MacVlanPair) == 8, "a key of host tables is one machine word, without padding");

@@ -11,6 +11,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
 
 #include "Kel/Export.h"
 #include "Kel/Name.h"
@@ -43,12 +44,26 @@ class EthAddr {
   // In lower case with colons.
   KEL_API std::string text() const;
 
-  constexpr bool operator==(const EthAddr& other) const noexcept { return value() == other.value(); }
+  constexpr bool operator==(const EthAddr& other) const noexcept {
+    if (std::is_constant_evaluated()) {
+      return bytes_ == other.bytes_;
+    }
+    // As two words: of a comparison by bytes, compilers make a call or six steps.
+    return ((word<std::uint32_t>(0) ^ other.word<std::uint32_t>(0)) |
+            static_cast<std::uint32_t>(word<std::uint16_t>(4) ^ other.word<std::uint16_t>(4))) == 0;
+  }
   constexpr std::strong_ordering operator<=>(const EthAddr& other) const noexcept {
     return value() <=> other.value();
   }
 
  private:
+  template <class Word>
+  Word word(std::size_t at) const noexcept {
+    Word word;
+    std::memcpy(&word, bytes_.data() + at, sizeof word);
+    return word;
+  }
+
   Bytes bytes_{};
 };
 

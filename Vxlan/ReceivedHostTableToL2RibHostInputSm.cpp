@@ -10,22 +10,6 @@ namespace {
 
 [[maybe_unused]] const bool registered = Kel::typeNodeIs(ReceivedHostTableToL2RibHostInputSm::type);
 
-// The host that stands for a received entry. Other members keep their defaults.
-L2Rib::Host hostOf(const ReceivedEntry& entry) {
-  L2Rib::CiDest dest(L2Rib::DestType::VxlanVtep);
-  dest.intfIs(L2Rib::InlineIntf(entry.intf));
-  dest.vtepAddrIs(L2Rib::CiVtepIndex::First, Qnet::IpGenAddr(entry.vtepIp));
-
-  L2Rib::Host host;
-  host.key = entry.key;
-  host.moveCount = entry.moveCount;
-  host.hostAttr = static_cast<L2Rib::HostAttr>(entry.hostAttr);
-  host.lastUpdateTime = entry.lastUpdateTime;
-  host.entryType = static_cast<L2Rib::EntryType>(entry.entryType);
-  host.dest = dest;
-  return host;
-}
-
 }  // namespace
 
 ReceivedHostTableToL2RibHostInputSm::ReceivedHostTableToL2RibHostInputSm(
@@ -55,13 +39,30 @@ void ReceivedHostTableToL2RibHostInputSm::handleInitialized() {
   handleReceivedHostEntry();
 }
 
+// The host that stands for a received entry. What is not set here keeps its default.
+const L2Rib::Host& ReceivedHostTableToL2RibHostInputSm::hostOf(const ReceivedEntry& entry) {
+  if (entry.intf != hostIntf_ || host_.dest.destType() == L2Rib::DestType::None) [[unlikely]] {
+    L2Rib::CiDest dest(L2Rib::DestType::VxlanVtep);
+    dest.intfIs(L2Rib::InlineIntf(entry.intf));
+    host_.dest = dest;
+    hostIntf_ = entry.intf;
+  }
+  host_.key = entry.key;
+  host_.moveCount = entry.moveCount;
+  host_.hostAttr = static_cast<L2Rib::HostAttr>(entry.hostAttr);
+  host_.lastUpdateTime = entry.lastUpdateTime;
+  host_.entryType = static_cast<L2Rib::EntryType>(entry.entryType);
+  host_.dest.vtepAddrIs(L2Rib::CiVtepIndex::First, Qnet::IpGenAddr(entry.vtepIp));
+  return host_;
+}
+
 void ReceivedHostTableToL2RibHostInputSm::handleReceivedHostEntry(Bridging::MacVlanPair key) {
   VCC_TRACE(traceOrdinary, " key ", key.mac, " vlan ", key.vlan);
   if (!initialized() || !receivedHostTable_ || !l2RibRmxInput_) {
     return;
   }
   const ReceivedEntry* entry = receivedHostTable_->receivedEntry().find(key);
-  if (entry != nullptr && !(*entry == ReceivedEntry())) {
+  if (entry != nullptr && (key != Bridging::MacVlanPair() || !(*entry == ReceivedEntry()))) {
     // Also one that is marked for deletion: the host leaves when its entry does.
     l2RibRmxInput_->hostIs(hostOf(*entry));
   } else {

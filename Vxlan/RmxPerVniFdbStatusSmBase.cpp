@@ -52,7 +52,8 @@ RmxPerVniFdbStatusSmBase::RmxPerVniFdbStatusSmBase(const VniExt& vni, VniStatusR
                                                    HwStatusDirRef vxlanHwStatusDir,
                                                    VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm)
     : vni_(*this, "vni", vni), vxlanControllerMacAddrSm_(vxlanControllerMacAddrSm) {
-  rmxVniFdbStatusV2_.is(rmxVniFdbStatusV2);
+  road_.owner = vxlanControllerMacAddrSm;
+  statusIs(rmxVniFdbStatusV2);
   vtiStatusDir_.is(vtiStatusDir);
   vxlanHwStatusDir_.is(vxlanHwStatusDir);
   vtiStatus_.handle();
@@ -73,31 +74,58 @@ void RmxPerVniFdbStatusSmBase::handleInitialized() {
 }
 
 void RmxPerVniFdbStatusSmBase::handleRmxHostTable(Qnet::EthAddr mac) {
-  const bool learning = owner().datapathLearningMode();
+  const bool learning = road_.owner->datapathLearningMode();
   VCC_TRACE(traceOrdinary, "macAddr: ", mac, " datapathLearningMode ", learning);
-  if (!initialized()) {
+  if (!road_.initialized) {
     return;
   }
-  const Kel::Ptr<ReceivedHostTable> table = owner().getHostTable();
-  if (learning || !table || !rmxVniFdbStatusV2_) {
+  const VxlanControllerClientSm* const client = road_.owner->client_;
+  const Kel::Ptr<ReceivedHostTable> given = client != nullptr ? nullptr : road_.owner->getHostTable();
+  ReceivedHostTable* const table = client != nullptr ? client->hostTable().get() : given.get();
+  if (learning || table == nullptr || road_.status == nullptr) {
     return;  // with learning on, hosts are learnt by the data path
   }
-  const VxlanController::MacVtepV2 host = rmxVniFdbStatusV2_->macVtepTable(mac);
-  for (const Qnet::IntfId& vti : vtis()) {
-    const Bridging::VlanIdOrNone vlan = owner().vlanForVni(vti, vni());
-    if (!vlan) {
-      VCC_LINE(traceOrdinary, "Returning as no valid vlan-vni map found");
-      continue;
+  const VxlanController::MacVtepV2 host = road_.status->macVtepTable(mac);
+  if (client == nullptr) {
+    for (const Qnet::IntfId& vti : vtis()) {
+      evaluate(*table, mac, host, vti, owner().vlanForVni(vti, vni()), __PRETTY_FUNCTION__);
     }
-    VCC_LINE(traceOrdinary, "vniId: ", vni(), "vlanId: ", vlan);
-    const Bridging::MacVlanPair key{mac, Bridging::VlanId(vlan)};
-    if (!published(host)) {
-      withdraw(*table, key, __PRETTY_FUNCTION__);
-    } else if (owner().isVtepIpMine(vni(), host.vtepIp, vti)) {
-      removeLocal(*table, key, host.vtepIp, __PRETTY_FUNCTION__);
-    } else {
-      addRemote(*table, key, vti, host, __PRETTY_FUNCTION__);
-    }
+    return;
+  }
+  std::size_t at = 0;
+  for (const VxlanControllerClientSm::VtiView& vti : client->vtiViews()) {
+    evaluate(*table, mac, host, vti.intf, vlanOn(*vti.map, at++), __PRETTY_FUNCTION__);
+  }
+}
+
+// The VLAN of the VNI on a VTI that has this map and this place among the VTIs.
+Bridging::VlanIdOrNone RmxPerVniFdbStatusSmBase::vlanOn(const VlanVniMap& map, std::size_t vti) {
+  if (vti > others_.size()) [[unlikely]] {
+    others_.resize(vti);
+  }
+  MappedVlan& known = vti == 0 ? road_.first : others_[vti - 1];
+  const std::uint64_t version = map.vniToVlan().version();
+  if (known.version != version) [[unlikely]] {
+    known = {version, map.vniToVlan(vni())};
+  }
+  return known.vlan;
+}
+
+void RmxPerVniFdbStatusSmBase::evaluate(ReceivedHostTable& table, Qnet::EthAddr mac,
+                                        const VxlanController::MacVtepV2& host, const Qnet::IntfId& vti,
+                                        Bridging::VlanIdOrNone vlan, const char* operation) {
+  if (!vlan) {
+    VCC_LINE_OF(operation, traceOrdinary, "Returning as no valid vlan-vni map found");
+    return;
+  }
+  VCC_LINE_OF(operation, traceOrdinary, "vniId: ", vni(), "vlanId: ", vlan);
+  const Bridging::MacVlanPair key{mac, Bridging::VlanId(vlan)};
+  if (!published(host)) {
+    withdraw(table, key, operation);
+  } else if (road_.owner->isVtepIpMine(vni(), host.vtepIp, vti)) {
+    removeLocal(table, key, host.vtepIp, operation);
+  } else {
+    addRemote(table, key, vti, host, operation);
   }
 }
 
@@ -280,10 +308,15 @@ void RmxPerVniFdbStatusSmBase::vtiStatusIs(const Kel::Ptr<const VtiStatus>& stat
 }
 
 void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Del() {
-  rmxVniFdbStatusV2_.del();
+  statusIs(nullptr);
 }
 
 void RmxPerVniFdbStatusSmBase::rmxVniFdbStatusV2Is(VniStatusRef status) {
+  statusIs(status);
+}
+
+void RmxPerVniFdbStatusSmBase::statusIs(VniStatusRef status) {
+  road_.status = status.get();
   rmxVniFdbStatusV2_.is(status);
 }
 

@@ -1,4 +1,7 @@
 // The trackers of the VLAN-VNI maps.
+#include <algorithm>
+#include <vector>
+
 #include "Vxlan/VxlanControllerSm.h"
 #include "Vxlan/framework/Trace.h"
 
@@ -43,20 +46,60 @@ void VtiVlanVniMapSmBase::rmxProcessVniVlanMapUpdateComplete(Bridging::VlanId vl
     return;
   }
   VCC_LINE(traceOrdinary, "vlan-vni map has been deleted ");
-  for (auto&& machine : owner().rmxPerVniFdbStatusSm()) {
-    const VniExt mapped = machine.key;
-    if (!vlanForVni(mapped)) {
-      VCC_LINE(traceOrdinary, "Deleting rmxPerVniFdbStatusSm ", "for vni ", mapped);
-      owner().deleteRmxPerVniFdbStatusSm(mapped);
+  sweepUnmapped(__PRETTY_FUNCTION__);
+}
+
+// Deletes the machines of the VNIs that have no VLAN on this VTI.
+void VtiVlanVniMapSmBase::sweepUnmapped(const char* operation) {
+  const std::vector<VniExt> unmapped = unmappedVnis();
+  swept_ = map_ != nullptr;
+  for (const VniExt vni : unmapped) {
+    VCC_LINE_OF(operation, traceOrdinary, "Deleting rmxPerVniFdbStatusSm ", "for vni ", vni);
+    owner().deleteRmxPerVniFdbStatusSm(vni);
+    if (owner().rmxPerVniFdbStatusSm().contains(vni)) {
+      swept_ = false;  // an owner that only traces
     }
   }
+  seenLost_ = map_ == nullptr ? 0 : map_->lostVnis().count();
+  seenEntered_ = owner().enteredVnis_.count();
+}
+
+// The VNIs that have a machine and no VLAN on this VTI, in the order of the machines' walk.
+std::vector<VniExt> VtiVlanVniMapSmBase::unmappedVnis() const {
+  const auto& machines = owner().rmxPerVniFdbStatusSm();
+  const auto& entered = owner().enteredVnis_;
+  std::vector<VniExt> unmapped;
+  if (!swept_ || !map_->lostVnis().knows(seenLost_) || !entered.knows(seenEntered_)) {
+    for (auto&& machine : machines) {
+      if (!vlanForVni(machine.key)) {
+        unmapped.push_back(machine.key);
+      }
+    }
+    return unmapped;
+  }
+  const auto consider = [&](const VniExt vni) {
+    if (machines.contains(vni) && !vlanForVni(vni)) {
+      unmapped.push_back(vni);
+    }
+  };
+  for (std::uint64_t at = seenLost_; at < map_->lostVnis().count(); ++at) {
+    consider(map_->lostVnis()[at]);
+  }
+  for (std::uint64_t at = seenEntered_; at < entered.count(); ++at) {
+    consider(entered[at]);
+  }
+  std::sort(unmapped.begin(), unmapped.end(), [&](const VniExt& one, const VniExt& other) {
+    return machines.at(one).slot() < machines.at(other).slot();
+  });
+  unmapped.erase(std::unique(unmapped.begin(), unmapped.end()), unmapped.end());
+  return unmapped;
 }
 
 VtiVlanVniMapSm::VtiVlanVniMapSm(const Qnet::IntfId& vtiIntfId,
                                  VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm,
                                  VlanVniMapRef vlanVniMap)
     : VtiVlanVniMapSmBase(vtiIntfId, vxlanControllerMacAddrSm) {
-  vlanVniMap_.is(vlanVniMap);
+  vlanVniMapIs(vlanVniMap);
   VtiVlanVniMapSm::handleInitialized();
 }
 

@@ -39,6 +39,7 @@ VxlanControllerClientSm::VxlanControllerClientSm(VtiStatusDirRef vtiStatusDir, D
       rmxSde_(*this, "rmxSde", rmxSde),
       l2RibRmxInput_(*this, "l2RibRmxInput", l2RibRmxInput),
       rmxConvergenceStatus_(*this, "rmxConvergenceStatus", rmxConvergenceStatus) {
+  client_ = this;
   rmxStateBaseDir_.is(rmxStateBaseDir);
   vlanVniMaps_.is(vlanVniMaps);
   VxlanControllerClientSm::handleInitialized();
@@ -200,6 +201,19 @@ const std::vector<Qnet::IntfId>& VxlanControllerClientSm::getVtiIterator() const
     vtisVersion_ = version;
   }
   return vtis_;
+}
+
+void VxlanControllerClientSm::resolveVtis(std::uint64_t maps, std::uint64_t statuses) const {
+  views_.clear();
+  if (vlanVniMaps_) {
+    for (auto&& map : vlanVniMaps_->vlanVniMap()) {
+      const Kel::Ptr<VtiStatus>* status =
+          vtiStatusDir() ? vtiStatusDir()->vtiStatus().find(map.key) : nullptr;
+      views_.push_back({map.key, map.value.get(), status == nullptr ? nullptr : status->get()});
+    }
+  }
+  viewMaps_ = maps;
+  viewStatuses_ = statuses;
 }
 
 Bridging::VlanIdOrNone VxlanControllerClientSm::vlanForVni(Qnet::IntfId vti, VniExt vni) const {

@@ -378,10 +378,23 @@ void VxlanControllerMacAddrSmBase::vxlanControllerScanVniStatus(VniExt vni) {
   handleControllerVniBaseDir(Kel::Name(std::to_string(vni.value())));
 }
 
+// The status of a VTI, null where it has none; in a client, that of a VTI with a map is known.
+const VtiStatus* VxlanControllerMacAddrSmBase::statusOf(const Qnet::IntfId& vti) const {
+  if (client_ != nullptr) {
+    for (const VxlanControllerClientSm::VtiView& view : client_->vtiViews()) {
+      if (view.intf == vti) {
+        return view.status;
+      }
+    }
+  }
+  const Kel::Ptr<VtiStatus>* status = vtiStatusDir_ ? vtiStatusDir_->vtiStatus().find(vti) : nullptr;
+  return status == nullptr ? nullptr : status->get();
+}
+
 bool VxlanControllerMacAddrSmBase::isVtepIpMine(VniExt vni, Qnet::IpAddr vtepIp, Qnet::IntfId vti) const {
   VCC_TRACE(traceOrdinary, " vni ", vni, " vtepIp ", vtepIp, " vti ", vti);
-  const Kel::Ptr<const VtiStatus> status = vtiStatusDir_ ? vtiStatusDir_->vtiStatus(vti) : nullptr;
-  if (!status) {
+  const VtiStatus* const status = statusOf(vti);
+  if (status == nullptr) {
     return false;
   }
   VCC_LINE(traceOrdinary, "local vtepIp: ", status->localVtepAddr(),
@@ -483,6 +496,7 @@ void VxlanControllerMacAddrSmBase::rmxPerVniFdbStatusSmIs(const Kel::Ptr<RmxPerV
     Kel::throwNullParameter(className, "rmxPerVniFdbStatusSm");
   }
   rmxPerVniFdbStatusSm_.is(sm->vni(), sm);
+  enteredVnis_.add(sm->vni());
 }
 
 void VxlanControllerMacAddrSmBase::vlanVniMapSmIs(const Kel::Ptr<VtiVlanVniMapSmBase>& sm) {

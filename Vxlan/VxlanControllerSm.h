@@ -43,6 +43,7 @@
 #include "Vxlan/types/Mlag.h"
 #include "Vxlan/types/Qnet.h"
 #include "Vxlan/types/ReceivedHostTable.h"
+#include "Vxlan/types/Recent.h"
 #include "Vxlan/types/VlanVniMap.h"
 #include "Vxlan/types/Vni.h"
 #include "Vxlan/types/VtiStatus.h"
@@ -56,6 +57,7 @@ class RmxMlagBumStatusSm;
 class RmxMlagBumStatusSmBase;
 class RmxPerVniFdbStatusSmBase;
 class RmxStateSm;
+class VxlanControllerClientSm;
 class VccMacVtepFloodListTableSm;
 class VccPerVniFdbStatusSm;
 class VtiVlanVniMapSm;
@@ -246,6 +248,11 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   struct KelBumDeferredDeleteClock;
   struct KelVtiStatus;
 
+  friend class VxlanControllerClientSm;
+  friend class RmxPerVniFdbStatusSmBase;
+  friend class VtiVlanVniMapSmBase;
+
+  const VtiStatus* statusOf(const Qnet::IntfId& vti) const;
   void vtiStatusReconcile();
   void kel_BumStatusInRebind();
   void addVni(const Kel::Name& name, const char* operation);
@@ -274,6 +281,12 @@ class KEL_API VxlanControllerMacAddrSmBase : public Kel::StateMachine {
   Kel::Own<bool> datapathLearningMode_{*this, "datapathLearningMode", true};
   Kel::Own<bool> initialized_{*this, "initialized", false};
   Kel::Input<BumStatus, KelKel_BumStatusIn> kel_BumStatusIn_{*this, "kel_BumStatusIn"};
+
+  // The client that this is, where it is one: on the road of a host it is asked directly.
+  const VxlanControllerClientSm* client_ = nullptr;
+  // The VNIs whose machines were entered last, for the trackers.
+  using EnteredVnis = Recent<VniExt, 256>;
+  EnteredVnis enteredVnis_;
 };
 
 // The top state machine, and the only one that outside code creates: the client of the VXLAN controller. It
@@ -379,8 +392,28 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   void rmxMlagBumStatusSmShadowDel() { rmxMlagBumStatusSmShadow_.del(); }
 
  private:
+  friend class RmxPerVniFdbStatusSmBase;
+  friend class VxlanControllerMacAddrSmBase;
+
   struct KelRmxStateBaseDir;
   struct KelVlanVniMaps;
+
+  // A VTI of getVtiIterator, with its map and its status, if it has one.
+  struct VtiView {
+    Qnet::IntfId intf;
+    const VlanVniMap* map;
+    const VtiStatus* status;
+  };
+  // Resolved once, for as long as both directories stay as they are.
+  const std::vector<VtiView>& vtiViews() const {
+    const std::uint64_t maps = vlanVniMaps_ ? vlanVniMaps_->vlanVniMap().version() : 0;
+    const std::uint64_t statuses = vtiStatusDir() ? vtiStatusDir()->vtiStatus().version() : 0;
+    if (maps != viewMaps_ || statuses != viewStatuses_) [[unlikely]] {
+      resolveVtis(maps, statuses);
+    }
+    return views_;
+  }
+  void resolveVtis(std::uint64_t maps, std::uint64_t statuses) const;
 
   void deleteRemoteMacsOfMappedVlans(const char* operation);
   L2Rib::SourceDirEntry::VlanFloodSets::Iterator bumStartPosition(const char* operation) const;
@@ -407,6 +440,11 @@ class KEL_API VxlanControllerClientSm final : public VxlanControllerMacAddrSmBas
   mutable std::vector<Qnet::IntfId> vtis_;
   mutable const VlanVniMaps* vtisOf_ = nullptr;
   mutable std::uint64_t vtisVersion_ = 0;
+
+  // What vtiViews returns, and the versions of the maps and the statuses that it was made of.
+  mutable std::vector<VtiView> views_;
+  mutable std::uint64_t viewMaps_ = 0;
+  mutable std::uint64_t viewStatuses_ = 0;
 };
 
 // The tracker of one VTI's VLAN-VNI map, as its owner knows it: a VTI and its owner.
@@ -435,8 +473,22 @@ class KEL_API VtiVlanVniMapSmBase : public Kel::StateMachine {
  protected:
   VxlanControllerMacAddrSmBase& owner() const { return *vxlanControllerMacAddrSm_; }
   void initializedIs(bool initialized) { initialized_ = initialized; }
+  // The map that vlanForVni reads, from now on; null where the VNIs of which it is asked are to be all.
+  void mapIs(const VlanVniMap* map) {
+    map_ = map;
+    swept_ = false;
+  }
 
  private:
+  std::vector<VniExt> unmappedVnis() const;
+  void sweepUnmapped(const char* operation);
+
+  // Every machine was found mapped when so many VNIs had lost their VLAN and so many machines had been
+  // entered: only those that came since can be unmapped.
+  const VlanVniMap* map_ = nullptr;
+  bool swept_ = false;
+  std::uint64_t seenLost_ = 0;
+  std::uint64_t seenEntered_ = 0;
   Kel::Own<Qnet::IntfId> vtiIntfId_;
   VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm_;  // outlives the tracker
   Kel::Own<bool> initialized_{*this, "initialized", false};
@@ -465,8 +517,11 @@ class KEL_API VtiVlanVniMapSm final : public VtiVlanVniMapSmBase {
 
   VlanVniMapRef vlanVniMap() const { return vlanVniMap_.get(); }
   // Follows another map from now on, or none.
-  void vlanVniMapIs(VlanVniMapRef map) { vlanVniMap_.is(map); }
-  void vlanVniMapDel() { vlanVniMap_.del(); }
+  void vlanVniMapIs(VlanVniMapRef map) {
+    mapIs(map.get());
+    vlanVniMap_.is(map);
+  }
+  void vlanVniMapDel() { vlanVniMapIs(nullptr); }
   auto parameters() const { return Kel::rawValues(&owner(), vlanVniMap()); }
 
  private:
@@ -525,7 +580,10 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   const VniExt& vni() const { return vni_; }
   VxlanControllerMacAddrSmBase* vxlanControllerMacAddrSm() const { return vxlanControllerMacAddrSm_; }
   bool initialized() const { return initialized_; }
-  void initializedIs(bool initialized) { initialized_ = initialized; }
+  void initializedIs(bool initialized) {
+    initialized_ = initialized;
+    road_.initialized = initialized;
+  }
   VniStatusRef rmxVniFdbStatusV2() const { return rmxVniFdbStatusV2_.get(); }
   VtiStatusDirRef vtiStatusDir() const { return vtiStatusDir_.get(); }
   HwStatusDirRef vxlanHwStatusDir() const { return vxlanHwStatusDir_.get(); }
@@ -555,12 +613,31 @@ class KEL_API RmxPerVniFdbStatusSmBase : public Kel::StateMachine {
   struct KelVxlanHwStatusDir;
   struct KelVtiStatus;
 
+  // The VLAN of the VNI on a VTI, as of a version of that VTI's map.
+  struct MappedVlan {
+    std::uint64_t version = UINT64_MAX;
+    Bridging::VlanIdOrNone vlan;
+  };
+  // What every host of the VNI asks the machine for, in one cache line.
+  struct alignas(64) Road {
+    VxlanControllerMacAddrSmBase* owner = nullptr;
+    const VxlanController::VniFdbStatusV2* status = nullptr;
+    MappedVlan first;  // of the first VTI
+    bool initialized = false;
+  };
+
+  void statusIs(VniStatusRef status);
+  Bridging::VlanIdOrNone vlanOn(const VlanVniMap& map, std::size_t vti);
+  void evaluate(ReceivedHostTable& table, Qnet::EthAddr mac, const VxlanController::MacVtepV2& host,
+                const Qnet::IntfId& vti, Bridging::VlanIdOrNone vlan, const char* operation);
   void removeLocal(ReceivedHostTable& table, const Bridging::MacVlanPair& key, Qnet::IpAddr vtepIp,
                    const char* operation);
   void addRemote(ReceivedHostTable& table, const Bridging::MacVlanPair& key, const Qnet::IntfId& vti,
                  const VxlanController::MacVtepV2& host, const char* operation);
   void withdraw(ReceivedHostTable& table, const Bridging::MacVlanPair& key, const char* operation);
 
+  Road road_;
+  std::vector<MappedVlan> others_;  // of the VTIs behind the first
   Kel::Own<VniExt> vni_;
   Kel::Input<const VxlanController::VniFdbStatusV2, KelRmxVniFdbStatusV2> rmxVniFdbStatusV2_{
       *this, "rmxVniFdbStatusV2"};
@@ -740,6 +817,11 @@ class KEL_API ReceivedHostTableToL2RibHostInputSm final : public Kel::StateMachi
     void onReceivedEntry(Bridging::MacVlanPair key) override { owner().handleReceivedHostEntry(key); }
     void onReceivedEntrykelImmediate() override { owner().handleReceivedHostEntry(); }
   };
+  const L2Rib::Host& hostOf(const ReceivedEntry& entry);
+
+  // The host that is written, with all that the hosts of a VTI have in common already in its place.
+  L2Rib::Host host_;
+  Qnet::IntfId hostIntf_;
   Kel::Input<const ReceivedHostTable, KelReceivedHostTable> receivedHostTable_{*this, "receivedHostTable"};
   Kel::Held<L2Rib::HostInput> l2RibRmxInput_;
   Kel::Own<bool> initialized_{*this, "initialized", false};

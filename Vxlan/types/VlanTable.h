@@ -3,8 +3,10 @@
 
 #include <array>
 #include <cstdint>
-#include <deque>
 #include <iterator>
+#include <memory>
+#include <utility>
+#include <vector>
 
 #include "Kel/HashIndex.h"
 #include "Kel/Table.h"
@@ -27,6 +29,8 @@ class VlanTable : private Kel::Table<K, V> {
   using Base::end;
   using Base::find;
   using Base::size;
+  using Base::valueIn;
+  using typename Base::Entered;
   using typename Base::Iterator;
   using typename Base::Pair;
 
@@ -34,11 +38,16 @@ class VlanTable : private Kel::Table<K, V> {
 
   template <class... Args>
   std::pair<Iterator, bool> emplace(const K& key, Args&&... args) {
-    const auto result = Base::emplace(key, std::forward<Args>(args)...);
-    if (result.second) {
-      link(key.vlan, result.first.slot());
+    const Entered entered = enter(key, std::forward<Args>(args)...);
+    return {this->atSlot(entered.slot), entered.added};
+  }
+  template <class... Args>
+  Entered enter(const K& key, Args&&... args) {
+    const Entered entered = Base::enter(key, std::forward<Args>(args)...);
+    if (entered.added) {
+      link(key.vlan, entered.slot);
     }
-    return result;
+    return entered;
   }
 
   bool erase(const K& key) {
@@ -71,7 +80,7 @@ class VlanTable : private Kel::Table<K, V> {
       slot_ = slot;
       if (slot != none) {
         key_ = table_.atSlot(slot)->key;
-        next_ = table_.links_[slot].next;
+        next_ = table_.linkAt(slot).next;
       }
     }
 
@@ -93,23 +102,30 @@ class VlanTable : private Kel::Table<K, V> {
   };
 
   void link(Bridging::VlanId vlan, std::uint32_t slot) {
-    if (slot >= links_.size()) {
-      links_.resize(std::size_t{slot} + 1);
+    if (slot / blockLinks >= links_.size()) [[unlikely]] {
+      links_.resize(slot / blockLinks + 1);
+    }
+    if (links_[slot / blockLinks] == nullptr) [[unlikely]] {
+      links_[slot / blockLinks].reset(new Link[blockLinks]);
     }
     Ends& ends = vlans_[vlan.value()];
-    links_[slot] = {ends.last, none};
-    (ends.last == none ? ends.first : links_[ends.last].next) = slot;
+    linkAt(slot) = {ends.last, none};
+    (ends.last == none ? ends.first : linkAt(ends.last).next) = slot;
     ends.last = slot;
   }
   void unlink(Bridging::VlanId vlan, std::uint32_t slot) {
     Ends& ends = vlans_[vlan.value()];
-    const Link link = links_[slot];
-    (link.previous == none ? ends.first : links_[link.previous].next) = link.next;
-    (link.next == none ? ends.last : links_[link.next].previous) = link.previous;
+    const Link link = linkAt(slot);
+    (link.previous == none ? ends.first : linkAt(link.previous).next) = link.next;
+    (link.next == none ? ends.last : linkAt(link.next).previous) = link.previous;
   }
+  Link& linkAt(std::uint32_t slot) const { return links_[slot / blockLinks][slot % blockLinks]; }
+
+  static constexpr std::uint32_t blockLinks = 2048;  // 16 KiB
 
   std::array<Ends, Bridging::VlanId::max + 1> vlans_;
-  std::deque<Link> links_;  // by slot number; grows without moving
+  std::vector<std::unique_ptr<Link[]>>
+      links_;  // by slot number, in blocks; each link is written before it is read
 };
 
 }  // namespace Vxlan

@@ -33,6 +33,7 @@ void VlanVniMap::unlinkVni(Bridging::VlanId vlan) {
   const VniExtOrNone vni = vlanToVsp(vlan).vni;
   if (vni && vniToVlan(VniExt(vni)).value() == vlan.value()) {
     vniToVlan_.del(VniExt(vni));
+    lostVnis_.add(VniExt(vni));
   }
 }
 

@@ -4,6 +4,7 @@
 #include "Kel/Entity.h"
 #include "Vxlan/types/Bridging.h"
 #include "Vxlan/types/Qnet.h"
+#include "Vxlan/types/Recent.h"
 #include "Vxlan/types/Vni.h"
 
 namespace Vxlan {
@@ -32,6 +33,9 @@ class KEL_API VlanVniMap final : public Kel::Entity {
   // The VLAN that is mapped to the VNI, or none.
   Bridging::VlanIdOrNone vniToVlan(VniExt vni) const;
   const VniToVlan& vniToVlan() const { return vniToVlan_; }
+  // The VNIs that lost their VLAN, in the order in which they did, some of them mapped again since.
+  using LostVnis = Recent<VniExt, 256>;
+  const LostVnis& lostVnis() const { return lostVnis_; }
 
   // Maps the VLAN to the VNI, in both directions, and signals the VLAN.
   void mappingIs(Bridging::VlanId vlan, VniSourcePair vsp);
@@ -54,6 +58,7 @@ class KEL_API VlanVniMap final : public Kel::Entity {
 
   VlanToVsp vlanToVsp_{*this};
   VniToVlan vniToVlan_{*this};
+  LostVnis lostVnis_;
   Kel::Notification<Bridging::VlanId, &Reactor::onNotifyingVlan, &Reactor::onNotifyingVlankelImmediate>
       notifyingVlan_{*this};
   Kel::Notification<VniExt, &Reactor::onNotifyingVni> notifyingVni_{*this};

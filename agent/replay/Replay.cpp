@@ -4,6 +4,7 @@
 
 #include "Kel/Activity.h"
 #include "Kel/Error.h"
+#include "Kel/HashIndex.h"
 #include "Memtab/Error.h"
 #include "Memtab/Segment.h"
 #include "agent/replay/Expectation.h"
@@ -78,6 +79,7 @@ Replay::Replay(std::string name, const Streams& streams, bool keepGoing)
   table_ = replayTable();
   Memtab::remove(table_);
   Kel::System::timeSourceIs(&time_);
+  Kel::tableSeedIs(0);  // the same journal, the same work
   L2Rib::HostInput::Options hosts;
   hosts.name = table_;
   hosts.seed = 0;  // the same walk order in each run of a journal

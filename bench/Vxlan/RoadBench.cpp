@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "Collisions.h"
 #include "Hosts.h"
 #include "Kel/System.h"
 #include "Switch.h"
@@ -86,6 +87,29 @@ void oneMarked(benchmark::State& state) {
   }
 }
 
+// 60,000 hosts of one VNI: with MACs without pattern (0), chosen to collide in the controller's table (1), or
+// in the received hosts (2), where the seed is not known.
+void chosenMacs(benchmark::State& state) {
+  const std::uint32_t hosts = count(60'000);
+  auto updates = Road::hostsIn(hosts, 1);
+  if (state.range(0) != 0) {
+    const auto macs = Road::collidingMacs(hosts, state.range(0) == 1 ? 0 : Road::vlanOf(0));
+    for (std::size_t at = 0; at < macs.size(); ++at) {
+      updates[at].mac = macs[at];
+    }
+  }
+  for (auto step : state) {
+    state.PauseTiming();
+    auto leaf = std::make_unique<Switch>(1);
+    state.ResumeTiming();
+    leaf->publish(updates);
+    state.PauseTiming();
+    leaf = nullptr;
+    state.ResumeTiming();
+  }
+  state.SetItemsProcessed(state.iterations() * hosts);
+}
+
 // An unrelated callback, due every millisecond.
 class EveryMillisecond final : public Kel::Follows<Kel::Clock> {
  public:
@@ -147,6 +171,7 @@ void pacedJob(benchmark::State& state) {
 
 BENCHMARK(teardownVlans)->Args({1'000'000, 40})->Args({1'000'000, 4000})->Unit(benchmark::kMillisecond);
 BENCHMARK(teardownVnis)->Args({0, 1000})->Args({0, 16'000})->Unit(benchmark::kMillisecond);
+BENCHMARK(chosenMacs)->Arg(0)->Arg(1)->Arg(2)->Unit(benchmark::kMillisecond);
 BENCHMARK(oneMarked)->Arg(1000)->Arg(1'000'000)->Unit(benchmark::kMicrosecond);
 BENCHMARK(pacedJob)->Args({1'000'000, 0})->Args({1'000'000, 1})->Unit(benchmark::kMillisecond);
 

@@ -75,13 +75,13 @@ void ActivityLoop::drain() {
       deliverOne();
     }
   }
-  endTurn();
+  if (written_) {
+    endTurn();
+  }
 }
 
 void ActivityLoop::endTurn() {
-  if (!std::exchange(written_, false)) {
-    return;
-  }
+  written_ = false;
   // A hook may add others, which could move the list.
   for (std::size_t at = 0; at < turnEnd_.size(); ++at) {  // NOLINT(modernize-loop-convert)
     const auto [hook, context] = turnEnd_[at];

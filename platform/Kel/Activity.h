@@ -1,8 +1,6 @@
 // The activity loop: the queue of pending notifications, the clocks, and the one thread's turn.
 #pragma once
 
-#include <array>
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -31,9 +29,9 @@ class QueuedKey {
   }
   template <class K>
   K as() const {
-    std::array<std::byte, sizeof(K)> bytes;
-    std::memcpy(bytes.data(), &bits_, sizeof bytes);
-    return std::bit_cast<K>(bytes);
+    K key;
+    std::memcpy(static_cast<void*>(&key), &bits_, sizeof key);
+    return key;
   }
 
  private:
@@ -83,6 +81,14 @@ class KEL_API ActivityLoop {
     new (tail_->record() + tailAt_++) Record{reactor.detach(), deliver, key, binding};
     ++pending_;
   }
+  // Counts a notification that is delivered without a stop in the queue: a callback that does nothing.
+  void passOver() noexcept { ++delivered_; }
+  // Nothing is queued and no handler runs.
+  bool quiet() const noexcept { return depth_ == 0 && pending_ == 0; }
+  // What `enqueue` and `settle` would do in a quiet loop: calls the reactor, if it listens, then delivers all
+  // that it set off.
+  template <class Call>
+  void direct(Reactor& reactor, const Call& call);
   // Calls one reactor at once, if it still listens under this binding, as a handler.
   void now(Reactor& reactor, std::uint32_t binding, Deliver deliver);
   // Delivers what is pending, unless a handler is running, which will.

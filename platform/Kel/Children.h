@@ -141,6 +141,8 @@ class Children final : public Part {
   }
   Iterator begin() const { return table_.begin(); }
   std::default_sentinel_t end() const { return {}; }
+  // Where a walk stands at this key; false when there is no such child.
+  Iterator at(const K& key) const { return table_.at(key); }
   std::vector<K> keys() const {
     std::vector<K> all;
     all.reserve(table_.size());

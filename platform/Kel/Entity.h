@@ -13,6 +13,7 @@
 #include "Kel/Export.h"
 #include "Kel/Name.h"
 #include "Kel/OrderedTable.h"
+#include "Kel/Overrides.h"
 #include "Kel/Ptr.h"
 #include "Kel/Reactor.h"
 #include "Kel/Table.h"
@@ -57,7 +58,7 @@ class KEL_API Entity : public Referenced {
   void parentIs(const Entity* parent) const noexcept { parent_ = parent; }
 
   // How many reactors are bound to it.
-  std::size_t reactors() const noexcept { return reactors_.size(); }
+  std::size_t reactors() const noexcept { return followers_; }
 
  protected:
   Entity() = default;
@@ -67,15 +68,19 @@ class KEL_API Entity : public Referenced {
   template <auto>
   friend struct Callback;
 
-  void add(Reactor& reactor) const { reactors_.push_back(&reactor); }
+  void add(Reactor& reactor) const noexcept;
   void remove(Reactor& reactor) const noexcept;
 
-  mutable std::vector<Reactor*> reactors_;
+  mutable std::uint32_t followers_ = 0;
+  mutable Reactor* first_ = nullptr;  // the chain of those that are bound, in the order of their binding
+  mutable Reactor* last_ = nullptr;
   mutable const Entity* parent_ = nullptr;
 };
 
 // The way from a changed attribute to one virtual callback of the reactors, chosen at compile time by its
-// member pointer.
+// member pointer. In a loop where nothing is queued and no handler runs, the only follower of an entity is
+// called without a stop in the queue, which would deliver just that. A reactor whose class leaves the
+// callback as it is hears nothing by it, and gets no place in the queue.
 template <auto callback>
 struct Callback;
 
@@ -83,22 +88,32 @@ template <class R, void (R::*callback)()>
 struct Callback<callback> {
   static void deliver(Reactor& reactor, QueuedKey) { (static_cast<R&>(reactor).*callback)(); }
   static void queue(Reactor& reactor, std::uint32_t binding) {
-    ActivityLoop::instance().enqueue(Ptr<Reactor>(&reactor), binding, &deliver, QueuedKey());
+    if (overrides<callback>(static_cast<const R&>(reactor))) {
+      ActivityLoop::instance().enqueue(Ptr<Reactor>(&reactor), binding, &deliver, QueuedKey());
+    } else if (reactor.listens()) {
+      ActivityLoop::instance().passOver();
+    }
   }
   static void notify(const Entity& entity) {
-    if (entity.reactors_.empty()) {
+    Reactor* const first = entity.first_;
+    if (first == nullptr) {
       return;
     }
-    for (Reactor* reactor : entity.reactors_) {
+    ActivityLoop& loop = ActivityLoop::instance();
+    if (first->next_ == nullptr && loop.quiet()) {
+      loop.direct(*first, [first] { (static_cast<R&>(*first).*callback)(); });
+      return;
+    }
+    for (Reactor* reactor = first; reactor != nullptr; reactor = reactor->next_) {
       queue(*reactor, reactor->binding());
     }
-    ActivityLoop::instance().settle();
+    loop.settle();
   }
   // Calls at once, as a handler, those reactors that listen now.
   static void immediate(const Entity& entity) {
     std::vector<std::pair<Ptr<Reactor>, std::uint32_t>> bound;
-    bound.reserve(entity.reactors_.size());
-    for (Reactor* reactor : entity.reactors_) {
+    bound.reserve(entity.reactors());
+    for (Reactor* reactor = entity.first_; reactor != nullptr; reactor = reactor->next_) {
       bound.emplace_back(Ptr<Reactor>(reactor), reactor->binding());
     }
     for (const auto& [reactor, binding] : bound) {
@@ -114,16 +129,26 @@ template <class K, class R, void (R::*callback)(K)>
 struct Callback<callback> {
   static void deliver(Reactor& reactor, QueuedKey key) { (static_cast<R&>(reactor).*callback)(key.as<K>()); }
   static void queue(Reactor& reactor, std::uint32_t binding, const K& key) {
-    ActivityLoop::instance().enqueue(Ptr<Reactor>(&reactor), binding, &deliver, QueuedKey(key));
+    if (overrides<callback>(static_cast<const R&>(reactor))) {
+      ActivityLoop::instance().enqueue(Ptr<Reactor>(&reactor), binding, &deliver, QueuedKey(key));
+    } else if (reactor.listens()) {
+      ActivityLoop::instance().passOver();
+    }
   }
   static void notify(const Entity& entity, const K& key) {
-    if (entity.reactors_.empty()) {
+    Reactor* const first = entity.first_;
+    if (first == nullptr) {
       return;
     }
-    for (Reactor* reactor : entity.reactors_) {
+    ActivityLoop& loop = ActivityLoop::instance();
+    if (first->next_ == nullptr && loop.quiet()) {
+      loop.direct(*first, [first, &key] { (static_cast<R&>(*first).*callback)(key); });
+      return;
+    }
+    for (Reactor* reactor = first; reactor != nullptr; reactor = reactor->next_) {
       queue(*reactor, reactor->binding(), key);
     }
-    ActivityLoop::instance().settle();
+    loop.settle();
   }
 };
 
@@ -241,6 +266,10 @@ class Attribute final : public AttributeBase {
   T value_;
 };
 
+namespace detail {
+extern KEL_API std::uint64_t collectionVersions;
+}
+
 // How the whole-collection callback of a collection is called: at once, or in its turn like any other.
 enum class Whole { Immediate, Queued };
 
@@ -270,8 +299,9 @@ class Collection final : public AttributeBase {
 
   std::size_t size() const noexcept { return table_.size(); }
   bool empty() const noexcept { return table_.empty(); }
-  // Counts the changes of keys and values: what was derived from the collection at one version holds until
-  // the next.
+  // Which state of keys and values this is: what was derived from the collection at one version holds until
+  // the next. Drawn from a counter of the process: no two states of any collections have the same, but for 0,
+  // which every collection has that never changed.
   std::uint64_t version() const noexcept { return version_; }
   bool contains(const K& key) const { return table_.contains(key); }
   // The value under the key, or null.
@@ -287,17 +317,18 @@ class Collection final : public AttributeBase {
   Iterator at(const K& key) const { return table_.at(key); }
 
   // Inserts or replaces.
-  void is(const K& key, V value) {
+  void is(const K& key, const V& value) {
     const K copy = key;  // the key may live in the value that is replaced
-    const auto [at, added] = table_.emplace(copy, value);
-    if (!added) {
-      if (at->value == value) {
+    const auto entered = table_.enter(copy, value);
+    V& here = table_.valueIn(entered.slot);
+    if (!entered.added) {
+      if (here == value) {
         return;
       }
-      released(at->value, owner());
-      at->value = std::move(value);
+      released(here, owner());
+      here = value;
     }
-    held(at->value, owner());
+    held(here, owner());
     notifyKey(copy);
   }
   // Removes; an absent key is no error. Returns whether it was there.
@@ -359,7 +390,7 @@ class Collection final : public AttributeBase {
 
  private:
   void notifyKey(const K& key) {
-    ++version_;
+    version_ = ++detail::collectionVersions;
     if constexpr (keyed) {
       Callback<onKey>::notify(owner(), key);
     } else {
@@ -372,7 +403,7 @@ class Collection final : public AttributeBase {
         released(*value, owner());
       }
     }
-    ++version_;
+    version_ = ++detail::collectionVersions;
     return table_.erase(key);
   }
 

@@ -83,6 +83,17 @@ class OrderedTable {
     const auto [at, added] = map_.try_emplace(key, std::forward<Args>(args)...);
     return {Iterator(this, at), added};
   }
+  // The same without a position to walk on from.
+  struct Entered {
+    V* slot;
+    bool added;
+  };
+  template <class... Args>
+  Entered enter(const K& key, Args&&... args) {
+    const auto [at, added] = map_.try_emplace(key, std::forward<Args>(args)...);
+    return {&at->second, added};
+  }
+  V& valueIn(V* slot) const { return *slot; }
   bool erase(const K& key) {
     // The node leaves the map before its value is destroyed, so that the destructor finds the table
     // consistent.

@@ -41,7 +41,7 @@ class Referenced {
   template <class T>
   friend class Ptr;
 
-  void acquire() const noexcept {
+  [[gnu::always_inline]] void acquire() const noexcept {
     if (detail::threadSafePointersOn) [[unlikely]] {
       std::atomic_ref(count_).fetch_add(1, std::memory_order_relaxed);
     } else {
@@ -49,7 +49,7 @@ class Referenced {
     }
   }
   // True when the last reference went.
-  bool release() const noexcept {
+  [[gnu::always_inline]] bool release() const noexcept {
     if (detail::threadSafePointersOn) [[unlikely]] {
       return std::atomic_ref(count_).fetch_sub(1, std::memory_order_acq_rel) == 1;
     }

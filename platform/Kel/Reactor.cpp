@@ -22,7 +22,7 @@ void Reactor::bind(Ptr<const Entity> notifier) {
   notifier_ = std::move(notifier);
   if (notifier_) {
     notifier_->add(*this);
-    if (active_) {
+    if (hasNotificationActive()) {
       countAsBound();
     }
   }

@@ -27,22 +27,13 @@ double monotonicClock() {
 // dies out.
 class Machine {
  public:
-  Machine() : usable_(invariantCounter()) {
-    if (usable_) {
-      calibrate();
-    }
-  }
-
+  // Until the first call, and where the counter cannot be used, every call is a slow one: the limit is zero.
   double now() {
-    if (!usable_) {
-      return monotonicClock();
+    const std::uint64_t ticks = __rdtsc() - anchor_.counter;
+    if (ticks >= limit_) [[unlikely]] {
+      return slow();
     }
-    double time = anchor_.time + static_cast<double>(__rdtsc() - anchor_.counter) * rate_;
-    if (time - anchor_.time > 1.0) [[unlikely]] {
-      tie();
-      time = anchor_.time;
-    }
-    last_ = std::max(last_, time);
+    last_ = std::max(last_, anchor_.time + static_cast<double>(static_cast<std::int64_t>(ticks)) * rate_);
     return last_;
   }
 
@@ -51,6 +42,19 @@ class Machine {
     std::uint64_t counter = 0;
     double time = 0;
   };
+  [[gnu::noinline, gnu::cold]] double slow() {
+    if (!begun_) {
+      begun_ = true;
+      if (invariantCounter()) {
+        calibrate();
+      }
+    } else if (rate_ != 0) {
+      tie();
+    }
+    limit_ = rate_ != 0 ? static_cast<std::uint64_t>(1.0 / rate_) : 0;  // a second
+    last_ = std::max(last_, rate_ != 0 ? anchor_.time : monotonicClock());
+    return last_;
+  }
   static Reading read() { return {__rdtsc(), monotonicClock()}; }
   static double rate(const Reading& from, const Reading& to) {
     return (to.time - from.time) / static_cast<double>(to.counter - from.counter);
@@ -82,7 +86,8 @@ class Machine {
     return __get_cpuid(0x80000007, &a, &b, &c, &d) != 0 && (d & (1U << 8)) != 0;
   }
 
-  bool usable_;
+  bool begun_ = false;
+  std::uint64_t limit_ = 0;  // of the counter, behind the anchor: then a new one is taken
   Reading anchor_;
   double rate_ = 0;
   double last_ = 0;
@@ -97,21 +102,18 @@ class Machine {
 
 #endif
 
-Machine& machine() {
-  static Machine instance;
-  return instance;
-}
+constinit Machine machine;
 
 TimeSource* replacement = nullptr;
 
 }  // namespace
 
 double System::currentTime() {
-  return replacement != nullptr ? replacement->now() : machine().now();
+  return replacement != nullptr ? replacement->now() : machine.now();
 }
 
 double System::loopTime() {
-  return replacement != nullptr ? replacement->peek() : machine().now();
+  return replacement != nullptr ? replacement->peek() : machine.now();
 }
 
 void System::timeSourceIs(TimeSource* source) noexcept {

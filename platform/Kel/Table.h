@@ -8,6 +8,7 @@
 #include <functional>
 #include <iterator>
 #include <new>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -21,7 +22,9 @@ namespace Kel {
 // its slot number. A pair that is added during a walk may or may not be met. Chunks that become empty are
 // given back.
 //
-// Keys and values are copied in; a key needs == and std::hash.
+// Keys and values are copied in; a key needs == and std::hash. Whoever chooses keys cannot choose them to
+// collide: the table mixes a seed of the process over that hash. Not for several threads at a time, which
+// only look included.
 template <class K, class V>
 class Table {
  public:
@@ -63,15 +66,20 @@ class Table {
 
   std::size_t size() const noexcept { return size_; }
   bool empty() const noexcept { return size_ == 0; }
+  // How far the worst look-up of a key that is there goes astray; for tests and benchmarks.
+  std::uint32_t longestSearch() const noexcept { return index_.longestSearch(); }
 
   V* find(const K& key) const {
+    if (last_.is(key)) {
+      return &last_.pair->value;
+    }
     const std::uint32_t slot = placeOf(key, hashOf(key)).slot();
-    return slot == HashIndex::none ? nullptr : &pair(slot)->value;
+    return slot == HashIndex::none ? nullptr : &remembered(slot)->value;
   }
   bool contains(const K& key) const { return find(key) != nullptr; }
 
   // Where a walk that is resumed at this key begins; false when the key is not there.
-  Iterator at(const K& key) const { return {this, placeOf(key, hashOf(key)).slot()}; }
+  Iterator at(const K& key) const { return {this, slotOf(key)}; }
   Iterator begin() const { return {this, liveFrom(0)}; }
   std::default_sentinel_t end() const { return {}; }
   Iterator atSlot(std::uint32_t slot) const { return {this, slot}; }
@@ -80,10 +88,25 @@ class Table {
   // the value must not change the table.
   template <class... Args>
   std::pair<Iterator, bool> emplace(const K& key, Args&&... args) {
-    const std::uint32_t hash = hashOf(key);
+    const Entered entered = enter(key, std::forward<Args>(args)...);
+    return {Iterator(this, entered.slot), entered.added};
+  }
+  // The same, in two registers: the slot, and whether it is new.
+  struct Entered {
+    std::uint32_t slot;
+    bool added;
+  };
+  template <class... Args>
+  Entered enter(const K& key, Args&&... args) {
+    if (last_.is(key)) {
+      return {last_.slot, false};
+    }
+    const std::uint64_t own = std::hash<K>{}(key);
+    const std::uint32_t hash = index_.hashOf(own);
     const HashIndex::Place place = placeOf(key, hash);
     if (place.slot() != HashIndex::none) {
-      return {Iterator(this, place.slot()), false};
+      remembered(place.slot());
+      return {place.slot(), false};
     }
     const std::uint32_t slot = freeSlot();
     Chunk& chunk = *chunks_[slot / chunkSlots];
@@ -93,8 +116,13 @@ class Table {
       spacious_.pop_back();
     }
     ++size_;
-    index_.insert(place, hash, slot);
-    return {Iterator(this, slot), true};
+    index_.insert(place, own, hash, slot);
+    remembered(slot);
+    return {slot, true};
+  }
+  // The value in a slot that has one.
+  V& valueIn(std::uint32_t slot) const {
+    return last_.slot == slot && last_.pair != nullptr ? last_.pair->value : pair(slot)->value;
   }
 
   bool erase(const K& key) {
@@ -103,6 +131,7 @@ class Table {
     if (slot == HashIndex::none) {
       return false;
     }
+    last_.forget();
     // The value dies last, so that its destructor finds the table consistent.
     [[maybe_unused]] const V dying = std::move(pair(slot)->value);
     index_.erase(place);
@@ -126,6 +155,7 @@ class Table {
     // The table is empty before the destructors of the values run.
     const std::vector<Chunk*> dying = std::exchange(chunks_, {});
     std::exchange(spacious_, {});
+    last_.forget();
     index_.clear();
     size_ = 0;
     for (Chunk* chunk : dying) {
@@ -149,9 +179,39 @@ class Table {
   };
   static_assert(alignof(Pair) <= alignof(std::max_align_t));
 
-  static std::uint32_t hashOf(const K& key) {
-    return static_cast<std::uint32_t>(mixHash(std::hash<K>{}(key)) >> 32);
+  // The pair that was found or made last: the next question is often for the same key. Kept with its key, so
+  // that asking for another one does not touch the pair. Keys that are no plain values are not remembered.
+  struct Last {
+    static constexpr bool plain = std::is_trivially_copyable_v<K> && std::is_default_constructible_v<K> &&
+                                  std::is_copy_assignable_v<K> && sizeof(K) <= 8;
+    struct None {};
+    bool is(const K& asked) const {
+      if constexpr (plain) {
+        return pair != nullptr && key == asked;
+      } else {
+        return false;
+      }
+    }
+    void forget() { pair = nullptr; }
+
+    std::conditional_t<plain, K, None> key{};
+    Pair* pair = nullptr;
+    std::uint32_t slot = 0;
+  };
+  Pair* remembered(std::uint32_t slot) const {
+    Pair* found = pair(slot);
+    if constexpr (Last::plain) {
+      last_.key = found->key;
+      last_.pair = found;
+      last_.slot = slot;
+    }
+    return found;
   }
+  std::uint32_t slotOf(const K& key) const {
+    return last_.is(key) ? last_.slot : placeOf(key, hashOf(key)).slot();
+  }
+
+  std::uint32_t hashOf(const K& key) const { return index_.hashOf(std::hash<K>{}(key)); }
   static constexpr std::uint32_t bit(std::uint32_t slot) { return std::uint32_t{1} << (slot % chunkSlots); }
 
   Pair* pair(std::uint32_t slot) const { return pairIn(*chunks_[slot / chunkSlots], slot % chunkSlots); }
@@ -192,9 +252,11 @@ class Table {
     return spacious_.back() * chunkSlots + static_cast<std::uint32_t>(std::countr_one(chunk->live));
   }
 
+  // In the order in which a look-up reads them.
+  mutable Last last_;
+  HashIndex index_;
   std::vector<Chunk*> chunks_;           // by slot number; null where a chunk is empty
   std::vector<std::uint32_t> spacious_;  // chunks that have room, each once
-  HashIndex index_;
   std::size_t size_ = 0;
 };
 

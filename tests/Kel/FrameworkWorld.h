@@ -11,6 +11,7 @@ class FrameworkWorld final : public World {
  public:
   FrameworkWorld() {
     Kel::System::timeSourceIs(&time_);
+    Kel::tableSeedIs(0);
     journal_.always([this](const std::string& what) { heard(what); });
     for (std::uint32_t at = 0; at < devices; ++at) {
       devices_.push_back(Kel::make<Device>());

@@ -137,6 +137,27 @@ TEST(HashedTableTest, ASlotNeverMovesWhileItsKeyIsThere) {
   }
 }
 
+// The pair that was found last is remembered: not beyond its end.
+TEST(HashedTableTest, APairThatWasFoundLastIsForgottenWithItsKey) {
+  Table<std::uint32_t, std::string> table;
+  table.emplace(1, "one");
+  table.emplace(2, "two");
+  ASSERT_NE(table.find(1), nullptr);
+  EXPECT_TRUE(table.erase(2));
+  EXPECT_EQ(*table.find(1), "one");
+  EXPECT_TRUE(table.erase(1));
+  EXPECT_EQ(table.find(1), nullptr);
+  EXPECT_FALSE(table.at(1));
+  EXPECT_TRUE(table.emplace(3, "three").second);
+  EXPECT_TRUE(table.emplace(1, "new").second);
+  EXPECT_EQ(*table.find(1), "new");
+  EXPECT_FALSE(table.emplace(1, "newer").second);
+  table.clear();
+  EXPECT_EQ(table.find(1), nullptr);
+  EXPECT_TRUE(table.emplace(1, "again").second);
+  EXPECT_EQ(table.at(1)->value, "again");
+}
+
 TEST(HashedTableTest, FreedSlotsAreUsedAgain) {
   Table<std::uint32_t, int> table;
   for (std::uint32_t key = 0; key < 1'000; ++key) {

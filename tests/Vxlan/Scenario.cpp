@@ -34,6 +34,7 @@ std::string typeText(L2Rib::FloodSetType type) {
 
 Scenario::Scenario() {
   Kel::System::timeSourceIs(&time);
+  Kel::tableSeedIs(0);
 }
 
 void Scenario::traceFromNow() {

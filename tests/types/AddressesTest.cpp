@@ -145,4 +145,28 @@ TEST(AddressesTest, AnEmptyHostHasItsDefaults) {
   EXPECT_NE(host, other);
 }
 
+// Keys are compared as machine words: every bit counts, and no byte behind them.
+TEST(AddressesTest, MacsThatDifferInOneBitDiffer) {
+  const EthAddr mac(0x0123456789abULL);
+  EXPECT_EQ(mac, EthAddr(0x0123456789abULL));
+  for (unsigned bit = 0; bit < 48; ++bit) {
+    EXPECT_NE(mac, EthAddr(0x0123456789abULL ^ std::uint64_t{1} << bit)) << "bit " << bit;
+  }
+  static_assert(EthAddr(0x0123456789abULL) == EthAddr(0x0123456789abULL));
+  static_assert(EthAddr(0x0123456789abULL) != EthAddr(0x0123456789aaULL));
+}
+
+TEST(AddressesTest, HostKeysThatDifferInOneBitDiffer) {
+  const Bridging::MacVlanPair key{EthAddr(0x0123456789abULL), Bridging::VlanId(0x555U)};
+  for (unsigned bit = 0; bit < 48; ++bit) {
+    EXPECT_FALSE(
+        (key == Bridging::MacVlanPair{EthAddr(0x0123456789abULL ^ std::uint64_t{1} << bit), key.vlan}));
+  }
+  for (unsigned bit = 0; bit < 11; ++bit) {
+    EXPECT_FALSE((key == Bridging::MacVlanPair{key.mac, Bridging::VlanId(0x555U ^ 1U << bit)}))
+        << "bit " << bit;
+  }
+  EXPECT_TRUE((key == Bridging::MacVlanPair{EthAddr(0x0123456789abULL), Bridging::VlanId(0x555U)}));
+}
+
 }  // namespace

@@ -72,6 +72,30 @@ TEST(VlanTableTest, AWalkMayRemoveWhatItIsAt) {
   EXPECT_EQ(table.size(), 100U);
 }
 
+// More hosts than one block of links holds, with whole blocks free in between.
+TEST(VlanTableTest, ThousandsOfHostsStayLinked) {
+  Table table;
+  for (std::uint64_t mac = 0; mac < 7000; ++mac) {
+    table.emplace(key(mac, static_cast<std::uint32_t>(10 + mac % 3)), 0);
+  }
+  for (std::uint64_t mac = 1000; mac < 6500; ++mac) {
+    EXPECT_TRUE(table.erase(key(mac, static_cast<std::uint32_t>(10 + mac % 3))));
+  }
+  for (std::uint64_t mac = 5000; mac < 5100; ++mac) {
+    table.emplace(key(mac, 10), 0);
+  }
+  std::vector<MacVlanPair> expected;
+  for (std::uint64_t mac = 0; mac < 7000; ++mac) {
+    if (mac % 3 == 0 && (mac < 1000 || mac >= 6500)) {
+      expected.push_back(key(mac, 10));
+    }
+  }
+  for (std::uint64_t mac = 5000; mac < 5100; ++mac) {
+    expected.push_back(key(mac, 10));
+  }
+  EXPECT_EQ(ofVlan(table, 10), expected);
+}
+
 // The start-of-table bookmark, of no VLAN, is a key like any other.
 TEST(VlanTableTest, TheBookmarkIsAKeyLikeAnyOther) {
   Table table;

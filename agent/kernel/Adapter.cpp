@@ -54,9 +54,6 @@ void Adapter::floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps
 void Adapter::floodDel(Vlan vlan, Mac mac) {
   engine_.floodDel(vlan, mac);
 }
-bool Adapter::withdrawSome(std::size_t most) {
-  return engine_.withdrawSome(most);
-}
 void Adapter::initialSyncComplete() {
   engine_.initialSyncComplete();
 }

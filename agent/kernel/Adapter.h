@@ -61,7 +61,6 @@ class Adapter {
   void hostDel(Vlan vlan, Mac mac);
   void floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps);
   void floodDel(Vlan vlan, Mac mac);
-  bool withdrawSome(std::size_t most);
   void initialSyncComplete();
 
   // The file descriptors to poll for reading. They stay the same.

@@ -113,21 +113,6 @@ void Engine::floodDel(Vlan vlan, Mac mac) {
   }
 }
 
-bool Engine::withdrawSome(std::size_t most) {
-  for (const auto& [vlan, desired] : desired_.vlans()) {
-    for (; most > 0 && !desired.hosts.empty(); --most) {
-      hostDel(vlan, desired.hosts.begin()->first);
-    }
-    for (; most > 0 && !desired.floods.empty(); --most) {
-      floodDel(vlan, desired.floods.begin()->first);
-    }
-    if (!desired.hosts.empty() || !desired.floods.empty()) {
-      return true;
-    }
-  }
-  return false;
-}
-
 void Engine::initialSyncComplete() {
   if (std::exchange(desired_.initialSyncComplete, true)) {
     return;

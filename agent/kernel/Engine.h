@@ -53,9 +53,6 @@ class Engine {
   // what has no FDB entry of its own. An empty list is as good as floodDel.
   void floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps);
   void floodDel(Vlan vlan, Mac mac);
-  // Withdraws all hosts and flood lists in slices: at most `most` of them at a call. Returns whether more are
-  // left. Mappings stay.
-  bool withdrawSome(std::size_t most);
   // The initial sync is complete: everything that is wanted has been said. What an earlier run left beyond it
   // is stale and goes.
   void initialSyncComplete();

@@ -364,19 +364,19 @@ TEST_F(EngineTest, WithdrawnHostStaysAtItsLocalPort) {
   EXPECT_THAT(kernel_.text(), Not(HasSubstr("row vx5010 02:00:00:00:00:01")));
 }
 
-TEST_F(EngineTest, WithdrawsAllInSlices) {
+TEST_F(EngineTest, CountsWhatIsDesiredAndWithdrawsIt) {
   givenHostAt(vtepA);
   engine().hostIs(10, other, vtepB);
-  engine().hostIs(20, host, vtepA);
   engine().floodIs(10, all, FloodType::all, {vtepA});
-  engine().floodIs(20, host, FloodType::any, {vtepB});
   run();
-  EXPECT_TRUE(engine().withdrawSome(2));
-  EXPECT_EQ(tally("hosts").desired, 0U) << "both hosts of the VLAN with a device";
+  EXPECT_EQ(tally("hosts").desired, 2U);
   EXPECT_EQ(tally("floods").desired, 1U);
-  EXPECT_TRUE(engine().withdrawSome(2)) << "a host and a flood list later there is another list";
-  EXPECT_FALSE(engine().withdrawSome(2));
-  EXPECT_FALSE(engine().withdrawSome(2)) << "there is nothing left";
+  engine().hostDel(10, host);
+  EXPECT_EQ(tally("hosts").desired, 1U);
+  engine().hostDel(10, other);
+  engine().floodDel(10, all);
+  EXPECT_EQ(tally("hosts").desired, 0U);
+  EXPECT_EQ(tally("floods").desired, 0U);
   run();
   EXPECT_EQ(kernel_.text(), "link vx5010 in vxb10\nlink vxb10\n") << "mappings stay";
   EXPECT_THAT(kernel_.nexthops(), IsEmpty());

@@ -54,7 +54,7 @@ class Adapter {
   // what the kernel refuses later is a problem, not an error.
   explicit Adapter(const Options& options);
 
-  // What is desired, as for Engine.
+  // The desired state, as for Engine.
   void vniIs(Vni vni, Vlan vlan, std::string vti, Ip4 local, std::vector<std::string> ports);
   void vniDel(Vlan vlan, const std::string& vti);
   void hostIs(Vlan vlan, Mac mac, Ip4 vtep);

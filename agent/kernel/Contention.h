@@ -13,7 +13,7 @@ namespace Agent::Kernel {
 struct Strife {
   std::uint16_t minute = 0;
   std::uint8_t changes = 0;
-  bool lost = false;   // What we had put there was reported gone or changed; it has not been looked at since.
+  bool lost = false;   // Our entry was reported gone or changed, and has not been looked at since.
   bool waits = false;  // It is put back when its pause in Failures is over.
 };
 

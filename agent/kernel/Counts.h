@@ -47,7 +47,7 @@ class HostCounts {
   static constexpr State inBridge = 4;  // Ours is in the bridge's table.
   static constexpr State matching = 8;  // Both are as wanted.
 
-  // What becomes of a state when the device, or the bridge, is replaced by another.
+  // The next state when the device, or the bridge, is replaced by another.
   static State withoutDevice(State state) { return state & ~(inDevice | matching); }
   static State withoutBridge(State state) { return state & ~(inBridge | matching); }
   void deviceReplaced() { counts_.changeAll(&withoutDevice); }
@@ -80,7 +80,7 @@ class FloodCounts {
   static constexpr State listed = 1;   // There is a flood list, maybe of the switch's own address alone.
   static constexpr State desired = 2;  // There is one with other VTEPs.
   static constexpr State actual = 4;   // An entry of ours is in the device's table.
-  static constexpr State differs = 8;  // What is there is not what is wanted, in a VLAN with a mapping.
+  static constexpr State differs = 8;  // Actual and desired state differ, in a VLAN with a mapping.
 
   static State withoutDevice(State state) {
     return (state & (listed | desired)) | ((state & listed) != 0 ? differs : 0);

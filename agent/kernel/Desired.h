@@ -41,8 +41,8 @@ struct DesiredVlan {
   }
 };
 
-// What the controller wants of the data plane, as the agent passes it on. Only the Engine changes it; the
-// other classes of this room read it.
+// The controller's requirements for the data plane, as the agent passes them on. Only the Engine changes it;
+// the other classes of this room read it.
 class Desired {
  public:
   // The desired state of the VLAN. The record stays where it is, also while it is empty.

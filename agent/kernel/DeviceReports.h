@@ -1,4 +1,4 @@
-// What the kernel reports of devices.
+// The kernel's reports on devices.
 #pragma once
 
 #include "agent/kernel/Devices.h"

@@ -49,7 +49,7 @@ class Engine {
   // The unicast address is behind the VTEP. A VLAN need not be mapped yet.
   void hostIs(Vlan vlan, Mac mac, Ip4 vtep);
   void hostDel(Vlan vlan, Mac mac);
-  // What is sent to the address goes to all VTEPs or to any one of them; the all-zero address stands for
+  // Frames to the address go to all VTEPs or to any one of them; the all-zero address stands for
   // what has no FDB entry of its own. An empty list is as good as floodDel.
   void floodIs(Vlan vlan, Mac mac, FloodType type, std::vector<Ip4> vteps);
   void floodDel(Vlan vlan, Mac mac);

@@ -11,8 +11,8 @@
 
 namespace Agent::Kernel {
 
-// What the kernel has refused, why, and when it is tried again: after a pause that doubles from retryFirst
-// up to retryMost. Sans-io: time comes in as arguments.
+// The requests that the kernel has refused, why, and when they are tried again: after a pause that doubles
+// from retryFirst up to retryMost. Sans-io: time comes in as arguments.
 class Failures {
  public:
   struct Failure {

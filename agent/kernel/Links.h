@@ -30,7 +30,7 @@ class Links {
   bool fresh(IfIndex index) const { return fresh_.contains(index); }
   // It is in use from now on: it may contain entries unknown to its next user.
   void used(IfIndex index) { fresh_.erase(index); }
-  // What was expected at `dumpBegins` and not described by `dumpEnds` has gone again.
+  // A link that was expected at `dumpBegins` and not described by `dumpEnds` has gone again.
   void dumpBegins() { overdue_ = expected_; }
   void dumpEnds();
   const Link* at(IfIndex index) const;

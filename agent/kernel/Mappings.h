@@ -13,7 +13,7 @@
 
 namespace Agent::Kernel {
 
-// What a VLAN is mapped to.
+// The mapping of a VLAN.
 struct Mapping {
   Vni vni = 0;
   std::string vti;  // The name of the tunnel interface, for the reader of the device's alias.

@@ -71,7 +71,7 @@ struct LinkAdd {
   std::uint32_t group = 0;
 };
 
-// What a bridge reports of one of its ports.
+// A bridge's report on one of its ports.
 struct BridgePort {
   IfIndex index = 0;
   IfIndex bridge = 0;

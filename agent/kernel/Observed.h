@@ -14,7 +14,7 @@
 
 namespace Agent::Kernel {
 
-// Who owns a kernel FDB entry.
+// The owner of a kernel FDB entry.
 enum class Owner : std::uint8_t {
   none,     // There is no entry.
   ours,     // Of this or an earlier run of ours.

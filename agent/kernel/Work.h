@@ -14,7 +14,7 @@
 
 namespace Agent::Kernel {
 
-// What has been done and heard, from the start on.
+// The counts of work done and reports received, from the start on.
 struct Counters {
   std::uint64_t requests = 0;
   std::uint64_t acknowledged = 0;

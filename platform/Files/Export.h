@@ -1,4 +1,4 @@
-// What of locks and owners of files the shared library shows to the programs that load it.
+// The locks and owners of files that the shared library shows to the programs that load it.
 #pragma once
 
 // Everything else stays hidden.

@@ -21,7 +21,7 @@ class FILES_API Owners {
 
   bool has(uid_t user) const { return user == 0 || user == own_ || user == also_; }
 
-  // What speaks against the file that `status` describes: its owner, or that it may be written to (with a
+  // The objection to the file that `status` describes: its owner, or that it may be written to (with a
   // lock: also read) by others. Empty when nothing does. The text goes on after "it".
   std::string againstWritten(const struct stat& status) const { return against(status, S_IWGRP | S_IWOTH); }
   std::string againstPrivate(const struct stat& status) const { return against(status, S_IRWXG | S_IRWXO); }

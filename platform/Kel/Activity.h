@@ -85,7 +85,7 @@ class KEL_API ActivityLoop {
   void passOver() noexcept { ++delivered_; }
   // Nothing is queued and no handler runs.
   bool quiet() const noexcept { return depth_ == 0 && pending_ == 0; }
-  // What `enqueue` and `settle` would do in a quiet loop: calls the reactor, if it listens, then delivers all
+  // The work of `enqueue` and `settle` in a quiet loop: calls the reactor, if it listens, then delivers all
   // that it set off.
   template <class Call>
   void direct(Reactor& reactor, const Call& call);

@@ -20,8 +20,8 @@ constexpr std::uint64_t mixHash(std::uint64_t hash) noexcept {
   return hash ^ (hash >> 33);
 }
 
-// The hash under which a table keeps a key whose own hash this is. Who does not know the seed cannot choose
-// keys that collide.
+// The hash under which a table keeps a key whose own hash this is. A peer that does not know the seed cannot
+// choose keys that collide.
 constexpr std::uint32_t seededHash(std::uint64_t own, std::uint64_t seed) noexcept {
   return static_cast<std::uint32_t>(mixHash(own ^ seed) >> 32);
 }

@@ -10,7 +10,7 @@ namespace Kel {
 
 namespace detail {
 
-// What the virtual table of the object has for the function; null where that cannot be told.
+// The entry of the object's virtual table for the function; null where that cannot be found out.
 template <class R, class Function>
 const void* virtualFunction(const R& object, Function function) noexcept {
 #if defined(__GXX_ABI_VERSION) && (defined(__x86_64__) || defined(__i386__))

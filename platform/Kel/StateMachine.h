@@ -1,4 +1,4 @@
-// What state machines are made of.
+// The parts that state machines are made of.
 #pragma once
 
 #include <functional>

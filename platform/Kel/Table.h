@@ -22,7 +22,7 @@ namespace Kel {
 // its slot number. A pair that is added during a walk may or may not be met. Chunks that become empty are
 // given back.
 //
-// Keys and values are copied in; a key needs == and std::hash. Whoever chooses keys cannot choose them to
+// Keys and values are copied in; a key needs == and std::hash. A peer that chooses keys cannot make them
 // collide: the table mixes a seed of the process over that hash. Not for several threads at a time, which
 // only look included.
 template <class K, class V>

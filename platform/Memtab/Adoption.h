@@ -8,7 +8,7 @@
 
 namespace Memtab {
 
-// What a writer must know of a table that it takes over.
+// The facts about a table that a writer takes over.
 struct Adopted {
   std::size_t records = 0;
   std::uint32_t buckets = 0;  // bucket heads in the list

@@ -7,7 +7,7 @@
 
 namespace Memtab {
 
-// What is wrong with a table and where: a name that cannot be used, a segment made by another program or
+// The error of a table and its place: a name that cannot be used, a segment made by another program or
 // version, damage, no memory left. The text begins with "memtab NAME: " and is meant for the operator as it
 // stands.
 class MEMTAB_API Error : public std::runtime_error {

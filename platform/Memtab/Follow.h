@@ -12,7 +12,7 @@ struct Position {
   std::uint64_t change = 0;
 };
 
-// What a follow() did.
+// The result of a follow().
 struct Followed {
   // The reader was called for every record, not for changes only: on its first time, after another segment
   // took the name, or when more changed than the table remembers. Records it knew and was not called for are

@@ -66,7 +66,7 @@ struct Description {
   std::uint64_t checksum;
 };
 
-// What the writer changes, grouped by how often, one cache line a group.
+// The fields that the writer changes, grouped by how often, one cache line a group.
 struct alignas(64) State {
   Word published;         // number of the last turn that readers may see
   Word publishedChanges;  // length of the change ring up to that turn

@@ -9,7 +9,7 @@
 
 namespace Memtab {
 
-// What a writer says about its table. Schema, fields, limit, changes and seed are stored in the segment.
+// A writer's choices for its table. Schema, fields, limit, changes and seed are stored in the segment.
 struct Options {
   // "/name" is a POSIX shared memory object; a path with a further slash is a file; an empty name is private
   // memory of this process, without sharing.
@@ -33,7 +33,7 @@ struct Options {
   // One more user whose table is adopted; root's and the own user's always are, no others.
   std::optional<uid_t> owner = {};
 
-  // What happens to a damaged table, or one of another format: false refuses it; true leaves it to the
+  // The treatment of a damaged table, or one of another format: false refuses it; true leaves it to the
   // readers until then, and begins an empty one in its place (see Writer).
   bool replaceDamaged = false;
 

@@ -20,7 +20,7 @@ namespace Memtab {
 // A reader of a table that a Writer of another process fills. It takes no lock, writes nothing, and never
 // waits: neither for a writer that was stopped in the middle of a record nor for one that died there.
 //
-// What it sees is what the writer has published, each record whole. It holds on to a name: before there is a
+// It sees what the writer has published, each record whole. It holds on to a name: before there is a
 // table under it the reader is empty, and when the table is removed and made again it goes over to the new
 // one by itself; at once if it was removed by Memtab::remove(), else within 256 lookups or at the next walk
 // or follow. Growth needs nothing. Each thread uses its own.
@@ -98,7 +98,7 @@ class Reader {
     return reading_.walk(key.data(), value.data(), [&] { visit(key.value(), value.value()); });
   }
 
-  // What has changed since POSITION: calls visit(key, value) for each record added or replaced, with its
+  // Reports the changes since POSITION: calls visit(key, value) for each record added or replaced, with its
   // present value, and visit(key, std::nullopt) for each deleted; the value is a std::optional<Value>. A key
   // that changed several times comes with its last state, perhaps more than once. See Followed for when every
   // record comes instead.

@@ -11,7 +11,7 @@
 
 namespace Memtab {
 
-// What all readers do, in words: hold on to the table under a name, look up, walk, follow. See Reader.
+// The work of all readers, in words: hold on to the table under a name, look up, walk, follow. See Reader.
 template <class Shape>
 class Reading {
  public:

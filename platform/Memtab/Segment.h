@@ -18,8 +18,8 @@ namespace Memtab {
 MEMTAB_API bool remove(const std::string& name);
 
 // A mapped table, as bytes: finds or makes the object under a name, checks its description, maps all of its
-// address range once (growth only fills it), and takes memory for it step by step. What the bytes mean is up
-// to Writer and Reader.
+// address range once (growth only fills it), and takes memory for it step by step. The meaning of the bytes
+// is up to Writer and Reader.
 class MEMTAB_API Segment {
  public:
   // Size and type of what a program keeps in the table, to compare with what the segment says.
@@ -44,7 +44,7 @@ class MEMTAB_API Segment {
   // under another name (see successorOf), and readers do not find it. Raises Error when it cannot be
   // made.
   static Segment successor(const Options& options, Shape shape);
-  // Gives a successor its name NAME. What was there stays as damagedOf(NAME), and its readers come over.
+  // Gives a successor its name NAME. The former segment stays as damagedOf(NAME), and its readers come over.
   void takePlaceOf(const std::string& name);
 
   // Opens table NAME for reading; without effect on it. The result is empty when there is none (yet). Raises

@@ -350,7 +350,7 @@ void Table<Shape>::countDown(std::size_t& count) {
   count -= 1;
 }
 
-// What a change owes to those before it; and the slot that it may need.
+// The work that a change does for those before it, and the slot that it may need.
 template <class Shape>
 void Table<Shape>::sweepSome() {
   sweep(sweptPerChange);

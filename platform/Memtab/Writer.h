@@ -22,7 +22,7 @@ class Reader;
 // The one writer of a table in shared memory: at most one record a key, any number of readers in other
 // processes.
 //
-// What it does becomes visible turn by turn: records added and deleted since the last `publish()` appear and
+// Its changes become visible turn by turn: records added and deleted since the last `publish()` appear and
 // disappear together at the next one, and a key that is deleted and added again in between never disappears
 // at all. A value that is replaced is seen at once, old or new, never half. A table outlives its writer: the
 // next one adopts it as it was published, however the last one ended. Not for use by several threads at a
@@ -60,7 +60,7 @@ class Writer {
   // Whether the table was there before.
   bool adopted() const { return table_->segment().adopted(); }
 
-  // What was wrong with the table in whose place an empty one was begun last; empty when none was.
+  // The error of the table in whose place an empty one was begun last; empty when none was.
   const std::string& damage() const { return damage_; }
   // Whether readers still have the damaged table.
   bool replacing() const { return replacing_; }

@@ -13,7 +13,7 @@
 
 namespace RingLog {
 
-// What a piece of a message is, as the site table stores it.
+// The type of a piece of a message, as the site table stores it.
 enum class Kind : std::uint8_t {
   Literal = 1,  // fixed text: lies in the site table, takes no room in a record
   Bool,
@@ -169,7 +169,7 @@ constexpr Kind kindOf() {
   }
 }
 
-// What `piece` stores in a record.
+// The value that `piece` stores in a record.
 template <class Piece>
 [[gnu::always_inline]] inline auto stored(const std::remove_reference_t<Piece>& piece) {
   if constexpr (isLiteral<Piece>) {

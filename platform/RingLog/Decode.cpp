@@ -183,8 +183,8 @@ bool decodeRecord(const BlockImage& block, std::size_t offset, std::uint64_t wor
   return !cursor.failed() && next <= block.second.size();
 }
 
-// What is behind the last record of a block: nothing, records that came while it was read, a record that was
-// begun and not finished, or what makes no sense.
+// The content behind the last record of a block: nothing, records that came while it was read, a record that
+// was begun and not finished, or what makes no sense.
 enum class End { Clean, Growing, Torn, Damaged };
 
 // Reads the records of one block up to its end and tells what is behind the last.

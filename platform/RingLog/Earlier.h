@@ -17,7 +17,7 @@ void markLiving(int fd);
 // Moves the file at PATH to PATH.1, that to PATH.2, and so on, so that the name is free. Before that, of the
 // files of processes that have ended, the last keptRuns stay, and the latest that was not closed in good
 // order, however old it is; the others are removed, as is what a process left that died while it made a file.
-// What a living process writes to stays, whatever its name. Raises std::system_error when a file cannot be
+// The file of a living process stays, whatever its name. Raises std::system_error when a file cannot be
 // renamed.
 void keepEarlier(const std::string& path);
 

@@ -35,7 +35,7 @@ constexpr std::size_t blockBytesFor(std::size_t ringKiB) {
   return smallBlockBytes;
 }
 
-// What a record begins with: the number of its site in the upper 16 bits, and below them the ticks since the
+// The first word of a record: the number of its site in the upper 16 bits, and below them the ticks since the
 // base of its block. Zero is no record: a site's number is never 0.
 inline constexpr unsigned siteShift = 48;
 inline constexpr std::uint64_t tickMask = (std::uint64_t{1} << siteShift) - 1;
@@ -47,7 +47,7 @@ inline constexpr std::size_t maxRingKiB = std::size_t{64} * 1024;
 inline constexpr std::size_t maxSiteKiB = std::size_t{64} * 1024;
 inline constexpr std::size_t maxTextBytes = 64;  // a text argument is cut here
 
-// The first bytes of the file. What precedes `checksum` is written once, before the file gets its name.
+// The first bytes of the file. The fields before `checksum` are written once, before the file gets its name.
 struct Header {
   std::array<char, 8> magic;
   std::uint32_t version;
@@ -65,7 +65,7 @@ struct Header {
   std::uint64_t pid;
   std::array<char, 16> program;  // name of the process, zero-padded
   std::uint64_t checksum;        // of everything above
-  // What follows changes while the trace is written.
+  // The fields from here on change while the trace is written.
   std::uint64_t sitesUsed;       // bytes of the site table in use; stored after the bytes themselves
   std::uint64_t droppedRecords;  // records of sites that were refused
   std::uint64_t droppedSites;    // sites refused: the table is full, or the log has no such level

@@ -55,7 +55,7 @@ struct RINGLOG_API Record {
   std::string message() const;  // the pieces one after the other
 };
 
-// What the header of a trace says, and what was found wrong on reading.
+// The header of a trace, and the errors that were found on reading.
 struct TraceInfo {
   std::string program;  // name and number of the process that wrote the trace
   std::uint64_t pid = 0;
@@ -108,7 +108,7 @@ class RINGLOG_API Follower {
   Follower& operator=(Follower&&) = delete;
   ~Follower();
 
-  // What a poll gives: a trace with only the new records, and how many blocks of records were overwritten
+  // The result of a poll: a trace with only the new records, and how many blocks of records were overwritten
   // before they could be read.
   struct News {
     Trace trace;

@@ -19,7 +19,7 @@ namespace RingLog {
 
 class Log;
 
-// Who may write to a log.
+// The threads that may write to a log.
 enum class Mode {
   SingleThreaded,  // one thread at a time, and no signal handler
 };
@@ -37,7 +37,7 @@ struct Options {
 namespace detail {
 
 // Where a level's next record goes: the private side of the ring, so that no other process that writes to the
-// file can mislead the writer. What is in the file itself is set up by turn().
+// file can mislead the writer. The content of the file itself is set up by turn().
 struct Ring {
   std::byte* cursor = nullptr;  // the next record
   std::byte* limit = nullptr;   // the end of the block
@@ -145,7 +145,7 @@ class RINGLOG_API Log {
 
   static constexpr std::uint64_t off = 1;  // a site's first log_ is 0; no id is either
 
-  // What the log knows of a site, found by its address: the rest tells whether it is still the same site, and
+  // The log's record of a site, found by its address: the rest tells whether it is still the same site, and
   // not another one in a library that was loaded where the first had been.
   struct Known {
     const char* function;
@@ -180,7 +180,7 @@ class RINGLOG_API Log {
     return true;
   }
 
-  // What a site does at its first record in this log, and whenever a block is full. Everything is passed by
+  // The work of a site at its first record in this log, and whenever a block is full. Everything is passed by
   // value and nothing comes back, so that the fast path keeps its values in registers without saving any.
   template <class... Pieces>
   [[gnu::noinline, gnu::cold]] void recordSlowly(Site& site, detail::Passed<Pieces>... pieces) noexcept {

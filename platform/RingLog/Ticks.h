@@ -6,7 +6,7 @@
 namespace RingLog::detail {
 
 // A cheap, ever-rising counter in two halves: the time-stamp counter where the machine has one, otherwise the
-// nanoseconds of CLOCK_MONOTONIC. What a tick is worth is found out by comparing with the clock (see Moment).
+// nanoseconds of CLOCK_MONOTONIC. The length of a tick is found by comparing with the clock (see Moment).
 struct Ticks {
   std::uint64_t low;  // below 2^32; as wide as the register it comes in, which saves an instruction
   std::uint32_t high;

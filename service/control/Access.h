@@ -8,7 +8,7 @@
 
 namespace Control {
 
-// Who is at the other end of a unix socket, as the kernel noted when it connected.
+// The process at the other end of a unix socket, as the kernel noted when it connected.
 struct Peer {
   uid_t uid = 0;
   gid_t gid = 0;
@@ -28,8 +28,8 @@ enum class Right {
   patch,  // may do everything
 };
 
-// Who may do what. The superuser and the owner may do everything, so may the members of a group; all others
-// may read if they are let.
+// The rights of users. The superuser and the owner may do everything, so may the members of a group; all
+// others may read if they are let.
 struct Access {
   uid_t owner = 0;
   std::optional<gid_t> group{};

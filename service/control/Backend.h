@@ -11,7 +11,7 @@
 
 namespace Control {
 
-// What the agent offers at its control socket. The agent implements it; the server calls it from the loop's
+// The agent's side of its control socket. The agent implements it; the server calls it from the loop's
 // thread.
 class Backend {
  public:

@@ -15,7 +15,7 @@ class Connection {
  public:
   enum class Kind {
     answer,  // the client asked for it and takes one at a time
-    update,  // comes unasked, and so must be bounded by whoever queues it
+    update,  // comes unasked, and so must be bounded by the caller that queues it
   };
 
   // Takes over a non-blocking stream socket. A line may have up to `longestLine` bytes.

@@ -12,7 +12,7 @@ namespace Control {
 
 // The listening unix socket and its file. The file of an agent that was killed is replaced; that of one that
 // lives is left alone. A lock beside the socket, PATH.lock, is held for as long as this lives, so that of two
-// agents that start together one wins, and the other is told of it. No other user can take that lock; see
+// agents that start together one wins, and the other gets an error. No other user can take that lock; see
 // Files::LockFile.
 class Listener {
  public:

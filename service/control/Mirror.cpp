@@ -143,7 +143,7 @@ Mirror::Known& Mirror::meet(Level& level, const std::string& name) {
   return known;
 }
 
-// What is known of a place, which counts as met in this round, and so do all above it.
+// The known content of a place, which counts as met in this round, and so do all above it.
 Mirror::Known& Mirror::meet(const Path& path) {
   root_.round = round_;
   if (path.empty()) {

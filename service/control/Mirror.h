@@ -16,7 +16,7 @@ namespace Control {
 
 struct MirrorLevel;
 
-// The memory of mirrors. What a mirror gives up, and what is given up by the last who walks it, comes back
+// The memory of mirrors. Memory that a mirror gives up, or the last walk over it, comes back
 // here as it is and is freed little by little, since freeing a large part at once takes long.
 class MirrorMemory {
  public:
@@ -68,8 +68,8 @@ class Mirror {
   // Takes the patch: applied to what the followers knew it gives what is known now. Nothing if there is none.
   std::optional<nlohmann::json> takePatch();
 
-  // What is known. It may be walked while rounds go on: it is then the old or the new of each record, and the
-  // patches that come meanwhile make the new of all.
+  // The known content. It may be walked while rounds go on: it is then the old or the new of each record, and
+  // the patches that come meanwhile make the new of all.
   Service::Part part() const;
 
  private:
@@ -77,7 +77,7 @@ class Mirror {
   friend class MirrorMemory;
   friend struct MirrorLevel;
 
-  // What is known of a place: a record, a level or, of the root alone, nothing.
+  // The known content of a place: a record, a level or, of the root alone, nothing.
   struct Known {
     std::string record{};
     std::shared_ptr<Level> level{};

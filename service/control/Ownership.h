@@ -10,17 +10,17 @@
 
 namespace Control {
 
-// Which parts of the input document belong to somebody: an adapter that takes them from elsewhere. Whoever
-// else patches them would be overwritten at the next change there, and is refused with the owner's name
+// Which parts of the input document belong to somebody: an adapter that takes them from elsewhere. A patch of
+// them by another client would be overwritten at the next change there, and is refused with the owner's name
 // instead.
 class Ownership {
  public:
-  // Gives the member that `pointer` leads to, with all below it, to `owner`. What is claimed inside or around
-  // another claim keeps both owners apart: the longer pointer counts for what is below it.
+  // Gives the member that `pointer` leads to, with all below it, to `owner`. A claim inside or around another
+  // one keeps both owners apart: the longer pointer counts for what is below it.
   void claim(std::string pointer, std::string owner);
   // Gives up all that `owner` has claimed.
   void release(std::string_view owner);
-  // Who owns the member at `pointer`, itself or by a member above it.
+  // The owner of the member at `pointer`, itself or by a member above it.
   std::optional<std::string> ownerOf(std::string_view pointer) const;
 
   // Whether `who` may carry out a merge patch of the input document: it must not set, change or remove a

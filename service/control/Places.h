@@ -14,9 +14,9 @@ namespace Control {
 // How many clients there may be, and who may come when the places run out.
 //
 // Those who may patch have places that nobody else gets, and a user who may only read has a limit of his own,
-// so that neither many users nor one of them lock out who has to repair something. Who has been idle for
-// longest makes room: a reader for his own user first and then for everybody, one who may patch only for
-// another who may.
+// so that neither many users nor one of them lock out an operator who has to repair something. The client
+// that has been idle for longest makes room: a reader for his own user first and then for everybody, one who
+// may patch only for another who may.
 struct Places {
   using Clock = std::chrono::steady_clock;
 

@@ -25,7 +25,7 @@ struct Request {
   static Request of(nlohmann::json object);
 };
 
-// What is wrong with a line, and the id that its answer carries.
+// The error in a line, and the id that its answer carries.
 class BadRequest : public Service::Refused {
  public:
   BadRequest(nlohmann::json id, const std::string& reason) : Refused("", reason), id_(std::move(id)) {}

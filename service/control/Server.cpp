@@ -202,7 +202,7 @@ void Server::serveSoon() {
   }
 }
 
-// What waits takes its share of a turn. One client who may patch is served even where newcomers and others
+// Waiting work takes its share of a turn. One client who may patch is served even where newcomers and others
 // have used up the time of the turn. Clients and followed parts take turns at being first.
 void Server::serveTurn() {
   serving_ = Service::EventLoop::TimerId::none;
@@ -257,7 +257,7 @@ void Server::serveNext(Lane& lane, std::size_t others, Favour favour) {
   });
 }
 
-// What goes wrong with a client ends that client alone.
+// An error of a client ends that client alone.
 void Server::contained(ClientId client, const std::function<void()>& work) {
   try {
     work();

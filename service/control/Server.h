@@ -45,11 +45,12 @@ struct ServerOptions {
   std::chrono::nanoseconds patience =
       std::chrono::seconds{30};                 // with a client that takes nothing of what waits
   std::function<void(std::string_view)> log{};  // one line without newline for each client that is dropped
-  // Told of a request that met an error of the agent's own: whose it was, and the error's text.
+  // Called for a request that met an error of the agent's own: with its method or place, and the error's
+  // text.
   std::function<void(std::string_view where, std::string_view text)> failed{};
 };
 
-// What the server has done since it began.
+// The counts of the server since it began.
 struct ServerStats {
   std::uint64_t accepted = 0;  // connections
   std::uint64_t requests = 0;  // lines answered, also those refused
@@ -61,16 +62,16 @@ struct ServerStats {
 };
 
 // The control socket: JSON Lines over a unix socket, one request, one answer, in the order asked; subscribers
-// are told of changes between their answers.
+// get changes between their answers.
 //
 // It takes in the clients' requests and gives out what the service answers. No client holds up the agent or
 // another client: all together have a budget a turn of the loop, of which requests, answers and followed
 // parts take their shares in turn, those who may patch first; a turn answers one request of each client at
 // most. A part of the document is printed a piece at a time, as far as its reader takes it: what fits into
-// the first piece is one instant, more may span turns. What is answered to somebody who does not read waits,
-// and meanwhile nothing more is read from him; updates for a reader who is too slow are bounded, and then the
-// subscription is cut and he is told so, and may subscribe anew. Who takes nothing at all for a while is
-// dropped. Places are given as Places says.
+// the first piece is one instant, more may span turns. An answer to a client that does not read waits, and
+// meanwhile nothing more is read from it; updates for a reader that is too slow are bounded, and then the
+// subscription is cut, which the reader is told; it may subscribe again. A client that takes nothing at all
+// for a while is dropped. Places are given as Places says.
 //
 // An exception that leaves the service is answered as "failed", counted and told; the agent goes on.
 //
@@ -85,7 +86,7 @@ class Server {
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
 
-  // Who may do what from now on; those who are connected keep what they have. Raises std::runtime_error when
+  // The rights of users from now on; connected clients keep theirs. Raises std::runtime_error when
   // the socket file cannot be changed.
   void accessIs(const Access& access);
 

@@ -18,8 +18,8 @@
 
 namespace Control {
 
-// Who follows which part of the document. A part that several follow is read and compared once for all of
-// them, a piece at a time. A part that is not there has the value null, and may come to be there.
+// The clients that follow parts of the document. A part that several follow is read and compared once for all
+// of them, a piece at a time. A part that is not there has the value null, and may come to be there.
 class Subscriptions {
  public:
   using ClientId = std::uint64_t;
@@ -39,7 +39,7 @@ class Subscriptions {
   // `mostBytes`: of memory for all that is followed, about; beyond it new subscriptions are refused.
   Subscriptions(Backend& service, Hooks hooks, std::size_t mostBytes);
 
-  // Follows the part at a well-formed `pointer`, begun anew if the client follows it already. It begins when
+  // Follows the part at a well-formed `pointer`, begun again if the client follows it already. It begins when
   // the part has been read. Raises Service::Refused when there is no memory for it.
   void subscribe(ClientId client, const std::string& pointer, const Id& id);
   // Ends all that `client` follows.

@@ -8,8 +8,8 @@
 
 namespace Control {
 
-// What all clients together may take of a turn of the loop: a number of items (a request, a record that is
-// read, a step of a walk) and a time. What has begun may go beyond it, by one instant at most.
+// The share of all clients together in a turn of the loop: a number of items (a request, a record that is
+// read, a step of a walk) and a time. A step that has begun may go beyond it, by one instant at most.
 class TurnBudget {
  public:
   using Clock = std::chrono::steady_clock;

@@ -176,7 +176,7 @@ TEST(QueueTest, TheOnlyFollowerHearsNothingWhileItIsInactiveOrAZombie) {
   EXPECT_EQ(lit->heard, "lit ");
 }
 
-// The chain of followers, whoever leaves it.
+// The chain of followers, no matter which of them leaves it.
 TEST(QueueTest, FollowersAreCalledInTheOrderOfTheirBindingWhoeverLeaves) {
   struct Named final : Kel::Follows<Lamp> {
     Named(std::string& heard, char name) : all(heard), letter(name) {}

@@ -110,7 +110,7 @@ TEST_F(ListenerTest, SaysWhichProcessListensThatHasNoLock) {
                   HasSubstr("another agent listens there: process " + std::to_string(getpid()))));
 }
 
-// Whoever can read the folder can lock it, and every file in it that he can open.
+// A user who can read the folder can lock it, and every file in it that he can open.
 TEST_F(ListenerTest, NoLockOfAnotherUserIsInItsWay) {
   NEEDS_A_STRANGER();
   const TestFiles::SharedFolder shared;

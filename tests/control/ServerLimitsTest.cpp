@@ -1,4 +1,4 @@
-// What the clients of the control socket may take of the agent, all together and each.
+// The limits of the control socket's clients, all together and each.
 #include "Rig.h"
 
 namespace {

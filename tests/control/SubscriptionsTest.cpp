@@ -138,7 +138,7 @@ TEST_F(SubscriptionsTest, OfAReaderWhoNeverReadsAreCutWhileOthersAreServed) {
   EXPECT_EQ(other->lines.size(), 41U);  // misses nothing
   EXPECT_EQ(server->stats().cut, 1U);
 
-  // When it reads at last, it finds what was sent before, is told that it was cut, and begins anew.
+  // When it reads at last, it finds what was sent before, learns that it was cut, and begins again.
   for (int i = 0; i < 500 && !deaf->lines.back().contains("cut"); ++i) {
     deaf->take();
     turns(1);

@@ -28,11 +28,12 @@ class FlushTest : public testing::Test {
  protected:
   void fill(unsigned hostCount, unsigned floodCount) {
     json tables = {{"macVtepTable", hosts(hostCount)}, {"macVtepFloodListTable", floodLists(floodCount)}};
-    ASSERT_EQ(agent.patch({{"vtiStatus", {{"Vxlan1", {{"controllerClientMode", true}}}}},
+    ASSERT_EQ(agent.patch({{"vtiStatus",
+                            {{"Vxlan1", {{"controllerClientMode", true}, {"localVtepAddr", "10.0.0.1"}}}}},
                            {"vlanVniMap", {{"Vxlan1", {{"10", 5010}, {"20", 5020}}}}},
                            {"controller", {{"fdb", {{"5010", tables}, {"5020", tables}}}}}}),
               "");
-    ASSERT_EQ(agent.patch({{"mlag", {{"mlagState", 0}}}}), "");
+    ASSERT_EQ(agent.patch({{"hardware", {{"bumStatus", {{"bumReplicationMode", 3}}}}}}), "");
     agent.settle();
     ASSERT_EQ(agent.world.hosts->hosts(), 2 * hostCount);
     ASSERT_EQ(floodSets(), 2 * floodCount);

@@ -435,6 +435,14 @@ TEST_F(TurnEndTest, ATurnThatWroteNothingPublishesNothing) {
   EXPECT_THAT(take(), ElementsAre("A up"));
 }
 
+// Also when its first handler caused more: that comes from the queue.
+TEST_F(TurnEndTest, AQueueThatWroteNothingPublishesNothing) {
+  const auto a = listener("A");
+  a->when("up", [&] { device->loadIs(1); });
+  device->upIs(true);
+  EXPECT_THAT(take(), ElementsAre("A up", "A load"));
+}
+
 TEST_F(TurnEndTest, WhatIsWrittenOutsideAnyHandlerIsPublishedAtOnce) {
   loop().turnHasWritten();
   EXPECT_THAT(take(), ElementsAre("published"));

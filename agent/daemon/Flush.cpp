@@ -5,7 +5,7 @@
 namespace Agent {
 namespace {
 
-constexpr std::size_t entriesAtOnce = 2'048;
+constexpr std::size_t entriesAtOnce = 512;
 
 }  // namespace
 

@@ -15,7 +15,7 @@ class Flush {
   // Nothing is removed yet. `world` outlives this.
   explicit Flush(World& world) : world_(world) {}
 
-  // Removes the next part, about 2,000 entries; false when nothing is left. What a handler throws leaves
+  // Removes the next part, about 500 entries; false when nothing is left. What a handler throws leaves
   // through here, and what was removed counts.
   bool step();
   // What was removed so far.

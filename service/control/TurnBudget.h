@@ -19,7 +19,7 @@ class TurnBudget {
     std::chrono::nanoseconds time = std::chrono::milliseconds{4};
     // Of the first piece of an answer: what fits into it is one instant.
     std::size_t instant = 5'000;
-    std::chrono::nanoseconds instantTime = std::chrono::milliseconds{10};
+    std::chrono::nanoseconds instantTime = std::chrono::milliseconds{5};
   };
 
   TurnBudget(const Limits& limits, std::function<Clock::time_point()> now)
